@@ -1,0 +1,125 @@
+#include <zuresource/zuownerstrong.h>
+
+#include <iostream>
+
+#include <boost/date_time/posix_time/posix_time_types.hpp>
+
+#include <zuhost/zulog.h>
+#include <zuhost/zuos.h>
+
+namespace ZU {
+
+namespace {
+const char* const kFile = "behavior/lib/zuresource/zuresource/zuownerstrong";
+const char* const kLogCategory = "behavior.zuressource";
+}  // namespace
+
+ZUOwnerStrong::ZUOwnerStrong(const std::string& name, const std::string& moduleName,
+                             boost::shared_ptr<ZUHierarchyOwner> hierarchyOwner) {
+  timeout = 0;
+  ownerType = "eStrong";
+  this->name = name;
+  this->moduleName = moduleName;
+  resourceFreed = false;
+  conflictMutex = ZUMutexRW::createZUMutexRW();
+  waitersMutex = ZUMutexRW::createZUMutexRW();
+  ownerMutex = ZUMutex::createZUMutex();
+  this->hierarchyOwner = hierarchyOwner;
+}
+
+ZUOwnerStrong::~ZUOwnerStrong() {
+  resourceFreed = true;
+  ZUCriticalSectionWrite waitForConflicts(conflictMutex);
+}
+
+void ZUOwnerStrong::freeResource() { resourceFreed = true; }
+
+bool ZUOwnerStrong::isParent(boost::shared_ptr<ZUOwner> other) {
+  if (!other) return false;
+  const std::string& prefix = other->name;
+  if (name.size() == prefix.size()) return false;
+  return name.size() > prefix.size() && name.compare(0, prefix.size(), prefix) == 0;
+}
+
+void ZUOwnerStrong::addWaiter(boost::shared_ptr<ZUOwner> requester, int /*timeout*/) {
+  ZUCriticalSectionWrite lock(waitersMutex);
+  waiters.arrayPush(ZUValue(requester->moduleName));
+}
+
+void ZUOwnerStrong::popWaiter() {
+  ZUCriticalSectionWrite lock(waitersMutex);
+  waiters.arrayPopFront();
+}
+
+bool ZUOwnerStrong::conflict(const std::string& resourceName,
+                             boost::shared_ptr<ZUOwner> requester, int timeout) {
+  if (!requester)
+    throw ZUError("ZUOwnerStrong", "conflict", "empty requester owner handle", kFile,
+                  __LINE__);
+  ZUCriticalSectionRead running(conflictMutex);
+  boost::shared_ptr<ZUOwner> holder = getThis();
+
+  if (requester->isParent(holder)) {
+    requester->setParentOwner(holder, resourceName);
+    return true;
+  }
+
+  addWaiter(requester, timeout);
+  resourceFreed = false;
+  const boost::posix_time::ptime start = boost::posix_time::microsec_clock::local_time();
+  const boost::posix_time::ptime deadline = start + boost::posix_time::seconds(timeout);
+  this->timeout = 0;
+  try {
+    notifyConflictOwner(resourceName, requester, timeout);
+  } catch (...) {
+    popWaiter();  // the lookup failed before the first poll: settle our entry
+    throw;
+  }
+
+  for (;;) {
+    if (resourceFreed) {
+      popWaiter();
+      return false;
+    }
+    ko::os::msleep(kPollPeriodMs);
+    this->timeout += kPollPeriodMs;
+    const boost::posix_time::ptime now = boost::posix_time::microsec_clock::local_time();
+    if (requester->resourceFreed) {
+      popWaiter();
+      throw ZUError("ResourceManager", "waitResource", "box stop while waiting", kFile,
+                    __LINE__);
+    }
+    if (timeout >= 0 && deadline < now) {
+      popWaiter();
+      throw ZUError("ResourceManager", "waitResource",
+                    "resource wait has timeouted on " + resourceName, kFile, __LINE__);
+    }
+  }
+}
+
+void ZUOwnerStrong::notifyConflictOwner(const std::string& resourceName,
+                                        boost::shared_ptr<ZUOwner> /*requester*/,
+                                        int /*timeout*/) {
+  boost::shared_ptr<ZUBroker> broker = parentBroker.lock();
+  if (!broker) return;
+  boost::shared_ptr<ZUProxy> proxy = broker->getProxy(moduleName, 0);
+  try {
+    proxy->pCall<std::string>("__onResource__", resourceName);
+  } catch (const ZUError& e) {
+    std::cout << e.toString() << std::endl;
+  }
+}
+
+void ZUOwnerStrong::notifyConflictVantor(boost::shared_ptr<ZUOwner> /*requester*/,
+                                         int /*timeout*/) {
+  ko::log::LogStream(3, kLogCategory, "", "notifyConflictVantor", 0)(
+      "unimplemented notifyConflictVantor\n");
+}
+
+void ZUOwnerStrong::notifyEndConflictVantor(boost::shared_ptr<ZUOwner> /*requester*/,
+                                            int /*timeout*/) {
+  ko::log::LogStream(3, kLogCategory, "", "notifyEndConflictVantor", 0)(
+      "unimplemented notifyEndConflictVantor");
+}
+
+}  // namespace ZU

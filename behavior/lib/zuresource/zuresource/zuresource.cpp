@@ -1,0 +1,192 @@
+#include <zuresource/zuresource.h>
+
+#include <algorithm>
+#include <thread>
+
+#include <boost/make_shared.hpp>
+
+namespace ZU {
+
+namespace {
+const char* const kFile = "behavior/lib/zuresource/zuresource/zuresource";
+const char* const kEmptyOwnerName = "emptyOwner";
+const int kMaxDepth = 1000000;
+}  // namespace
+
+ZUResource::ZUResource() = default;
+
+ZUResource::ZUResource(const std::string& name, boost::shared_ptr<ZUResource> parent) {
+  init(name, parent);
+}
+
+ZUResource::~ZUResource() = default;
+
+void ZUResource::init(const std::string& name, boost::shared_ptr<ZUResource> parent) {
+  this->name = name;
+  emptyOwner = boost::make_shared<ZUOwnerWeak>(kEmptyOwnerName, kEmptyOwnerName);
+  currentOwner.store(emptyOwner);
+  resourceMutex = ZUMutex::createZUMutex();
+  waitMutex = ZUMutex::createZUMutex();
+  currentOwnerMutex = ZUMutexRW::createZUMutexRW();
+  this->parent = parent;
+}
+
+boost::shared_ptr<ZUOwner> ZUResource::createOwner(
+    int, const std::string& name, const std::string& moduleName,
+    boost::shared_ptr<ZUHierarchyOwner> hierarchyOwner) {
+  return boost::make_shared<ZUOwnerStrong>(name, moduleName, hierarchyOwner);
+}
+
+void ZUResource::requireOwner(const boost::shared_ptr<ZUOwner>& owner, const char* cls,
+                              const char* method) {
+  if (!owner) throw ZUError(cls, method, "empty owner handle", kFile, __LINE__);
+}
+
+// --- Queries -----------------------------------------------------------------
+
+bool ZUResource::isResourceFree() {
+  ZUCriticalSectionWrite lock(currentOwnerMutex);
+  return currentOwner.load()->name == kEmptyOwnerName;
+}
+
+bool ZUResource::isInGroup(const std::string& resourceName) { return resourceName == name; }
+
+bool ZUResource::isResourceOwned(const std::string& moduleName) {
+  return currentOwner.load()->moduleName == moduleName;
+}
+
+void ZUResource::addResource(boost::shared_ptr<ZUResource> /*resource*/) {
+  throw ZUError("ZUResource", "addResource", "Add resource only in resource list", kFile,
+                57);
+}
+
+void ZUResource::deleteResource(const std::string& /*resourceName*/) {
+  throw ZUError("ZUResource", "deleteResource", "Delete resource only in resource list",
+                kFile, 63);
+}
+
+// --- Acquisition ---------------------------------------------------------------
+
+std::vector<std::string> ZUResource::waitFor(boost::shared_ptr<ZUOwner> owner,
+                                             const std::string& /*label*/, int timeout,
+                                             const std::vector<std::string>& noWaitList) {
+  requireOwner(owner, "ZUResource", "waitFor");
+
+  // Early give-up: busy, and the caller will not wait for this one.
+  if (!isResourceFree() && !noWaitList.empty() &&
+      std::find(noWaitList.begin(), noWaitList.end(), name) != noWaitList.end())
+    return std::vector<std::string>(1, name);
+
+  bool busy = false;
+  for (;;) {
+    {
+      ZUCriticalTrueIfLocked pass(waitMutex, busy);
+
+      // Already held by an owner of that name.
+      boost::shared_ptr<ZUOwner> holder = currentOwner.load();
+      if (owner->name == holder->name) return std::vector<std::string>();
+
+      // Ask the holder: this may wait up to the time limit, or throw.
+      if (holder->conflict(name, owner, timeout)) {
+        currentOwner.store(owner);  // handed down to a descendant
+        return std::vector<std::string>();
+      }
+
+      // The holder let go; only the pass that holds waitMutex may take it.
+      if (!busy) {
+        ZUCriticalSectionWrite ownerLock(currentOwnerMutex);
+        if (currentOwner.load()->name == kEmptyOwnerName) {
+          ZUCriticalSection taking(owner->ownerMutex);
+          currentOwner.store(owner);
+          return std::vector<std::string>();
+        }
+        busy = true;
+      }
+    }
+    // Another caller holds waitMutex or took the resource first: retry at
+    // once, only yielding the processor so that the other caller can go on.
+    std::this_thread::yield();
+  }
+}
+
+void ZUResource::switchOwner(boost::shared_ptr<ZUOwner> owner, const std::string& /*label*/,
+                             int /*timeout*/) {
+  requireOwner(owner, "ZUResource", "switchOwner");
+  currentOwner.store(owner);
+}
+
+void ZUResource::release(boost::shared_ptr<ZUOwner> owner) {
+  if (!owner) return;
+  // Wait for a take-if-free step that is making this owner the holder.
+  { ZUCriticalSection settle(owner->ownerMutex); }
+
+  ZUCriticalSectionRead lock(currentOwnerMutex);
+  boost::shared_ptr<ZUOwner> holder = currentOwner.load();
+  if (owner->name == holder->name) {
+    boost::shared_ptr<ZUOwner> yielder = owner->getParentOwner(name);
+    if (yielder) {
+      currentOwner.store(yielder);  // back to the owner that handed it down
+    } else {
+      holder->freeResource();
+      currentOwner.store(emptyOwner);
+    }
+  } else {
+    owner->freeResource();
+  }
+}
+
+// --- Reports -------------------------------------------------------------------
+
+boost::shared_ptr<ZUOwner> ZUResource::copyOwner() {
+  ZUCriticalSectionRead lock(currentOwnerMutex);
+  return currentOwner.load();
+}
+
+std::string ZUResource::indentedName(int depth, const std::string& name) {
+  if (depth > kMaxDepth)
+    throw ZUError("ZUResource", "httpGet",
+                  "depth " + std::to_string(depth) + " is over the limit of " +
+                      std::to_string(kMaxDepth),
+                  kFile, __LINE__);
+  std::string text;
+  if (depth >= 0) {
+    text.reserve(3 * (static_cast<std::size_t>(depth) + 1) + name.size() + 64);
+    for (int i = 0; i <= depth; ++i) text += "---";
+  }
+  text += name;
+  return text;
+}
+
+std::string ZUResource::ownerSegment(const boost::shared_ptr<ZUOwner>& owner) {
+  std::string text = " -> ";
+  text += owner->moduleName;
+  text += ' ';
+  text += owner->ownerType;
+  text += ' ';
+  text += owner->copyWaiters().serializeToText();
+  text += ' ';
+  text += owner->getTimeout();
+  return text;
+}
+
+std::string ZUResource::httpGet(int depth) {
+  boost::shared_ptr<ZUOwner> holder = copyOwner();
+  std::string text = indentedName(depth, name);
+  if (holder && holder->name != kEmptyOwnerName) text += ownerSegment(holder);
+  text += "<br />";
+  return text;
+}
+
+ZUValue ZUResource::ownersGet() {
+  boost::shared_ptr<ZUOwner> holder = copyOwner();
+  ZUValue result;
+  if (name.compare(0, 2, "ZU") == 0) return result;
+  result.arrayPush(ZUValue(name));
+  if (holder && holder->name != kEmptyOwnerName) {
+    result.arrayPush(ZUValue(holder->moduleName));
+    result.arrayPush(holder->copyWaiters());
+  }
+  return result;
+}
+
+}  // namespace ZU

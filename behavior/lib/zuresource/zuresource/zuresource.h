@@ -1,0 +1,134 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include <boost/shared_ptr.hpp>
+#include <boost/smart_ptr/atomic_shared_ptr.hpp>
+#include <boost/weak_ptr.hpp>
+
+#include <zuhost/zuerror.h>
+#include <zuhost/zuhierarchyowner.h>
+#include <zuhost/zumutex.h>
+#include <zuhost/zuvalue.h>
+#include <zuresource/zuowner.h>
+#include <zuresource/zuownerstrong.h>
+#include <zuresource/zuownerweak.h>
+
+namespace ZU {
+
+/// One named resource, held by exactly one owner at a time; also the base of
+/// state resources and groups, whose virtual operations are the interface of
+/// every kind of resource. A resource that no real owner holds is held by its
+/// own placeholder, a weak owner named "emptyOwner".
+///
+/// Thread safety: thread safe; several operations may run at once on one
+/// resource. Lock order within a resource: waitMutex, then currentOwnerMutex,
+/// then an owner's ownerMutex. Owners are told apart by name, never by object.
+class ZUResource {
+ public:
+  // --- Fields, in declaration order. --------------------------------------
+
+  /// Immutable after init.
+  std::string name;
+  /// Atomic handle, never empty after init. Replaced under the write side of
+  /// currentOwnerMutex (take-if-free), the read side (release) or no lock
+  /// (hand-down, switchOwner); the atomic handle makes each copy and each
+  /// replacement whole, so a reader sees the old or the new holder.
+  boost::atomic_shared_ptr<ZUOwner> currentOwner;
+  /// Immutable handle; no operation of the library locks it (it is the
+  /// manager module's).
+  boost::shared_ptr<ZUMutex> resourceMutex;
+  /// Immutable after init: this resource's own placeholder.
+  boost::shared_ptr<ZUOwner> emptyOwner;
+  /// Immutable handle. Try-locked for each pass of waitFor; only the pass
+  /// that holds it may take a free resource.
+  boost::shared_ptr<ZUMutex> waitMutex;
+  /// Immutable handle. See currentOwner.
+  boost::shared_ptr<ZUMutexRW> currentOwnerMutex;
+  /// Immutable after init; stored only, never followed.
+  boost::weak_ptr<ZUResource> parent;
+
+  /// A free resource named `name`; `parent` may be empty and is not told.
+  ZUResource(const std::string& name, boost::shared_ptr<ZUResource> parent);
+  /// Destroys the fields; releases and tells nobody. Takes no lock.
+  virtual ~ZUResource();
+
+  // --- Virtual operations, in slot order. ---------------------------------
+
+  /// Acquires the resource for `owner`. Returns an empty list when `owner`
+  /// holds it on return, or {name} at once when it is busy and `name` is in
+  /// `noWaitList`. Otherwise asks the holder's conflict() (which may wait up
+  /// to `timeout` seconds, negative for no limit) and retries until the
+  /// resource is taken; the holder's ZUError passes through unchanged and
+  /// leaves the holder as it was. `label` is not used.
+  /// Throws ZUError (nothing changed) for an empty `owner`.
+  /// Takes: per pass, waitMutex by try-lock (the holder's conflict runs under
+  /// it when taken); to take a free resource, currentOwnerMutex (write) and
+  /// inside it the owner's ownerMutex.
+  virtual std::vector<std::string> waitFor(boost::shared_ptr<ZUOwner> owner,
+                                           const std::string& label, int timeout,
+                                           const std::vector<std::string>& noWaitList);
+  /// Makes `owner` the holder unconditionally; tells nobody. `label` and
+  /// `timeout` are not used. Throws ZUError (nothing changed) for an empty
+  /// `owner`. Takes no lock.
+  virtual void switchOwner(boost::shared_ptr<ZUOwner> owner, const std::string& label,
+                           int timeout);
+  /// Gives the resource back when `owner` holds it (by name): to the owner
+  /// that handed it down to `owner`, if it still exists, else to the
+  /// placeholder, telling the holder freeResource(). When `owner` does not
+  /// hold it, tells `owner` freeResource() (ending its own pending wait). An
+  /// empty `owner` changes nothing.
+  /// Takes: the owner's ownerMutex (locked and unlocked at once), then
+  /// currentOwnerMutex (read) for the rest.
+  virtual void release(boost::shared_ptr<ZUOwner> owner);
+  /// Whether the holder is named "emptyOwner". Takes: currentOwnerMutex (write).
+  virtual bool isResourceFree();
+  /// Refuses: throws ZUError "Add resource only in resource list".
+  virtual void addResource(boost::shared_ptr<ZUResource> resource);
+  /// Whether `resourceName` is this resource's name. No lock.
+  virtual bool isInGroup(const std::string& resourceName);
+  /// Refuses: throws ZUError "Delete resource only in resource list".
+  virtual void deleteResource(const std::string& resourceName);
+  /// Whether the holder's moduleName is `moduleName` (a free resource answers
+  /// true for "emptyOwner"). No lock.
+  virtual bool isResourceOwned(const std::string& moduleName);
+  /// The status line: "---" depth+1 times (none for a negative depth), the
+  /// name, and when held " -> <module> <ownerType> <waiters> <seconds>",
+  /// then "<br />". Takes: currentOwnerMutex (read) while copying the holder;
+  /// the holder's waitersMutex (read) while copying its waiters.
+  virtual std::string httpGet(int depth);
+  /// The status value: invalid for a name that starts with "ZU"; otherwise
+  /// [name] when free, [name, holder's module, holder's waiters] when held.
+  /// Takes the same locks as httpGet.
+  virtual ZUValue ownersGet();
+
+  /// The owner factory: always a strong owner (the int is ignored). No lock.
+  static boost::shared_ptr<ZUOwner> createOwner(
+      int, const std::string& name, const std::string& moduleName,
+      boost::shared_ptr<ZUHierarchyOwner> hierarchyOwner);
+
+ protected:
+  /// Leaves every field empty; derived constructors call init().
+  ZUResource();
+  /// Sets name, a new placeholder (also the holder), resourceMutex, waitMutex,
+  /// currentOwnerMutex and parent, replacing what the fields held. No lock.
+  void init(const std::string& name, boost::shared_ptr<ZUResource> parent);
+
+  /// The holder, copied under currentOwnerMutex (read).
+  boost::shared_ptr<ZUOwner> copyOwner();
+  /// "---" depth+1 times (nothing when depth is negative), then `name`.
+  /// Throws ZUError for a depth too large to render (over 1,000,000).
+  static std::string indentedName(int depth, const std::string& name);
+  /// The " -> <module> <type> <waiters> <seconds>" segment of `owner`.
+  static std::string ownerSegment(const boost::shared_ptr<ZUOwner>& owner);
+  /// Throws ZUError ("<cls>", "<method>", "empty owner handle") when `owner`
+  /// is empty.
+  static void requireOwner(const boost::shared_ptr<ZUOwner>& owner, const char* cls,
+                           const char* method);
+
+  ZUResource(const ZUResource&) = delete;
+  ZUResource& operator=(const ZUResource&) = delete;
+};
+
+}  // namespace ZU

@@ -1,0 +1,101 @@
+#pragma once
+
+#include <atomic>
+#include <string>
+#include <vector>
+
+#include <boost/shared_ptr.hpp>
+
+#include <zuresource/zuresource.h>
+
+namespace ZU {
+
+/// A resource group: an ordered list of member resources (plain, state or
+/// groups) that answers every operation from its members, asked in list
+/// order, and is acquired member by member. A member's failed wait gives the
+/// owner back from every member before the error passes on.
+///
+/// Thread safety: thread safe. The group's own operations take only
+/// resourceListMutex, and hold it while they call into the members, so locks
+/// are always taken from the outer group inwards. A thread that holds the
+/// read side takes it again when the group releases after a failure; the
+/// reader-preferring ZUMutexRW allows that also while a writer waits.
+///
+/// Choices made here: addResource refuses an empty handle and any addition
+/// that would make a group a member of itself (directly or through nested
+/// groups); isResourceOwned and getResourceList take the read lock.
+class ZUResourceList : public ZUResource {
+ public:
+  // --- Fields, in declaration order (after ZUResource's). ------------------
+
+  /// Guarded by resourceListMutex. The members, in the order they were added;
+  /// a resource may stand more than once.
+  std::vector<boost::shared_ptr<ZUResource> > resourceList;
+  /// Immutable handle. Read side for every walk, write side to change the list.
+  boost::shared_ptr<ZUMutexRW> resourceListMutex;
+  /// Atomic, read afresh before each member without a lock. While true,
+  /// waitFor and switchOwner stop and give the owner back from the whole
+  /// group (waitFor then returns an empty list). False at construction; the
+  /// library never sets it: the manager module does, through
+  /// setAbortRequested().
+  std::atomic<bool> abortRequested;
+
+  /// An empty group named `name`. No lock.
+  ZUResourceList(const std::string& name, boost::shared_ptr<ZUResource> parent);
+  /// Drops the members (releasing and telling none). No lock.
+  ~ZUResourceList() override;
+
+  /// Sets or clears abortRequested; it takes effect before the next member of
+  /// any running or later waitFor/switchOwner on this group. No lock.
+  void setAbortRequested(bool requested);
+
+  /// A copy of the member list. Takes: resourceListMutex (read).
+  std::vector<boost::shared_ptr<ZUResource> > getResourceList();
+
+  /// Each member's waitFor in list order with the same arguments; returns the
+  /// names not obtained, joined in member order. On a ZUError from a member,
+  /// releases the owner from every member and rethrows that very error.
+  /// Throws ZUError (nothing changed) for an empty `owner`.
+  /// Takes: resourceListMutex (read) for the whole call, members' locks inside.
+  std::vector<std::string> waitFor(boost::shared_ptr<ZUOwner> owner,
+                                   const std::string& label, int timeout,
+                                   const std::vector<std::string>& noWaitList) override;
+  /// Each member's switchOwner in list order. An error ends the walk with
+  /// nothing undone. Throws ZUError (nothing changed) for an empty `owner`.
+  /// Takes: resourceListMutex (read) for the whole call.
+  void switchOwner(boost::shared_ptr<ZUOwner> owner, const std::string& label,
+                   int timeout) override;
+  /// Each member's release in list order. Takes: resourceListMutex (read).
+  void release(boost::shared_ptr<ZUOwner> owner) override;
+  /// Whether every member is free (stops at the first busy one); true when
+  /// empty. Takes: resourceListMutex (read).
+  bool isResourceFree() override;
+  /// Appends `resource` (again, if already a member). Throws ZUError and
+  /// leaves the list as it was for an empty handle, for the group itself, or
+  /// for a group that contains this group. Takes: a process-wide mutex that
+  /// serialises additions to groups, the members' read locks while looking
+  /// for a cycle, then resourceListMutex (write).
+  void addResource(boost::shared_ptr<ZUResource> resource) override;
+  /// Whether `resourceName` is the group's name or is in a member, depth
+  /// first. Takes: resourceListMutex (read).
+  bool isInGroup(const std::string& resourceName) override;
+  /// Removes the first direct member of that name; throws ZUError "Resource
+  /// not found <name>" when there is none. Takes: resourceListMutex (write).
+  void deleteResource(const std::string& resourceName) override;
+  /// Whether every member is owned by `moduleName` (true when empty).
+  /// Takes: resourceListMutex (read).
+  bool isResourceOwned(const std::string& moduleName) override;
+  /// The group's own line, then each member's at depth + 1.
+  /// Takes: resourceListMutex (read).
+  std::string httpGet(int depth) override;
+  /// [own value] or [own value, [valid member values...]]; the own value alone
+  /// when it is invalid. Takes: resourceListMutex (read).
+  ZUValue ownersGet() override;
+
+ private:
+  /// Whether this group is `resource` or is reachable through its members.
+  /// Takes: the read side of each group visited, one at a time.
+  bool reachableFrom(const boost::shared_ptr<ZUResource>& resource);
+};
+
+}  // namespace ZU

@@ -1,0 +1,112 @@
+#include <zuresource/zuresourcestate.h>
+
+#include <algorithm>
+
+#include <boost/make_shared.hpp>
+
+namespace ZU {
+
+ZUResourceState::ZUResourceState(const std::string& name,
+                                 boost::shared_ptr<ZUResource> parent)
+    : state(false) {
+  holdersMutex = ZUMutex::createZUMutex();
+  stateMutex = ZUMutex::createZUMutex();
+  init(name, parent);
+  stateOwner = boost::make_shared<ZUOwnerStrong>(
+      name, name, boost::shared_ptr<ZUHierarchyOwner>());
+}
+
+ZUResourceState::~ZUResourceState() = default;
+
+bool ZUResourceState::isResourceFree() { return state; }
+
+std::vector<std::string> ZUResourceState::waitFor(
+    boost::shared_ptr<ZUOwner> owner, const std::string& /*label*/, int timeout,
+    const std::vector<std::string>& noWaitList) {
+  requireOwner(owner, "ZUResourceState", "waitFor");
+
+  if (!state) {
+    bool waitForActivation = true;
+    if (!noWaitList.empty()) {
+      if (std::find(noWaitList.begin(), noWaitList.end(), name) != noWaitList.end())
+        return std::vector<std::string>(1, name);
+      waitForActivation = !state;  // activated meanwhile: no need to wait
+    }
+    if (waitForActivation) {
+      {
+        ZUCriticalSectionWrite lock(currentOwnerMutex);
+        currentOwner.store(stateOwner);
+      }
+      stateOwner->conflict(name, owner, timeout);
+    }
+  }
+
+  {
+    ZUCriticalSection ownerLock(owner->ownerMutex);
+    ZUCriticalSection holdersLock(holdersMutex);
+    holders.push_back(owner);
+  }
+  return std::vector<std::string>();
+}
+
+void ZUResourceState::release(boost::shared_ptr<ZUOwner> owner) {
+  ZUCriticalSection lock(holdersMutex);
+  if (!owner) return;
+  owner->freeResource();
+  const std::string& ownerName = owner->name;
+  holders.erase(std::remove_if(holders.begin(), holders.end(),
+                               [&ownerName](const boost::shared_ptr<ZUOwner>& holder) {
+                                 return holder->name == ownerName;
+                               }),
+                holders.end());
+}
+
+void ZUResourceState::setState(bool activated) {
+  ZUCriticalSection lock(stateMutex);
+  try {
+    if (activated) {
+      state = true;
+      stateOwner->freeResource();
+    } else {
+      state = false;
+      releaseState();
+    }
+  } catch (const ZUError&) {
+    // A holder that did not let go in time: it has been told, and so have the
+    // holders before it. Deactivation stands.
+  }
+}
+
+void ZUResourceState::releaseState() {
+  ZUCriticalSection lock(holdersMutex);
+  boost::shared_ptr<ZUOwner> wanting = boost::make_shared<ZUOwnerStrong>(
+      name, name, boost::shared_ptr<ZUHierarchyOwner>());
+  state = false;
+  for (const boost::shared_ptr<ZUOwner>& holder : holders) holder->conflict(name, wanting, 0);
+}
+
+std::string ZUResourceState::httpGet(int depth) {
+  std::string text = indentedName(depth, name);
+  if (state) text += " (Activated) ";
+  {
+    ZUCriticalSection lock(holdersMutex);
+    for (const boost::shared_ptr<ZUOwner>& holder : holders) text += ownerSegment(holder);
+  }
+  text += " Waiter: ";
+  text += stateOwner->copyWaiters().serializeToText();
+  text += "<br />";
+  return text;
+}
+
+ZUValue ZUResourceState::ownersGet() {
+  boost::shared_ptr<ZUOwner> holder = copyOwner();
+  ZUValue result;
+  result.arrayPush(ZUValue(name));
+  if (holder && holder->name != "emptyOwner") {
+    result.arrayPush(ZUValue(holder->moduleName));
+    result.arrayPush(holder->copyWaiters());
+  }
+  return result;
+}
+
+}  // namespace ZU

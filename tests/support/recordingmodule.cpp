@@ -1,0 +1,32 @@
+#include "support/recordingmodule.h"
+
+#include <boost/make_shared.hpp>
+
+namespace zutest {
+
+RecordingModule::RecordingModule(const boost::shared_ptr<ZU::ZUBroker>& broker,
+                                 const std::string& name)
+    : module_(boost::make_shared<ZU::ZUModule>(name)) {
+  module_->bindMethod<std::string>("__onResource__", [this](const std::string& resource) {
+    std::function<void(const std::string&)> action;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      calls_.push_back(resource);
+      action = action_;
+    }
+    if (action) action(resource);
+  });
+  broker->addModule(module_);
+}
+
+void RecordingModule::onResource(std::function<void(const std::string&)> action) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  action_ = std::move(action);
+}
+
+std::vector<std::string> RecordingModule::calls() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return calls_;
+}
+
+}  // namespace zutest
