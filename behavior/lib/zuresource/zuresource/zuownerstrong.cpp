@@ -57,10 +57,12 @@ bool ZUOwnerStrong::conflict(const std::string& resourceName,
     throw ZUError("ZUOwnerStrong", "conflict", "empty requester owner handle", kFile,
                   __LINE__);
   ZUCriticalSectionRead running(conflictMutex);
-  boost::shared_ptr<ZUOwner> holder = getThis();
 
-  if (requester->isParent(holder)) {
-    requester->setParentOwner(holder, resourceName);
+  // Only temporary handles on this owner: a wait must not keep its holder
+  // alive, so that dropping the holder's last handle elsewhere ends the wait
+  // (the destructor sets the release flag, then waits for running conflicts).
+  if (requester->isParent(getThis())) {
+    requester->setParentOwner(getThis(), resourceName);
     return true;
   }
 
