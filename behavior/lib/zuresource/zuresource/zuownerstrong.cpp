@@ -6,6 +6,7 @@
 
 #include <zuhost/zulog.h>
 #include <zuhost/zuos.h>
+#include <zuresource/zuwaitregistry.h>
 
 namespace ZU {
 
@@ -42,6 +43,9 @@ bool ZUOwnerStrong::isParent(boost::shared_ptr<ZUOwner> other) {
 }
 
 void ZUOwnerStrong::addWaiter(boost::shared_ptr<ZUOwner> requester, int /*timeout*/) {
+  if (!requester)
+    throw ZUError("ZUOwnerStrong", "addWaiter", "empty requester owner handle", kFile,
+                  __LINE__);
   ZUCriticalSectionWrite lock(waitersMutex);
   waiters.arrayPush(ZUValue(requester->moduleName));
 }
@@ -67,6 +71,7 @@ bool ZUOwnerStrong::conflict(const std::string& resourceName,
   }
 
   addWaiter(requester, timeout);
+  ZUWaitRegistry::Record recorded(requester, *this, resourceName);  // until any way out
   resourceFreed = false;
   const boost::posix_time::ptime start = boost::posix_time::microsec_clock::local_time();
   const boost::posix_time::ptime deadline = start + boost::posix_time::seconds(timeout);

@@ -46,8 +46,10 @@ class ZUOwnerStrong final : public ZUOwner {
   /// Throws boost::bad_weak_ptr when no shared handle owns this owner, and
   /// ZUError (nothing changed) for an empty `requester`.
   /// Takes: conflictMutex (read) for the whole call; inside it, waitersMutex
-  /// (write) around each change of `waiters`. The caller may hold one lock of
-  /// the resource (its waitMutex, or a state resource's holdersMutex).
+  /// (write) around each change of `waiters`, and the wait registry's mutex
+  /// briefly as a wait starts and as it ends (ZUWaitRegistry records every
+  /// wait). The caller may hold one lock of the resource (its waitMutex, or a
+  /// state resource's holdersMutex).
   bool conflict(const std::string& resourceName, boost::shared_ptr<ZUOwner> requester,
                 int timeout) override;
   /// Sets the release flag: every wait on this owner returns false at its next
@@ -59,6 +61,7 @@ class ZUOwnerStrong final : public ZUOwner {
   bool isParent(boost::shared_ptr<ZUOwner> other) override;
 
   /// Appends the requester's moduleName to `waiters`. `timeout` plays no part.
+  /// Throws ZUError (nothing changed) for an empty `requester`.
   /// Takes: waitersMutex (write).
   void addWaiter(boost::shared_ptr<ZUOwner> requester, int timeout);
 

@@ -1,0 +1,60 @@
+#include "eventlog.h"
+
+#include <iomanip>
+#include <ostream>
+
+namespace zusim {
+
+const char* kindName(EventKind kind) {
+  switch (kind) {
+    case EventKind::Request: return "request";
+    case EventKind::Waiting: return "waiting";
+    case EventKind::Notified: return "notified";
+    case EventKind::Granted: return "granted";
+    case EventKind::NotObtained: return "not obtained";
+    case EventKind::HandedDown: return "handed down";
+    case EventKind::HandedBack: return "handed back";
+    case EventKind::Released: return "released";
+    case EventKind::GaveBack: return "gave back";
+    case EventKind::Switched: return "switched";
+    case EventKind::TimedOut: return "timed out";
+    case EventKind::Stopped: return "stopped";
+    case EventKind::Failed: return "failed";
+    case EventKind::State: return "state";
+    case EventKind::Manager: return "manager";
+  }
+  return "?";
+}
+
+EventLog::EventLog(std::ostream* out) : out_(out), start_(Clock::now()) {}
+
+long EventLog::now() const {
+  return static_cast<long>(
+      std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start_).count());
+}
+
+void EventLog::add(EventKind kind, const std::string& owner, const std::string& resource,
+                   const std::string& text) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  Event e{now(), kind, owner, resource, text};
+  events_.push_back(e);
+  if (out_) *out_ << std::setw(6) << e.ms << " ms  " << text << std::endl;
+}
+
+void EventLog::print(const std::string& line) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (out_) *out_ << line << std::endl;
+}
+
+std::vector<Event> EventLog::events() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return events_;
+}
+
+std::vector<Event> EventLog::last(std::size_t count) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::size_t from = events_.size() > count ? events_.size() - count : 0;
+  return std::vector<Event>(events_.begin() + static_cast<long>(from), events_.end());
+}
+
+}  // namespace zusim

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "scenario.h"
+
+namespace zusim {
+
+/// How one request of an owner ended.
+struct Outcome {
+  std::string resource;
+  std::string kind;  // "granted", "not obtained", "timed out", "stopped", "failed"
+  std::vector<std::string> notObtained;
+  std::string error;  // the ZUError's description, when it failed
+  long ms = 0;
+};
+
+/// What an expectation may ask of the running scenario.
+class World {
+ public:
+  virtual ~World() = default;
+  /// The name of a plain resource's holder ("emptyOwner" when free).
+  virtual std::string holderOf(const std::string& resource) = 0;
+  /// The names of a state resource's holders, in the order they were granted.
+  virtual std::vector<std::string> holdersOf(const std::string& resource) = 0;
+  virtual bool isActivated(const std::string& resource) = 0;
+  /// The requests of `owner` that have ended so far, oldest first.
+  virtual std::vector<Outcome> outcomesOf(const std::string& owner) = 0;
+  /// The resource names `module` was told "__onResource__" for, in order.
+  virtual std::vector<std::string> notifiedOf(const std::string& module) = 0;
+};
+
+struct ExpectResult {
+  std::string entry;
+  bool held = false;
+  std::string text;  // what was expected and, when it failed, what was found
+};
+
+/// Checks one expectation against `world` as it is now.
+ExpectResult check(const ExpectSpec& expect, World& world);
+
+}  // namespace zusim

@@ -1,0 +1,103 @@
+#pragma once
+
+// The scenario model: what a scenario file declares, checked as a whole
+// before anything runs.
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace zusim {
+
+enum class ResourceKind { Plain, State, Group };
+
+struct ResourceSpec {
+  std::string name;
+  ResourceKind kind = ResourceKind::Plain;
+  bool activated = false;             // state resources: activated at the start
+  std::vector<std::string> members;   // groups: member names, in order
+};
+
+/// How a module answers "__onResource__": it ignores it, or the owner of the
+/// module that holds the wanted resource lets go after `delayMs`.
+struct ModuleSpec {
+  std::string name;
+  bool releases = false;
+  int delayMs = 0;
+};
+
+struct OwnerSpec {
+  std::string name;    // hierarchical: "dance/wave" extends "dance"
+  std::string module;
+};
+
+enum class ActionKind { WaitFor, Release, SwitchOwner, SetState, ReleaseState, Stop };
+
+/// One step of the timeline. WaitFor, Release and SwitchOwner run in the
+/// owner's own thread; SetState, ReleaseState and Stop (the manager makes the
+/// owner give the resource up, ending its wait) run in the manager's thread.
+struct ActionSpec {
+  std::string entry;   // "actions[3]", for messages
+  int atMs = 0;
+  ActionKind kind = ActionKind::WaitFor;
+  std::string owner;   // empty for SetState and ReleaseState
+  std::string resource;
+  std::string label;
+  int timeout = -1;    // seconds, negative: no limit
+  std::vector<std::string> noWait;
+  bool activated = false;  // SetState
+};
+
+enum class ExpectKind { Holder, Holders, Activated, Outcome, Notified };
+
+/// One expectation, checked at `atMs` or, when `atMs` is negative, once the
+/// scenario is over.
+struct ExpectSpec {
+  std::string entry;   // "expect[2]"
+  int atMs = -1;
+  ExpectKind kind = ExpectKind::Holder;
+  std::string resource;  // Holder, Holders, Activated; optional for Outcome
+  std::string owner;     // Outcome
+  std::string module;    // Notified
+  std::string holder;    // Holder: an owner name, or "emptyOwner" for free
+  std::vector<std::string> names;  // Holders, Notified, Outcome's notObtained
+  bool activated = false;
+  std::string outcome;   // "granted", "not obtained", "timed out", "stopped"
+  bool checkNames = false;   // Outcome: "notObtained" was given
+  std::string error;         // Outcome: exact error description, if given
+};
+
+struct Scenario {
+  std::string file;
+  std::string title;
+  std::string description;
+  int stopAtMs = 0;  // owners still waiting then are stopped by the manager
+  std::vector<ResourceSpec> resources;
+  std::vector<ModuleSpec> modules;
+  std::vector<OwnerSpec> owners;
+  std::vector<ActionSpec> actions;
+  std::vector<ExpectSpec> expectations;
+
+  const ResourceSpec* findResource(const std::string& name) const;
+  const OwnerSpec* findOwner(const std::string& name) const;
+  const ModuleSpec* findModule(const std::string& name) const;
+  /// The plain and state resources inside `name` (itself when it is one),
+  /// in member order, each once.
+  std::vector<std::string> leavesOf(const std::string& name) const;
+  /// The resources that are no group's member, in declaration order.
+  std::vector<std::string> roots() const;
+};
+
+/// A scenario refused before it runs; the message names the file, the entry
+/// and what is wrong.
+class ScenarioError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// Parses and checks `text`; `file` names it in messages. Throws ScenarioError.
+Scenario parseScenario(const std::string& text, const std::string& file);
+/// Reads and parses the file at `path`. Throws ScenarioError.
+Scenario loadScenario(const std::string& path);
+
+}  // namespace zusim

@@ -1,0 +1,63 @@
+#include "server.h"
+
+#include <sstream>
+
+#include <httplib.h>
+
+#include "html.h"
+
+namespace zusim {
+
+namespace {
+
+const char kStyle[] =
+    "body{font-family:sans-serif;margin:24px;color:#222}"
+    "#status{font-family:monospace;font-size:14px;background:#f5f6f8;padding:10px}"
+    ".line{white-space:pre}table{border-collapse:collapse;font-size:13px}"
+    "td{padding:2px 10px}td.ms{text-align:right;color:#555}";
+
+}  // namespace
+
+LiveServer::LiveServer(const Scenario& scenario, Simulation& simulation, EventLog& log)
+    : scenario_(scenario), simulation_(simulation), log_(log) {}
+
+LiveServer::~LiveServer() { stop(); }
+
+int LiveServer::start(int port) {
+  server_ = std::make_unique<httplib::Server>();
+  server_->Get("/", [this](const httplib::Request&, httplib::Response& response) {
+    response.set_content(page(), "text/html; charset=utf-8");
+  });
+  int bound = port == 0 ? server_->bind_to_any_port("127.0.0.1")
+                        : (server_->bind_to_port("127.0.0.1", port) ? port : -1);
+  if (bound < 0) return -1;
+  thread_ = std::thread([this] { server_->listen_after_bind(); });
+  return bound;
+}
+
+void LiveServer::stop() {
+  if (!thread_.joinable()) return;
+  server_->stop();
+  thread_.join();
+}
+
+std::string LiveServer::page() {
+  std::ostringstream out;
+  int status = status_;
+  out << "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">"
+      << "<meta http-equiv=\"refresh\" content=\"1\"><title>zuresource-sim live: "
+      << escapeHtml(scenario_.title) << "</title><style>" << kStyle << "</style></head><body>\n<h1>"
+      << escapeHtml(scenario_.title) << "</h1>\n<p id=\"clock\">";
+  if (status < 0) out << "running: " << log_.now() << " ms";
+  else out << "finished: " << (status == 0 ? "every expectation held" : "some expectations failed");
+  out << "</p>\n<h2>Resources</h2>\n<div id=\"status\">\n";
+  for (const std::string& line : statusPageLines(simulation_.statusLines()))
+    out << "<div class=\"line\">" << escapeHtml(line) << "</div>\n";
+  out << "</div>\n<h2>Latest events</h2>\n<table>\n";
+  for (const Event& e : log_.last(12))
+    out << "<tr><td class=\"ms\">" << e.ms << " ms</td><td>" << escapeHtml(e.text) << "</td></tr>\n";
+  out << "</table>\n</body></html>\n";
+  return out.str();
+}
+
+}  // namespace zusim

@@ -1,0 +1,163 @@
+#include <zuresource/zuwaitregistry.h>
+
+#include <map>
+#include <mutex>
+#include <set>
+#include <utility>
+
+namespace ZU {
+
+namespace {
+
+// The record behind ZUWaitRegistry. Made once and never destroyed, so that a
+// wait that ends while the process exits still finds it.
+struct Registry {
+  std::mutex mutex;
+  std::uint64_t lastId = 0;                // guarded by mutex
+  std::map<std::uint64_t, ZUWait> waits;  // guarded by mutex; by id, oldest first
+};
+
+Registry& registry() {
+  static Registry* const instance = new Registry;
+  return *instance;
+}
+
+void pushField(ZUValue& value, const char* key, const ZUValue& field) {
+  ZUValue pair;
+  pair.arrayPush(ZUValue(key));
+  pair.arrayPush(field);
+  value.arrayPush(pair);
+}
+
+// Depth-first search for the cycles through `start` whose other owners all
+// sort after it, so that each cycle is found once, from its first owner.
+class CycleSearch {
+ public:
+  explicit CycleSearch(const std::vector<ZUWait>& waits) {
+    for (const ZUWait& wait : waits) edgesFrom_[wait.waiter].push_back(&wait);
+  }
+
+  std::vector<ZUWaitCycle> run() {
+    for (const auto& node : edgesFrom_) {
+      start_ = node.first;
+      visit(start_);
+    }
+    return std::move(found_);
+  }
+
+ private:
+  void visit(const std::string& owner) {
+    onPath_.insert(owner);
+    for (const ZUWait* edge : edgesFrom_[owner]) {
+      path_.push_back(edge);
+      if (edge->holder == start_) {
+        ZUWaitCycle cycle;
+        for (const ZUWait* step : path_) cycle.edges.push_back(*step);
+        found_.push_back(std::move(cycle));
+      } else if (edge->holder > start_ && !onPath_.count(edge->holder) &&
+                 edgesFrom_.count(edge->holder)) {
+        visit(edge->holder);
+      }
+      path_.pop_back();
+    }
+    onPath_.erase(owner);
+  }
+
+  std::map<std::string, std::vector<const ZUWait*> > edgesFrom_;  // by waiter name
+  std::string start_;
+  std::vector<const ZUWait*> path_;
+  std::set<std::string> onPath_;
+  std::vector<ZUWaitCycle> found_;
+};
+
+}  // namespace
+
+// --- ZUWait ----------------------------------------------------------------------
+
+long ZUWait::ageMs(std::chrono::steady_clock::time_point now) const {
+  return static_cast<long>(
+      std::chrono::duration_cast<std::chrono::milliseconds>(now - since).count());
+}
+
+std::string ZUWait::toString() const {
+  return waiter + " (" + waiterModule + ") waits on " + holder + " (" + holderModule +
+         ") for " + resource + ", " + std::to_string(ageMs()) + " ms";
+}
+
+ZUValue ZUWait::toValue() const {
+  ZUValue value;
+  pushField(value, "waiter", ZUValue(waiter));
+  pushField(value, "waiterModule", ZUValue(waiterModule));
+  pushField(value, "holder", ZUValue(holder));
+  pushField(value, "holderModule", ZUValue(holderModule));
+  pushField(value, "resource", ZUValue(resource));
+  pushField(value, "ageMs", ZUValue(std::to_string(ageMs())));
+  return value;
+}
+
+// --- ZUWaitCycle -----------------------------------------------------------------
+
+std::string ZUWaitCycle::toString() const {
+  std::string text = "deadlock:";
+  if (edges.empty()) return text;
+  text += ' ';
+  text += edges.front().waiter;
+  for (const ZUWait& edge : edges) text += " -[" + edge.resource + "]-> " + edge.holder;
+  return text;
+}
+
+ZUValue ZUWaitCycle::toValue() const {
+  ZUValue value;
+  for (const ZUWait& edge : edges) value.arrayPush(edge.toValue());
+  return value;
+}
+
+// --- ZUWaitRegistry --------------------------------------------------------------
+
+ZUWaitRegistry::Record::Record(const boost::shared_ptr<ZUOwner>& waiter, ZUOwner& holder,
+                               const std::string& resource) noexcept
+    : id_(0) {
+  try {
+    ZUWait wait;
+    wait.waiter = waiter->name;
+    wait.waiterModule = waiter->moduleName;
+    wait.holder = holder.name;
+    wait.holderModule = holder.moduleName;
+    wait.resource = resource;
+    wait.waiterOwner = waiter;
+    wait.holderOwner = holder.weak_from_this();
+    wait.since = std::chrono::steady_clock::now();
+
+    Registry& r = registry();
+    std::lock_guard<std::mutex> lock(r.mutex);
+    wait.id = ++r.lastId;
+    r.waits.emplace(wait.id, std::move(wait));
+    id_ = r.lastId;
+  } catch (...) {
+    id_ = 0;  // a diagnostic must never change the wait it watches
+  }
+}
+
+ZUWaitRegistry::Record::~Record() {
+  if (id_ == 0) return;
+  Registry& r = registry();
+  std::lock_guard<std::mutex> lock(r.mutex);
+  r.waits.erase(id_);
+}
+
+std::vector<ZUWait> ZUWaitRegistry::snapshot() {
+  Registry& r = registry();
+  std::vector<ZUWait> waits;
+  std::lock_guard<std::mutex> lock(r.mutex);
+  waits.reserve(r.waits.size());
+  for (const auto& entry : r.waits) waits.push_back(entry.second);
+  return waits;
+}
+
+std::vector<ZUWaitCycle> ZUWaitRegistry::cycles() { return findCycles(snapshot()); }
+
+std::vector<ZUWaitCycle> ZUWaitRegistry::findCycles(const std::vector<ZUWait>& waits) {
+  return CycleSearch(waits).run();
+}
+
+}  // namespace ZU

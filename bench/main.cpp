@@ -1,0 +1,186 @@
+// zuresource-bench: every performance case of the library, then one table of
+// ratios measured side by side in this run.
+//
+// The Google Benchmark cases run 5 repetitions each, interleaved at random
+// with the other cases, and each case counts its fastest repetition, in
+// processor time of the benchmark thread: on a shared, oversubscribed machine
+// the wall-clock time of a single-threaded loop mostly measures how often the
+// thread was descheduled, the minimum is the run least disturbed by others,
+// and interleaving spreads slow phases of the machine over all cases alike.
+// Arguments are passed on to Google Benchmark and may override these defaults.
+#include <algorithm>
+#include <cmath>
+#include <iostream>
+#include <limits>
+#include <map>
+#include <set>
+
+#include <benchmark/benchmark.h>
+
+#include "benchsupport.h"
+#include "memory.h"
+#include "resulttable.h"
+#include "waiting.h"
+
+namespace zubench {
+
+namespace {
+
+const double kNaN = std::numeric_limits<double>::quiet_NaN();
+
+/// Keeps the fastest repetition of each case (processor time, nanoseconds per
+/// iteration) and prints one short line per case as it finishes.
+class FastestRunReporter : public benchmark::BenchmarkReporter {
+ public:
+  bool ReportContext(const Context& context) override {
+    PrintBasicContext(&GetErrorStream(), context);
+    return true;
+  }
+
+  void ReportRuns(const std::vector<Run>& runs) override {
+    std::set<std::string> reported;
+    for (const Run& run : runs) {
+      if (run.error_occurred)
+        GetErrorStream() << run.benchmark_name() << ": " << run.error_message << "\n";
+      if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
+      const double ns = run.GetAdjustedCPUTime() *
+                        benchmark::GetTimeUnitMultiplier(benchmark::kNanosecond) /
+                        benchmark::GetTimeUnitMultiplier(run.time_unit);
+      const std::string name = run.run_name.str();
+      auto found = fastest_.find(name);
+      fastest_[name] = found == fastest_.end() ? ns : std::min(found->second, ns);
+      reported.insert(name);
+    }
+    for (const std::string& name : reported)
+      GetErrorStream() << name << ": fastest " << formatDuration(fastest_[name]) << "\n";
+  }
+
+  /// The fastest time of `name`, NaN when it did not run.
+  double fastest(const std::string& name) const {
+    auto found = fastest_.find(name);
+    return found == fastest_.end() ? kNaN : found->second;
+  }
+
+ private:
+  std::map<std::string, double> fastest_;
+};
+
+void addMicroRows(ResultTable& table, const FastestRunReporter& times) {
+  auto time = [&times](const std::string& name) { return times.fastest(name); };
+
+  table.addSection("1. Uncontended cycle: waitFor on a free plain resource + release");
+  table.addRatio("cycle", time("cycle/plain"), "floor", time("floor/cycle"), 1.5);
+  table.addRatio("cycle", time("cycle/plain"), "std::timed_mutex try_lock_for+unlock",
+                 time("baseline/timed_mutex"), 0);
+  table.addRatio("cycle", time("cycle/plain"), "std::mutex lock+unlock", time("baseline/mutex"),
+                 0);
+
+  table.addSection("2. Other single-resource paths");
+  table.addRatio("waitFor, already held", time("held/waitFor"), "floor", time("floor/held"), 0);
+  table.addRatio("isResourceFree", time("query/isResourceFree"), "floor",
+                 time("floor/isResourceFree"), 0);
+  table.addRatio("isResourceOwned", time("query/isResourceOwned"), "floor (no lock)",
+                 time("floor/isResourceOwned"), 0);
+  table.addRatio("hand-down + release back", time("handdown/cycle"), "floor",
+                 time("floor/handdown"), 0);
+
+  table.addSection("3. Group cycle, per member, against the plain cycle");
+  for (int members : {1, 8, 64, 512})
+    table.addRatio("group of " + std::to_string(members) + " (" +
+                       formatDuration(time("group/cycle/" + std::to_string(members))) +
+                       " per cycle)",
+                   time("group/cycle/" + std::to_string(members)) / members, "plain cycle",
+                   time("cycle/plain"), 1.3);
+
+  table.addSection("4. State resource grant + release, K other holders, against K = 0");
+  for (int holders : {0, 100, 1000})
+    table.addRatio("K = " + std::to_string(holders),
+                   time("state/cycle/" + std::to_string(holders)), "K = 0",
+                   time("state/cycle/0"), 0);
+
+  table.addSection("5. Reports of a tree of groups of groups (1,111 and 11,111 resources)");
+  for (const char* report : {"httpGet", "ownersGet"}) {
+    const std::string name = std::string("report/") + report;
+    table.addRatio(std::string(report) + ", 10,000 plain against 1,000", time(name + "/10000"),
+                   "1,000", time(name + "/1000"), 11);
+  }
+  for (int leaves : {1000, 10000})
+    table.addRatio("httpGet, " + std::to_string(leaves) + " plain",
+                   time("report/httpGet/" + std::to_string(leaves)), "plain appends",
+                   time("baseline/appends/" + std::to_string(leaves)), 3);
+}
+
+void addWaitingRows(ResultTable& table) {
+  const double period = ZU::ZUOwnerStrong::kPollPeriodMs;
+  table.addSection("6. Waiting (real time)");
+
+  std::cerr << "waiting: 50 handovers..." << std::endl;
+  std::vector<double> latencies = measureHandovers(50);
+  std::sort(latencies.begin(), latencies.end());
+  const double median = latencies[latencies.size() / 2];
+  const double maximum = latencies.back();
+  table.addText("handover latency, median of 50", formatNumber(median, 1) + " ms",
+                "polling period " + formatNumber(period, 0) + " ms",
+                formatNumber(median / period, 2), "report", "-");
+  table.addText("handover latency, maximum of 50", formatNumber(maximum, 1) + " ms",
+                "polling period " + formatNumber(period, 0) + " ms",
+                formatNumber(maximum / period, 2), "<= 210 ms",
+                maximum <= period + 10 ? "yes" : "no");
+
+  std::cerr << "waiting: 64 threads for 2 s..." << std::endl;
+  const int kSeconds = 2;
+  const double cpuMs = measureWaitingCpu(64, kSeconds);
+  const double share = cpuMs / (kSeconds * 1e3);
+  table.addText("64 threads waiting 2 s, process CPU", formatNumber(cpuMs, 1) + " ms",
+                "one core for 2 s", formatNumber(share * 100, 2) + " %", "< 2 %",
+                share < 0.02 ? "yes" : "no");
+}
+
+void addMemoryRows(ResultTable& table) {
+  table.addSection("7. Memory: bytes requested from operator new (calls)");
+  const MemoryFootprint footprint = measureFootprints();
+  auto add = [&table](const std::string& what, const AllocationCount& count, bool bounded) {
+    const bool holds = count.bytes <= 1024;
+    table.addText(what, std::to_string(count.bytes) + " B",
+                  std::to_string(count.calls) + " allocations", "",
+                  bounded ? "<= 1024 B" : "report", bounded ? (holds ? "yes" : "no") : "-");
+  };
+  add("plain resource", footprint.plainResource, true);
+  add("state resource", footprint.stateResource, false);
+  add("empty group", footprint.emptyGroup, false);
+  add("strong owner", footprint.strongOwner, false);
+}
+
+}  // namespace
+
+}  // namespace zubench
+
+int main(int argc, char** argv) {
+  using namespace zubench;
+  std::vector<char*> args{argv[0]};
+  std::string defaults[] = {"--benchmark_repetitions=5",
+                            "--benchmark_enable_random_interleaving=true",
+                            "--benchmark_min_time=0.2"};
+  for (std::string& option : defaults) args.push_back(&option[0]);
+  args.insert(args.end(), argv + 1, argv + argc);
+  int count = static_cast<int>(args.size());
+  benchmark::Initialize(&count, args.data());
+  if (benchmark::ReportUnrecognizedArguments(count, args.data())) return 2;
+
+  registerCycleBenchmarks();
+  registerGroupBenchmarks();
+  registerReportBenchmarks();
+  FastestRunReporter times;
+  benchmark::RunSpecifiedBenchmarks(&times);
+
+  ResultTable table;
+  addMicroRows(table, times);
+  addWaitingRows(table);
+  addMemoryRows(table);
+  std::cout << "\n";
+  table.print(std::cout);
+  const int failures = table.failures();
+  std::cout << "\n" << (failures == 0 ? "every goal holds" : std::to_string(failures) + " goal(s) do not hold") << "\n";
+  benchmark::Shutdown();
+  return 0;
+}

@@ -1,0 +1,84 @@
+// Services of the owner base: self handle, parent-owner records, broker link
+// and the wait timer's text.
+#include <utility>
+
+#include <boost/make_shared.hpp>
+#include <gtest/gtest.h>
+
+#include <zuresource/zuowner.h>
+
+namespace {
+
+/// The bare base, to see its own defaults (ZUOwner's destructor is protected).
+class PlainOwner final : public ZU::ZUOwner {
+ public:
+  bool conflict(const std::string&, boost::shared_ptr<ZU::ZUOwner>, int) override {
+    return false;
+  }
+};
+
+class OwnerBaseTest : public ::testing::Test {
+ protected:
+  boost::shared_ptr<PlainOwner> owner = boost::make_shared<PlainOwner>();
+};
+
+TEST_F(OwnerBaseTest, StartsEmptyAndItsDefaultOperationsDoNothing) {
+  EXPECT_TRUE(owner->name.empty() && owner->moduleName.empty() && owner->ownerType.empty());
+  EXPECT_FALSE(owner->ownerMutex || owner->conflictMutex || owner->waitersMutex ||
+               owner->hierarchyOwner);
+  EXPECT_FALSE(owner->copyWaiters().isValid());  // no waitersMutex: read as is
+  EXPECT_EQ(owner->getTimeout(), "0");
+  owner->freeResource();
+  EXPECT_FALSE(owner->resourceFreed);
+  EXPECT_FALSE(owner->isParent(boost::make_shared<PlainOwner>()));  // "" would prefix ""
+}
+
+TEST_F(OwnerBaseTest, GetThisSharesOwnershipOnlyWithASharedHandle) {
+  boost::shared_ptr<ZU::ZUOwner> self = owner->getThis();
+  EXPECT_EQ(self, owner);
+  EXPECT_EQ(owner.use_count(), 2);
+  PlainOwner loose;
+  EXPECT_THROW(loose.getThis(), boost::bad_weak_ptr);
+}
+
+TEST_F(OwnerBaseTest, ParentOwnerRecordsAreWeakAndKeyedByExactName) {
+  EXPECT_FALSE(owner->getParentOwner("Head"));
+  EXPECT_TRUE(owner->parentOwners.empty()) << "a lookup must not add an entry";
+
+  auto first = boost::make_shared<PlainOwner>();
+  auto second = boost::make_shared<PlainOwner>();
+  owner->setParentOwner(first, "Head");
+  owner->setParentOwner(second, "Head");
+  EXPECT_EQ(owner->getParentOwner("Head"), second);
+  EXPECT_FALSE(owner->getParentOwner("head"));
+
+  owner->setParentOwner(first, "LArm");
+  first.reset();
+  EXPECT_FALSE(owner->getParentOwner("LArm"));
+  EXPECT_EQ(owner->parentOwners.count("LArm"), 1u) << "a dead entry stays";
+
+  owner->setParentOwner(nullptr, "Legs");
+  EXPECT_FALSE(owner->getParentOwner("Legs"));
+  EXPECT_EQ(owner->parentOwners.size(), 3u);
+}
+
+TEST_F(OwnerBaseTest, ParentBrokerIsWeakAndReplaced) {
+  auto first = boost::make_shared<ZU::ZUBroker>();
+  auto second = boost::make_shared<ZU::ZUBroker>();
+  owner->setParentBroker(first);
+  owner->setParentBroker(second);
+  EXPECT_EQ(owner->parentBroker.lock(), second);
+  second.reset();
+  EXPECT_TRUE(owner->parentBroker.expired());
+}
+
+TEST_F(OwnerBaseTest, GetTimeoutTruncatesToWholeSeconds) {
+  const std::pair<int, const char*> cases[] = {{999, "0"}, {1000, "1"}, {2600, "2"},
+                                                {12000, "12"}};
+  for (const auto& [ms, text] : cases) {
+    owner->timeout = ms;
+    EXPECT_EQ(owner->getTimeout(), text) << ms << " ms";
+  }
+}
+
+}  // namespace
