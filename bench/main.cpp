@@ -160,7 +160,7 @@ int main(int argc, char** argv) {
   std::vector<char*> args{argv[0]};
   std::string defaults[] = {"--benchmark_repetitions=5",
                             "--benchmark_enable_random_interleaving=true",
-                            "--benchmark_min_time=0.2"};
+                            "--benchmark_min_time=0.1"};
   for (std::string& option : defaults) args.push_back(&option[0]);
   args.insert(args.end(), argv + 1, argv + argc);
   int count = static_cast<int>(args.size());

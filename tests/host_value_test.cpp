@@ -1,6 +1,7 @@
 // The host's variant value and decimal text: the text forms that reports and
 // tests rely on, and the array operations of the waiters list.
 #include <climits>
+#include <ostream>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -9,12 +10,20 @@
 #include <zuhost/zuos.h>
 #include <zuhost/zuvalue.h>
 
+namespace ZU {
+// Failures show values in their text form.
+void PrintTo(const ZUValue& value, std::ostream* os) { *os << value.serializeToText(); }
+}  // namespace ZU
+
 using ZU::ZUValue;
 
 namespace {
 
+/// An array of `elements` (an empty list gives an empty array, not null).
 ZUValue array(std::initializer_list<ZUValue> elements) {
   ZUValue value;
+  value.arrayPush(ZUValue());
+  value.arrayPopFront();
   for (const ZUValue& e : elements) value.arrayPush(e);
   return value;
 }
@@ -33,10 +42,8 @@ TEST(ValueText, StringsAreQuotedAndEscapedUnambiguously) {
 }
 
 TEST(ValueText, ArraysNestWithoutSpaces) {
-  ZUValue empty = array({ZUValue("x")});
-  empty.arrayPopFront();
-  EXPECT_EQ(empty.serializeToText(), "[]");
-  const ZUValue nested = array({array({ZUValue("a"), ZUValue()}), ZUValue("b"), empty});
+  EXPECT_EQ(array({}).serializeToText(), "[]");
+  const ZUValue nested = array({array({ZUValue("a"), ZUValue()}), ZUValue("b"), array({})});
   EXPECT_EQ(nested.serializeToText(), R"([["a",null],"b",[]])");
 }
 

@@ -12,7 +12,9 @@
 // on another could leave two holders. Every wait has a finite time limit (0 or
 // 1 s): a waiter that clears a releasing holder's flag just before the resource
 // goes back to its placeholder makes the waiters on that holder sit out their
-// limit, and only the limit ends those waits.
+// limit, and only the limit ends those waits. (Waits on one holder share its
+// flag: a wait that starts on it for a resource it keeps can likewise hide its
+// release of another resource from that one's waiters.)
 
 #include <chrono>
 #include <cstdio>

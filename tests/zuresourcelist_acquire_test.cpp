@@ -214,7 +214,8 @@ TEST(GroupLockTest, ReleaseAfterAFailedWaitReentersTheReadLockWhileAWriterWaits)
     }
   });
   ASSERT_TRUE(zutest::waitUntil([&] { return holder->copyWaiters().size() == 1; }));
-  zutest::GuardedThread writer([g] { g->addResource(boost::make_shared<ZU::ZUResource>("Late", nullptr)); });
+  zutest::GuardedThread writer(
+      [g] { g->addResource(boost::make_shared<ZU::ZUResource>("Late", nullptr)); });
 
   EXPECT_FALSE(writer.joinFor(100)) << "the writer did not wait for the reader";
   EXPECT_TRUE(waiter.joinFor(10000)) << "deadlock: the release did not get the read lock";

@@ -101,7 +101,8 @@ TEST(GroupMembershipTest, OwnersGetLeavesOutMembersWithoutAValue) {
   auto onlyInvalid = makeGroup("G", {plain("ZUA"), makeGroup("ZUH", {plain("B")})});
   EXPECT_EQ(onlyInvalid->ownersGet().serializeToText(), R"([["G"]])");
 
-  auto mixed = makeGroup("G", {plain("ZUA"), plain("A"), boost::make_shared<ZU::ZUResourceState>("ZUS", nullptr)});
+  auto mixed = makeGroup(
+      "G", {plain("ZUA"), plain("A"), boost::make_shared<ZU::ZUResourceState>("ZUS", nullptr)});
   EXPECT_EQ(mixed->ownersGet().serializeToText(), R"([["G"],[["A"],["ZUS"]]])");
 }
 

@@ -247,7 +247,7 @@ void Simulation::waitFor(Owner& o, const ActionSpec& a) {
                : out.error == kStopError                                         ? "stopped"
                                                                                  : "failed";
   }
-  calls.unlock();
+  if (calls) calls.unlock();
   finish(o, out);
 }
 
@@ -288,9 +288,9 @@ void Simulation::finish(Owner& o, const Outcome& result) {
       if (h.owner == who && contains(leaves, h.resource) && (h.toMs < 0 || h.toMs >= since) &&
           !contains(heldNow, h.resource) && !contains(given, h.resource) && h.resource != lane)
         given.push_back(h.resource);
-    if (!given.empty())
-      log_.add(EventKind::GaveBack, who, result.resource,
-               who + " gives back " + join(given) + ": its wait for " + result.resource + " failed");
+    for (const std::string& g : given)
+      log_.add(EventKind::GaveBack, who, g,
+               who + " gives back " + g + ": its wait for " + result.resource + " failed");
   }
 }
 
@@ -302,7 +302,7 @@ void Simulation::release(Owner& o, const std::string& name, const std::string& w
     if (holds(l, who)) heldBefore.push_back(l);
   std::unique_lock<std::mutex> calls = o.serialise();
   resource(name)->release(o.owner);
-  calls.unlock();
+  if (calls) calls.unlock();
   std::vector<std::string> released;
   for (const std::string& l : heldBefore) {
     if (stateResource(l) || holderOf(l) == kFree) {
@@ -326,10 +326,11 @@ void Simulation::release(Owner& o, const std::string& name, const std::string& w
 void Simulation::switchOwner(Owner& o, const ActionSpec& a) {
   std::map<std::string, std::string> before = leafHolders(a.resource);
   std::string was;
-  for (const auto& b : before) was += (was.empty() ? "" : ", ") + b.first + ": " + b.second;
+  for (const auto& b : before)
+    was += (was.empty() ? "" : ", ") + (before.size() == 1 ? b.second : b.first + ": " + b.second);
   std::unique_lock<std::mutex> calls = o.serialise();
   resource(a.resource)->switchOwner(o.owner, a.label, a.timeout);
-  calls.unlock();
+  if (calls) calls.unlock();
   log_.add(EventKind::Switched, o.spec.name, a.resource,
            a.resource + " is switched over to " + o.spec.name + (was.empty() ? "" : " (was " + was + ")"));
   std::lock_guard<std::mutex> lock(mutex_);
@@ -433,7 +434,14 @@ void Simulation::observe(const Sample& now, long ms) {
     std::string was = last_.holder.count(h.first) ? last_.holder.at(h.first) : kFree;
     if (was == h.second) continue;
     close(holdings_, h.first, was, ms);
-    if (h.second != kFree) holdings_.push_back({h.first, h.second, ms, -1, ""});
+    if (h.second == kFree) continue;
+    holdings_.push_back({h.first, h.second, ms, -1, ""});
+    // A group's member taken on the way through the group's walk.
+    for (const auto& o : owners_)
+      if (o->spec.name == h.second && !o->pending.empty() && o->pending != h.first &&
+          contains(scenario_.leavesOf(o->pending), h.first))
+        log_.add(EventKind::Granted, h.second, h.first,
+                 h.second + " takes " + h.first + ", a member of " + o->pending);
   }
   for (const auto& h : now.holders) {
     std::vector<std::string> was = last_.holders.count(h.first) ? last_.holders.at(h.first)

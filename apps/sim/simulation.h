@@ -15,6 +15,7 @@
 
 #include <zuhost/zubroker.h>
 #include <zuresource/zuresource.h>
+#include <zuresource/zuresourcestate.h>
 
 #include "eventlog.h"
 #include "expectations.h"

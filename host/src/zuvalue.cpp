@@ -1,6 +1,7 @@
 #include <zuhost/zuvalue.h>
 
 #include <cstdio>
+#include <utility>
 
 #include <zuhost/zuerror.h>
 
@@ -64,11 +65,13 @@ const ZUValue& ZUValue::operator[](std::size_t i) const {
   return array_[i];
 }
 
-void ZUValue::arrayPush(const ZUValue& element) {
+void ZUValue::arrayPush(const ZUValue& element) { arrayPush(ZUValue(element)); }
+
+void ZUValue::arrayPush(ZUValue&& element) {
   if (type_ == Type::String)
     throw ZUError("ZUValue", "arrayPush", "cannot push onto a string value", kFile,
                   __LINE__);
-  array_.push_back(element);
+  array_.push_back(std::move(element));
   type_ = Type::Array;
 }
 

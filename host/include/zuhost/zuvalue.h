@@ -37,6 +37,9 @@ class ZUValue {
   /// Appends `element`. An invalid value first becomes an empty array.
   /// Throws ZUError (and changes nothing) on a string value.
   void arrayPush(const ZUValue& element);
+  /// The same, taking over `element`'s contents instead of copying them (a
+  /// nested array is moved, not copied element by element).
+  void arrayPush(ZUValue&& element);
   /// Removes the first element of an array. Does nothing on an empty array
   /// or on a value that is not an array.
   void arrayPopFront();

@@ -11,7 +11,44 @@ namespace {
 const char* const kFile = "behavior/lib/zuresource/zuresource/zuresource";
 const char* const kEmptyOwnerName = "emptyOwner";
 const int kMaxDepth = 1000000;
+
+// Whether `owner` stands for a free resource: it is named "emptyOwner".
+bool isPlaceholder(const ZUOwner& owner) {
+  static const std::string placeholderName = kEmptyOwnerName;
+  return owner.name == placeholderName;
+}
 }  // namespace
+
+// --- Holder handle -------------------------------------------------------------
+
+class ZUHolderHandle::SpinLock {
+ public:
+  explicit SpinLock(std::atomic_flag& busy) : busy_(busy) {
+    while (busy_.test_and_set(std::memory_order_acquire)) std::this_thread::yield();
+  }
+  ~SpinLock() { busy_.clear(std::memory_order_release); }
+  SpinLock(const SpinLock&) = delete;
+  SpinLock& operator=(const SpinLock&) = delete;
+
+ private:
+  std::atomic_flag& busy_;
+};
+
+boost::shared_ptr<ZUOwner> ZUHolderHandle::load() const {
+  SpinLock lock(busy_);
+  return owner_;
+}
+
+void ZUHolderHandle::store(boost::shared_ptr<ZUOwner> owner) {
+  {
+    SpinLock lock(busy_);
+    owner_.swap(owner);
+    address_.store(owner_.get(), std::memory_order_release);
+  }
+  // `owner` now holds the old holder, dropped here without the lock.
+}
+
+// --- Resource ------------------------------------------------------------------
 
 ZUResource::ZUResource() = default;
 
@@ -44,9 +81,14 @@ void ZUResource::requireOwner(const boost::shared_ptr<ZUOwner>& owner, const cha
 
 // --- Queries -----------------------------------------------------------------
 
+bool ZUResource::isFree() const {
+  // The own placeholder, the usual case, is told by its address alone.
+  return currentOwner.is(emptyOwner) || isPlaceholder(*currentOwner.load());
+}
+
 bool ZUResource::isResourceFree() {
   ZUCriticalSectionWrite lock(currentOwnerMutex);
-  return currentOwner.load()->name == kEmptyOwnerName;
+  return isFree();
 }
 
 bool ZUResource::isInGroup(const std::string& resourceName) { return resourceName == name; }
@@ -95,7 +137,7 @@ std::vector<std::string> ZUResource::waitFor(boost::shared_ptr<ZUOwner> owner,
       // The holder let go; only the pass that holds waitMutex may take it.
       if (!busy) {
         ZUCriticalSectionWrite ownerLock(currentOwnerMutex);
-        if (currentOwner.load()->name == kEmptyOwnerName) {
+        if (isFree()) {
           ZUCriticalSection taking(owner->ownerMutex);
           currentOwner.store(owner);
           return std::vector<std::string>();
@@ -139,6 +181,7 @@ void ZUResource::release(boost::shared_ptr<ZUOwner> owner) {
 
 boost::shared_ptr<ZUOwner> ZUResource::copyOwner() {
   ZUCriticalSectionRead lock(currentOwnerMutex);
+  if (currentOwner.is(emptyOwner)) return boost::shared_ptr<ZUOwner>();
   return currentOwner.load();
 }
 
@@ -150,8 +193,9 @@ std::string ZUResource::indentedName(int depth, const std::string& name) {
                   kFile, __LINE__);
   std::string text;
   if (depth >= 0) {
-    text.reserve(3 * (static_cast<std::size_t>(depth) + 1) + name.size() + 64);
-    for (int i = 0; i <= depth; ++i) text += "---";
+    const std::size_t dashes = 3 * (static_cast<std::size_t>(depth) + 1);  // "---" per level
+    text.reserve(dashes + name.size() + 64);
+    text.append(dashes, '-');
   }
   text += name;
   return text;
@@ -172,7 +216,7 @@ std::string ZUResource::ownerSegment(const boost::shared_ptr<ZUOwner>& owner) {
 std::string ZUResource::httpGet(int depth) {
   boost::shared_ptr<ZUOwner> holder = copyOwner();
   std::string text = indentedName(depth, name);
-  if (holder && holder->name != kEmptyOwnerName) text += ownerSegment(holder);
+  if (holder && !isPlaceholder(*holder)) text += ownerSegment(holder);
   text += "<br />";
   return text;
 }
@@ -182,7 +226,7 @@ ZUValue ZUResource::ownersGet() {
   ZUValue result;
   if (name.compare(0, 2, "ZU") == 0) return result;
   result.arrayPush(ZUValue(name));
-  if (holder && holder->name != kEmptyOwnerName) {
+  if (holder && !isPlaceholder(*holder)) {
     result.arrayPush(ZUValue(holder->moduleName));
     result.arrayPush(holder->copyWaiters());
   }

@@ -1,10 +1,10 @@
 #pragma once
 
+#include <atomic>
 #include <string>
 #include <vector>
 
 #include <boost/shared_ptr.hpp>
-#include <boost/smart_ptr/atomic_shared_ptr.hpp>
 #include <boost/weak_ptr.hpp>
 
 #include <zuhost/zuerror.h>
@@ -16,6 +16,42 @@
 #include <zuresource/zuownerweak.h>
 
 namespace ZU {
+
+/// The holder handle of a resource: a shared owner handle that several threads
+/// may copy and replace at once, each copy and each replacement whole (a
+/// reader sees the old or the new holder, never a mixture).
+///
+/// Thread safety: thread safe. A short spin lock guards the handle; the
+/// holder's address is also kept in an atomic, so that "is the holder this
+/// owner?" is answered without the lock and without touching the holder's
+/// reference count.
+class ZUHolderHandle {
+ public:
+  ZUHolderHandle() = default;
+  ZUHolderHandle(const ZUHolderHandle&) = delete;
+  ZUHolderHandle& operator=(const ZUHolderHandle&) = delete;
+
+  /// A copy of the handle. Takes: the spin lock, for the copy.
+  boost::shared_ptr<ZUOwner> load() const;
+  /// Replaces the handle; the old holder is dropped after the lock is let go.
+  /// Takes: the spin lock, for the swap.
+  void store(boost::shared_ptr<ZUOwner> owner);
+  /// Whether the holder is the very object `owner` (addresses compared; the
+  /// holder is not read). No lock.
+  bool is(const boost::shared_ptr<ZUOwner>& owner) const {
+    return address_.load(std::memory_order_acquire) == owner.get();
+  }
+
+ private:
+  class SpinLock;
+
+  /// Guarded by busy_.
+  boost::shared_ptr<ZUOwner> owner_;
+  /// Atomic: owner_.get(), written under busy_ with owner_.
+  std::atomic<const ZUOwner*> address_{nullptr};
+  /// The spin lock.
+  mutable std::atomic_flag busy_ = ATOMIC_FLAG_INIT;
+};
 
 /// One named resource, held by exactly one owner at a time; also the base of
 /// state resources and groups, whose virtual operations are the interface of
@@ -35,7 +71,7 @@ class ZUResource {
   /// currentOwnerMutex (take-if-free), the read side (release) or no lock
   /// (hand-down, switchOwner); the atomic handle makes each copy and each
   /// replacement whole, so a reader sees the old or the new holder.
-  boost::atomic_shared_ptr<ZUOwner> currentOwner;
+  ZUHolderHandle currentOwner;
   /// Immutable handle; no operation of the library locks it (it is the
   /// manager module's).
   boost::shared_ptr<ZUMutex> resourceMutex;
@@ -115,8 +151,12 @@ class ZUResource {
   /// currentOwnerMutex and parent, replacing what the fields held. No lock.
   void init(const std::string& name, boost::shared_ptr<ZUResource> parent);
 
-  /// The holder, copied under currentOwnerMutex (read).
+  /// The holder, copied under currentOwnerMutex (read); an empty handle when
+  /// the holder is this resource's own placeholder, which reports as free.
   boost::shared_ptr<ZUOwner> copyOwner();
+  /// Whether the holder is named "emptyOwner". The caller holds
+  /// currentOwnerMutex (either side) or accepts an answer that may be stale.
+  bool isFree() const;
   /// "---" depth+1 times (nothing when depth is negative), then `name`.
   /// Throws ZUError for a depth too large to render (over 1,000,000).
   static std::string indentedName(int depth, const std::string& name);

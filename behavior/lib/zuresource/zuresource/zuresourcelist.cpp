@@ -1,6 +1,7 @@
 #include <zuresource/zuresourcelist.h>
 
 #include <mutex>
+#include <utility>
 
 namespace ZU {
 
@@ -96,9 +97,18 @@ bool ZUResourceList::isResourceFree() {
 
 std::string ZUResourceList::httpGet(int depth) {
   ZUCriticalSectionRead lock(resourceListMutex);
+  // The members' lines first, so that the text is allocated once at its full
+  // size instead of growing (and being copied again) member by member.
+  std::vector<std::string> memberLines;
+  memberLines.reserve(resourceList.size());
   std::string text = ZUResource::httpGet(depth);
-  for (const boost::shared_ptr<ZUResource>& member : resourceList)
-    text += member->httpGet(depth + 1);
+  std::size_t size = text.size();
+  for (const boost::shared_ptr<ZUResource>& member : resourceList) {
+    memberLines.push_back(member->httpGet(depth + 1));
+    size += memberLines.back().size();
+  }
+  text.reserve(size);
+  for (const std::string& line : memberLines) text += line;
   return text;
 }
 
@@ -106,14 +116,16 @@ ZUValue ZUResourceList::ownersGet() {
   ZUCriticalSectionRead lock(resourceListMutex);
   ZUValue own = ZUResource::ownersGet();
   if (!own.isValid()) return own;
+  // The values are moved into place: copying them would copy every nested
+  // member value once more at each level of the tree.
   ZUValue result;
-  result.arrayPush(own);
+  result.arrayPush(std::move(own));
   ZUValue members;
   for (const boost::shared_ptr<ZUResource>& member : resourceList) {
     ZUValue value = member->ownersGet();
-    if (value.isValid()) members.arrayPush(value);
+    if (value.isValid()) members.arrayPush(std::move(value));
   }
-  if (members.isValid()) result.arrayPush(members);
+  if (members.isValid()) result.arrayPush(std::move(members));
   return result;
 }
 

@@ -48,7 +48,7 @@ class CycleSearch {
  private:
   void visit(const std::string& owner) {
     onPath_.insert(owner);
-    for (const ZUWait* edge : edgesFrom_[owner]) {
+    for (const ZUWait* edge : edgesFrom_.at(owner)) {
       path_.push_back(edge);
       if (edge->holder == start_) {
         ZUWaitCycle cycle;

@@ -1,0 +1,69 @@
+#!/bin/bash
+# Opens the live status page of a running scenario in headless Chromium and
+# checks that the status lines change as the scenario advances, and that a
+# resource named with markup shows as text, never as markup.
+# usage: browser_test.sh SIMULATOR SCENARIO
+# Exit status 77 (skipped) when Chromium is not installed.
+sim=$1
+scenario=$2
+browser=$(command -v chromium || command -v chromium-browser) || {
+  echo "chromium is not installed: skipped"
+  exit 77
+}
+work=$(mktemp -d)
+pid=
+cleanup() {
+  if [ -n "$pid" ]; then kill "$pid" 2>/dev/null; wait "$pid" 2>/dev/null; fi
+  rm -rf "$work"
+}
+trap cleanup EXIT
+fail() {
+  echo "browser_test: $*" >&2
+  echo "--- simulator output:" >&2
+  cat "$work/sim.log" >&2
+  exit 1
+}
+
+# Port 0: the simulator binds a free port and prints it.
+"$sim" "$scenario" --serve 0 --linger 60 >"$work/sim.log" 2>&1 &
+pid=$!
+url=
+for _ in $(seq 100); do
+  url=$(grep -o 'http://127\.0\.0\.1:[0-9]*/' "$work/sim.log")
+  [ -n "$url" ] && break
+  sleep 0.1
+done
+[ -n "$url" ] || fail "the simulator printed no address"
+
+dump() {
+  timeout 60 "$browser" --headless --no-sandbox --disable-gpu --disable-quic --no-first-run \
+    --disable-background-networking --disable-component-update --disable-sync \
+    --user-data-dir="$work/profile" --dump-dom "$url" 2>/dev/null
+}
+
+# Dumps the page until it contains $1, for at most $2 seconds; leaves it in $page.
+page=
+wait_for() {
+  local deadline=$((SECONDS + $2))
+  while [ $SECONDS -lt $deadline ]; do
+    page=$(dump)
+    grep -qF -- "$1" <<<"$page" && return 0
+    sleep 0.2
+  done
+  fail "the page never showed: $1"
+}
+
+wait_for '<div class="line">---Head -&gt; Tracker eStrong' 40
+first=$(grep -F 'class="line"' <<<"$page")
+grep -qF 'http-equiv="refresh"' <<<"$page" || fail "the page does not refresh itself"
+grep -qF '<div class="line">---&lt;i&gt;Eye&lt;/i&gt; -&gt; Tracker' <<<"$page" ||
+  fail "the resource named with markup is not shown as text"
+grep -qF '<i>Eye</i>' <<<"$page" && fail "the resource name was rendered as markup"
+
+wait_for '<div class="line">---Head -&gt; Speaker eStrong' 40
+second=$(grep -F 'class="line"' <<<"$page")
+[ "$first" != "$second" ] || fail "the status lines did not change"
+echo "first status lines:"
+echo "$first"
+echo "later status lines:"
+echo "$second"
