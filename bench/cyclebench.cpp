@@ -62,6 +62,35 @@ void floorCycle(benchmark::State& state) {
   }
 }
 
+// Passes an owner handle by value, as the library's virtual operations take it.
+__attribute__((noinline)) void passByValue(OwnerPtr owner) { benchmark::DoNotOptimize(owner.get()); }
+
+// The floor plus the reference counting that the interface itself requires:
+// the owner handle passed by value to waitFor, to the placeholder's conflict
+// and to release, and the holder handle replaced twice (taken, given back).
+void floorCycleWithHandles(benchmark::State& state) {
+  FloorLocks locks;
+  OwnerPtr owner = makeOwner("box/a");
+  OwnerPtr placeholder = makeOwner("emptyOwner");
+  ZU::ZUHolderHandle holder;
+  holder.store(placeholder);
+  for (auto _ : state) {
+    passByValue(owner);
+    locks.freeTest();
+    {
+      bool busy = false;
+      ZUCriticalTrueIfLocked pass(locks.waitMutex, busy);
+      passByValue(owner);
+      ZUCriticalSectionWrite take(locks.currentOwnerMutex);
+      ZUCriticalSection taking(locks.ownerMutex);
+      holder.store(owner);
+    }
+    passByValue(owner);
+    locks.release();
+    holder.store(placeholder);
+  }
+}
+
 void timedMutexPair(benchmark::State& state) {
   std::timed_mutex mutex;
   for (auto _ : state) {
@@ -159,6 +188,7 @@ void floorHandDown(benchmark::State& state) {
 void registerCycleBenchmarks() {
   benchmark::RegisterBenchmark("cycle/plain", plainCycle);
   benchmark::RegisterBenchmark("floor/cycle", floorCycle);
+  benchmark::RegisterBenchmark("floor/cycle+handles", floorCycleWithHandles);
   benchmark::RegisterBenchmark("baseline/timed_mutex", timedMutexPair);
   benchmark::RegisterBenchmark("baseline/mutex", mutexPair);
   benchmark::RegisterBenchmark("held/waitFor", heldWaitFor);

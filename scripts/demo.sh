@@ -4,7 +4,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-MAIN_PROGRAM=apps/example/zuresource-example # the program this script runs, under build/
+MAIN_PROGRAM=apps/sim/zuresource-sim # the program this script runs, under build/
 
 scripts/deps.sh
 cmake --preset default

@@ -1,7 +1,4 @@
-// Services of the owner base: self handle, parent-owner records, broker link
-// and the wait timer's text.
-#include <utility>
-
+// Services of the owner base: defaults, self handle and parent-owner records.
 #include <boost/make_shared.hpp>
 #include <gtest/gtest.h>
 
@@ -60,25 +57,6 @@ TEST_F(OwnerBaseTest, ParentOwnerRecordsAreWeakAndKeyedByExactName) {
   owner->setParentOwner(nullptr, "Legs");
   EXPECT_FALSE(owner->getParentOwner("Legs"));
   EXPECT_EQ(owner->parentOwners.size(), 3u);
-}
-
-TEST_F(OwnerBaseTest, ParentBrokerIsWeakAndReplaced) {
-  auto first = boost::make_shared<ZU::ZUBroker>();
-  auto second = boost::make_shared<ZU::ZUBroker>();
-  owner->setParentBroker(first);
-  owner->setParentBroker(second);
-  EXPECT_EQ(owner->parentBroker.lock(), second);
-  second.reset();
-  EXPECT_TRUE(owner->parentBroker.expired());
-}
-
-TEST_F(OwnerBaseTest, GetTimeoutTruncatesToWholeSeconds) {
-  const std::pair<int, const char*> cases[] = {{999, "0"}, {1000, "1"}, {2600, "2"},
-                                                {12000, "12"}};
-  for (const auto& [ms, text] : cases) {
-    owner->timeout = ms;
-    EXPECT_EQ(owner->getTimeout(), text) << ms << " ms";
-  }
 }
 
 }  // namespace

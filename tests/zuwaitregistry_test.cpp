@@ -92,14 +92,15 @@ TEST_F(ZUWaitRegistryTest, EntryLastsExactlyAsLongAsTheWaitOnEveryWayOut) {
     way.end(holder, *waiter);
     run.wait();
     EXPECT_TRUE(recorded(0));
-    if (!holder) EXPECT_TRUE(watched.expired());  // the record kept it not alive
+    EXPECT_EQ(!holder, watched.expired());  // the record kept no holder alive
   }
 }
 
 TEST_F(ZUWaitRegistryTest, NoEntryStaysAfterAnErrorOrWithoutAWait) {
   auto holder = makeOwner("holder", "Holder");
   auto waiter = makeOwner("waiter", "Waiter");
-  holder->setParentBroker(boost::make_shared<ZUBroker>());  // knows no module "Holder"
+  auto broker = boost::make_shared<ZUBroker>();  // knows no module "Holder"
+  holder->setParentBroker(broker);
   EXPECT_TRUE(zutest::errorOf([&] { holder->conflict("Arm", waiter, -1); }));
   EXPECT_TRUE(zutest::errorOf([&] { holder->conflict("Arm", nullptr, -1); }));
   EXPECT_TRUE(holder->conflict("Arm", makeOwner("holder/child", "Child"), -1));

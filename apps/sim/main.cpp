@@ -120,7 +120,8 @@ int main(int argc, char** argv) {
     return 2;
   }
 
-  std::cout << "Scenario: " << scenario.title << " (" << scenario.file << ")" << std::endl;
+  std::cout << "Scenario: " << scenario.title
+            << (scenario.title == scenario.file ? "" : " (" + scenario.file + ")") << std::endl;
   if (!scenario.description.empty()) std::cout << scenario.description << std::endl;
   zusim::EventLog log(&std::cout);
   zusim::Simulation simulation(scenario, log);

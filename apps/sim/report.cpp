@@ -10,7 +10,8 @@ namespace {
 
 const char* const kPalette[] = {"#4e79a7", "#f28e2b", "#59a14f", "#e15759", "#76b7b2", "#b07aa1",
                                 "#edc948", "#9c755f", "#ff9da7", "#17becf", "#8c564b", "#7f7f7f"};
-const char kNobody[] = "#9a9a9a";  // waits of a deactivation
+const char kNobody[] = "#9a9a9a";     // waits of a deactivation
+const char kActivated[] = "#d9f2d9";  // a state resource's activation
 
 const int kWidth = 1200;
 const int kLabelWidth = 190;
@@ -114,7 +115,7 @@ class Timeline {
     int y = top(a.resource);
     out_ << "<rect x=\"" << x(a.fromMs) << "\" y=\"" << y + 2 << "\" width=\""
          << std::max(1.0, x(a.toMs) - x(a.fromMs)) << "\" height=\"" << kLaneHeight - 4
-         << "\" fill=\"#d9f2d9\"><title>" << escapeHtml(a.resource) << " activated from "
+         << "\" fill=\"" << kActivated << "\"><title>" << escapeHtml(a.resource) << " activated from "
          << a.fromMs << " to " << a.toMs << " ms</title></rect>\n";
   }
 
@@ -162,7 +163,8 @@ std::string legend(const Scenario& s, const Timeline& timeline) {
   for (const OwnerSpec& o : s.owners)
     out << "<span><i style=\"background:" << timeline.colour(o.name) << "\"></i>"
         << escapeHtml(o.name) << "</span>";
-  out << "<span><i class=\"wait\"></i>waiting (pale, dashed)</span>";
+  out << "<span><i class=\"wait\"></i>waiting (pale, dashed)</span>"
+      << "<span><i class=\"on\"></i>state activated</span>";
   for (const Mark& m : kMarks)
     out << "<span><svg width=\"14\" height=\"14\" viewBox=\"-7 -7 14 14\"><path d=\"" << m.shape
         << "\" fill=\"" << m.colour << "\" stroke=\"" << m.colour << "\" stroke-width=\"2\"/></svg>"
@@ -176,7 +178,7 @@ const char kStyle[] =
     "h1{margin-bottom:4px}.summary{color:#444}.ok{color:#2e7d32}.bad{color:#c0392b}"
     ".legend{margin:8px 0 16px;font-size:13px}.legend span{margin-right:14px;white-space:nowrap}"
     ".legend i{display:inline-block;width:14px;height:10px;margin-right:4px;border-radius:2px}"
-    ".legend i.wait{background:#ddd;border:1px dashed #888}.legend svg{margin-right:4px;vertical-align:-2px}"
+    ".legend i.wait{background:#ddd;border:1px dashed #888}.legend i.on{background:#d9f2d9}.legend svg{margin-right:4px;vertical-align:-2px}"
     "table{border-collapse:collapse;font-size:13px}td{padding:2px 10px;vertical-align:top}"
     "td.ms{text-align:right;color:#555}tr:nth-child(odd){background:#f5f6f8}"
     "pre{background:#f5f6f8;padding:10px;font-size:13px}";

@@ -24,6 +24,15 @@ fail() {
   exit 1
 }
 
+browse() {
+  timeout 60 "$browser" --headless --no-sandbox --disable-gpu --disable-quic --no-first-run \
+    --disable-background-networking --disable-component-update --disable-sync \
+    --user-data-dir="$work/profile" --dump-dom "$1" 2>/dev/null
+}
+# The browser's first start, which makes its profile, is the slowest: done
+# before the scenario starts, so that the first phase is not missed.
+browse "data:text/html,ready" >/dev/null
+
 # Port 0: the simulator binds a free port and prints it.
 "$sim" "$scenario" --serve 0 --linger 60 >"$work/sim.log" 2>&1 &
 pid=$!
@@ -35,18 +44,12 @@ for _ in $(seq 100); do
 done
 [ -n "$url" ] || fail "the simulator printed no address"
 
-dump() {
-  timeout 60 "$browser" --headless --no-sandbox --disable-gpu --disable-quic --no-first-run \
-    --disable-background-networking --disable-component-update --disable-sync \
-    --user-data-dir="$work/profile" --dump-dom "$url" 2>/dev/null
-}
-
 # Dumps the page until it contains $1, for at most $2 seconds; leaves it in $page.
 page=
 wait_for() {
   local deadline=$((SECONDS + $2))
   while [ $SECONDS -lt $deadline ]; do
-    page=$(dump)
+    page=$(browse "$url")
     grep -qF -- "$1" <<<"$page" && return 0
     sleep 0.2
   done

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <thread>
+#include <utility>
 
 #include <boost/make_shared.hpp>
 
@@ -94,7 +95,8 @@ bool ZUResource::isResourceFree() {
 bool ZUResource::isInGroup(const std::string& resourceName) { return resourceName == name; }
 
 bool ZUResource::isResourceOwned(const std::string& moduleName) {
-  return currentOwner.load()->moduleName == moduleName;
+  boost::shared_ptr<ZUOwner> copy;
+  return currentOwner.loadOr(emptyOwner, copy)->moduleName == moduleName;
 }
 
 void ZUResource::addResource(boost::shared_ptr<ZUResource> /*resource*/) {
@@ -124,13 +126,16 @@ std::vector<std::string> ZUResource::waitFor(boost::shared_ptr<ZUOwner> owner,
     {
       ZUCriticalTrueIfLocked pass(waitMutex, busy);
 
-      // Already held by an owner of that name.
-      boost::shared_ptr<ZUOwner> holder = currentOwner.load();
+      // Already held by an owner of that name (the very same object, the usual
+      // case, is told by address).
+      if (currentOwner.is(owner)) return std::vector<std::string>();
+      boost::shared_ptr<ZUOwner> copy;
+      const boost::shared_ptr<ZUOwner>& holder = currentOwner.loadOr(emptyOwner, copy);
       if (owner->name == holder->name) return std::vector<std::string>();
 
       // Ask the holder: this may wait up to the time limit, or throw.
       if (holder->conflict(name, owner, timeout)) {
-        currentOwner.store(owner);  // handed down to a descendant
+        currentOwner.store(std::move(owner));  // handed down to a descendant
         return std::vector<std::string>();
       }
 
@@ -163,11 +168,12 @@ void ZUResource::release(boost::shared_ptr<ZUOwner> owner) {
   { ZUCriticalSection settle(owner->ownerMutex); }
 
   ZUCriticalSectionRead lock(currentOwnerMutex);
-  boost::shared_ptr<ZUOwner> holder = currentOwner.load();
+  boost::shared_ptr<ZUOwner> copy;
+  const boost::shared_ptr<ZUOwner>& holder = currentOwner.loadOr(owner, copy);
   if (owner->name == holder->name) {
     boost::shared_ptr<ZUOwner> yielder = owner->getParentOwner(name);
     if (yielder) {
-      currentOwner.store(yielder);  // back to the owner that handed it down
+      currentOwner.store(std::move(yielder));  // back to the owner that handed it down
     } else {
       holder->freeResource();
       currentOwner.store(emptyOwner);

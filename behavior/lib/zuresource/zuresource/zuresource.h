@@ -41,6 +41,15 @@ class ZUHolderHandle {
   bool is(const boost::shared_ptr<ZUOwner>& owner) const {
     return address_.load(std::memory_order_acquire) == owner.get();
   }
+  /// The holder: `known` itself when the holder is that very object (the
+  /// caller keeps `known` alive), otherwise a copy of the handle put in
+  /// `copy`. Spares the copy, and its reference counting, in the usual cases.
+  const boost::shared_ptr<ZUOwner>& loadOr(const boost::shared_ptr<ZUOwner>& known,
+                                           boost::shared_ptr<ZUOwner>& copy) const {
+    if (is(known)) return known;
+    copy = load();
+    return copy;
+  }
 
  private:
   class SpinLock;

@@ -1,0 +1,78 @@
+// The report and the status page: names and lines are shown as text, the
+// timeline has a lane per resource that can be held and a bar per holding.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "html.h"
+#include "report.h"
+
+using namespace zusim;
+
+namespace {
+
+std::size_t count(const std::string& text, const std::string& part) {
+  std::size_t n = 0;
+  for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
+  return n;
+}
+
+class Report : public ::testing::Test {
+ protected:
+  Report() {
+    scenario = parseScenario(R"({"title": "<h1>T</h1>",
+      "resources": [{"name": "<b>Eye</b>"}, {"name": "Head"}, {"name": "Standing", "kind": "state"},
+                    {"name": "Face", "kind": "group", "members": ["<b>Eye</b>", "Head"]}],
+      "modules": [{"name": "M"}],
+      "owners": [{"name": "<script>alert(1)</script>", "module": "M"}, {"name": "b", "module": "M"}]})",
+                             "r.json");
+    const std::string evil = "<script>alert(1)</script>";
+    record.endMs = 1000;
+    record.holdings = {{"<b>Eye</b>", evil, 0, 400, ""}, {"Head", evil, 0, 300, ""}, {"Head", "b", 500, 900, ""}};
+    record.waits = {{"Head", "b", 100, 500, evil}};
+    record.activations = {{"Standing", "", 200, 800, ""}};
+    record.finalStatus = {"---Face<br />------<b>Eye</b> -> M eStrong [] 0<br />------Head<br />"};
+    record.results = {{"expect[0]", false, "<b>Eye</b> held by b at the end, found emptyOwner"}};
+    events = {{100, EventKind::Notified, "", "Head", "M is told \"__onResource__\" for Head"},
+              {600, EventKind::TimedOut, "b", "Head", "b's wait fails: <i>timeout</i>"},
+              {700, EventKind::GaveBack, "b", "Face", "on a group: no lane, no mark"}};
+  }
+
+  Scenario scenario;
+  RunRecord record;
+  std::vector<Event> events;
+};
+
+}  // namespace
+
+TEST_F(Report, MarkupInNamesAndLinesIsShownAsText) {
+  std::string html = renderReport(scenario, events, record);
+  EXPECT_EQ(count(html, "<script"), 0u);
+  EXPECT_EQ(count(html, "<b>"), 0u);
+  EXPECT_EQ(count(html, "<i>"), 0u);
+  EXPECT_EQ(count(html, "<h1>T</h1>"), 0u);
+  EXPECT_GT(count(html, "&lt;script&gt;alert(1)&lt;/script&gt;"), 0u);
+  // The final status page keeps the library's line endings, as text.
+  EXPECT_EQ(count(html, "------&lt;b&gt;Eye&lt;/b&gt; -&gt; M eStrong [] 0&lt;br /&gt;\n"), 1u);
+  EXPECT_EQ(count(html, "FAILED expect[0]"), 1u);
+}
+
+TEST_F(Report, TimelineHasALanePerHoldableResourceAndABarPerSpan) {
+  std::string svg = renderTimeline(scenario, events, record);
+  EXPECT_EQ(count(svg, "font-weight=\"bold\">"), 3u);  // Eye, Head, Standing; no lane for Face
+  EXPECT_EQ(count(svg, " holds Head ("), 2u);
+  EXPECT_EQ(count(svg, "b waits for Head, held by &lt;script&gt;"), 1u);
+  EXPECT_EQ(count(svg, "Standing activated from 200 to 800 ms"), 1u);
+  // Marks for the notification and the timeout; the group's event has no lane.
+  EXPECT_EQ(count(svg, "class=\"mark\""), 2u);
+  // Owners keep their colours: the first owner's two bars, the second's bar and wait.
+  EXPECT_EQ(count(svg, "fill=\"#4e79a7\""), 2u);
+  EXPECT_EQ(count(svg, "fill=\"#f28e2b\""), 2u);
+}
+
+TEST(StatusPage, LinesAreCutAfterEachBreakWhichStays) {
+  EXPECT_EQ(statusPageLines({"---G<br />------A -> M eStrong [] 0<br />", "---S Waiter: []<br />", "x"}),
+            (std::vector<std::string>{"---G<br />", "------A -> M eStrong [] 0<br />",
+                                      "---S Waiter: []<br />", "x"}));
+  EXPECT_EQ(escapeHtml("a<b>&\"'"), "a&lt;b&gt;&amp;&quot;&#39;");
+}
