@@ -32,7 +32,6 @@ OwnerPtr strong(const std::string& name) { return makeOwner(name, name + "Module
 
 class ResourceTest : public ::testing::Test {
  protected:
-  std::string holder() const { return head->currentOwner.load()->name; }
   /// Whether another thread could take waitMutex now (a thread may not
   /// try-lock a mutex that it holds itself).
   bool waitMutexUnlocked() const {
@@ -310,20 +309,6 @@ TEST_F(ResourceTest, ReleaseByANonHolderTellsOnlyTheReleaser) {
   EXPECT_EQ(head->currentOwner.load(), box);
   EXPECT_FALSE(box->resourceFreed);
   EXPECT_TRUE(other->resourceFreed);
-}
-
-TEST_F(ResourceTest, ReleaseOfAWaitingOwnerEndsItsWait) {
-  OwnerPtr box = strong("box");
-  OwnerPtr waiter = strong("waiter");
-  ASSERT_TRUE(acquire(box).empty());
-  auto wait = std::async(std::launch::async,
-                         [&] { return errorOf([&] { head->waitFor(waiter, "", 5, Names()); }); });
-  ASSERT_TRUE(waitUntil([&] { return box->copyWaiters().size() == 1; }));
-  head->release(waiter);
-  auto e = wait.get();
-  ASSERT_TRUE(e);
-  EXPECT_EQ(e->getDescription(), "box stop while waiting");
-  EXPECT_EQ(head->currentOwner.load(), box);
 }
 
 TEST_F(ResourceTest, SwitchOwnerReplacesAHolderInConflictAndTellsNobody) {

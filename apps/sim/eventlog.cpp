@@ -26,11 +26,17 @@ const char* kindName(EventKind kind) {
   return "?";
 }
 
-EventLog::EventLog(std::ostream* out) : out_(out), start_(Clock::now()) {}
+EventLog::EventLog(std::ostream* out) : out_(out), start_(Clock::now().time_since_epoch().count()) {}
+
+void EventLog::restart() { start_ = Clock::now().time_since_epoch().count(); }
+
+EventLog::Clock::time_point EventLog::at(long ms) const {
+  return Clock::time_point(Clock::duration(start_.load())) + std::chrono::milliseconds(ms);
+}
 
 long EventLog::now() const {
   return static_cast<long>(
-      std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start_).count());
+      std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - at(0)).count());
 }
 
 void EventLog::add(EventKind kind, const std::string& owner, const std::string& resource,

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <iosfwd>
 #include <mutex>
@@ -33,14 +34,17 @@ class EventLog {
  public:
   using Clock = std::chrono::steady_clock;
 
-  /// Prints to `out` (may be null: keep only). The clock starts now: make the
-  /// log just before the run.
+  /// Prints to `out` (may be null: keep only). The clock starts now.
   explicit EventLog(std::ostream* out);
+
+  /// Starts the clock again, now: the run calls it once its threads are made,
+  /// so that thread creation does not count as scenario time.
+  void restart();
 
   /// Milliseconds since the start.
   long now() const;
   /// The moment `ms` after the start, for sleeping until it.
-  Clock::time_point at(long ms) const { return start_ + std::chrono::milliseconds(ms); }
+  Clock::time_point at(long ms) const;
 
   void add(EventKind kind, const std::string& owner, const std::string& resource,
            const std::string& text);
@@ -54,7 +58,7 @@ class EventLog {
 
  private:
   std::ostream* out_;  // immutable
-  const Clock::time_point start_;
+  std::atomic<Clock::rep> start_;  // atomic: the clock's ticks at the start
   mutable std::mutex mutex_;
   std::vector<Event> events_;  // guarded by mutex_
 };

@@ -143,6 +143,13 @@ RunRecord Simulation::run() {
   std::vector<std::thread> threads;
   for (const auto& entry : byOwner)
     threads.emplace_back(&Simulation::ownerThread, this, std::ref(ownerNamed(entry.first)), entry.second);
+  // Time 0 is when every thread is ready: making threads can take long.
+  log_.restart();
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    started_ = true;
+  }
+  go_.notify_all();
 
   // Owners still waiting when the scenario stops are stopped by the manager.
   std::vector<Owner*> stuck;
@@ -178,7 +185,13 @@ RunRecord Simulation::run() {
   return record;
 }
 
+void Simulation::awaitStart() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  go_.wait(lock, [this] { return started_; });
+}
+
 void Simulation::ownerThread(Owner& o, const std::vector<const ActionSpec*>& actions) {
+  awaitStart();
   for (const ActionSpec* a : actions) {
     std::this_thread::sleep_until(log_.at(a->atMs));
     if (a->kind == ActionKind::WaitFor) waitFor(o, *a);
@@ -191,6 +204,7 @@ void Simulation::ownerThread(Owner& o, const std::vector<const ActionSpec*>& act
 }
 
 void Simulation::managerThread(const std::vector<const ActionSpec*>& actions) {
+  awaitStart();
   for (const ActionSpec* a : actions) {
     std::this_thread::sleep_until(log_.at(a->atMs));
     if (a->kind == ActionKind::Stop) {
@@ -204,6 +218,7 @@ void Simulation::managerThread(const std::vector<const ActionSpec*>& actions) {
 }
 
 void Simulation::checkerThread(std::vector<ExpectResult>& results) {
+  awaitStart();
   std::vector<const ExpectSpec*> timed;
   for (const ExpectSpec& x : scenario_.expectations)
     if (x.atMs >= 0) timed.push_back(&x);
@@ -394,6 +409,7 @@ void Simulation::stopWaiting(Owner& o, const std::string& why) {
 // --- Observation. ---------------------------------------------------------------
 
 void Simulation::watch() {
+  awaitStart();
   while (watching_) {
     std::this_thread::sleep_for(kWatchPeriod);
     Sample now = sample();

@@ -88,31 +88,59 @@ class Simulation : public World {
     std::vector<Waiters> waiters;  // same order in every sample
   };
 
-  // Actions.
+  // Actions. Each takes the library's locks through the library calls, the
+  // owner's `calls` mutex around the calls made for a descendant owner, and
+  // mutex_ only between library calls, briefly, to record what happened.
+
+  /// Blocks until run() has made every thread and restarted the clock (mutex_).
+  void awaitStart();
+  /// Runs `actions` (the owner's own, in time order), then counts itself done
+  /// (mutex_).
   void ownerThread(Owner& owner, const std::vector<const ActionSpec*>& actions);
+  /// Runs setState, releaseState and stop in time order.
   void managerThread(const std::vector<const ActionSpec*>& actions);
+  /// Checks the timed expectations at their times into `results`, which the
+  /// caller reads after joining this thread.
   void checkerThread(std::vector<ExpectResult>& results);
+  /// Logs the request, calls waitFor, logs a hand-down, then finish().
   void waitFor(Owner& owner, const ActionSpec& action);
+  /// Calls release for `owner` and logs what it gave up and to whom; `why` ends
+  /// the log line.
   void release(Owner& owner, const std::string& resource, const std::string& why);
   void switchOwner(Owner& owner, const ActionSpec& action);
+  /// setState or releaseState, from the manager's thread.
   void setState(const ActionSpec& action);
+  /// The module's "__onResource__", in the module's task thread.
   void onResource(Module& module, const std::string& resource);
+  /// The manager stops `owner`'s pending wait by releasing what it waits for.
   void stopWaiting(Owner& owner, const std::string& why);
+  /// Records and logs how a request ended; for a failed one, also the members
+  /// it took on the way and gave back. Reads the holders first, then mutex_.
   void finish(Owner& owner, const Outcome& outcome);
 
   // Observation.
+
+  /// The watcher's loop: sample, then observe() under mutex_.
   void watch();
+  /// Reads every resource and every owner's waiters through the library (no
+  /// lock of ours; a state resource busy telling its holders keeps the
+  /// holders of the last sample, so that the watcher never waits).
   Sample sample();
   /// Turns the changes since the last sample into spans and waiting events.
   /// Called with mutex_ held.
   void observe(const Sample& now, long ms);
+  /// A new entry in a holder's waiters: finds whose wait it is. mutex_ held.
   void noticeWaiter(const Sample& now, const Sample::Waiters& on, const std::string& module,
                     long ms);
+  /// An entry left: ends the oldest open wait of that module on `holder`, as
+  /// the library removes the oldest entry. mutex_ held.
   void endWaiter(const std::string& holder, const std::string& module, long ms);
   /// Plain leaves of `resource` -> holder name. No lock of ours.
   std::map<std::string, std::string> leafHolders(const std::string& resource);
-  /// Whether `owner` holds `leaf` (a plain or state resource) now.
+  /// Whether `owner` holds `leaf` (a plain or state resource) now. No lock of
+  /// ours; a state resource's holdersMutex.
   bool holds(const std::string& leaf, const std::string& owner);
+  /// Ends the open spans of `owner` on `resource` at `ms`.
   static void close(std::vector<Span>& spans, const std::string& resource,
                     const std::string& owner, long ms);
 
@@ -136,8 +164,10 @@ class Simulation : public World {
   std::vector<Span> holdings_;
   std::vector<Span> waits_;
   std::vector<Span> activations_;
-  int running_ = 0;  // owner threads not yet done
+  int running_ = 0;       // owner threads not yet done
+  bool started_ = false;  // the run's threads may go
   std::condition_variable ownersDone_;
+  std::condition_variable go_;
 };
 
 }  // namespace zusim
