@@ -180,6 +180,7 @@ class Family {
     const int dice = pick(100);
     if (dice < 6) return toggleState();
     if (dice < 10) return report();
+    if (dice < 40 && !stack_.empty() && stack_.back().heldPlain.size() > 1) return releaseOne();
     if (stack_.empty() || (stack_.size() < 3 && dice < 55)) return push();
     pop();
   }
@@ -200,6 +201,8 @@ class Family {
   }
 
   // Half the time a descendant asks for what its parent holds: a hand-down.
+  // Otherwise half the time a group, so that owners often hold several
+  // resources and let go of them one by one.
   const Target& chooseTarget() {
     if (!stack_.empty() && stack_.back().target && pick(2) == 0) {
       const Frame& parent = stack_.back();
@@ -210,6 +213,8 @@ class Family {
       }
       return *parent.target;
     }
+    const std::size_t firstGroup = world_.plains.size() + world_.states.size();
+    if (pick(2) == 0) return world_.targets[firstGroup + pick(world_.groups.size())];
     return world_.targets[pick(world_.targets.size())];
   }
 
@@ -289,6 +294,20 @@ class Family {
       expectHoldsNothing(top.owner, *top.target, "after its release");
     }
     stack_.pop_back();
+  }
+
+  // A behaviour lets go of one of the resources it holds and keeps the rest:
+  // its release flag is then set while it still holds them.
+  void releaseOne() {
+    Frame& top = stack_.back();
+    const std::size_t i = static_cast<std::size_t>(pick(top.heldPlain.size()));
+    const ResourcePtr plain = top.heldPlain[i];
+    top.heldPlain.erase(top.heldPlain.begin() + static_cast<std::ptrdiff_t>(i));
+    world_.holdLogs.at(plain->name).add(top.owner->name, top.got, Clock::now());
+    plain->release(top.owner);
+    if (plain->currentOwner.load()->name == top.owner->name)
+      world_.fail(top.owner->name + " still holds " + plain->name + " after its release");
+    std::this_thread::sleep_for(std::chrono::milliseconds(pick(250)));  // works with the rest
   }
 
   void toggleState() {

@@ -34,6 +34,15 @@ class StrongOwnerTest : public ::testing::Test {
   static bool waitersReach(const ZUOwnerStrong& holder, std::size_t count) {
     return waitUntil([&] { return holder.copyWaiters().size() == count; });
   }
+  /// Once `holder`'s wait timer reaches `ms`, frees `target` and returns the
+  /// timer as it was just before. Polls are counted, not wall time, so that a
+  /// loaded machine cannot shift a release to another poll.
+  static int freeWhenTimerReaches(const ZUOwnerStrong& holder, int ms, ZU::ZUOwner& target) {
+    EXPECT_TRUE(waitUntil([&] { return holder.timeout >= ms; }, 20000));
+    const int seen = holder.timeout;
+    target.freeResource();
+    return seen;
+  }
   static void expectReleased(const ConflictOutcome& outcome) {
     EXPECT_FALSE(outcome.result);
     EXPECT_FALSE(outcome.error) << outcome.error->toString();
@@ -90,13 +99,11 @@ TEST_F(StrongOwnerTest, HolderReleaseEndsTheWaitAtTheNextPoll) {
   ConflictRun run(*holder, "R", owner("box/q"), -1);
   ASSERT_TRUE(waitersReach(*holder, 1));
   EXPECT_EQ(waitersText(*holder), R"(["box/q-module"])");
-  ko::os::msleep(500);
-  holder->freeResource();
-  const ConflictOutcome outcome = run.wait();
-  expectReleased(outcome);
-  EXPECT_ELAPSED_NEAR(outcome.elapsedMs, 600);
+  const int released = freeWhenTimerReaches(*holder, 400, *holder);  // in the third sleep
+  expectReleased(run.wait());
+  EXPECT_GE(holder->timeout, released);
+  EXPECT_LE(holder->timeout, released + ZUOwnerStrong::kPollPeriodMs);
   EXPECT_EQ(waitersText(*holder), "[]");
-  EXPECT_EQ(holder->getTimeout(), "0");
 }
 
 TEST_F(StrongOwnerTest, TimeLimitEndsTheWaitAtTheFirstPollAfterTheDeadline) {
@@ -109,74 +116,70 @@ TEST_F(StrongOwnerTest, TimeLimitEndsTheWaitAtTheFirstPollAfterTheDeadline) {
   ConflictRun before(*freedBefore, "R1", owner("q1"), 0);
   ConflictRun during(*freedDuring, "R2", owner("q2"), 0);
   ConflictRun second(*oneSecond, "Head", owner("q3"), 1);
-  ASSERT_TRUE(waitersReach(*freedDuring, 1));
-  ko::os::msleep(100);
+  // Into the sleep; a release before the wait starts or after it ends gives
+  // the same error, so a slow start of the wait does not matter.
+  ko::os::msleep(150);
   freedDuring->freeResource();
 
-  ConflictOutcome outcome = before.wait();
-  EXPECT_TRUE(waitFailed(outcome, "resource wait has timeouted on R1"));
-  EXPECT_ELAPSED_NEAR(outcome.elapsedMs, 200);
-  outcome = during.wait();
-  EXPECT_TRUE(waitFailed(outcome, "resource wait has timeouted on R2"));
+  EXPECT_TRUE(waitFailed(before.wait(), "resource wait has timeouted on R1"));
+  EXPECT_TRUE(waitFailed(during.wait(), "resource wait has timeouted on R2"));
+  EXPECT_EQ(freedBefore->timeout, 200);
   EXPECT_EQ(freedDuring->timeout, 200);
-  outcome = second.wait();
+  const ConflictOutcome outcome = second.wait();
   EXPECT_TRUE(waitFailed(outcome, "resource wait has timeouted on Head"));
   EXPECT_ELAPSED_NEAR(outcome.elapsedMs, 1000);
-  EXPECT_EQ(oneSecond->getTimeout(), "1");
   for (auto* holder : {freedBefore.get(), freedDuring.get(), oneSecond.get()})
     EXPECT_EQ(waitersText(*holder), "[]");
 }
 
 TEST_F(StrongOwnerTest, GetTimeoutGivesWholeSecondsOfTheLatestWait) {
-  auto shortHolder = owner("h1");
-  auto longHolder = owner("h2");
-  EXPECT_EQ(longHolder->getTimeout(), "0");
-  zutest::Stopwatch watch;
-  ConflictRun shortRun(*shortHolder, "R", owner("q1"), -1);
-  ConflictRun longRun(*longHolder, "R", owner("q2"), -1);  // no limit: never times out
+  auto h0 = owner("h0"), h1 = owner("h1"), h2 = owner("h2");
+  EXPECT_EQ(h2->getTimeout(), "0");
+  // No limit: these waits never time out and end by the holders' release.
+  ConflictRun underASecond(*h0, "R", owner("q0"), -1);
+  ConflictRun aSecond(*h1, "R", owner("q1"), -1);
+  ConflictRun twoSeconds(*h2, "R", owner("q2"), -1);
+  // Each wait ends at the poll where the release is made or at the next.
+  freeWhenTimerReaches(*h0, 600, *h0);   // ends at 600 or 800 ms
+  freeWhenTimerReaches(*h1, 1000, *h1);  // 1000 or 1200 ms
+  ASSERT_TRUE(waitUntil([&] { return h2->timeout >= 1000; }));
+  EXPECT_EQ(h2->getTimeout(), "1");  // read while the wait runs
+  freeWhenTimerReaches(*h2, 2400, *h2);  // 2400 or 2600 ms
+  for (ConflictRun* run : {&underASecond, &aSecond, &twoSeconds}) expectReleased(run->wait());
+  EXPECT_EQ(h0->getTimeout(), "0");
+  EXPECT_EQ(h1->getTimeout(), "1");
+  EXPECT_EQ(h2->getTimeout(), "2");  // kept after the end
 
-  ko::os::msleep(700);
-  shortHolder->freeResource();
-  expectReleased(shortRun.wait());
-  EXPECT_EQ(shortHolder->getTimeout(), "0");  // about 800 ms
-
-  ko::os::msleep(static_cast<unsigned>(std::max(0L, 2500 - watch.elapsedMs())));
-  EXPECT_EQ(longHolder->getTimeout(), "2");  // read while the wait still runs
-  longHolder->freeResource();
-  expectReleased(longRun.wait());
-  EXPECT_EQ(longHolder->getTimeout(), "2");  // about 2600 ms, kept after the end
-
-  ConflictRun next(*longHolder, "R", owner("q3"), 0);  // a new wait starts over
+  ConflictRun next(*h2, "R", owner("q3"), 0);  // the next wait starts over
   EXPECT_TRUE(waitFailed(next.wait(), "resource wait has timeouted on R"));
-  EXPECT_EQ(longHolder->timeout, 200);
+  EXPECT_EQ(h2->timeout, 200);
 }
 
 TEST_F(StrongOwnerTest, RequesterReleaseStopsItsOwnWait) {
-  auto h1 = owner("h1"), h2 = owner("h2"), h3 = owner("h3");
-  auto q1 = owner("q1"), q2 = owner("q2"), stale = owner("q3");
-  // A flag set earlier (say, when q3 released another resource) is not
-  // cleared by q3's own wait as requester.
-  stale->freeResource();
+  // Released while it waits without limit: stopped at the next poll.
+  auto h1 = owner("h1"), q1 = owner("q1");
   ConflictRun noLimit(*h1, "R", q1, -1);
-  ConflictRun deadlineInSameSleep(*h2, "R", q2, 0);
-  ConflictRun staleFlag(*h3, "R", stale, -1);
-  ASSERT_TRUE(waitersReach(*h1, 1) && waitersReach(*h2, 1));
-  ko::os::msleep(100);
-  q1->freeResource();
-  q2->freeResource();
-  for (ConflictRun* run : {&noLimit, &deadlineInSameSleep, &staleFlag}) {
-    const ConflictOutcome outcome = run->wait();
-    EXPECT_TRUE(waitFailed(outcome, kStop));
-    EXPECT_ELAPSED_NEAR(outcome.elapsedMs, 200);
-  }
-  for (auto* holder : {h1.get(), h2.get(), h3.get()}) EXPECT_EQ(waitersText(*holder), "[]");
+  // Released earlier (say, as it let go of another resource): its own wait
+  // does not clear its flag, and the stop wins over the deadline that passed
+  // in the same sleep.
+  auto h2 = owner("h2"), stale = owner("q2");
+  stale->freeResource();
+  ConflictRun staleFlag(*h2, "R", stale, 0);
+
+  const int released = freeWhenTimerReaches(*h1, 200, *q1);
+  EXPECT_TRUE(waitFailed(noLimit.wait(), kStop));
+  EXPECT_LE(h1->timeout, released + ZUOwnerStrong::kPollPeriodMs);
+  EXPECT_TRUE(waitFailed(staleFlag.wait(), kStop));
+  EXPECT_EQ(h2->timeout, 200);  // after the first sleep
+  EXPECT_EQ(waitersText(*h1), "[]");
+  EXPECT_EQ(waitersText(*h2), "[]");
 }
 
 TEST_F(StrongOwnerTest, EachEndOfAWaitRemovesTheOldestWaiter) {
   auto holder = owner("box/h");
   ConflictRun first(*holder, "R", owner("box/a"), -1);
   ASSERT_TRUE(waitersReach(*holder, 1));
-  ConflictRun second(*holder, "R", owner("box/b"), 0);
+  ConflictRun second(*holder, "R", owner("box/b"), 1);
   ASSERT_TRUE(waitersReach(*holder, 2));
   EXPECT_EQ(waitersText(*holder), R"(["box/a-module","box/b-module"])");
 
@@ -197,10 +200,8 @@ TEST_F(StrongOwnerTest, DestroyingTheHolderEndsItsWaitsFirst) {
   auto holder = owner("box/h");
   ConflictRun run(*holder, "R", owner("box/q"), -1);
   ASSERT_TRUE(waitersReach(*holder, 1));
-  zutest::Stopwatch sinceDrop;
   zutest::GuardedThread destroyer([&holder] { holder.reset(); });
   expectReleased(run.wait());
-  EXPECT_LE(sinceDrop.elapsedMs(), ZUOwnerStrong::kPollPeriodMs + zutest::kLateToleranceMs);
   EXPECT_TRUE(destroyer.joinFor(5000)) << "the destructor did not complete";
 }
 

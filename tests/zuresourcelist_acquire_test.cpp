@@ -218,8 +218,8 @@ TEST(GroupLockTest, ReleaseAfterAFailedWaitReentersTheReadLockWhileAWriterWaits)
       [g] { g->addResource(boost::make_shared<ZU::ZUResource>("Late", nullptr)); });
 
   EXPECT_FALSE(writer.joinFor(100)) << "the writer did not wait for the reader";
-  EXPECT_TRUE(waiter.joinFor(10000)) << "deadlock: the release did not get the read lock";
-  EXPECT_TRUE(writer.joinFor(10000)) << "the writer never got the lock";
+  ASSERT_TRUE(waiter.joinFor(10000)) << "deadlock: the release did not get the read lock";
+  ASSERT_TRUE(writer.joinFor(10000)) << "the writer never got the lock";
   EXPECT_EQ(zutest::memberNames(*g), (Names{"R", "Late"}));
   EXPECT_TRUE(r->isResourceOwned("H"));
 }

@@ -164,7 +164,6 @@ TEST(ZUWaitRegistryGraph, FindsEachElementaryCycleOnce) {
 // --- Concurrency ---------------------------------------------------------------------
 
 TEST_F(ZUWaitRegistryTest, ConcurrentWaitsAndReadersKeepTheRecordWhole) {
-  auto holder = makeOwner("holder", "Holder");
   std::atomic<bool> reading(true);
   std::atomic<bool> sawACycle(false);
   zutest::GuardedThread reader([&] {
@@ -173,17 +172,20 @@ TEST_F(ZUWaitRegistryTest, ConcurrentWaitsAndReadersKeepTheRecordWhole) {
       if (!ZUWaitRegistry::cycles().empty()) sawACycle = true;
     }
   });
+  // One holder per resource: waits that share a holder share its release
+  // flag, and a retry after another resource's release could clear it.
   const int kWaiters = 8;
+  Names holders;
+  for (int i = 0; i < kWaiters; ++i) holders.push_back("h" + std::to_string(i));
+  startRing(holders, 0);
   for (int i = 0; i < kWaiters; ++i) {
-    auto resource = boost::make_shared<ZUResource>("R" + std::to_string(i), nullptr);
-    ASSERT_TRUE(resource->waitFor(holder, "", -1, {}).empty());
-    resources_.push_back(resource);
+    boost::shared_ptr<ZUResource> resource = resources_[i];
     auto owner = makeOwner("w" + std::to_string(i), "W");
     threads_.emplace_back(new zutest::GuardedThread(
         [resource, owner] { EXPECT_TRUE(resource->waitFor(owner, "", -1, {}).empty()); }));
   }
   ASSERT_TRUE(waitUntil([&] { return recorded(kWaiters); }));
-  for (const auto& resource : resources_) resource->release(holder);
+  for (int i = 0; i < kWaiters; ++i) resources_[i]->release(owners_[i]);
   for (Thread& thread : threads_) EXPECT_TRUE(thread->joinFor(5000));
   reading = false;
   EXPECT_TRUE(reader.joinFor(5000));

@@ -114,9 +114,14 @@ int main(int argc, char** argv) {
         return 0;
       }
     options = parse(argc, argv);
-    scenario = zusim::loadScenario(options.scenario);
   } catch (const zusim::ScenarioError& e) {
     std::cerr << "zuresource-sim: " << e.what() << std::endl << kUsage;
+    return 2;
+  }
+  try {
+    scenario = zusim::loadScenario(options.scenario);
+  } catch (const zusim::ScenarioError& e) {
+    std::cerr << "zuresource-sim: " << e.what() << std::endl;
     return 2;
   }
 

@@ -350,6 +350,10 @@ Scenario parseScenario(const std::string& text, const std::string& file) {
   int last = 0;
   for (const ActionSpec& a : s.actions) last = std::max(last, a.atMs);
   s.stopAtMs = whole.time("stopAt", last + 10000);
+  for (const ActionSpec& a : s.actions)
+    if (a.atMs > s.stopAtMs)
+      throw ScenarioError(file + ": " + a.entry + ": at " + std::to_string(a.atMs) +
+                          " ms, after \"stopAt\" (" + std::to_string(s.stopAtMs) + " ms)");
   // Actions of one thread run in time order, whatever order the file has.
   std::stable_sort(s.actions.begin(), s.actions.end(),
                    [](const ActionSpec& a, const ActionSpec& b) { return a.atMs < b.atMs; });

@@ -58,6 +58,7 @@ struct Simulation::Owner {
 
   // Guarded by Simulation::mutex_.
   std::string pending;                // the resource it waits for now
+  std::vector<std::string> pendingNoWait;  // and the names it will not wait for
   long pendingSince = 0;
   std::vector<std::string> acquired;  // what it asked for and holds, oldest first
   std::vector<Outcome> outcomes;
@@ -239,6 +240,7 @@ void Simulation::waitFor(Owner& o, const ActionSpec& a) {
   {
     std::lock_guard<std::mutex> lock(mutex_);
     o.pending = a.resource;
+    o.pendingNoWait = a.noWait;
     o.pendingSince = log_.now();
   }
   Outcome out;
@@ -491,10 +493,11 @@ void Simulation::noticeWaiter(const Sample& now, const Sample::Waiters& on,
                               const std::string& module, long ms) {
   // The waiter is an owner of that module whose request is running and takes
   // in a resource that the holder holds; a group is walked in member order,
-  // so it is the first such member.
+  // so it is the first such member that the request does not skip.
   for (const auto& o : owners_) {
     if (o->spec.module != module || o->pending.empty()) continue;
     for (const std::string& l : scenario_.leavesOf(o->pending)) {
+      if (contains(o->pendingNoWait, l)) continue;
       bool heldByIt = now.holder.count(l) ? now.holder.at(l) == on.holder
                                           : contains(now.holders.count(l) ? now.holders.at(l)
                                                                           : std::vector<std::string>(),

@@ -34,7 +34,7 @@ browse() {
 browse "data:text/html,ready" >/dev/null
 
 # Port 0: the simulator binds a free port and prints it.
-"$sim" "$scenario" --serve 0 --linger 60 >"$work/sim.log" 2>&1 &
+"$sim" "$scenario" --serve 0 --linger 120 >"$work/sim.log" 2>&1 &
 pid=$!
 url=
 for _ in $(seq 100); do
@@ -56,14 +56,14 @@ wait_for() {
   fail "the page never showed: $1"
 }
 
-wait_for '<div class="line">---Head -&gt; Tracker eStrong' 40
+wait_for '<div class="line">---Head -&gt; Tracker eStrong' 90
 first=$(grep -F 'class="line"' <<<"$page")
 grep -qF 'http-equiv="refresh"' <<<"$page" || fail "the page does not refresh itself"
 grep -qF '<div class="line">---&lt;i&gt;Eye&lt;/i&gt; -&gt; Tracker' <<<"$page" ||
   fail "the resource named with markup is not shown as text"
 grep -qF '<i>Eye</i>' <<<"$page" && fail "the resource name was rendered as markup"
 
-wait_for '<div class="line">---Head -&gt; Speaker eStrong' 40
+wait_for '<div class="line">---Head -&gt; Speaker eStrong' 120
 second=$(grep -F 'class="line"' <<<"$page")
 [ "$first" != "$second" ] || fail "the status lines did not change"
 echo "first status lines:"

@@ -86,6 +86,8 @@ TEST(Scenario, RefusesFaultsNamingFileEntryAndWhat) {
        "s.json: expect[0]: negative time \"at\": -1"},
       {R"("expect": [{"resource": "Head"}])", "s.json: expect[0]: say what is expected"},
       {R"("stopAt": -10)", "s.json: scenario: negative time \"stopAt\": -10"},
+      {R"("stopAt": 50, "actions": [{"at": 60, "owner": "a", "do": "release", "resource": "Head"}])",
+       "s.json: actions[0]: at 60 ms, after \"stopAt\" (50 ms)"},
   };
   for (const auto& c : cases) {
     std::string message = refusalWithCast(c.first);

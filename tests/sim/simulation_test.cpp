@@ -60,6 +60,19 @@ TEST(Simulation, WaitsAreToldOfTheRequesterWhoseResourceTheHolderHolds) {
   EXPECT_EQ(run.texts(EventKind::TimedOut).size(), 2u);
 }
 
+// A group's walk skips a busy member on the no-wait list: the wait is on the
+// next member that the holder holds.
+TEST(Simulation, GroupWaitIsOnTheFirstMemberNotSkipped) {
+  Played run = play(R"({
+    "resources": [{"name": "Head"}, {"name": "Arm"}, {"name": "Body", "kind": "group", "members": ["Head", "Arm"]}],
+    "modules": [{"name": "M", "onResource": "ignore"}],
+    "owners": [{"name": "h", "module": "M"}, {"name": "x", "module": "M"}],
+    "actions": [
+      {"at": 0, "owner": "h", "do": "waitFor", "resource": "Body"},
+      {"at": 100, "owner": "x", "do": "waitFor", "resource": "Body", "timeout": 0, "noWait": ["Head"]}]})");
+  EXPECT_EQ(run.texts(EventKind::Waiting), (std::vector<std::string>{"x waits for Arm, held by h"}));
+}
+
 // A group wait that fails gives back what it took on the way, and only that.
 TEST(Simulation, FailedGroupWaitReportsTheMembersItGaveBack) {
   Played run = play(R"({

@@ -71,8 +71,8 @@ bool ZUOwnerStrong::conflict(const std::string& resourceName,
   }
 
   addWaiter(requester, timeout);
-  ZUWaitRegistry::Record recorded(requester, *this, resourceName);  // until any way out
   resourceFreed = false;
+  ZUWaitRegistry::Record recorded(requester, *this, resourceName);  // until any way out
   const boost::posix_time::ptime start = boost::posix_time::microsec_clock::local_time();
   const boost::posix_time::ptime deadline = start + boost::posix_time::seconds(timeout);
   this->timeout = 0;

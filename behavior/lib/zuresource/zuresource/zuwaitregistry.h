@@ -58,8 +58,11 @@ struct ZUWaitCycle {
 
 /// The process-wide record of the conflict waits that are running, and the
 /// wait-for graph built from it ("owner waits on holder"). Every wait of
-/// ZUOwnerStrong::conflict is recorded from the moment its waiter entry is
-/// added until it ends, whichever way it ends.
+/// ZUOwnerStrong::conflict is recorded from the moment it listens for the
+/// holder's release (its waiter entry added and the holder's release flag
+/// cleared, so that a release after the record appears is seen by the wait,
+/// unless a later wait on the same holder clears the flag first) until it
+/// ends, whichever way it ends.
 ///
 /// Thread safety: thread safe. One small mutex of its own guards the record;
 /// it is taken only to add, remove or copy entries and nothing is called out

@@ -1,0 +1,87 @@
+// Expectations compare only what they name, against the latest request that
+// matches, and say what was found when they fail.
+#include <gtest/gtest.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "expectations.h"
+
+using namespace zusim;
+
+namespace {
+
+class FakeWorld : public World {
+ public:
+  std::map<std::string, std::string> holder;
+  std::map<std::string, std::vector<Outcome>> outcomes;
+
+  std::string holderOf(const std::string& r) override { return holder[r]; }
+  std::vector<std::string> holdersOf(const std::string&) override { return {"a", "b"}; }
+  bool isActivated(const std::string&) override { return true; }
+  std::vector<Outcome> outcomesOf(const std::string& o) override { return outcomes[o]; }
+  std::vector<std::string> notifiedOf(const std::string&) override { return {"Head"}; }
+};
+
+ExpectSpec outcome(const std::string& resource, const std::string& kind) {
+  ExpectSpec x;
+  x.entry = "expect[0]";
+  x.kind = ExpectKind::Outcome;
+  x.owner = "a";
+  x.resource = resource;
+  x.outcome = kind;
+  return x;
+}
+
+class Expectations : public ::testing::Test {
+ protected:
+  Expectations() {
+    world.outcomes["a"] = {
+        {"Head", "timed out", {}, "resource wait has timeouted on Head", 100},
+        {"Arms", "not obtained", {"LeftArm"}, "", 200},
+        {"Head", "granted", {}, "", 300},
+        {"Legs", "stopped", {}, "box stop while waiting", 400}};
+  }
+  FakeWorld world;
+};
+
+}  // namespace
+
+TEST_F(Expectations, OutcomeIsTheLatestRequestOfThatResourceOrOfAny) {
+  EXPECT_TRUE(check(outcome("Head", "granted"), world).held);
+  EXPECT_TRUE(check(outcome("", "stopped"), world).held);
+  ExpectResult r = check(outcome("Head", "timed out"), world);
+  EXPECT_FALSE(r.held);
+  EXPECT_EQ(r.text, "a's request of Head: timed out at the end, found granted");
+  EXPECT_EQ(check(outcome("Body", "granted"), world).text,
+            "a's request of Body: granted at the end, found no request ended");
+}
+
+TEST_F(Expectations, OutcomeComparesTheErrorAndNamesOnlyWhenGiven) {
+  ExpectSpec x = outcome("Arms", "not obtained");
+  EXPECT_TRUE(check(x, world).held);
+  x.checkNames = true;
+  x.names = {"RightArm"};
+  EXPECT_EQ(check(x, world).text,
+            "a's request of Arms: not obtained [RightArm] at the end, found not obtained [LeftArm]");
+  x = outcome("Legs", "stopped");
+  x.error = "box stop while waiting";
+  EXPECT_TRUE(check(x, world).held);
+  x.error = "resource wait has timeouted on Legs";
+  EXPECT_FALSE(check(x, world).held);
+}
+
+TEST_F(Expectations, HoldersAndHolderSayWhatWasFound) {
+  world.holder["Head"] = "emptyOwner";
+  ExpectSpec x;
+  x.entry = "expect[3]";
+  x.atMs = 500;
+  x.resource = "Head";
+  x.holder = "a";
+  EXPECT_EQ(check(x, world).text, "Head held by a at 500 ms, found emptyOwner");
+  x.kind = ExpectKind::Holders;
+  x.resource = "Standing";
+  x.names = {"b", "a"};  // order counts: holders stand in the order granted
+  EXPECT_EQ(check(x, world).text, "Standing held by [b, a] at 500 ms, found [a, b]");
+}
