@@ -1,6 +1,7 @@
 // The reports of a tree of groups of groups, and the floor of httpGet: the
 // same text built with plain string appends from pieces prepared beforehand.
 #include <map>
+#include <memory>
 
 #include <benchmark/benchmark.h>
 

@@ -66,14 +66,6 @@ TEST(ValueArray, PushMakesAnArrayAndPopFrontIsHarmless) {
   EXPECT_EQ(text, ZUValue("t"));
 }
 
-TEST(ValueArray, CopiesAreIndependent) {
-  const ZUValue original = array({ZUValue("a")});
-  ZUValue copy = original;
-  copy.arrayPush(ZUValue("b"));
-  EXPECT_EQ(original.size(), 1u);
-  EXPECT_EQ(copy.size(), 2u);
-}
-
 TEST(ValueEquality, ComparesKindAndContent) {
   EXPECT_EQ(ZUValue(), ZUValue());
   EXPECT_EQ(ZUValue("x"), ZUValue(std::string("x")));

@@ -84,7 +84,7 @@ long msSince(Clock::time_point start) {
 // thread safe on its own.
 struct World {
   explicit World(unsigned seed) : seed(seed), broker(boost::make_shared<ZU::ZUBroker>()) {
-    for (int i = 0; i < 8; ++i)
+    for (int i = 0; i < 12; ++i)
       plains.push_back(boost::make_shared<ZU::ZUResource>("R" + std::to_string(i), nullptr));
     for (int i = 0; i < 3; ++i)
       states.push_back(boost::make_shared<ZU::ZUResourceState>("S" + std::to_string(i), nullptr));
@@ -99,7 +99,9 @@ struct World {
     groups = {zutest::makeGroup("G0", {R[0], R[1], S[0]}), g1, g2,
               zutest::makeGroup("G3", {R[5], g2, R[6]}),
               zutest::makeGroup("G4", {R[7], R[1], S[2]}),
-              zutest::makeGroup("G5", {R[6], R[5]})};
+              zutest::makeGroup("G5", {R[6], R[5]}),
+              zutest::makeGroup("G6", {R[8], R[9], R[10]}),
+              zutest::makeGroup("G7", {R[11], R[9]})};
     std::vector<ResourcePtr> all(plains.begin(), plains.end());
     all.insert(all.end(), states.begin(), states.end());
     all.insert(all.end(), groups.begin(), groups.end());
