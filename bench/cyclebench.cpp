@@ -63,7 +63,9 @@ void floorCycle(benchmark::State& state) {
 }
 
 // Passes an owner handle by value, as the library's virtual operations take it.
-__attribute__((noinline)) void passByValue(OwnerPtr owner) { benchmark::DoNotOptimize(owner.get()); }
+__attribute__((noinline)) void passByValue(OwnerPtr owner) {
+  benchmark::DoNotOptimize(owner.get());
+}
 
 // The floor plus the reference counting that the interface itself requires:
 // the owner handle passed by value to waitFor, to the placeholder's conflict

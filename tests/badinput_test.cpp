@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <atomic>
 #include <climits>
+#include <ostream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -160,6 +161,7 @@ struct OddName {
   const char* label;
   std::string text;
 };
+void PrintTo(const OddName& name, std::ostream* out) { *out << name.label; }  // not 1 MB
 
 std::string megabyteOfText() {
   std::string text;

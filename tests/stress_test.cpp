@@ -16,10 +16,13 @@
 // flag: a wait that starts on it for a resource it keeps can likewise hide its
 // release of another resource from that one's waiters.)
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <random>
 #include <set>
@@ -79,9 +82,10 @@ long msSince(Clock::time_point start) {
       std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count());
 }
 
-// Everything the families share. Built before the threads start; afterwards
-// only the counters, the failure list and the hold logs change, each of them
-// thread safe on its own.
+// Everything the families share. Thread safe: the containers are filled
+// before the threads start and never change afterwards (the resources in them
+// are thread safe), the counters are atomic, each hold log locks itself and the
+// failure list is guarded by failuresMutex.
 struct World {
   explicit World(unsigned seed) : seed(seed), broker(boost::make_shared<ZU::ZUBroker>()) {
     for (int i = 0; i < 12; ++i)
@@ -138,7 +142,8 @@ struct World {
 };
 
 // One owner family, driven by one thread: a stack of owners, each the
-// descendant of the one below it, the top one acting.
+// descendant of the one below it, the top one acting. Not shared between
+// threads; its module's task only touches the world's atomic counter.
 class Family {
  public:
   Family(World& world, int index)

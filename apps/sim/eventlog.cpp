@@ -7,26 +7,42 @@ namespace zusim {
 
 const char* kindName(EventKind kind) {
   switch (kind) {
-    case EventKind::Request: return "request";
-    case EventKind::Waiting: return "waiting";
-    case EventKind::Notified: return "notified";
-    case EventKind::Granted: return "granted";
-    case EventKind::NotObtained: return "not obtained";
-    case EventKind::HandedDown: return "handed down";
-    case EventKind::HandedBack: return "handed back";
-    case EventKind::Released: return "released";
-    case EventKind::GaveBack: return "gave back";
-    case EventKind::Switched: return "switched";
-    case EventKind::TimedOut: return "timed out";
-    case EventKind::Stopped: return "stopped";
-    case EventKind::Failed: return "failed";
-    case EventKind::State: return "state";
-    case EventKind::Manager: return "manager";
+    case EventKind::Request:
+      return "request";
+    case EventKind::Waiting:
+      return "waiting";
+    case EventKind::Notified:
+      return "notified";
+    case EventKind::Granted:
+      return "granted";
+    case EventKind::NotObtained:
+      return "not obtained";
+    case EventKind::HandedDown:
+      return "handed down";
+    case EventKind::HandedBack:
+      return "handed back";
+    case EventKind::Released:
+      return "released";
+    case EventKind::GaveBack:
+      return "gave back";
+    case EventKind::Switched:
+      return "switched";
+    case EventKind::TimedOut:
+      return "timed out";
+    case EventKind::Stopped:
+      return "stopped";
+    case EventKind::Failed:
+      return "failed";
+    case EventKind::State:
+      return "state";
+    case EventKind::Manager:
+      return "manager";
   }
   return "?";
 }
 
-EventLog::EventLog(std::ostream* out) : out_(out), start_(Clock::now().time_since_epoch().count()) {}
+EventLog::EventLog(std::ostream* out)
+    : out_(out), start_(Clock::now().time_since_epoch().count()) {}
 
 void EventLog::restart() { start_ = Clock::now().time_since_epoch().count(); }
 

@@ -10,19 +10,32 @@
 namespace zusim {
 
 enum class EventKind {
-  Request, Waiting, Notified, Granted, NotObtained, HandedDown, HandedBack, Released,
-  GaveBack, Switched, TimedOut, Stopped, Failed, State, Manager
+  Request,
+  Waiting,
+  Notified,
+  Granted,
+  NotObtained,
+  HandedDown,
+  HandedBack,
+  Released,
+  GaveBack,
+  Switched,
+  TimedOut,
+  Stopped,
+  Failed,
+  State,
+  Manager
 };
 
 /// The short name of a kind, as the report's marks and legend show it.
 const char* kindName(EventKind kind);
 
 struct Event {
-  long ms = 0;            // since the start of the run
+  long ms = 0;  // since the start of the run
   EventKind kind = EventKind::Request;
-  std::string owner;      // who it is about; empty for the manager
-  std::string resource;   // the lane it belongs on in the timeline
-  std::string text;       // the whole line
+  std::string owner;     // who it is about; empty for the manager
+  std::string resource;  // the lane it belongs on in the timeline
+  std::string text;      // the whole line
 };
 
 /// The run's event log: each event is stamped with the ms since the start,
@@ -57,7 +70,7 @@ class EventLog {
   std::vector<Event> last(std::size_t count) const;
 
  private:
-  std::ostream* out_;  // immutable
+  std::ostream* out_;              // immutable
   std::atomic<Clock::rep> start_;  // atomic: the clock's ticks at the start
   mutable std::mutex mutex_;
   std::vector<Event> events_;  // guarded by mutex_

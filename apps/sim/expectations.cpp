@@ -54,8 +54,7 @@ ExpectResult check(const ExpectSpec& x, World& world) {
     case ExpectKind::Holder:
       return compare(x, x.resource + " held by", x.holder, world.holderOf(x.resource));
     case ExpectKind::Holders:
-      return compare(x, x.resource + " held by", list(x.names),
-                     list(world.holdersOf(x.resource)));
+      return compare(x, x.resource + " held by", list(x.names), list(world.holdersOf(x.resource)));
     case ExpectKind::Activated:
       return compare(x, x.resource, x.activated ? "activated" : "not activated",
                      world.isActivated(x.resource) ? "activated" : "not activated");

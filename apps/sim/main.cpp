@@ -64,7 +64,8 @@ int number(const std::string& text, const std::string& option) {
     value = std::stoi(text, &used);
   } catch (const std::exception&) {
   }
-  if (used != text.size() || value < 0) throw zusim::ScenarioError(option + " needs a number, not \"" + text + "\"");
+  if (used != text.size() || value < 0)
+    throw zusim::ScenarioError(option + " needs a number, not \"" + text + "\"");
   return value;
 }
 
@@ -76,12 +77,18 @@ Options parse(int argc, char** argv) {
       if (i + 1 >= argc) throw zusim::ScenarioError(arg + " needs a value");
       return argv[++i];
     };
-    if (arg == "--report") o.report = value();
-    else if (arg == "--serve") o.port = number(value(), arg);
-    else if (arg == "--linger") o.lingerSeconds = number(value(), arg);
-    else if (arg.compare(0, 1, "-") == 0) throw zusim::ScenarioError("unknown option " + arg);
-    else if (o.scenario.empty()) o.scenario = arg;
-    else throw zusim::ScenarioError("one scenario at a time (" + o.scenario + ", " + arg + ")");
+    if (arg == "--report")
+      o.report = value();
+    else if (arg == "--serve")
+      o.port = number(value(), arg);
+    else if (arg == "--linger")
+      o.lingerSeconds = number(value(), arg);
+    else if (arg.compare(0, 1, "-") == 0)
+      throw zusim::ScenarioError("unknown option " + arg);
+    else if (o.scenario.empty())
+      o.scenario = arg;
+    else
+      throw zusim::ScenarioError("one scenario at a time (" + o.scenario + ", " + arg + ")");
   }
   if (o.scenario.empty()) o.scenario = defaultScenario();
   return o;
@@ -89,7 +96,8 @@ Options parse(int argc, char** argv) {
 
 void printStatus(const std::vector<std::string>& roots) {
   std::cout << "Status page:" << std::endl;
-  for (const std::string& line : zusim::statusPageLines(roots)) std::cout << "  " << line << std::endl;
+  for (const std::string& line : zusim::statusPageLines(roots))
+    std::cout << "  " << line << std::endl;
 }
 
 int printResults(const zusim::RunRecord& record) {

@@ -70,7 +70,8 @@ class Timeline {
   /// The colour of an owner: its place among the declared owners.
   std::string colour(const std::string& owner) const {
     for (std::size_t i = 0; i < scenario_.owners.size(); ++i)
-      if (scenario_.owners[i].name == owner) return kPalette[i % (sizeof kPalette / sizeof *kPalette)];
+      if (scenario_.owners[i].name == owner)
+        return kPalette[i % (sizeof kPalette / sizeof *kPalette)];
     return kNobody;
   }
 
@@ -97,7 +98,8 @@ class Timeline {
     bool state = scenario_.findResource(name)->kind == ResourceKind::State;
     out_ << "<text x=\"8\" y=\"" << y + 19 << "\" font-weight=\"bold\">" << escapeHtml(name)
          << "</text>\n<text x=\"8\" y=\"" << y + 35 << "\" fill=\"#666\" font-size=\"10\">"
-         << escapeHtml((state ? "state" : "plain") + std::string(groups.empty() ? "" : "; ") + groups)
+         << escapeHtml((state ? "state" : "plain") + std::string(groups.empty() ? "" : "; ") +
+                       groups)
          << "</text>\n";
   }
 
@@ -115,8 +117,8 @@ class Timeline {
     int y = top(a.resource);
     out_ << "<rect x=\"" << x(a.fromMs) << "\" y=\"" << y + 2 << "\" width=\""
          << std::max(1.0, x(a.toMs) - x(a.fromMs)) << "\" height=\"" << kLaneHeight - 4
-         << "\" fill=\"" << kActivated << "\"><title>" << escapeHtml(a.resource) << " activated from "
-         << a.fromMs << " to " << a.toMs << " ms</title></rect>\n";
+         << "\" fill=\"" << kActivated << "\"><title>" << escapeHtml(a.resource)
+         << " activated from " << a.fromMs << " to " << a.toMs << " ms</title></rect>\n";
   }
 
   void bar(const Span& s, int dy, int h, bool wait) {
@@ -125,8 +127,9 @@ class Timeline {
     double from = x(s.fromMs), width = std::max(2.0, x(s.toMs) - from);
     std::string c = s.owner.empty() ? kNobody : colour(s.owner);
     std::string who = s.owner.empty() ? "deactivation of " + s.resource : s.owner;
-    std::string title = wait ? who + " waits for " + s.resource + (s.holder.empty() ? "" : ", held by " + s.holder)
-                             : who + " holds " + s.resource;
+    std::string title =
+        wait ? who + " waits for " + s.resource + (s.holder.empty() ? "" : ", held by " + s.holder)
+             : who + " holds " + s.resource;
     out_ << "<g><title>" << escapeHtml(title) << " (" << s.fromMs << " to " << s.toMs
          << " ms)</title><rect x=\"" << from << "\" y=\"" << y + dy << "\" width=\"" << width
          << "\" height=\"" << h << "\" rx=\"3\" fill=\"" << c << "\""
@@ -144,10 +147,10 @@ class Timeline {
     const Mark* m = markOf(e.kind);
     int y = top(e.resource);
     if (!m || y < 0) return;
-    out_ << "<path class=\"mark\" transform=\"translate(" << x(e.ms) << "," << y + 34
-         << ")\" d=\"" << m->shape << "\" fill=\"" << m->colour << "\" stroke=\"" << m->colour
-         << "\" stroke-width=\"2\" fill-opacity=\"0.85\"><title>" << e.ms << " ms: "
-         << escapeHtml(e.text) << "</title></path>\n";
+    out_ << "<path class=\"mark\" transform=\"translate(" << x(e.ms) << "," << y + 34 << ")\" d=\""
+         << m->shape << "\" fill=\"" << m->colour << "\" stroke=\"" << m->colour
+         << "\" stroke-width=\"2\" fill-opacity=\"0.85\"><title>" << e.ms
+         << " ms: " << escapeHtml(e.text) << "</title></path>\n";
   }
 
   const Scenario& scenario_;
@@ -178,7 +181,8 @@ const char kStyle[] =
     "h1{margin-bottom:4px}.summary{color:#444}.ok{color:#2e7d32}.bad{color:#c0392b}"
     ".legend{margin:8px 0 16px;font-size:13px}.legend span{margin-right:14px;white-space:nowrap}"
     ".legend i{display:inline-block;width:14px;height:10px;margin-right:4px;border-radius:2px}"
-    ".legend i.wait{background:#ddd;border:1px dashed #888}.legend i.on{background:#d9f2d9}.legend svg{margin-right:4px;vertical-align:-2px}"
+    ".legend i.wait{background:#ddd;border:1px dashed #888}.legend i.on{background:#d9f2d9}.legend "
+    "svg{margin-right:4px;vertical-align:-2px}"
     "table{border-collapse:collapse;font-size:13px}td{padding:2px 10px;vertical-align:top}"
     "td.ms{text-align:right;color:#555}tr:nth-child(odd){background:#f5f6f8}"
     "pre{background:#f5f6f8;padding:10px;font-size:13px}";
@@ -198,10 +202,10 @@ std::string renderReport(const Scenario& scenario, const std::vector<Event>& eve
   out << "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\"><title>zuresource-sim: "
       << escapeHtml(scenario.title) << "</title><style>" << kStyle << "</style></head><body>\n"
       << "<h1>" << escapeHtml(scenario.title) << "</h1>\n<p class=\"summary\">"
-      << escapeHtml(scenario.description) << "</p>\n<p class=\"summary\">" << escapeHtml(scenario.file)
-      << ": ran " << record.endMs << " ms; expectations: " << record.results.size() - failed
-      << " held, <span class=\"" << (failed ? "bad" : "ok") << "\">" << failed
-      << " failed</span></p>\n<h2>Timeline</h2>\n";
+      << escapeHtml(scenario.description) << "</p>\n<p class=\"summary\">"
+      << escapeHtml(scenario.file) << ": ran " << record.endMs
+      << " ms; expectations: " << record.results.size() - failed << " held, <span class=\""
+      << (failed ? "bad" : "ok") << "\">" << failed << " failed</span></p>\n<h2>Timeline</h2>\n";
   Timeline timeline(scenario, record);
   out << legend(scenario, timeline) << timeline.render(events);
   out << "<h2>Expectations</h2>\n<ul>\n";
@@ -213,7 +217,8 @@ std::string renderReport(const Scenario& scenario, const std::vector<Event>& eve
     out << "<tr><td class=\"ms\">" << e.ms << " ms</td><td>" << escapeHtml(kindName(e.kind))
         << "</td><td>" << escapeHtml(e.text) << "</td></tr>\n";
   out << "</table>\n<h2>Final status page</h2>\n<pre>";
-  for (const std::string& line : statusPageLines(record.finalStatus)) out << escapeHtml(line) << "\n";
+  for (const std::string& line : statusPageLines(record.finalStatus))
+    out << escapeHtml(line) << "\n";
   out << "</pre>\n</body></html>\n";
   return out.str();
 }

@@ -3,10 +3,9 @@
 #include <algorithm>
 #include <fstream>
 #include <functional>
+#include <nlohmann/json.hpp>
 #include <set>
 #include <sstream>
-
-#include <nlohmann/json.hpp>
 
 namespace zusim {
 
@@ -32,8 +31,7 @@ class Entry {
   /// silently ignored.
   void allow(std::initializer_list<const char*> known) const {
     for (auto it = value_.begin(); it != value_.end(); ++it) {
-      if (std::none_of(known.begin(), known.end(),
-                       [&](const char* k) { return it.key() == k; }))
+      if (std::none_of(known.begin(), known.end(), [&](const char* k) { return it.key() == k; }))
         fail("unknown field \"" + it.key() + "\"");
     }
   }
@@ -102,8 +100,7 @@ void forEach(const json& top, const char* key, const std::string& file,
 
 template <typename T>
 bool hasName(const std::vector<T>& items, const std::string& name) {
-  return std::any_of(items.begin(), items.end(),
-                     [&](const T& item) { return item.name == name; });
+  return std::any_of(items.begin(), items.end(), [&](const T& item) { return item.name == name; });
 }
 
 void parseResource(const Entry& e, Scenario& s) {
@@ -124,8 +121,7 @@ void parseResource(const Entry& e, Scenario& s) {
   } else {
     e.fail("unknown kind \"" + kind + "\" (plain, state or group)");
   }
-  if (r.kind != ResourceKind::Group && e.has("members"))
-    e.fail("only a group has \"members\"");
+  if (r.kind != ResourceKind::Group && e.has("members")) e.fail("only a group has \"members\"");
   if (r.kind != ResourceKind::State && e.has("activated"))
     e.fail("only a state resource has \"activated\"");
   s.resources.push_back(r);
@@ -172,16 +168,17 @@ void knownOwner(const Entry& e, const Scenario& s, const std::string& name) {
 
 void parseAction(const Entry& e, Scenario& s) {
   static const std::pair<const char*, ActionKind> kKinds[] = {
-      {"waitFor", ActionKind::WaitFor},   {"release", ActionKind::Release},
-      {"switchOwner", ActionKind::SwitchOwner}, {"setState", ActionKind::SetState},
+      {"waitFor", ActionKind::WaitFor},           {"release", ActionKind::Release},
+      {"switchOwner", ActionKind::SwitchOwner},   {"setState", ActionKind::SetState},
       {"releaseState", ActionKind::ReleaseState}, {"stop", ActionKind::Stop}};
   e.allow({"at", "do", "owner", "resource", "label", "timeout", "noWait", "activated"});
   ActionSpec a;
   a.entry = e.where();
   a.atMs = e.time("at", 0, true);
   std::string what = e.text("do");
-  auto kind = std::find_if(std::begin(kKinds), std::end(kKinds),
-                           [&](const std::pair<const char*, ActionKind>& k) { return what == k.first; });
+  auto kind =
+      std::find_if(std::begin(kKinds), std::end(kKinds),
+                   [&](const std::pair<const char*, ActionKind>& k) { return what == k.first; });
   if (kind == std::end(kKinds))
     e.fail("unknown action \"" + what +
            "\" (waitFor, release, switchOwner, setState, releaseState, stop)");
@@ -197,8 +194,10 @@ void parseAction(const Entry& e, Scenario& s) {
     a.owner = e.text("owner");
     knownOwner(e, s, a.owner);
   }
-  if (a.kind == ActionKind::SetState) a.activated = e.boolean("activated");
-  else if (e.has("activated")) e.fail("only \"setState\" has \"activated\"");
+  if (a.kind == ActionKind::SetState)
+    a.activated = e.boolean("activated");
+  else if (e.has("activated"))
+    e.fail("only \"setState\" has \"activated\"");
   bool takesTimeout = a.kind == ActionKind::WaitFor || a.kind == ActionKind::SwitchOwner;
   if (!takesTimeout && (e.has("timeout") || e.has("label")))
     e.fail("only \"waitFor\" and \"switchOwner\" take \"timeout\" and \"label\"");
@@ -211,8 +210,8 @@ void parseAction(const Entry& e, Scenario& s) {
 }
 
 void parseExpectation(const Entry& e, Scenario& s) {
-  e.allow({"at", "resource", "holder", "holders", "activated", "owner", "outcome",
-           "notObtained", "error", "module", "notified"});
+  e.allow({"at", "resource", "holder", "holders", "activated", "owner", "outcome", "notObtained",
+           "error", "module", "notified"});
   ExpectSpec x;
   x.entry = e.where();
   x.atMs = e.has("at") ? e.time("at", 0) : -1;
@@ -254,7 +253,9 @@ void parseExpectation(const Entry& e, Scenario& s) {
     x.names = e.texts("notified");
     for (const std::string& n : x.names) knownResource(e, s, n);
   } else {
-    e.fail("say what is expected: \"holder\", \"holders\", \"activated\", \"outcome\" or \"notified\"");
+    e.fail(
+        "say what is expected: \"holder\", \"holders\", \"activated\", \"outcome\" or "
+        "\"notified\"");
   }
   s.expectations.push_back(x);
 }
@@ -330,8 +331,8 @@ Scenario parseScenario(const std::string& text, const std::string& file) {
     throw ScenarioError(file + ": not JSON: " + e.what());
   }
   Entry whole(top, file, "scenario");
-  whole.allow({"title", "description", "stopAt", "resources", "modules", "owners", "actions",
-               "expect"});
+  whole.allow(
+      {"title", "description", "stopAt", "resources", "modules", "owners", "actions", "expect"});
   Scenario s;
   s.file = file;
   s.title = whole.text("title", file, false);

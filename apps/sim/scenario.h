@@ -14,8 +14,8 @@ enum class ResourceKind { Plain, State, Group };
 struct ResourceSpec {
   std::string name;
   ResourceKind kind = ResourceKind::Plain;
-  bool activated = false;             // state resources: activated at the start
-  std::vector<std::string> members;   // groups: member names, in order
+  bool activated = false;            // state resources: activated at the start
+  std::vector<std::string> members;  // groups: member names, in order
 };
 
 /// How a module answers "__onResource__": it ignores it, or the owner of the
@@ -27,7 +27,7 @@ struct ModuleSpec {
 };
 
 struct OwnerSpec {
-  std::string name;    // hierarchical: "dance/wave" extends "dance"
+  std::string name;  // hierarchical: "dance/wave" extends "dance"
   std::string module;
 };
 
@@ -37,13 +37,13 @@ enum class ActionKind { WaitFor, Release, SwitchOwner, SetState, ReleaseState, S
 /// owner's own thread; SetState, ReleaseState and Stop (the manager makes the
 /// owner give the resource up, ending its wait) run in the manager's thread.
 struct ActionSpec {
-  std::string entry;   // "actions[3]", for messages
+  std::string entry;  // "actions[3]", for messages
   int atMs = 0;
   ActionKind kind = ActionKind::WaitFor;
-  std::string owner;   // empty for SetState and ReleaseState
+  std::string owner;  // empty for SetState and ReleaseState
   std::string resource;
   std::string label;
-  int timeout = -1;    // seconds, negative: no limit
+  int timeout = -1;  // seconds, negative: no limit
   std::vector<std::string> noWait;
   bool activated = false;  // SetState
 };
@@ -53,18 +53,18 @@ enum class ExpectKind { Holder, Holders, Activated, Outcome, Notified };
 /// One expectation, checked at `atMs` or, when `atMs` is negative, once the
 /// scenario is over.
 struct ExpectSpec {
-  std::string entry;   // "expect[2]"
+  std::string entry;  // "expect[2]"
   int atMs = -1;
   ExpectKind kind = ExpectKind::Holder;
-  std::string resource;  // Holder, Holders, Activated; optional for Outcome
-  std::string owner;     // Outcome
-  std::string module;    // Notified
-  std::string holder;    // Holder: an owner name, or "emptyOwner" for free
+  std::string resource;            // Holder, Holders, Activated; optional for Outcome
+  std::string owner;               // Outcome
+  std::string module;              // Notified
+  std::string holder;              // Holder: an owner name, or "emptyOwner" for free
   std::vector<std::string> names;  // Holders, Notified, Outcome's notObtained
   bool activated = false;
-  std::string outcome;   // "granted", "not obtained", "timed out", "stopped"
-  bool checkNames = false;   // Outcome: "notObtained" was given
-  std::string error;         // Outcome: exact error description, if given
+  std::string outcome;      // "granted", "not obtained", "timed out", "stopped"
+  bool checkNames = false;  // Outcome: "notObtained" was given
+  std::string error;        // Outcome: exact error description, if given
 };
 
 struct Scenario {

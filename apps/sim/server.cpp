@@ -1,8 +1,8 @@
 #include "server.h"
 
-#include <sstream>
-
 #include <httplib.h>
+
+#include <sstream>
 
 #include "html.h"
 
@@ -48,14 +48,17 @@ std::string LiveServer::page() {
       << "<meta http-equiv=\"refresh\" content=\"1\"><title>zuresource-sim live: "
       << escapeHtml(scenario_.title) << "</title><style>" << kStyle << "</style></head><body>\n<h1>"
       << escapeHtml(scenario_.title) << "</h1>\n<p id=\"clock\">";
-  if (status < 0) out << "running: " << log_.now() << " ms";
-  else out << "finished: " << (status == 0 ? "every expectation held" : "some expectations failed");
+  if (status < 0)
+    out << "running: " << log_.now() << " ms";
+  else
+    out << "finished: " << (status == 0 ? "every expectation held" : "some expectations failed");
   out << "</p>\n<h2>Resources</h2>\n<div id=\"status\">\n";
   for (const std::string& line : statusPageLines(simulation_.statusLines()))
     out << "<div class=\"line\">" << escapeHtml(line) << "</div>\n";
   out << "</div>\n<h2>Latest events</h2>\n<table>\n";
   for (const Event& e : log_.last(12))
-    out << "<tr><td class=\"ms\">" << e.ms << " ms</td><td>" << escapeHtml(e.text) << "</td></tr>\n";
+    out << "<tr><td class=\"ms\">" << e.ms << " ms</td><td>" << escapeHtml(e.text)
+        << "</td></tr>\n";
   out << "</table>\n</body></html>\n";
   return out.str();
 }

@@ -46,7 +46,7 @@ class LiveServer {
   const Scenario& scenario_;
   Simulation& simulation_;
   EventLog& log_;
-  std::atomic<int> status_{-1};  // -1 while the scenario runs
+  std::atomic<int> status_{-1};              // -1 while the scenario runs
   std::unique_ptr<httplib::Server> server_;  // set by start(), before the thread
   std::thread thread_;
 };

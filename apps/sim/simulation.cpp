@@ -1,13 +1,12 @@
 #include "simulation.h"
 
-#include <algorithm>
-#include <thread>
-
-#include <boost/make_shared.hpp>
-
 #include <zuhost/zumutex.h>
 #include <zuresource/zuresourcelist.h>
 #include <zuresource/zuresourcestate.h>
+
+#include <algorithm>
+#include <boost/make_shared.hpp>
+#include <thread>
 
 namespace zusim {
 
@@ -18,6 +17,8 @@ const char kStopError[] = "box stop while waiting";
 const char kFree[] = "emptyOwner";
 // Often enough to see a wait begin long before its first 200 ms poll.
 const std::chrono::milliseconds kWatchPeriod(5);
+// Changes this close together are taken as one step of the library.
+const std::chrono::milliseconds kSameMoment(50);
 
 std::string join(const std::vector<std::string>& names) {
   std::string out;
@@ -57,10 +58,9 @@ struct Simulation::Owner {
   std::mutex calls;
 
   // Guarded by Simulation::mutex_.
-  std::string pending;                // the resource it waits for now
+  std::string pending;                     // the resource it waits for now
   std::vector<std::string> pendingNoWait;  // and the names it will not wait for
-  long pendingSince = 0;
-  std::vector<std::string> acquired;  // what it asked for and holds, oldest first
+  std::vector<std::string> acquired;       // what it asked for and holds, oldest first
   std::vector<Outcome> outcomes;
 
   Owner(const OwnerSpec& s, boost::shared_ptr<ZU::ZUOwner> o) : spec(s), owner(std::move(o)) {}
@@ -76,7 +76,8 @@ struct Simulation::Module {
   boost::shared_ptr<ZU::ZUModule> module;  // immutable until the destructor
   std::vector<std::string> notified;       // guarded by Simulation::mutex_
 
-  explicit Module(const ModuleSpec& s) : spec(s), module(boost::make_shared<ZU::ZUModule>(s.name)) {}
+  explicit Module(const ModuleSpec& s)
+      : spec(s), module(boost::make_shared<ZU::ZUModule>(s.name)) {}
 };
 
 Simulation::Simulation(const Scenario& scenario, EventLog& log)
@@ -84,8 +85,10 @@ Simulation::Simulation(const Scenario& scenario, EventLog& log)
   for (const ResourceSpec& r : scenario.resources) {
     boost::shared_ptr<ZU::ZUResource> made;
     if (r.kind == ResourceKind::Plain) made = boost::make_shared<ZU::ZUResource>(r.name, nullptr);
-    if (r.kind == ResourceKind::State) made = boost::make_shared<ZU::ZUResourceState>(r.name, nullptr);
-    if (r.kind == ResourceKind::Group) made = boost::make_shared<ZU::ZUResourceList>(r.name, nullptr);
+    if (r.kind == ResourceKind::State)
+      made = boost::make_shared<ZU::ZUResourceState>(r.name, nullptr);
+    if (r.kind == ResourceKind::Group)
+      made = boost::make_shared<ZU::ZUResourceList>(r.name, nullptr);
     resources_[r.name] = made;
   }
   for (const ResourceSpec& r : scenario.resources) {
@@ -104,11 +107,13 @@ Simulation::Simulation(const Scenario& scenario, EventLog& log)
   for (const ResourceSpec& r : scenario.resources)
     if (r.kind == ResourceKind::State) givers.push_back(r.name);
   for (const OwnerSpec& o : scenario.owners) {
-    owners_.push_back(std::make_unique<Owner>(o, ZU::ZUResource::createOwner(0, o.name, o.module, nullptr)));
+    owners_.push_back(
+        std::make_unique<Owner>(o, ZU::ZUResource::createOwner(0, o.name, o.module, nullptr)));
     owners_.back()->owner->setParentBroker(broker_);
-    owners_.back()->mayBeHandedDown = std::any_of(givers.begin(), givers.end(), [&](const std::string& g) {
-      return g.size() < o.name.size() && o.name.compare(0, g.size(), g) == 0;
-    });
+    owners_.back()->mayBeHandedDown =
+        std::any_of(givers.begin(), givers.end(), [&](const std::string& g) {
+          return g.size() < o.name.size() && o.name.compare(0, g.size(), g) == 0;
+        });
   }
 }
 
@@ -143,7 +148,8 @@ RunRecord Simulation::run() {
   std::thread manager(&Simulation::managerThread, this, managerActions);
   std::vector<std::thread> threads;
   for (const auto& entry : byOwner)
-    threads.emplace_back(&Simulation::ownerThread, this, std::ref(ownerNamed(entry.first)), entry.second);
+    threads.emplace_back(&Simulation::ownerThread, this, std::ref(ownerNamed(entry.first)),
+                         entry.second);
   // Time 0 is when every thread is ready: making threads can take long.
   log_.restart();
   {
@@ -156,7 +162,8 @@ RunRecord Simulation::run() {
   std::vector<Owner*> stuck;
   {
     std::unique_lock<std::mutex> lock(mutex_);
-    if (!ownersDone_.wait_until(lock, log_.at(scenario_.stopAtMs), [this] { return running_ == 0; }))
+    if (!ownersDone_.wait_until(lock, log_.at(scenario_.stopAtMs),
+                                [this] { return running_ == 0; }))
       for (auto& o : owners_)
         if (!o->pending.empty()) stuck.push_back(o.get());
   }
@@ -233,15 +240,16 @@ void Simulation::checkerThread(std::vector<ExpectResult>& results) {
 
 void Simulation::waitFor(Owner& o, const ActionSpec& a) {
   const std::string& who = o.spec.name;
-  std::string limit = a.timeout < 0 ? "no time limit" : "time limit " + std::to_string(a.timeout) + " s";
+  std::string limit =
+      a.timeout < 0 ? "no time limit" : "time limit " + std::to_string(a.timeout) + " s";
   if (!a.noWait.empty()) limit += ", no wait for " + join(a.noWait);
-  log_.add(EventKind::Request, who, a.resource, who + " requests " + a.resource + " (" + limit + ")");
+  log_.add(EventKind::Request, who, a.resource,
+           who + " requests " + a.resource + " (" + limit + ")");
   std::map<std::string, std::string> before = leafHolders(a.resource);
   {
     std::lock_guard<std::mutex> lock(mutex_);
     o.pending = a.resource;
     o.pendingNoWait = a.noWait;
-    o.pendingSince = log_.now();
   }
   Outcome out;
   out.resource = a.resource;
@@ -261,8 +269,8 @@ void Simulation::waitFor(Owner& o, const ActionSpec& a) {
   } catch (const ZU::ZUError& e) {
     out.error = e.getDescription();
     out.kind = out.error.compare(0, sizeof kTimeoutError - 1, kTimeoutError) == 0 ? "timed out"
-               : out.error == kStopError                                         ? "stopped"
-                                                                                 : "failed";
+               : out.error == kStopError                                          ? "stopped"
+                                                                                  : "failed";
   }
   if (calls) calls.unlock();
   finish(o, out);
@@ -275,7 +283,6 @@ void Simulation::finish(Owner& o, const Outcome& result) {
   for (const std::string& l : leaves)
     if (holds(l, who)) heldNow.push_back(l);
   std::lock_guard<std::mutex> lock(mutex_);
-  long since = o.pendingSince;
   Outcome out = result;
   out.ms = log_.now();
   o.pending.clear();
@@ -298,13 +305,18 @@ void Simulation::finish(Owner& o, const Outcome& result) {
     EventKind kind = out.kind == "timed out" ? EventKind::TimedOut
                      : out.kind == "stopped" ? EventKind::Stopped
                                              : EventKind::Failed;
-    log_.add(kind, who, lane, who + "'s wait for " + result.resource + " fails: \"" + out.error + "\"");
-    // What the owner took during the request and no longer holds was given back.
+    log_.add(kind, who, lane,
+             who + "'s wait for " + result.resource + " fails: \"" + out.error + "\"");
+    // What the owner held in the group until the failure, and no longer holds,
+    // was given back by the group on the way out. A holding that ended well
+    // before the failure was let go for another reason.
     std::vector<std::string> given;
-    for (const Span& h : holdings_)
-      if (h.owner == who && contains(leaves, h.resource) && (h.toMs < 0 || h.toMs >= since) &&
+    for (const Span& h : holdings_) {
+      bool untilTheFailure = h.toMs < 0 || h.toMs >= out.ms - kSameMoment.count();
+      if (h.owner == who && untilTheFailure && contains(leaves, h.resource) &&
           !contains(heldNow, h.resource) && !contains(given, h.resource) && h.resource != lane)
         given.push_back(h.resource);
+    }
     for (const std::string& g : given)
       log_.add(EventKind::GaveBack, who, g,
                who + " gives back " + g + ": its wait for " + result.resource + " failed");
@@ -330,9 +342,12 @@ void Simulation::release(Owner& o, const std::string& name, const std::string& w
     }
   }
   if (!released.empty())
-    log_.add(EventKind::Released, who, name,
-             who + " releases " + (released.size() == 1 && released[0] == name ? name
-                                   : name + " (" + join(released) + ")") + why);
+    log_.add(
+        EventKind::Released, who, name,
+        who + " releases " +
+            (released.size() == 1 && released[0] == name ? name
+                                                         : name + " (" + join(released) + ")") +
+            why);
   if (heldBefore.empty())
     log_.add(EventKind::Released, who, name,
              who + " gives up " + name + ", which it does not hold" + why);
@@ -349,7 +364,8 @@ void Simulation::switchOwner(Owner& o, const ActionSpec& a) {
   resource(a.resource)->switchOwner(o.owner, a.label, a.timeout);
   if (calls) calls.unlock();
   log_.add(EventKind::Switched, o.spec.name, a.resource,
-           a.resource + " is switched over to " + o.spec.name + (was.empty() ? "" : " (was " + was + ")"));
+           a.resource + " is switched over to " + o.spec.name +
+               (was.empty() ? "" : " (was " + was + ")"));
   std::lock_guard<std::mutex> lock(mutex_);
   o.acquired.push_back(a.resource);
 }
@@ -357,8 +373,9 @@ void Simulation::switchOwner(Owner& o, const ActionSpec& a) {
 void Simulation::setState(const ActionSpec& a) {
   ZU::ZUResourceState* state = stateResource(a.resource);
   if (a.kind == ActionKind::SetState) {
-    log_.add(EventKind::State, "", a.resource,
-             a.resource + (a.activated ? " is activated" : " is deactivated; its holders are told"));
+    log_.add(
+        EventKind::State, "", a.resource,
+        a.resource + (a.activated ? " is activated" : " is deactivated; its holders are told"));
     state->setState(a.activated);
     return;
   }
@@ -462,8 +479,8 @@ void Simulation::observe(const Sample& now, long ms) {
                  h.second + " takes " + h.first + ", a member of " + o->pending);
   }
   for (const auto& h : now.holders) {
-    std::vector<std::string> was = last_.holders.count(h.first) ? last_.holders.at(h.first)
-                                                                 : std::vector<std::string>();
+    std::vector<std::string> was =
+        last_.holders.count(h.first) ? last_.holders.at(h.first) : std::vector<std::string>();
     for (const std::string& name : was)
       if (!contains(h.second, name)) close(holdings_, h.first, name, ms);
     for (const std::string& name : h.second)
@@ -471,13 +488,14 @@ void Simulation::observe(const Sample& now, long ms) {
   }
   for (const auto& a : now.activated) {
     bool was = last_.activated.count(a.first) && last_.activated.at(a.first);
-    if (a.second && (!was || activations_.empty())) activations_.push_back({a.first, "", ms, -1, ""});
+    if (a.second && (!was || activations_.empty()))
+      activations_.push_back({a.first, "", ms, -1, ""});
     if (!a.second && was) close(activations_, a.first, "", ms);
   }
   for (std::size_t i = 0; i < now.waiters.size(); ++i) {
     const Sample::Waiters& on = now.waiters[i];
-    std::vector<std::string> was = i < last_.waiters.size() ? last_.waiters[i].modules
-                                                            : std::vector<std::string>();
+    std::vector<std::string> was =
+        i < last_.waiters.size() ? last_.waiters[i].modules : std::vector<std::string>();
     std::map<std::string, int> change;
     for (const std::string& m : on.modules) ++change[m];
     for (const std::string& m : was) --change[m];
@@ -498,10 +516,11 @@ void Simulation::noticeWaiter(const Sample& now, const Sample::Waiters& on,
     if (o->spec.module != module || o->pending.empty()) continue;
     for (const std::string& l : scenario_.leavesOf(o->pending)) {
       if (contains(o->pendingNoWait, l)) continue;
-      bool heldByIt = now.holder.count(l) ? now.holder.at(l) == on.holder
-                                          : contains(now.holders.count(l) ? now.holders.at(l)
-                                                                          : std::vector<std::string>(),
-                                                     on.holder);
+      bool heldByIt =
+          now.holder.count(l)
+              ? now.holder.at(l) == on.holder
+              : contains(now.holders.count(l) ? now.holders.at(l) : std::vector<std::string>(),
+                         on.holder);
       if (on.activation ? l != on.holder : !heldByIt) continue;
       waits_.push_back({l, o->spec.name, ms, -1, on.holder});
       log_.add(EventKind::Waiting, o->spec.name, l,

@@ -3,19 +3,18 @@
 // The runner: builds the resource tree, the broker, its modules and the
 // owners of a scenario, and plays the scenario's timeline for real.
 
+#include <zuhost/zubroker.h>
+#include <zuresource/zuresource.h>
+#include <zuresource/zuresourcestate.h>
+
 #include <atomic>
+#include <boost/shared_ptr.hpp>
 #include <condition_variable>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
-
-#include <boost/shared_ptr.hpp>
-
-#include <zuhost/zubroker.h>
-#include <zuresource/zuresource.h>
-#include <zuresource/zuresourcestate.h>
 
 #include "eventlog.h"
 #include "expectations.h"
@@ -27,7 +26,7 @@ namespace zusim {
 /// activation. `toMs` is negative while it lasts.
 struct Span {
   std::string resource;
-  std::string owner;   // empty for a deactivation's wait and an activation
+  std::string owner;  // empty for a deactivation's wait and an activation
   long fromMs = 0;
   long toMs = -1;
   std::string holder;  // waits: the owner waited on
@@ -81,8 +80,8 @@ class Simulation : public World {
     std::map<std::string, std::vector<std::string>> holders;  // state -> owner names
     std::map<std::string, bool> activated;                    // state -> activated
     struct Waiters {
-      std::string holder;        // an owner's name, or a state resource's
-      bool activation = false;   // the waits for a state resource's activation
+      std::string holder;       // an owner's name, or a state resource's
+      bool activation = false;  // the waits for a state resource's activation
       std::vector<std::string> modules;
     };
     std::vector<Waiters> waiters;  // same order in every sample
@@ -141,8 +140,8 @@ class Simulation : public World {
   /// ours; a state resource's holdersMutex.
   bool holds(const std::string& leaf, const std::string& owner);
   /// Ends the open spans of `owner` on `resource` at `ms`.
-  static void close(std::vector<Span>& spans, const std::string& resource,
-                    const std::string& owner, long ms);
+  static void close(std::vector<Span>& spans, const std::string& resource, const std::string& owner,
+                    long ms);
 
   Owner& ownerNamed(const std::string& name);
   boost::shared_ptr<ZU::ZUResource> resource(const std::string& name) const;

@@ -1,12 +1,12 @@
 // Expectations compare only what they name, against the latest request that
 // matches, and say what was found when they fail.
+#include "expectations.h"
+
 #include <gtest/gtest.h>
 
 #include <map>
 #include <string>
 #include <vector>
-
-#include "expectations.h"
 
 using namespace zusim;
 
@@ -37,11 +37,10 @@ ExpectSpec outcome(const std::string& resource, const std::string& kind) {
 class Expectations : public ::testing::Test {
  protected:
   Expectations() {
-    world.outcomes["a"] = {
-        {"Head", "timed out", {}, "resource wait has timeouted on Head", 100},
-        {"Arms", "not obtained", {"LeftArm"}, "", 200},
-        {"Head", "granted", {}, "", 300},
-        {"Legs", "stopped", {}, "box stop while waiting", 400}};
+    world.outcomes["a"] = {{"Head", "timed out", {}, "resource wait has timeouted on Head", 100},
+                           {"Arms", "not obtained", {"LeftArm"}, "", 200},
+                           {"Head", "granted", {}, "", 300},
+                           {"Legs", "stopped", {}, "box stop while waiting", 400}};
   }
   FakeWorld world;
 };
@@ -63,8 +62,9 @@ TEST_F(Expectations, OutcomeComparesTheErrorAndNamesOnlyWhenGiven) {
   EXPECT_TRUE(check(x, world).held);
   x.checkNames = true;
   x.names = {"RightArm"};
-  EXPECT_EQ(check(x, world).text,
-            "a's request of Arms: not obtained [RightArm] at the end, found not obtained [LeftArm]");
+  EXPECT_EQ(
+      check(x, world).text,
+      "a's request of Arms: not obtained [RightArm] at the end, found not obtained [LeftArm]");
   x = outcome("Legs", "stopped");
   x.error = "box stop while waiting";
   EXPECT_TRUE(check(x, world).held);

@@ -1,11 +1,12 @@
 // The report and the status page: names and lines are shown as text, the
 // timeline has a lane per resource that can be held and a bar per holding.
+#include "report.h"
+
 #include <gtest/gtest.h>
 
 #include <string>
 
 #include "html.h"
-#include "report.h"
 
 using namespace zusim;
 
@@ -28,7 +29,8 @@ class Report : public ::testing::Test {
                              "r.json");
     const std::string evil = "<script>alert(1)</script>";
     record.endMs = 1000;
-    record.holdings = {{"<b>Eye</b>", evil, 0, 400, ""}, {"Head", evil, 0, 300, ""}, {"Head", "b", 500, 900, ""}};
+    record.holdings = {
+        {"<b>Eye</b>", evil, 0, 400, ""}, {"Head", evil, 0, 300, ""}, {"Head", "b", 500, 900, ""}};
     record.waits = {{"Head", "b", 100, 500, evil}};
     record.activations = {{"Standing", "", 200, 800, ""}};
     record.finalStatus = {"---Face<br />------<b>Eye</b> -> M eStrong [] 0<br />------Head<br />"};
@@ -71,8 +73,9 @@ TEST_F(Report, TimelineHasALanePerHoldableResourceAndABarPerSpan) {
 }
 
 TEST(StatusPage, LinesAreCutAfterEachBreakWhichStays) {
-  EXPECT_EQ(statusPageLines({"---G<br />------A -> M eStrong [] 0<br />", "---S Waiter: []<br />", "x"}),
-            (std::vector<std::string>{"---G<br />", "------A -> M eStrong [] 0<br />",
-                                      "---S Waiter: []<br />", "x"}));
+  EXPECT_EQ(
+      statusPageLines({"---G<br />------A -> M eStrong [] 0<br />", "---S Waiter: []<br />", "x"}),
+      (std::vector<std::string>{"---G<br />", "------A -> M eStrong [] 0<br />",
+                                "---S Waiter: []<br />", "x"}));
   EXPECT_EQ(escapeHtml("a<b>&\"'"), "a&lt;b&gt;&amp;&quot;&#39;");
 }

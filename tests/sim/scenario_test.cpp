@@ -1,11 +1,11 @@
 // Reading scenario files: the tree, the timeline, and the refusals that name
 // the file, the entry and the fault.
+#include "scenario.h"
+
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
-
-#include "scenario.h"
 
 using zusim::parseScenario;
 using zusim::Scenario;
@@ -37,7 +37,9 @@ std::string refusal(const std::string& text) {
   return "accepted";
 }
 
-std::string refusalWithCast(const std::string& rest) { return refusal("{" + kCast + ", " + rest + "}"); }
+std::string refusalWithCast(const std::string& rest) {
+  return refusal("{" + kCast + ", " + rest + "}");
+}
 
 }  // namespace
 
@@ -91,7 +93,8 @@ TEST(Scenario, RefusesFaultsNamingFileEntryAndWhat) {
   };
   for (const auto& c : cases) {
     std::string message = refusalWithCast(c.first);
-    EXPECT_EQ(message.compare(0, c.second.size(), c.second), 0) << c.first << "\n  gave: " << message;
+    EXPECT_EQ(message.compare(0, c.second.size(), c.second), 0)
+        << c.first << "\n  gave: " << message;
   }
 }
 

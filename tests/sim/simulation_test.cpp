@@ -1,13 +1,13 @@
 // What the simulator reports of a real run: it observes the library from
 // outside, so these check that each event is told of the right owner and
 // resource, and only when it happened.
+#include "simulation.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <string>
 #include <vector>
-
-#include "simulation.h"
 
 using namespace zusim;
 
@@ -54,7 +54,8 @@ TEST(Simulation, WaitsAreToldOfTheRequesterWhoseResourceTheHolderHolds) {
       {"at": 100, "owner": "x", "do": "waitFor", "resource": "Head", "timeout": 0}]})");
   std::vector<std::string> waits = run.texts(EventKind::Waiting);
   std::sort(waits.begin(), waits.end());
-  EXPECT_EQ(waits, (std::vector<std::string>{"x waits for Head, held by h1", "y waits for Arm, held by h2"}));
+  EXPECT_EQ(waits, (std::vector<std::string>{"x waits for Head, held by h1",
+                                             "y waits for Arm, held by h2"}));
   ASSERT_EQ(run.record.waits.size(), 2u);
   for (const Span& w : run.record.waits) EXPECT_GE(w.toMs, w.fromMs + 150) << w.owner;
   EXPECT_EQ(run.texts(EventKind::TimedOut).size(), 2u);
@@ -70,7 +71,8 @@ TEST(Simulation, GroupWaitIsOnTheFirstMemberNotSkipped) {
     "actions": [
       {"at": 0, "owner": "h", "do": "waitFor", "resource": "Body"},
       {"at": 100, "owner": "x", "do": "waitFor", "resource": "Body", "timeout": 0, "noWait": ["Head"]}]})");
-  EXPECT_EQ(run.texts(EventKind::Waiting), (std::vector<std::string>{"x waits for Arm, held by h"}));
+  EXPECT_EQ(run.texts(EventKind::Waiting),
+            (std::vector<std::string>{"x waits for Arm, held by h"}));
 }
 
 // A group wait that fails gives back what it took on the way, and only that.
@@ -87,7 +89,8 @@ TEST(Simulation, FailedGroupWaitReportsTheMembersItGaveBack) {
   EXPECT_EQ(run.texts(EventKind::Granted),
             (std::vector<std::string>{"arm is granted Arm", "body takes Head, a member of Body"}));
   EXPECT_EQ(run.texts(EventKind::TimedOut),
-            (std::vector<std::string>{"body's wait for Body fails: \"resource wait has timeouted on Arm\""}));
+            (std::vector<std::string>{
+                "body's wait for Body fails: \"resource wait has timeouted on Arm\""}));
   EXPECT_EQ(run.texts(EventKind::GaveBack),
             (std::vector<std::string>{"body gives back Head: its wait for Body failed"}));
   EXPECT_TRUE(run.record.allHeld());
@@ -109,9 +112,11 @@ TEST(Simulation, HandDownIsToldOnlyWhenTheHolderYields) {
       {"at": 200, "owner": "ab", "do": "waitFor", "resource": "Head"},
       {"at": 250, "owner": "ab", "do": "release", "resource": "Head"}],
     "expect": [{"resource": "Head", "holder": "a"}]})");
-  EXPECT_EQ(run.texts(EventKind::HandedDown), (std::vector<std::string>{"Head is handed down from a to ab"}));
+  EXPECT_EQ(run.texts(EventKind::HandedDown),
+            (std::vector<std::string>{"Head is handed down from a to ab"}));
   EXPECT_EQ(run.texts(EventKind::HandedBack),
-            (std::vector<std::string>{"Head is handed back from ab to a", "Head is handed back from ab to a"}));
+            (std::vector<std::string>{"Head is handed back from ab to a",
+                                      "Head is handed back from ab to a"}));
   EXPECT_EQ(run.texts(EventKind::Released), (std::vector<std::string>{"a releases Head"}));
   EXPECT_TRUE(run.record.allHeld());
 }
@@ -132,8 +137,10 @@ TEST(Simulation, ModuleReleasesTheRequestThatHoldsTheWantedResource) {
     "expect": [{"resource": "L", "holder": "emptyOwner"}, {"resource": "R", "holder": "point"},
                {"resource": "Standing", "holders": []}, {"module": "Dance", "notified": ["R", "Standing"]}]})");
   std::vector<std::string> released = run.texts(EventKind::Released);
-  EXPECT_EQ(released, (std::vector<std::string>{"dance releases Arms (L, R) after \"__onResource__\"",
-                                                "dance releases Standing after \"__onResource__\""}));
-  EXPECT_EQ(run.texts(EventKind::Waiting).back(), "the deactivation of Standing waits for dance to let go");
+  EXPECT_EQ(released,
+            (std::vector<std::string>{"dance releases Arms (L, R) after \"__onResource__\"",
+                                      "dance releases Standing after \"__onResource__\""}));
+  EXPECT_EQ(run.texts(EventKind::Waiting).back(),
+            "the deactivation of Standing waits for dance to let go");
   EXPECT_TRUE(run.record.allHeld());
 }
