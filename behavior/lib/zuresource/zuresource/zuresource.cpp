@@ -133,8 +133,9 @@ std::vector<std::string> ZUResource::waitFor(boost::shared_ptr<ZUOwner> owner,
       const boost::shared_ptr<ZUOwner>& holder = currentOwner.loadOr(emptyOwner, copy);
       if (owner->name == holder->name) return std::vector<std::string>();
 
-      // Ask the holder: this may wait up to the time limit, or throw.
-      if (holder->conflict(name, owner, timeout)) {
+      // Ask the holder: this may wait up to the time limit, or throw. Our own
+      // placeholder is a weak owner, whose answer is always a plain no.
+      if (holder != emptyOwner && holder->conflict(name, owner, timeout)) {
         currentOwner.store(std::move(owner));  // handed down to a descendant
         return std::vector<std::string>();
       }
