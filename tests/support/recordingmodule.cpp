@@ -6,7 +6,7 @@ namespace zutest {
 
 RecordingModule::RecordingModule(const boost::shared_ptr<ZU::ZUBroker>& broker,
                                  const std::string& name)
-    : module_(boost::make_shared<ZU::ZUModule>(name)) {
+    : broker_(broker), module_(boost::make_shared<ZU::ZUModule>(name)) {
   module_->bindMethod<std::string>("__onResource__", [this](const std::string& resource) {
     std::function<void(const std::string&)> action;
     {
@@ -17,6 +17,12 @@ RecordingModule::RecordingModule(const boost::shared_ptr<ZU::ZUBroker>& broker,
     if (action) action(resource);
   });
   broker->addModule(module_);
+}
+
+RecordingModule::~RecordingModule() {
+  if (boost::shared_ptr<ZU::ZUBroker> broker = broker_.lock())
+    if (broker->getModule(module_->getName()) == module_) broker->removeModule(module_->getName());
+  module_.reset();  // the last handle, unless a test kept one: stops the task thread
 }
 
 void RecordingModule::onResource(std::function<void(const std::string&)> action) {

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include <boost/shared_ptr.hpp>
+#include <boost/weak_ptr.hpp>
 
 #include <zuhost/zubroker.h>
 
@@ -17,6 +18,11 @@ class RecordingModule {
  public:
   /// Registers a module named `name` on `broker`.
   RecordingModule(const boost::shared_ptr<ZU::ZUBroker>& broker, const std::string& name);
+  /// Unregisters the module and stops it (a running call is waited for, queued
+  /// ones are dropped), so that no call reaches a destroyed recorder.
+  ~RecordingModule();
+  RecordingModule(const RecordingModule&) = delete;
+  RecordingModule& operator=(const RecordingModule&) = delete;
 
   /// Runs `action(resourceName)` in the module's task after recording a call.
   void onResource(std::function<void(const std::string&)> action);
@@ -27,6 +33,7 @@ class RecordingModule {
   const boost::shared_ptr<ZU::ZUModule>& module() const { return module_; }
 
  private:
+  boost::weak_ptr<ZU::ZUBroker> broker_;
   boost::shared_ptr<ZU::ZUModule> module_;
   mutable std::mutex mutex_;
   std::vector<std::string> calls_;                  // guarded by mutex_
