@@ -97,7 +97,7 @@ TEST_F(StateResourceTest, EndlessWaitIsGrantedWithinOnePollOfActivation) {
 
   zutest::Stopwatch watch;
   s->setState(true);
-  const bool inTime = waiter.joinFor(200 + zutest::kLateToleranceMs);
+  const bool inTime = waiter.joinFor(200 + zutest::lateToleranceMs());
   const long elapsed = watch.elapsedMs();
   if (!inTime) {  // end a wait that activation missed
     m->freeResource();
