@@ -204,6 +204,9 @@ TEST_F(HostFaultTest, ModuleDestroyedWithTasksQueued) {
   WaitForRun first(r0, makeOwner("w0", "W0"), 1), second(r1, makeOwner("w1", "W1"), 1);
   WaitForRun unlimited(r2, makeOwner("w2", "W2"), INT_MIN);
   ASSERT_TRUE(zutest::waitUntil([&] { return module->startedTasks() == 3; }));
+  // The first call must be running (held at the gate) before the module goes:
+  // on a loaded machine the task thread may not have picked it up yet.
+  ASSERT_TRUE(zutest::waitUntil([&] { return calls == 1; }));
 
   broker->removeModule("H");
   zutest::GuardedThread destroyer([&module] { module.reset(); });  // waits for the running task

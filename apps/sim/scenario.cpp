@@ -209,9 +209,23 @@ void parseAction(const Entry& e, Scenario& s) {
   s.actions.push_back(a);
 }
 
+/// {"deadlock": true|false} or {"staleWait": true|false}, optionally narrowed
+/// to the owners involved and a resource waited for.
+void parseDiagnosis(const Entry& e, const Scenario& s, ExpectSpec& x) {
+  if (e.has("deadlock") && e.has("staleWait")) e.fail("one of \"deadlock\" and \"staleWait\"");
+  x.kind = e.has("deadlock") ? ExpectKind::Deadlock : ExpectKind::StaleWait;
+  x.reported = e.boolean(e.has("deadlock") ? "deadlock" : "staleWait");
+  x.names = e.texts("owners");
+  if (e.has("owners") && x.names.empty()) e.fail("\"owners\" names no owner");
+  for (const std::string& n : x.names) knownOwner(e, s, n);
+  x.resource = e.optionalText("resource");
+  if (!x.resource.empty() && knownResource(e, s, x.resource).kind == ResourceKind::Group)
+    e.fail("waits are on plain and state resources; \"" + x.resource + "\" is a group");
+}
+
 void parseExpectation(const Entry& e, Scenario& s) {
   e.allow({"at", "resource", "holder", "holders", "activated", "owner", "outcome", "notObtained",
-           "error", "module", "notified"});
+           "error", "module", "notified", "deadlock", "staleWait", "owners"});
   ExpectSpec x;
   x.entry = e.where();
   x.atMs = e.has("at") ? e.time("at", 0) : -1;
@@ -252,11 +266,15 @@ void parseExpectation(const Entry& e, Scenario& s) {
     if (!s.findModule(x.module)) e.fail("unknown module \"" + x.module + "\"");
     x.names = e.texts("notified");
     for (const std::string& n : x.names) knownResource(e, s, n);
+  } else if (e.has("deadlock") || e.has("staleWait")) {
+    parseDiagnosis(e, s, x);
   } else {
     e.fail(
-        "say what is expected: \"holder\", \"holders\", \"activated\", \"outcome\" or "
-        "\"notified\"");
+        "say what is expected: \"holder\", \"holders\", \"activated\", \"outcome\", "
+        "\"notified\", \"deadlock\" or \"staleWait\"");
   }
+  if (x.kind != ExpectKind::Deadlock && x.kind != ExpectKind::StaleWait && e.has("owners"))
+    e.fail("only \"deadlock\" and \"staleWait\" take \"owners\"");
   s.expectations.push_back(x);
 }
 

@@ -48,23 +48,26 @@ struct ActionSpec {
   bool activated = false;  // SetState
 };
 
-enum class ExpectKind { Holder, Holders, Activated, Outcome, Notified };
+enum class ExpectKind { Holder, Holders, Activated, Outcome, Notified, Deadlock, StaleWait };
 
 /// One expectation, checked at `atMs` or, when `atMs` is negative, once the
-/// scenario is over.
+/// scenario is over. A Deadlock or StaleWait expectation asks whether one was
+/// reported by then (at any time of the run when checked at the end).
 struct ExpectSpec {
   std::string entry;  // "expect[2]"
   int atMs = -1;
   ExpectKind kind = ExpectKind::Holder;
-  std::string resource;            // Holder, Holders, Activated; optional for Outcome
+  std::string resource;            // Holder, Holders, Activated; optional for the others
   std::string owner;               // Outcome
   std::string module;              // Notified
   std::string holder;              // Holder: an owner name, or "emptyOwner" for free
-  std::vector<std::string> names;  // Holders, Notified, Outcome's notObtained
+  std::vector<std::string> names;  // Holders, Notified, Outcome's notObtained;
+                                   // Deadlock, StaleWait: the owners involved, if given
   bool activated = false;
   std::string outcome;      // "granted", "not obtained", "timed out", "stopped"
   bool checkNames = false;  // Outcome: "notObtained" was given
   std::string error;        // Outcome: exact error description, if given
+  bool reported = false;    // Deadlock, StaleWait: whether one is expected
 };
 
 struct Scenario {
