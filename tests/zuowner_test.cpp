@@ -1,65 +1,43 @@
-// Services of the owner base: defaults, self handle and parent-owner records.
+// The owner base and the weak owner, which adds to it only a conflict that
+// declines: a placeholder that never contests and is never stopped.
 #include <boost/make_shared.hpp>
 #include <gtest/gtest.h>
 
-#include <zuresource/zuowner.h>
+#include <zuresource/zuownerstrong.h>
+#include <zuresource/zuownerweak.h>
+
+using ZU::ZUOwnerStrong;
+using ZU::ZUOwnerWeak;
 
 namespace {
 
-/// The bare base, to see its own defaults (ZUOwner's destructor is protected).
-class PlainOwner final : public ZU::ZUOwner {
- public:
-  bool conflict(const std::string&, boost::shared_ptr<ZU::ZUOwner>, int) override {
-    return false;
-  }
-};
-
-class OwnerBaseTest : public ::testing::Test {
+class WeakOwnerTest : public ::testing::Test {
  protected:
-  boost::shared_ptr<PlainOwner> owner = boost::make_shared<PlainOwner>();
+  boost::shared_ptr<ZUOwnerWeak> weak = boost::make_shared<ZUOwnerWeak>("box/x", "xModule");
+  boost::shared_ptr<ZUOwnerStrong> strong = boost::make_shared<ZUOwnerStrong>("box", "M", nullptr);
 };
 
-TEST_F(OwnerBaseTest, StartsEmptyAndItsDefaultOperationsDoNothing) {
-  EXPECT_TRUE(owner->name.empty() && owner->moduleName.empty() && owner->ownerType.empty());
-  EXPECT_FALSE(owner->ownerMutex || owner->conflictMutex || owner->waitersMutex ||
-               owner->hierarchyOwner);
-  EXPECT_FALSE(owner->copyWaiters().isValid());  // no waitersMutex: read as is
-  EXPECT_EQ(owner->getTimeout(), "0");
-  owner->freeResource();
-  EXPECT_FALSE(owner->resourceFreed);
-  auto ancestor = boost::make_shared<PlainOwner>();
-  owner->name = "box/a";
-  ancestor->name = "box";
-  EXPECT_FALSE(owner->isParent(ancestor));  // only a strong owner tests the names
+TEST_F(WeakOwnerTest, DeclinesEveryConflictAtOnceAndIgnoresRelease) {
+  auto descendant = boost::make_shared<ZUOwnerStrong>("box/x/y", "M", nullptr);
+  EXPECT_FALSE(weak->conflict("Head", descendant, 5));
+  EXPECT_TRUE(descendant->parentOwners.empty()) << "a weak owner hands nothing down";
+  EXPECT_FALSE(ZUOwnerWeak("emptyOwner", "emptyOwner").conflict("Head", descendant, 0));
+  weak->freeResource();  // as requester, then, it is never "box stop while waiting"
+  EXPECT_FALSE(weak->resourceFreed);
+  EXPECT_FALSE(weak->isParent(strong));
+  EXPECT_EQ(weak->getTimeout(), "0");
 }
 
-TEST_F(OwnerBaseTest, GetThisSharesOwnershipOnlyWithASharedHandle) {
-  boost::shared_ptr<ZU::ZUOwner> self = owner->getThis();
-  EXPECT_EQ(self, owner);
-  EXPECT_EQ(owner.use_count(), 2);
-  PlainOwner loose;
-  EXPECT_THROW(loose.getThis(), boost::bad_weak_ptr);
-}
-
-TEST_F(OwnerBaseTest, ParentOwnerRecordsAreWeakAndKeyedByExactName) {
-  EXPECT_FALSE(owner->getParentOwner("Head"));
-  EXPECT_TRUE(owner->parentOwners.empty()) << "a lookup must not add an entry";
-
-  auto first = boost::make_shared<PlainOwner>();
-  auto second = boost::make_shared<PlainOwner>();
-  owner->setParentOwner(first, "Head");
-  owner->setParentOwner(second, "Head");
-  EXPECT_EQ(owner->getParentOwner("Head"), second);
-  EXPECT_FALSE(owner->getParentOwner("head"));
-
-  owner->setParentOwner(first, "LArm");
-  first.reset();
-  EXPECT_FALSE(owner->getParentOwner("LArm"));
-  EXPECT_EQ(owner->parentOwners.count("LArm"), 1u) << "a dead entry stays";
-
-  owner->setParentOwner(nullptr, "Legs");
-  EXPECT_FALSE(owner->getParentOwner("Legs"));
-  EXPECT_EQ(owner->parentOwners.size(), 3u);
+TEST_F(WeakOwnerTest, ParentRecordsAreWeakAndKeyedByExactName) {
+  EXPECT_FALSE(weak->getParentOwner("Head"));
+  EXPECT_TRUE(weak->parentOwners.empty()) << "a lookup must not add an entry";
+  weak->setParentOwner(weak, "Head");
+  weak->setParentOwner(strong, "Head");
+  EXPECT_EQ(weak->getParentOwner("Head"), strong);
+  EXPECT_FALSE(weak->getParentOwner("head"));
+  strong.reset();
+  EXPECT_FALSE(weak->getParentOwner("Head"));
+  EXPECT_EQ(weak->parentOwners.size(), 1u) << "a dead entry stays";
 }
 
 }  // namespace

@@ -1,3 +1,5 @@
+// The state resource: activation, shared holding, deactivation and reports.
+
 #include <string>
 #include <vector>
 
@@ -7,10 +9,10 @@
 #include <zuhost/zubroker.h>
 #include <zuresource/zuresourcestate.h>
 
-#include "support/guardedthread.h"
 #include "support/recordingmodule.h"
 #include "support/resourcehelpers.h"
 #include "support/stopwatch.h"
+#include "support/waitforrun.h"
 
 namespace {
 
@@ -21,18 +23,24 @@ using zutest::makeOwner;
 class StateResourceTest : public ::testing::Test {
  protected:
   Names holders() { return zutest::holderNames(*s); }
-  boost::shared_ptr<ZU::ZUOwner> current() { return s->currentOwner.load(); }
 
   boost::shared_ptr<ZU::ZUResourceState> s = boost::make_shared<ZU::ZUResourceState>("S", nullptr);
 };
 
-TEST_F(StateResourceTest, NewResourceIsOffAndRefusesListedRequestsAtOnce) {
-  auto a = makeOwner("a", "A");
+TEST_F(StateResourceTest, NewResourceIsOffRefusesListedRequestsAtOnceAndReportsActivation) {
   EXPECT_FALSE(s->isResourceFree());
-  EXPECT_EQ(s->waitFor(a, "", 0, {"X", "S"}), Names{"S"});
+  EXPECT_EQ(s->waitFor(makeOwner("a", "A"), "", 0, {"X", "S"}), Names{"S"});
   EXPECT_TRUE(holders().empty());
-  EXPECT_EQ(current(), s->emptyOwner);
+  EXPECT_EQ(s->currentOwner.load(), s->emptyOwner);
   EXPECT_EQ(s->ownersGet().serializeToText(), R"(["S"])");
+  EXPECT_EQ(s->httpGet(-1), "S Waiter: null<br />");
+  EXPECT_EQ(s->httpGet(2), "---------S Waiter: null<br />");
+
+  s->setState(true);
+  EXPECT_EQ(s->httpGet(0), "---S (Activated)  Waiter: null<br />");
+  s->releaseState();  // no holders: only deactivates
+  EXPECT_FALSE(s->isResourceFree());
+  EXPECT_EQ(s->httpGet(0), "---S Waiter: null<br />");
 }
 
 TEST_F(StateResourceTest, GrantsWhileActivatedAndReleaseRemovesEveryHolderOfThatName) {
@@ -42,69 +50,44 @@ TEST_F(StateResourceTest, GrantsWhileActivatedAndReleaseRemovesEveryHolderOfThat
   s->setState(true);
   EXPECT_TRUE(s->isResourceFree());
   EXPECT_TRUE(s->waitFor(a, "", 0, {"S"}).empty());  // listed, but not busy
-  EXPECT_TRUE(s->waitFor(b, "", 0, {}).empty());
-  EXPECT_TRUE(s->waitFor(a, "", 0, {}).empty());
-  EXPECT_TRUE(s->waitFor(otherA, "", 0, {}).empty());
+  for (const auto& owner : {b, a, otherA}) EXPECT_TRUE(s->waitFor(owner, "", 0, {}).empty());
   EXPECT_EQ(holders(), (Names{"a", "b", "a", "a"}));
 
   s->release(otherA);
   EXPECT_EQ(holders(), Names{"b"});
   EXPECT_TRUE(otherA->resourceFreed);
-  EXPECT_EQ(current(), s->emptyOwner);  // holders never show in currentOwner
-}
+  EXPECT_EQ(s->currentOwner.load(), s->emptyOwner);  // holders never show in currentOwner
 
-TEST_F(StateResourceTest, ReleaseOfANonHolderOnlySetsItsFlag) {
-  auto a = makeOwner("a", "A");
   auto c = makeOwner("c", "C");
-  s->setState(true);
-  s->waitFor(a, "", 0, {});
-
-  s->release(c);
-  s->release(nullptr);
+  s->release(c);  // not a holder: only its flag is set
   EXPECT_TRUE(c->resourceFreed);
-  EXPECT_FALSE(a->resourceFreed);
-  EXPECT_EQ(holders(), Names{"a"});
-  EXPECT_TRUE(s->isResourceFree());
-  EXPECT_EQ(current(), s->emptyOwner);
+  EXPECT_FALSE(b->resourceFreed);
+  EXPECT_EQ(holders(), Names{"b"});
 }
 
 TEST_F(StateResourceTest, WaitWithTimeoutZeroFailsAfterOnePollAndRegistersNobody) {
-  auto a = makeOwner("a", "A");
   zutest::Stopwatch watch;
   // Names are compared whole and case counts: neither entry stops the wait.
-  auto error = errorOf([&] { s->waitFor(a, "", 0, {"s", "S "}); });
+  auto error = errorOf([&] { s->waitFor(makeOwner("a", "A"), "", 0, {"s", "S "}); });
   EXPECT_ELAPSED_NEAR(watch.elapsedMs(), 200);
   ASSERT_TRUE(error);
   EXPECT_EQ(error->getModule(), "ResourceManager");
   EXPECT_EQ(error->getDescription(), "resource wait has timeouted on S");
   EXPECT_TRUE(holders().empty());
-  EXPECT_EQ(current(), s->stateOwner);
+  EXPECT_EQ(s->currentOwner.load(), s->stateOwner);
   EXPECT_EQ(s->ownersGet().serializeToText(), R"(["S","S",[]])");
 }
 
 TEST_F(StateResourceTest, EndlessWaitIsGrantedWithinOnePollOfActivation) {
-  auto m = makeOwner("m", "M");
-  Names result{"not returned"};
-  zutest::GuardedThread waiter([&] {
-    try {
-      result = s->waitFor(m, "", -1, {});
-    } catch (const ZU::ZUError&) {
-    }
-  });
+  zutest::WaitForRun run(s, makeOwner("m", "M"), -1);
   EXPECT_TRUE(zutest::waitUntil([&] { return s->stateOwner->copyWaiters().size() == 1; }));
   EXPECT_EQ(s->httpGet(0), R"(---S Waiter: ["M"]<br />)");
   EXPECT_EQ(s->ownersGet().serializeToText(), R"(["S","S",["M"]])");
 
   zutest::Stopwatch watch;
   s->setState(true);
-  const bool inTime = waiter.joinFor(200 + zutest::lateToleranceMs());
-  const long elapsed = watch.elapsedMs();
-  if (!inTime) {  // end a wait that activation missed
-    m->freeResource();
-    waiter.joinFor(5000);
-  }
-  EXPECT_TRUE(inTime) << "still waiting " << elapsed << " ms after activation";
-  EXPECT_TRUE(result.empty());
+  EXPECT_TRUE(zutest::waitReturned(run.wait()));
+  EXPECT_LE(watch.elapsedMs(), 200 + zutest::lateToleranceMs());
   EXPECT_EQ(holders(), Names{"m"});
   EXPECT_EQ(s->httpGet(0), "---S (Activated)  -> M eStrong null 0 Waiter: []<br />");
 }
@@ -153,32 +136,6 @@ TEST_F(StateResourceTest, DeactivationStopsAtTheFirstStrongHolderThatHoldsOn) {
   moduleB.waitIdle();
   EXPECT_EQ(moduleA.calls(), (Names{"S", "S"}));
   EXPECT_TRUE(moduleB.calls().empty());
-}
-
-TEST_F(StateResourceTest, ReportsFollowActivation) {
-  EXPECT_EQ(s->httpGet(-1), "S Waiter: null<br />");
-  EXPECT_EQ(s->httpGet(0), "---S Waiter: null<br />");
-  EXPECT_EQ(s->httpGet(2), "---------S Waiter: null<br />");
-
-  s->setState(true);
-  EXPECT_EQ(s->httpGet(0), "---S (Activated)  Waiter: null<br />");
-  s->releaseState();  // no holders: only deactivates
-  EXPECT_FALSE(s->isResourceFree());
-  EXPECT_EQ(s->httpGet(0), "---S Waiter: null<br />");
-  EXPECT_EQ(current(), s->emptyOwner);
-
-  // Unlike a plain resource, a state resource reports a "ZU" name too.
-  ZU::ZUResourceState zuNamed("ZUS", nullptr);
-  EXPECT_EQ(zuNamed.ownersGet().serializeToText(), R"(["ZUS"])");
-}
-
-TEST_F(StateResourceTest, EmptyOwnerHandleIsRefusedAndChangesNothing) {
-  EXPECT_TRUE(errorOf([&] { s->waitFor(nullptr, "", 0, {}); }));
-  EXPECT_EQ(current(), s->emptyOwner);
-  s->setState(true);
-  EXPECT_TRUE(errorOf([&] { s->waitFor(nullptr, "", 0, {}); }));
-  EXPECT_TRUE(holders().empty());
-  EXPECT_FALSE(s->stateOwner->copyWaiters().isValid());
 }
 
 }  // namespace

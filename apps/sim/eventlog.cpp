@@ -37,6 +37,10 @@ const char* kindName(EventKind kind) {
       return "state";
     case EventKind::Manager:
       return "manager";
+    case EventKind::Deadlock:
+      return "deadlock";
+    case EventKind::StaleWait:
+      return "stale wait";
   }
   return "?";
 }
@@ -50,9 +54,11 @@ EventLog::Clock::time_point EventLog::at(long ms) const {
   return Clock::time_point(Clock::duration(start_.load())) + std::chrono::milliseconds(ms);
 }
 
-long EventLog::now() const {
+long EventLog::now() const { return msOf(Clock::now()); }
+
+long EventLog::msOf(Clock::time_point moment) const {
   return static_cast<long>(
-      std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - at(0)).count());
+      std::chrono::duration_cast<std::chrono::milliseconds>(moment - at(0)).count());
 }
 
 void EventLog::add(EventKind kind, const std::string& owner, const std::string& resource,

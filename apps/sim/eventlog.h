@@ -24,7 +24,9 @@ enum class EventKind {
   Stopped,
   Failed,
   State,
-  Manager
+  Manager,
+  Deadlock,
+  StaleWait
 };
 
 /// The short name of a kind, as the report's marks and legend show it.
@@ -56,6 +58,8 @@ class EventLog {
 
   /// Milliseconds since the start.
   long now() const;
+  /// Milliseconds from the start to `moment` (negative before the start).
+  long msOf(Clock::time_point moment) const;
   /// The moment `ms` after the start, for sleeping until it.
   Clock::time_point at(long ms) const;
 

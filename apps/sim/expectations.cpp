@@ -1,5 +1,7 @@
 #include "expectations.h"
 
+#include <algorithm>
+
 namespace zusim {
 
 namespace {
@@ -47,6 +49,32 @@ ExpectResult checkOutcome(const ExpectSpec& x, World& world) {
   return compare(x, what, describe(wanted), describe(found));
 }
 
+/// Whether a deadlock or stale wait that matches `x` was reported by the
+/// expectation's time; when it fails, says what was found.
+ExpectResult checkFinding(const ExpectSpec& x, const std::vector<Finding>& found,
+                          const std::string& what) {
+  std::vector<std::string> owners = x.names;
+  std::sort(owners.begin(), owners.end());
+  owners.erase(std::unique(owners.begin(), owners.end()), owners.end());
+  const Finding* match = nullptr;
+  for (const Finding& f : found) {
+    bool inTime = x.atMs < 0 || f.ms <= x.atMs;
+    bool ofThem = owners.empty() || f.owners == owners;
+    bool onIt = x.resource.empty() ||
+                std::find(f.resources.begin(), f.resources.end(), x.resource) != f.resources.end();
+    if (inTime && ofThem && onIt && !match) match = &f;
+  }
+  std::string subject = what + (owners.empty() ? "" : " of " + list(owners)) +
+                        (x.resource.empty() ? "" : " on " + x.resource);
+  ExpectResult r{x.entry, (match != nullptr) == x.reported,
+                 subject + (x.reported ? " reported " : " not reported ") +
+                     (x.atMs < 0 ? "during the run" : "by " + std::to_string(x.atMs) + " ms")};
+  if (!r.held)
+    r.text += match ? ", found \"" + match->text + "\" at " + std::to_string(match->ms) + " ms"
+                    : ", found none";
+  return r;
+}
+
 }  // namespace
 
 ExpectResult check(const ExpectSpec& x, World& world) {
@@ -63,6 +91,10 @@ ExpectResult check(const ExpectSpec& x, World& world) {
     case ExpectKind::Notified:
       return compare(x, x.module + " told \"__onResource__\" for", list(x.names),
                      list(world.notifiedOf(x.module)));
+    case ExpectKind::Deadlock:
+      return checkFinding(x, world.deadlocks(), "a deadlock");
+    case ExpectKind::StaleWait:
+      return checkFinding(x, world.staleWaits(), "a stale wait");
   }
   return ExpectResult{x.entry, false, "unknown expectation"};
 }

@@ -16,6 +16,14 @@ struct Outcome {
   long ms = 0;
 };
 
+/// A deadlock or a stale wait, as the run reported it.
+struct Finding {
+  long ms = 0;                         // when it was reported
+  std::vector<std::string> owners;     // the owners involved, sorted, each once
+  std::vector<std::string> resources;  // the resources waited for
+  std::string text;                    // the event log's line
+};
+
 /// What an expectation may ask of the running scenario.
 class World {
  public:
@@ -29,6 +37,10 @@ class World {
   virtual std::vector<Outcome> outcomesOf(const std::string& owner) = 0;
   /// The resource names `module` was told "__onResource__" for, in order.
   virtual std::vector<std::string> notifiedOf(const std::string& module) = 0;
+  /// The deadlocks reported so far, oldest first.
+  virtual std::vector<Finding> deadlocks() = 0;
+  /// The stale waits reported so far, oldest first.
+  virtual std::vector<Finding> staleWaits() = 0;
 };
 
 struct ExpectResult {

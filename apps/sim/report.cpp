@@ -37,6 +37,17 @@ const Mark kMarks[] = {
     {EventKind::Failed, "#c0392b", "M0,-6 L6,6 L-6,6 Z", "other error"},
 };
 
+/// Kinds drawn as a dashed line across every lane: they are about the waits
+/// as a whole, not about one resource.
+struct Alarm {
+  EventKind kind;
+  const char* colour;
+  const char* legend;
+};
+const Alarm kAlarms[] = {{EventKind::Deadlock, "#c0392b", "deadlock reported"},
+                         {EventKind::StaleWait, "#e67e22", "stale wait reported"}};
+const char kAlarmDash[] = "6 3";
+
 const Mark* markOf(EventKind kind) {
   for (const Mark& m : kMarks)
     if (m.kind == kind) return &m;
@@ -63,6 +74,7 @@ class Timeline {
     for (const Span& h : record_.holdings) bar(h, 6, 18, false);
     for (const Span& w : record_.waits) bar(w, 28, 12, true);
     for (const Event& e : events) mark(e);
+    for (const Event& e : events) alarm(e, height);
     out_ << "</svg>\n";
     return out_.str();
   }
@@ -153,6 +165,15 @@ class Timeline {
          << " ms: " << escapeHtml(e.text) << "</title></path>\n";
   }
 
+  void alarm(const Event& e, int height) {
+    for (const Alarm& a : kAlarms)
+      if (a.kind == e.kind)
+        out_ << "<line class=\"alarm\" x1=\"" << x(e.ms) << "\" y1=\"" << kAxisHeight
+             << "\" x2=\"" << x(e.ms) << "\" y2=\"" << height - 8 << "\" stroke=\"" << a.colour
+             << "\" stroke-width=\"2\" stroke-dasharray=\"" << kAlarmDash << "\"><title>" << e.ms
+             << " ms: " << escapeHtml(e.text) << "</title></line>\n";
+  }
+
   const Scenario& scenario_;
   const RunRecord& record_;
   std::vector<std::string> lanes_;
@@ -172,6 +193,10 @@ std::string legend(const Scenario& s, const Timeline& timeline) {
     out << "<span><svg width=\"14\" height=\"14\" viewBox=\"-7 -7 14 14\"><path d=\"" << m.shape
         << "\" fill=\"" << m.colour << "\" stroke=\"" << m.colour << "\" stroke-width=\"2\"/></svg>"
         << escapeHtml(m.legend) << "</span>";
+  for (const Alarm& a : kAlarms)
+    out << "<span><svg width=\"14\" height=\"14\"><line x1=\"7\" y1=\"0\" x2=\"7\" y2=\"14\" "
+        << "stroke=\"" << a.colour << "\" stroke-width=\"2\" stroke-dasharray=\"" << kAlarmDash
+        << "\"/></svg>" << escapeHtml(a.legend) << "</span>";
   out << "</div>\n";
   return out.str();
 }

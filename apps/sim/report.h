@@ -17,8 +17,9 @@ namespace zusim {
 std::string renderReport(const Scenario& scenario, const std::vector<Event>& events,
                          const RunRecord& record);
 /// The timeline alone: one lane per plain or state resource, a bar per
-/// holding coloured by owner, a paler dashed bar per wait, and marks for
-/// notifications, hand-overs, give-ups, timeouts and stops.
+/// holding coloured by owner, a paler dashed bar per wait, marks for
+/// notifications, hand-overs, give-ups, timeouts and stops, and a dashed line
+/// across the lanes when a deadlock or a stale wait is reported.
 std::string renderTimeline(const Scenario& scenario, const std::vector<Event>& events,
                            const RunRecord& record);
 /// Writes renderReport() to `path`; false when the file cannot be written.

@@ -215,6 +215,7 @@ void parseDiagnosis(const Entry& e, const Scenario& s, ExpectSpec& x) {
   if (e.has("deadlock") && e.has("staleWait")) e.fail("one of \"deadlock\" and \"staleWait\"");
   x.kind = e.has("deadlock") ? ExpectKind::Deadlock : ExpectKind::StaleWait;
   x.reported = e.boolean(e.has("deadlock") ? "deadlock" : "staleWait");
+  if (e.has("owner")) e.fail("a deadlock or a stale wait takes \"owners\", a list");
   x.names = e.texts("owners");
   if (e.has("owners") && x.names.empty()) e.fail("\"owners\" names no owner");
   for (const std::string& n : x.names) knownOwner(e, s, n);

@@ -3,6 +3,7 @@
 #include <httplib.h>
 
 #include <sstream>
+#include <stdexcept>
 
 #include "html.h"
 
@@ -14,7 +15,17 @@ const char kStyle[] =
     "body{font-family:sans-serif;margin:24px;color:#222}"
     "#status{font-family:monospace;font-size:14px;background:#f5f6f8;padding:10px}"
     ".line{white-space:pre}table{border-collapse:collapse;font-size:13px}"
-    "td{padding:2px 10px}td.ms{text-align:right;color:#555}";
+    "td{padding:2px 10px}td.ms{text-align:right;color:#555}.alarm{color:#c0392b}";
+
+/// A heading and `lines` as text, or `none` when there are none.
+void section(std::ostream& out, const char* id, const char* heading,
+             const std::vector<std::string>& lines, const char* lineClass) {
+  out << "<h2>" << heading << "</h2>\n<div id=\"" << id << "\">\n";
+  if (lines.empty()) out << "<div>none</div>\n";
+  for (const std::string& line : lines)
+    out << "<div class=\"" << lineClass << "\">" << escapeHtml(line) << "</div>\n";
+  out << "</div>\n";
+}
 
 }  // namespace
 
@@ -27,6 +38,13 @@ int LiveServer::start(int port) {
   server_ = std::make_unique<httplib::Server>();
   server_->Get("/", [this](const httplib::Request&, httplib::Response& response) {
     response.set_content(page(), "text/html; charset=utf-8");
+  });
+  server_->Get("/explain", [this](const httplib::Request& request, httplib::Response& response) {
+    int status = 200;
+    std::string html = explainPage(request.get_param_value("owner"),
+                                   request.get_param_value("resource"), status);
+    response.status = status;
+    response.set_content(html, "text/html; charset=utf-8");
   });
   int bound = port == 0 ? server_->bind_to_any_port("127.0.0.1")
                         : (server_->bind_to_port("127.0.0.1", port) ? port : -1);
@@ -55,12 +73,44 @@ std::string LiveServer::page() {
   out << "</p>\n<h2>Resources</h2>\n<div id=\"status\">\n";
   for (const std::string& line : statusPageLines(simulation_.statusLines()))
     out << "<div class=\"line\">" << escapeHtml(line) << "</div>\n";
-  out << "</div>\n<h2>Latest events</h2>\n<table>\n";
+  out << "</div>\n";
+  Diagnostics d = simulation_.diagnostics();
+  section(out, "waits", "Waits", d.waits, "line");
+  section(out, "deadlocks", "Deadlocks", d.deadlocks, "line alarm");
+  section(out, "stale", "Stale waits", d.staleWaits, "line alarm");
+  out << "<h2>Why would it wait?</h2>\n<form action=\"/explain\">owner <select name=\"owner\">";
+  for (const OwnerSpec& o : scenario_.owners)
+    out << "<option>" << escapeHtml(o.name) << "</option>";
+  out << "</select> resource <select name=\"resource\">";
+  for (const ResourceSpec& r : scenario_.resources)
+    out << "<option>" << escapeHtml(r.name) << "</option>";
+  out << "</select> <button>explain</button></form>\n<h2>Latest events</h2>\n<table>\n";
   for (const Event& e : log_.last(12))
     out << "<tr><td class=\"ms\">" << e.ms << " ms</td><td>" << escapeHtml(e.text)
         << "</td></tr>\n";
   out << "</table>\n</body></html>\n";
   return out.str();
+}
+
+std::string LiveServer::explainPage(const std::string& owner, const std::string& resource,
+                                    int& status) {
+  std::string answer;
+  status = 200;
+  if (owner.empty() || resource.empty()) {
+    status = 400;
+    answer = "give both: /explain?owner=NAME&resource=NAME";
+  } else {
+    try {
+      answer = simulation_.explain(owner, resource);
+    } catch (const std::invalid_argument& e) {
+      status = 404;
+      answer = e.what();
+    }
+  }
+  return "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\"><title>explain: " +
+         escapeHtml(owner) + " on " + escapeHtml(resource) + "</title><style>" + kStyle +
+         "</style></head><body>\n<p id=\"answer\">" + escapeHtml(answer) +
+         "</p>\n<p><a href=\"/\">back to the live page</a></p>\n</body></html>\n";
 }
 
 }  // namespace zusim

@@ -19,7 +19,10 @@ namespace zusim {
 
 /// Serves "/" : a page that refreshes itself every second and shows each
 /// resource's status line as the library renders it (as text: markup in a
-/// name shows as markup characters, never as markup), and the latest events.
+/// name shows as markup characters, never as markup), the waits running now
+/// with any deadlock and stale wait among them, and the latest events; and
+/// "/explain?owner=NAME&resource=NAME": what waitFor would do now, as text
+/// (404 for an unknown owner or resource, 400 when either is missing).
 ///
 /// Thread safety: start(), finished() and stop() are called from one thread;
 /// the pages are served from the server's own threads, which only read the
@@ -41,6 +44,9 @@ class LiveServer {
 
   /// The page as it is now.
   std::string page();
+  /// The answer to an explain query, as a page; `status` is set to the HTTP
+  /// status.
+  std::string explainPage(const std::string& owner, const std::string& resource, int& status);
 
  private:
   const Scenario& scenario_;

@@ -1,11 +1,13 @@
 #include "simulation.h"
 
 #include <zuhost/zumutex.h>
+#include <zuresource/zuexplain.h>
 #include <zuresource/zuresourcelist.h>
 #include <zuresource/zuresourcestate.h>
 
 #include <algorithm>
 #include <boost/make_shared.hpp>
+#include <stdexcept>
 #include <thread>
 
 namespace zusim {
@@ -17,6 +19,9 @@ const char kStopError[] = "box stop while waiting";
 const char kFree[] = "emptyOwner";
 // Often enough to see a wait begin long before its first 200 ms poll.
 const std::chrono::milliseconds kWatchPeriod(5);
+// Well under a polling period, so that a stale wait is seen within about one
+// period of turning stale.
+const std::chrono::milliseconds kStaleCheckPeriod(100);
 // Changes this close together are taken as one step of the library.
 const std::chrono::milliseconds kSameMoment(50);
 
@@ -28,6 +33,13 @@ std::string join(const std::vector<std::string>& names) {
 
 bool contains(const std::vector<std::string>& names, const std::string& name) {
   return std::find(names.begin(), names.end(), name) != names.end();
+}
+
+/// `names` sorted, each once.
+std::vector<std::string> distinct(std::vector<std::string> names) {
+  std::sort(names.begin(), names.end());
+  names.erase(std::unique(names.begin(), names.end()), names.end());
+  return names;
 }
 
 std::vector<std::string> moduleNames(const ZU::ZUValue& waiters) {
@@ -95,6 +107,7 @@ Simulation::Simulation(const Scenario& scenario, EventLog& log)
     for (const std::string& m : r.members) resources_.at(r.name)->addResource(resources_.at(m));
     if (r.activated) stateResource(r.name)->setState(true);
   }
+  for (const std::string& r : scenario.roots()) roots_.push_back(resources_.at(r));
   for (const ModuleSpec& m : scenario.modules) {
     modules_.push_back(std::make_unique<Module>(m));
     Module& module = *modules_.back();
@@ -429,12 +442,80 @@ void Simulation::stopWaiting(Owner& o, const std::string& why) {
 
 void Simulation::watch() {
   awaitStart();
+  EventLog::Clock::time_point nextStaleCheck = EventLog::Clock::now() + kStaleCheckPeriod;
   while (watching_) {
     std::this_thread::sleep_for(kWatchPeriod);
     Sample now = sample();
-    std::lock_guard<std::mutex> lock(mutex_);
-    observe(now, log_.now());
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      observe(now, log_.now());
+    }
+    findDeadlocks();
+    if (EventLog::Clock::now() >= nextStaleCheck) {
+      findStaleWaits();
+      nextStaleCheck = EventLog::Clock::now() + kStaleCheckPeriod;
+    }
   }
+}
+
+void Simulation::findDeadlocks() {
+  for (const ZU::ZUWaitCycle& cycle : ZU::ZUWaitRegistry::findCycles(ourWaits())) {
+    std::vector<std::uint64_t> ids;
+    std::vector<std::string> owners;
+    Finding found;
+    for (const ZU::ZUWait& w : cycle.edges) {
+      ids.push_back(w.id);
+      owners.push_back(w.waiter);
+      found.resources.push_back(w.resource);
+    }
+    if (!cyclesSeen_.insert(ids).second) continue;
+    found.owners = distinct(owners);
+    found.text = describe(cycle);
+    std::lock_guard<std::mutex> lock(mutex_);
+    found.ms = log_.now();
+    deadlocks_.push_back(found);
+    log_.add(EventKind::Deadlock, cycle.edges.front().waiter, cycle.edges.front().resource,
+             found.text);
+  }
+}
+
+void Simulation::findStaleWaits() {
+  std::vector<ZU::ZUStaleWait> stale = staleChecker_.check(roots_);
+  std::lock_guard<std::mutex> lock(mutex_);
+  staleNow_.clear();
+  for (const ZU::ZUStaleWait& s : stale) {
+    if (!isOurs(s.wait)) continue;
+    staleNow_.push_back(s.toString());
+    if (!s.firstReport) continue;
+    staleWaits_.push_back(
+        {log_.now(), distinct({s.wait.waiter, s.wait.holder}), {s.wait.resource}, s.toString()});
+    log_.add(EventKind::StaleWait, s.wait.waiter, s.wait.resource, s.toString());
+  }
+}
+
+bool Simulation::isOurs(const ZU::ZUWait& wait) const {
+  boost::shared_ptr<ZU::ZUOwner> waiter = wait.waiterOwner.lock();
+  return std::any_of(owners_.begin(), owners_.end(),
+                     [&](const std::unique_ptr<Owner>& o) { return o->owner == waiter; });
+}
+
+std::vector<ZU::ZUWait> Simulation::ourWaits() const {
+  std::vector<ZU::ZUWait> waits = ZU::ZUWaitRegistry::snapshot();
+  waits.erase(std::remove_if(waits.begin(), waits.end(),
+                             [this](const ZU::ZUWait& w) { return !isOurs(w); }),
+              waits.end());
+  return waits;
+}
+
+std::string Simulation::describe(const ZU::ZUWaitCycle& cycle) const {
+  std::string text = "deadlock: ";
+  EventLog::Clock::time_point formed;
+  for (std::size_t i = 0; i < cycle.edges.size(); ++i) {
+    const ZU::ZUWait& w = cycle.edges[i];
+    text += (i ? ", " : "") + w.waiter + " -> " + w.holder + " (" + w.resource + ")";
+    formed = std::max(formed, w.since);
+  }
+  return text + "; formed at " + std::to_string(log_.msOf(formed)) + " ms";
 }
 
 Simulation::Sample Simulation::sample() {
@@ -511,16 +592,15 @@ void Simulation::noticeWaiter(const Sample& now, const Sample::Waiters& on,
                               const std::string& module, long ms) {
   // The waiter is an owner of that module whose request is running and takes
   // in a resource that the holder holds; a group is walked in member order,
-  // so it is the first such member that the request does not skip.
+  // so it is the first such member that the request does not skip. An owner
+  // never waits on itself.
   for (const auto& o : owners_) {
-    if (o->spec.module != module || o->pending.empty()) continue;
+    if (o->spec.module != module || o->pending.empty() || o->spec.name == on.holder) continue;
     for (const std::string& l : scenario_.leavesOf(o->pending)) {
       if (contains(o->pendingNoWait, l)) continue;
-      bool heldByIt =
-          now.holder.count(l)
-              ? now.holder.at(l) == on.holder
-              : contains(now.holders.count(l) ? now.holders.at(l) : std::vector<std::string>(),
-                         on.holder);
+      // An activated state resource is granted at once, whoever else holds
+      // it: an owner waits on another owner for a plain resource only.
+      bool heldByIt = now.holder.count(l) && now.holder.at(l) == on.holder;
       if (on.activation ? l != on.holder : !heldByIt) continue;
       waits_.push_back({l, o->spec.name, ms, -1, on.holder});
       log_.add(EventKind::Waiting, o->spec.name, l,
@@ -591,6 +671,34 @@ std::vector<std::string> Simulation::notifiedOf(const std::string& module) {
   for (const auto& m : modules_)
     if (m->spec.name == module) return m->notified;
   return {};
+}
+
+std::vector<Finding> Simulation::deadlocks() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return deadlocks_;
+}
+
+std::vector<Finding> Simulation::staleWaits() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return staleWaits_;
+}
+
+Diagnostics Simulation::diagnostics() {
+  Diagnostics d;
+  std::vector<ZU::ZUWait> waits = ourWaits();
+  for (const ZU::ZUWait& w : waits) d.waits.push_back(w.toString());
+  for (const ZU::ZUWaitCycle& c : ZU::ZUWaitRegistry::findCycles(waits))
+    d.deadlocks.push_back(describe(c));
+  std::lock_guard<std::mutex> lock(mutex_);
+  d.staleWaits = staleNow_;
+  return d;
+}
+
+std::string Simulation::explain(const std::string& owner, const std::string& resourceName) {
+  if (!scenario_.findOwner(owner)) throw std::invalid_argument("unknown owner \"" + owner + "\"");
+  if (!resources_.count(resourceName))
+    throw std::invalid_argument("unknown resource \"" + resourceName + "\"");
+  return ZU::explain(resource(resourceName), ownerNamed(owner).owner).toString();
 }
 
 Simulation::Owner& Simulation::ownerNamed(const std::string& name) {

@@ -6,13 +6,17 @@
 #include <zuhost/zubroker.h>
 #include <zuresource/zuresource.h>
 #include <zuresource/zuresourcestate.h>
+#include <zuresource/zustalewaitchecker.h>
+#include <zuresource/zuwaitregistry.h>
 
 #include <atomic>
 #include <boost/shared_ptr.hpp>
 #include <condition_variable>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -43,11 +47,22 @@ struct RunRecord {
   bool allHeld() const;
 };
 
+/// The waits running now and what is wrong with them, as lines of text for
+/// the live page.
+struct Diagnostics {
+  std::vector<std::string> waits;       // oldest first, as the library words them
+  std::vector<std::string> deadlocks;   // the cycles among them
+  std::vector<std::string> staleWaits;  // as of the last check
+};
+
 /// Plays one scenario. Each owner's actions run in that owner's own thread, in
 /// time order, a blocking waitFor delaying the owner's later actions; the
 /// manager's actions (setState, releaseState, stop) run in a thread of their
 /// own, timed expectations in another, and a watcher samples the resources
-/// every few ms to see waits begin and to draw the timeline.
+/// every few ms to see waits begin and to draw the timeline. The watcher also
+/// logs each deadlock (a cycle of waits) as soon as it sees it, and each stale
+/// wait found by a check every 100 ms. Waits are read from the library's
+/// process-wide record, keeping those of this scenario's owners.
 ///
 /// Thread safety: run() is called once, from one thread; statusLines() and the
 /// World queries may be called from any thread at any time, also during run().
@@ -70,6 +85,16 @@ class Simulation : public World {
   bool isActivated(const std::string& resource) override;
   std::vector<Outcome> outcomesOf(const std::string& owner) override;
   std::vector<std::string> notifiedOf(const std::string& module) override;
+  std::vector<Finding> deadlocks() override;
+  std::vector<Finding> staleWaits() override;
+
+  /// The waits running now, the deadlocks among them and the stale waits of
+  /// the last check. The wait record's mutex, then mutex_.
+  Diagnostics diagnostics();
+  /// What waitFor(owner, resource) with no no-wait list would do now, with no
+  /// side effect, in one line. Throws std::invalid_argument naming an unknown
+  /// owner or resource. The library's locks of its status reports; none of ours.
+  std::string explain(const std::string& owner, const std::string& resource);
 
  private:
   struct Owner;
@@ -134,6 +159,19 @@ class Simulation : public World {
   /// An entry left: ends the oldest open wait of that module on `holder`, as
   /// the library removes the oldest entry. mutex_ held.
   void endWaiter(const std::string& holder, const std::string& module, long ms);
+  /// Logs each cycle of waits the first time it is seen. The wait record's
+  /// mutex, then mutex_. Called by the watcher only.
+  void findDeadlocks();
+  /// Runs the stale-wait check and logs each stale wait once. The library's
+  /// locks (in the check), then mutex_. Called by the watcher only.
+  void findStaleWaits();
+  /// Whether the waiter is one of this scenario's owners (the wait record is
+  /// the process's, and a test may run several scenarios). No lock.
+  bool isOurs(const ZU::ZUWait& wait) const;
+  /// The waits of this scenario's owners running now. The wait record's mutex.
+  std::vector<ZU::ZUWait> ourWaits() const;
+  /// "deadlock: a -> b (R), b -> a (L); formed at 402 ms". No lock.
+  std::string describe(const ZU::ZUWaitCycle& cycle) const;
   /// Plain leaves of `resource` -> holder name. No lock of ours.
   std::map<std::string, std::string> leafHolders(const std::string& resource);
   /// Whether `owner` holds `leaf` (a plain or state resource) now. No lock of
@@ -154,15 +192,23 @@ class Simulation : public World {
   std::map<std::string, boost::shared_ptr<ZU::ZUResource>> resources_;
   std::vector<std::unique_ptr<Owner>> owners_;
   std::vector<std::unique_ptr<Module>> modules_;
+  std::vector<boost::shared_ptr<ZU::ZUResource>> roots_;  // the trees the stale check reads
 
   std::atomic<bool> watching_{false};
   Sample last_;  // the watcher's previous sample; only the thread that samples uses it
+  // Only the watcher uses these: the cycles logged so far, by their waits' ids,
+  // and the stale-wait check, which remembers what it saw.
+  std::set<std::vector<std::uint64_t>> cyclesSeen_;
+  ZU::ZUStaleWaitChecker staleChecker_;
 
   mutable std::mutex mutex_;
   // Guarded by mutex_.
   std::vector<Span> holdings_;
   std::vector<Span> waits_;
   std::vector<Span> activations_;
+  std::vector<Finding> deadlocks_;
+  std::vector<Finding> staleWaits_;
+  std::vector<std::string> staleNow_;  // the stale waits of the last check
   int running_ = 0;       // owner threads not yet done
   bool started_ = false;  // the run's threads may go
   std::condition_variable ownersDone_;

@@ -10,19 +10,7 @@ browser=$(command -v chromium || command -v chromium-browser) || {
   echo "chromium is not installed: skipped"
   exit 77
 }
-work=$(mktemp -d)
-pid=
-cleanup() {
-  if [ -n "$pid" ]; then kill "$pid" 2>/dev/null; wait "$pid" 2>/dev/null; fi
-  rm -rf "$work"
-}
-trap cleanup EXIT
-fail() {
-  echo "browser_test: $*" >&2
-  echo "--- simulator output:" >&2
-  cat "$work/sim.log" >&2
-  exit 1
-}
+. "$(dirname "$0")/live_server.sh"
 
 browse() {
   timeout 60 "$browser" --headless --no-sandbox --disable-gpu --disable-quic --no-first-run \
@@ -33,16 +21,7 @@ browse() {
 # before the scenario starts, so that the first phase is not missed.
 browse "data:text/html,ready" >/dev/null
 
-# Port 0: the simulator binds a free port and prints it.
-"$sim" "$scenario" --serve 0 --linger 120 >"$work/sim.log" 2>&1 &
-pid=$!
-url=
-for _ in $(seq 100); do
-  url=$(grep -o 'http://127\.0\.0\.1:[0-9]*/' "$work/sim.log")
-  [ -n "$url" ] && break
-  sleep 0.1
-done
-[ -n "$url" ] || fail "the simulator printed no address"
+start_simulator "$sim" "$scenario" --linger 120
 
 # Dumps the page until it contains $1, for at most $2 seconds; leaves it in $page.
 page=

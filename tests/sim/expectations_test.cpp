@@ -22,6 +22,10 @@ class FakeWorld : public World {
   bool isActivated(const std::string&) override { return true; }
   std::vector<Outcome> outcomesOf(const std::string& o) override { return outcomes[o]; }
   std::vector<std::string> notifiedOf(const std::string&) override { return {"Head"}; }
+  std::vector<Finding> deadlocks() override { return deadlockList; }
+  std::vector<Finding> staleWaits() override { return {}; }
+
+  std::vector<Finding> deadlockList;
 };
 
 ExpectSpec outcome(const std::string& resource, const std::string& kind) {
@@ -84,4 +88,32 @@ TEST_F(Expectations, HoldersAndHolderSayWhatWasFound) {
   x.resource = "Standing";
   x.names = {"b", "a"};  // order counts: holders stand in the order granted
   EXPECT_EQ(check(x, world).text, "Standing held by [b, a] at 500 ms, found [a, b]");
+}
+
+// A deadlock expectation matches the owners as a set and a resource on any
+// edge, counts only what was reported by its time, and names what it found.
+TEST_F(Expectations, DeadlockMatchesOwnersResourceAndTime) {
+  world.deadlockList = {{400, {"hug", "wave"}, {"LeftArm", "RightArm"}, "deadlock: hug -> wave"}};
+  ExpectSpec x;
+  x.entry = "expect[1]";
+  x.kind = ExpectKind::Deadlock;
+  x.reported = true;
+  x.names = {"wave", "hug", "wave"};
+  x.resource = "RightArm";
+  EXPECT_TRUE(check(x, world).held);
+  x.atMs = 300;
+  EXPECT_EQ(check(x, world).text,
+            "a deadlock of [hug, wave] on RightArm reported by 300 ms, found none");
+  x.atMs = -1;
+  x.resource = "Standing";
+  EXPECT_FALSE(check(x, world).held);
+  x.resource.clear();
+  x.names = {"wave", "kick"};
+  EXPECT_FALSE(check(x, world).held);
+  x.names.clear();
+  x.reported = false;
+  EXPECT_EQ(check(x, world).text,
+            "a deadlock not reported during the run, found \"deadlock: hug -> wave\" at 400 ms");
+  x.kind = ExpectKind::StaleWait;
+  EXPECT_TRUE(check(x, world).held);
 }

@@ -79,3 +79,11 @@ TEST(StatusPage, LinesAreCutAfterEachBreakWhichStays) {
                                 "---S Waiter: []<br />", "x"}));
   EXPECT_EQ(escapeHtml("a<b>&\"'"), "a&lt;b&gt;&amp;&quot;&#39;");
 }
+
+TEST_F(Report, DeadlockIsALineAcrossTheLanesWithItsTextEscaped) {
+  events.push_back({650, EventKind::Deadlock, "b", "Head", "deadlock: b -> <i>c</i> (Head)"});
+  std::string svg = renderTimeline(scenario, events, record);
+  EXPECT_EQ(count(svg, "<line class=\"alarm\""), 1u);
+  EXPECT_EQ(count(svg, "650 ms: deadlock: b -&gt; &lt;i&gt;c&lt;/i&gt; (Head)</title>"), 1u);
+  EXPECT_EQ(count(svg, "class=\"mark\""), 2u);  // no mark of its own on the lane
+}

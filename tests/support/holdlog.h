@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <cstddef>
 #include <mutex>
@@ -8,21 +9,42 @@
 
 namespace zutest {
 
-/// Records the intervals in which owners held one resource and finds the ones
-/// that overlap although their owners may not hold it at the same time.
-/// Thread safe.
+/// Records when owners held one resource and finds the overlapping holds of
+/// owners that may not hold it together. Thread safe.
 class HoldLog {
  public:
   using Clock = std::chrono::steady_clock;
 
-  /// `owner` held the resource from `got` (taken after its wait returned) to
-  /// `released` (taken before its release was called).
-  void add(const std::string& owner, Clock::time_point got, Clock::time_point released);
-  /// One line per pair of overlapping intervals whose owners are unrelated:
-  /// neither name is a prefix of the other (a descendant may hold the resource
-  /// while its ancestor does).
-  std::vector<std::string> overlaps() const;
-  std::size_t size() const;
+  /// `owner` held the resource from `got` (after its wait returned) to
+  /// `released` (before its release was called).
+  void add(const std::string& owner, Clock::time_point got, Clock::time_point released) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    holds_.push_back(Hold{owner, got, released});
+  }
+
+  /// One line per overlapping pair whose names are unrelated: neither is a
+  /// prefix of the other (a descendant may hold what its ancestor holds).
+  std::vector<std::string> overlaps() const {
+    std::vector<Hold> holds;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      holds = holds_;
+    }
+    std::sort(holds.begin(), holds.end(),
+              [](const Hold& a, const Hold& b) { return a.got < b.got; });
+    auto isPrefix = [](const std::string& p, const std::string& s) {
+      return s.compare(0, p.size(), p) == 0;
+    };
+    std::vector<std::string> found;
+    for (std::size_t i = 0; i < holds.size(); ++i) {
+      for (std::size_t j = i + 1; j < holds.size() && holds[j].got < holds[i].released; ++j) {
+        const std::string& a = holds[i].owner;
+        const std::string& b = holds[j].owner;
+        if (!isPrefix(a, b) && !isPrefix(b, a)) found.push_back(a + " overlaps " + b);
+      }
+    }
+    return found;
+  }
 
  private:
   struct Hold {

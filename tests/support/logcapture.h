@@ -17,8 +17,6 @@ class LogCapture {
           records_.push_back(record);
         })) {}
   ~LogCapture() { ko::log::setHandler(previous_); }
-  LogCapture(const LogCapture&) = delete;
-  LogCapture& operator=(const LogCapture&) = delete;
 
   std::vector<ko::log::Record> records() const {
     std::lock_guard<std::mutex> lock(mutex_);

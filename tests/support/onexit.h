@@ -6,14 +6,11 @@
 namespace zutest {
 
 /// Runs an action when it goes out of scope, also when an assertion leaves the
-/// test early: lets a blocked module go before the test tears it down.
-/// Not shared between threads.
+/// test early (lets a blocked module go before teardown). Not shared.
 class OnExit {
  public:
   explicit OnExit(std::function<void()> action) : action_(std::move(action)) {}
-  ~OnExit() {
-    if (action_) action_();
-  }
+  ~OnExit() { action_(); }
   OnExit(const OnExit&) = delete;
   OnExit& operator=(const OnExit&) = delete;
 

@@ -4,47 +4,63 @@
 #include <functional>
 #include <string>
 
+#include <boost/make_shared.hpp>
 #include <boost/shared_ptr.hpp>
 
+#include <zuhost/zuerror.h>
+#include <zuhost/zumutex.h>
 #include <zuresource/zuowner.h>
 
 namespace zutest {
 
-/// A test owner whose conflict() answers from a script and which counts the
-/// calls it receives, so that a test can see whether and how often a resource
-/// asked its holder. Thread safe: the counters are atomic and the script is
-/// immutable after construction; the script itself must be thread safe when
-/// several threads contest the owner.
+/// A test owner whose conflict() answers from a script and counts its calls.
+/// Thread safe: the counters are atomic, the script immutable (and must itself
+/// be thread safe when several threads contest the owner).
 class ScriptedOwner final : public ZU::ZUOwner {
  public:
-  /// What conflict() does: gets the resource name and the requester, returns
-  /// conflict()'s answer or throws.
-  using Script = std::function<bool(const std::string& resourceName,
-                                    const boost::shared_ptr<ZU::ZUOwner>& requester)>;
+  /// conflict()'s answer for a resource name and a requester; may throw.
+  using Script = std::function<bool(const std::string&, const boost::shared_ptr<ZU::ZUOwner>&)>;
 
-  /// Always declines (a holder that keeps its resource).
-  static Script decline();
-  /// Always yields (a holder that hands its resource down).
-  static Script yield();
-  /// Always throws ZUError ("ScriptedOwner", "conflict", "scripted failure").
-  static Script fail();
+  static Script decline() { return [](auto&, auto&) { return false; }; }
+  static Script yield() { return [](auto&, auto&) { return true; }; }
+  /// Throws ZUError ("ScriptedOwner", "conflict", "scripted failure").
+  static Script fail() {
+    return [](auto&, auto&) -> bool {
+      throw ZU::ZUError("ScriptedOwner", "conflict", "scripted failure", "tests/support", 0);
+    };
+  }
 
-  /// A new owner with ownerType "eScripted", its own ownerMutex,
-  /// conflictMutex and waitersMutex, and `waiters` left invalid.
+  /// ownerType "eScripted", mutexes of its own, `waiters` left invalid.
   static boost::shared_ptr<ScriptedOwner> create(const std::string& name,
                                                  const std::string& moduleName,
-                                                 Script script = decline());
+                                                 Script script = decline()) {
+    return boost::make_shared<ScriptedOwner>(name, moduleName, std::move(script));
+  }
 
-  ScriptedOwner(const std::string& name, const std::string& moduleName, Script script);
-  /// Waits for every running conflict() to return, like the library's owners.
-  /// Takes: conflictMutex (write).
-  ~ScriptedOwner();
+  ScriptedOwner(const std::string& name, const std::string& moduleName, Script script)
+      : script_(std::move(script)) {
+    this->name = name;
+    this->moduleName = moduleName;
+    ownerType = "eScripted";
+    ownerMutex = ZU::ZUMutex::createZUMutex();
+    conflictMutex = ZU::ZUMutexRW::createZUMutexRW();
+    waitersMutex = ZU::ZUMutexRW::createZUMutexRW();
+  }
+  /// Waits for running conflict() calls to return. Takes: conflictMutex (write).
+  ~ScriptedOwner() { ZU::ZUCriticalSectionWrite waitForConflicts(conflictMutex); }
 
   /// Counts the call, then runs the script. Takes: conflictMutex (read).
   bool conflict(const std::string& resourceName, boost::shared_ptr<ZU::ZUOwner> requester,
-                int timeout) override;
+                int /*timeout*/) override {
+    ZU::ZUCriticalSectionRead running(conflictMutex);
+    ++conflicts_;
+    return script_(resourceName, requester);
+  }
   /// Counts the call and sets the release flag. No lock.
-  void freeResource() override;
+  void freeResource() override {
+    ++frees_;
+    resourceFreed = true;
+  }
 
   int conflicts() const { return conflicts_.load(); }
   int frees() const { return frees_.load(); }

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <atomic>
+#include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <optional>
 #include <string>
@@ -13,6 +15,7 @@
 #include <zuresource/zuresource.h>
 
 #include "support/guardedthread.h"
+#include "support/stopwatch.h"
 
 namespace zutest {
 
@@ -25,27 +28,38 @@ struct WaitForOutcome {
 };
 
 /// Runs `resource->waitFor(owner, "", timeout, noWaitList)` in a thread of its
-/// own, the way a behaviour's thread does, and records how and when it ended.
-/// The run keeps its own handles on the resource and the owner until it ends,
-/// so a test may drop its handles while the wait runs.
-///
-/// Thread safety: owned by one test thread; the outcome is written by the
-/// run's thread before it marks the run finished (atomic).
+/// own, as a behaviour's thread does; the run keeps its own handles on the
+/// resource and the owner until it ends. Thread safety: owned by one test
+/// thread; the run writes the outcome before it sets `finished` (atomic).
 class WaitForRun {
  public:
   WaitForRun(boost::shared_ptr<ZU::ZUResource> resource, boost::shared_ptr<ZU::ZUOwner> owner,
-             int timeout, std::vector<std::string> noWaitList = {});
-  /// Waits for the end as wait(10000) does.
-  ~WaitForRun();
+             int timeout, std::vector<std::string> noWaitList = {})
+      : state_(std::make_shared<State>()),
+        thread_([resource, owner, timeout, noWaitList, state = state_] {
+          Stopwatch watch;
+          try {
+            state->outcome.result = resource->waitFor(owner, "", timeout, noWaitList);
+          } catch (const ZU::ZUError& error) {
+            state->outcome.error = error;
+          } catch (...) {
+            state->outcome.otherException = true;
+          }
+          state->outcome.elapsedMs = watch.elapsedMs();
+          state->finished = true;
+        }) {}
+  ~WaitForRun() { wait(10000); }
   WaitForRun(const WaitForRun&) = delete;
   WaitForRun& operator=(const WaitForRun&) = delete;
 
-  /// Whether the call is still running.
   bool running() const { return !state_->finished; }
-  /// Waits for the end and returns the outcome, the thread joined (so the
-  /// run's handles are gone). A call still running after `ms` aborts the test
-  /// program: a hung wait must fail, not stall the suite.
-  WaitForOutcome wait(int ms = 5000);
+  /// The outcome, the thread joined. A call still running after `ms` aborts
+  /// the program: a hung wait must fail the suite, not stall it.
+  WaitForOutcome wait(int ms = 5000) {
+    if (thread_.joinFor(ms)) return state_->outcome;
+    std::fprintf(stderr, "a waitFor() call did not end within %d ms\n", ms);
+    std::abort();
+  }
 
  private:
   struct State {
@@ -56,12 +70,29 @@ class WaitForRun {
   GuardedThread thread_;
 };
 
-/// Whether `outcome` is a wait that failed with ZUError ("ResourceManager",
-/// "waitResource", `description`).
-::testing::AssertionResult waitFailedWith(const WaitForOutcome& outcome,
-                                          const std::string& description);
-/// Whether `outcome` is a wait that returned `expected`.
-::testing::AssertionResult waitReturned(const WaitForOutcome& outcome,
-                                        const std::vector<std::string>& expected = {});
+/// Whether `outcome` failed with ZUError ("ResourceManager", "waitResource",
+/// `description`).
+inline ::testing::AssertionResult waitFailedWith(const WaitForOutcome& outcome,
+                                                 const std::string& description) {
+  if (!outcome.error) return ::testing::AssertionFailure() << "the wait threw no ZUError";
+  const ZU::ZUError& e = *outcome.error;
+  if (e.getModule() != "ResourceManager" || e.getMethod() != "waitResource" ||
+      e.getDescription() != description)
+    return ::testing::AssertionFailure() << "unexpected error: " << e.toString();
+  return ::testing::AssertionSuccess();
+}
+
+/// Whether `outcome` returned `expected`.
+inline ::testing::AssertionResult waitReturned(const WaitForOutcome& outcome,
+                                               const std::vector<std::string>& expected = {}) {
+  if (outcome.error)
+    return ::testing::AssertionFailure() << "the wait failed: " << outcome.error->toString();
+  if (outcome.otherException)
+    return ::testing::AssertionFailure() << "the wait threw something other than ZUError";
+  if (outcome.result != expected)
+    return ::testing::AssertionFailure() << "the wait returned " << outcome.result.size()
+                                         << " names instead of " << expected.size();
+  return ::testing::AssertionSuccess();
+}
 
 }  // namespace zutest
