@@ -29,14 +29,12 @@ namespace {
 
 using ResourcePtr = boost::shared_ptr<ZU::ZUResource>;
 using zutest::makeOwner;
+using zutest::makePlain;
 using zutest::waitFailedWith;
 using zutest::waitReturned;
 using zutest::waitUntil;
 using zutest::WaitForRun;
 
-ResourcePtr makeResource(const std::string& name) {
-  return boost::make_shared<ZU::ZUResource>(name, nullptr);
-}
 std::string timedOut(const std::string& name) { return "resource wait has timeouted on " + name; }
 
 // Holders h[i] of r[i], all of module "H" on `broker`: one holder per resource,
@@ -62,7 +60,7 @@ class HostFaultTest : public ::testing::Test {
   boost::shared_ptr<ZU::ZUBroker> broker = boost::make_shared<ZU::ZUBroker>();
   boost::shared_ptr<ZU::ZUOwner> h[3] = {makeOwner("h0", "H"), makeOwner("h1", "H"),
                                          makeOwner("h2", "H")};
-  ResourcePtr r[3] = {makeResource("R0"), makeResource("R1"), makeResource("R2")};
+  ResourcePtr r[3] = {makePlain("R0"), makePlain("R1"), makePlain("R2")};
 };
 
 TEST_F(HostFaultTest, OnResourceThatThrowsLeavesTheWaitsAndTheModuleGoing) {
@@ -103,7 +101,7 @@ TEST_F(HostFaultTest, OnResourceThatNeverReturnsDelaysNoWait) {
 }
 
 TEST_F(HostFaultTest, HolderModuleMissingFromTheBrokerFailsTheWaitAtOnce) {
-  auto taken = makeResource("Taken");
+  auto taken = makePlain("Taken");
   auto group = zutest::makeGroup("G", {taken, r[0]});
   auto error = zutest::errorOf([&] { group->waitFor(makeOwner("w", "W"), "", 5, {}); });
   ASSERT_TRUE(error);  // the broker's error, before any sleep
@@ -145,7 +143,7 @@ TEST(HostFaults, BrokerDestroyedWhileNotificationsAreUnderWay) {
   holder->setParentBroker(broker);
   std::vector<std::unique_ptr<WaitForRun>> waits;
   for (int i = 0; i < 16; ++i) {
-    auto resource = makeResource("R" + std::to_string(i));
+    auto resource = makePlain("R" + std::to_string(i));
     ASSERT_TRUE(resource->waitFor(holder, "", 0, {}).empty());
     waits.push_back(std::make_unique<WaitForRun>(resource, makeOwner("w", "W"), 0));
   }

@@ -22,11 +22,9 @@ using ResourcePtr = boost::shared_ptr<ZU::ZUResource>;
 using zutest::errorOf;
 using zutest::makeGroup;
 using zutest::makeOwner;
+using zutest::makePlain;
 using zutest::memberNames;
 
-ResourcePtr plain(const std::string& name) {
-  return boost::make_shared<ZU::ZUResource>(name, nullptr);
-}
 
 TEST(GroupMembershipTest, EmptyGroupAnswersFromNoMembersAndAcquiresNothing) {
   auto g = makeGroup("G", {});
@@ -49,8 +47,8 @@ TEST(GroupMembershipTest, EmptyGroupAnswersFromNoMembersAndAcquiresNothing) {
 }
 
 TEST(GroupMembershipTest, DeleteRemovesTheFirstMatchAndKeepsTheOrder) {
-  auto a = plain("A");
-  auto g = makeGroup("G", {a, plain("B"), a, plain("C")});
+  auto a = makePlain("A");
+  auto g = makeGroup("G", {a, makePlain("B"), a, makePlain("C")});
   g->deleteResource("A");
   EXPECT_EQ(memberNames(*g), (Names{"B", "A", "C"}));
   g->deleteResource("A");
@@ -77,8 +75,8 @@ TEST(GroupMembershipTest, AddResourceTakesASecondCopyButNoCycle) {
 
 TEST(GroupMembershipTest, QueriesAndReportsNestAndLeaveOutMembersWithoutAValue) {
   // G holds A and H; H holds B.
-  auto a = plain("A");
-  auto b = plain("B");
+  auto a = makePlain("A");
+  auto b = makePlain("B");
   auto h = makeGroup("H", {b});
   auto g = makeGroup("G", {a, h});
   for (const char* name : {"G", "A", "H", "B"}) EXPECT_TRUE(g->isInGroup(name)) << name;
@@ -96,10 +94,10 @@ TEST(GroupMembershipTest, QueriesAndReportsNestAndLeaveOutMembersWithoutAValue) 
             R"([["G"],[["A","M",null],[["H"],[["B","M",null]]]]])");
 
   // Plain resources and groups named "ZU..." give an invalid value; states do not.
-  EXPECT_EQ(makeGroup("G", {plain("ZUA"), makeGroup("ZUH", {b})})->ownersGet().serializeToText(),
+  EXPECT_EQ(makeGroup("G", {makePlain("ZUA"), makeGroup("ZUH", {b})})->ownersGet().serializeToText(),
             R"([["G"]])");
   auto mixed = makeGroup(
-      "G", {plain("ZUA"), plain("A"), boost::make_shared<ZU::ZUResourceState>("ZUS", nullptr)});
+      "G", {makePlain("ZUA"), makePlain("A"), boost::make_shared<ZU::ZUResourceState>("ZUS", nullptr)});
   EXPECT_EQ(mixed->ownersGet().serializeToText(), R"([["G"],[["A"],["ZUS"]]])");
   EXPECT_FALSE(makeGroup("ZUGroup", {a})->ownersGet().isValid());
 }
@@ -214,7 +212,7 @@ TEST_F(GroupAcquireTest, AbortDuringWaitForGivesBackWhatWasTaken) {
 }
 
 TEST(GroupMixedTest, StateMemberIsAcquiredByItsOwnRules) {
-  auto a = plain("A");
+  auto a = makePlain("A");
   auto s = boost::make_shared<ZU::ZUResourceState>("S", nullptr);
   auto g = makeGroup("G", {a, s});
   auto owner = makeOwner("o", "M");
@@ -240,9 +238,9 @@ TEST(GroupMixedTest, StateMemberIsAcquiredByItsOwnRules) {
 // over, each from its own thread, with finite timeouts; waits that fail give
 // the group back. In the end nothing may be left held.
 TEST(GroupContentionTest, TwoOwnersOnOverlappingGroupsLeaveEverythingFree) {
-  auto r1 = plain("R1");
-  auto r2 = plain("R2");
-  auto r3 = plain("R3");
+  auto r1 = makePlain("R1");
+  auto r2 = makePlain("R2");
+  auto r3 = makePlain("R3");
   auto g1 = makeGroup("G1", {r1, r2});
   auto g2 = makeGroup("G2", {r2, r3});
   auto run = [g1, g2](const std::string& name) {
@@ -270,7 +268,7 @@ TEST(GroupContentionTest, TwoOwnersOnOverlappingGroupsLeaveEverythingFree) {
 //   thread 1: the wait times out; g->release takes G's read lock again.
 // A lock that queues the second read behind the waiting writer deadlocks.
 TEST(GroupLockTest, ReleaseAfterAFailedWaitReentersTheReadLockWhileAWriterWaits) {
-  auto r = plain("R");
+  auto r = makePlain("R");
   auto g = makeGroup("G", {r});
   auto holder = makeOwner("h", "H");
   r->waitFor(holder, "", 0, {});
@@ -283,7 +281,7 @@ TEST(GroupLockTest, ReleaseAfterAFailedWaitReentersTheReadLockWhileAWriterWaits)
   });
   ASSERT_TRUE(zutest::waitUntil([&] { return holder->copyWaiters().size() == 1; }));
   zutest::GuardedThread writer(
-      [g] { g->addResource(plain("Late")); });
+      [g] { g->addResource(makePlain("Late")); });
 
   EXPECT_FALSE(writer.joinFor(100)) << "the writer did not wait for the reader";
   ASSERT_TRUE(waiter.joinFor(10000)) << "deadlock: the release did not get the read lock";

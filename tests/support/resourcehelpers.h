@@ -43,6 +43,11 @@ inline boost::shared_ptr<ZU::ZUOwner> makeOwner(const std::string& name,
   return ZU::ZUResource::createOwner(0, name, moduleName, nullptr);
 }
 
+/// A plain resource named `name`, with no parent.
+inline boost::shared_ptr<ZU::ZUResource> makePlain(const std::string& name) {
+  return boost::make_shared<ZU::ZUResource>(name, nullptr);
+}
+
 /// A group named `name` holding `members` in that order.
 inline boost::shared_ptr<ZU::ZUResourceList> makeGroup(
     const std::string& name, std::initializer_list<boost::shared_ptr<ZU::ZUResource>> members) {
