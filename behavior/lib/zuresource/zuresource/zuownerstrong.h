@@ -21,7 +21,7 @@ class ZUOwnerStrong final : public ZUOwner {
  public:
   /// The polling period of a conflict wait: a release is seen at most this
   /// late.
-  static const int kPollPeriodMs = 200;
+  static constexpr int kPollPeriodMs = 200;
 
   /// Sets, in order: timeout 0, ownerType "eStrong", name, moduleName, flag
   /// false, conflictMutex, waitersMutex, ownerMutex, hierarchyOwner.
