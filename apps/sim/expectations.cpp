@@ -12,12 +12,12 @@ std::string list(const std::vector<std::string>& names) {
   return out + "]";
 }
 
-std::string when(const ExpectSpec& x) {
+std::string when(const ExpectEntry& x) {
   return x.atMs < 0 ? "at the end" : "at " + std::to_string(x.atMs) + " ms";
 }
 
 /// Compares `found` with `wanted` and fills in the result.
-ExpectResult compare(const ExpectSpec& x, const std::string& what, const std::string& wanted,
+ExpectResult compare(const ExpectEntry& x, const std::string& what, const std::string& wanted,
                      const std::string& found) {
   ExpectResult r{x.entry, wanted == found, what + " " + wanted + " " + when(x)};
   if (!r.held) r.text += ", found " + found;
@@ -31,7 +31,7 @@ std::string describe(const Outcome& o) {
   return text;
 }
 
-ExpectResult checkOutcome(const ExpectSpec& x, World& world) {
+ExpectResult checkOutcome(const ExpectEntry& x, World& world) {
   std::vector<Outcome> outcomes = world.outcomesOf(x.owner);
   const Outcome* last = nullptr;
   for (const Outcome& o : outcomes)
@@ -51,7 +51,7 @@ ExpectResult checkOutcome(const ExpectSpec& x, World& world) {
 
 /// Whether a deadlock or stale wait that matches `x` was reported by the
 /// expectation's time; when it fails, says what was found.
-ExpectResult checkFinding(const ExpectSpec& x, const std::vector<Finding>& found,
+ExpectResult checkFinding(const ExpectEntry& x, const std::vector<Finding>& found,
                           const std::string& what) {
   std::vector<std::string> owners = x.names;
   std::sort(owners.begin(), owners.end());
@@ -77,7 +77,7 @@ ExpectResult checkFinding(const ExpectSpec& x, const std::vector<Finding>& found
 
 }  // namespace
 
-ExpectResult check(const ExpectSpec& x, World& world) {
+ExpectResult check(const ExpectEntry& x, World& world) {
   switch (x.kind) {
     case ExpectKind::Holder:
       return compare(x, x.resource + " held by", x.holder, world.holderOf(x.resource));

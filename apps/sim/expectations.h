@@ -50,6 +50,6 @@ struct ExpectResult {
 };
 
 /// Checks one expectation against `world` as it is now.
-ExpectResult check(const ExpectSpec& expect, World& world);
+ExpectResult check(const ExpectEntry& expect, World& world);
 
 }  // namespace zusim

@@ -57,7 +57,7 @@ const Mark* markOf(EventKind kind) {
 class Timeline {
  public:
   Timeline(const Scenario& s, const RunRecord& r) : scenario_(s), record_(r) {
-    for (const ResourceSpec& res : s.resources)
+    for (const ResourceEntry& res : s.resources)
       if (res.kind != ResourceKind::Group) lanes_.push_back(res.name);
     long span = std::max<long>(r.endMs, 1);
     scale_ = static_cast<double>(kWidth - kLabelWidth - 20) / static_cast<double>(span);
@@ -101,7 +101,7 @@ class Timeline {
     out_ << "<rect x=\"0\" y=\"" << y << "\" width=\"" << kWidth << "\" height=\"" << kLaneHeight
          << "\" fill=\"" << (i % 2 ? "#ffffff" : "#f3f4f6") << "\"/>\n";
     std::string groups;
-    for (const ResourceSpec& r : scenario_.resources) {
+    for (const ResourceEntry& r : scenario_.resources) {
       if (r.kind != ResourceKind::Group) continue;
       std::vector<std::string> leaves = scenario_.leavesOf(r.name);
       if (std::find(leaves.begin(), leaves.end(), name) != leaves.end())
@@ -184,7 +184,7 @@ class Timeline {
 std::string legend(const Scenario& s, const Timeline& timeline) {
   std::ostringstream out;
   out << "<div class=\"legend\">";
-  for (const OwnerSpec& o : s.owners)
+  for (const OwnerEntry& o : s.owners)
     out << "<span><i style=\"background:" << timeline.colour(o.name) << "\"></i>"
         << escapeHtml(o.name) << "</span>";
   out << "<span><i class=\"wait\"></i>waiting (pale, dashed)</span>"

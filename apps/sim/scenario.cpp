@@ -105,7 +105,7 @@ bool hasName(const std::vector<T>& items, const std::string& name) {
 
 void parseResource(const Entry& e, Scenario& s) {
   e.allow({"name", "kind", "activated", "members"});
-  ResourceSpec r;
+  ResourceEntry r;
   r.name = e.text("name");
   if (r.name.empty()) e.fail("empty resource name");
   if (hasName(s.resources, r.name)) e.fail("resource \"" + r.name + "\" declared twice");
@@ -129,7 +129,7 @@ void parseResource(const Entry& e, Scenario& s) {
 
 void parseModule(const Entry& e, Scenario& s) {
   e.allow({"name", "onResource", "delay"});
-  ModuleSpec m;
+  ModuleEntry m;
   m.name = e.text("name");
   if (hasName(s.modules, m.name)) e.fail("module \"" + m.name + "\" declared twice");
   std::string answer = e.text("onResource", "release", false);
@@ -146,7 +146,7 @@ void parseModule(const Entry& e, Scenario& s) {
 
 void parseOwner(const Entry& e, Scenario& s) {
   e.allow({"name", "module"});
-  OwnerSpec o;
+  OwnerEntry o;
   o.name = e.text("name");
   o.module = e.text("module");
   if (o.name.empty()) e.fail("empty owner name");
@@ -156,8 +156,8 @@ void parseOwner(const Entry& e, Scenario& s) {
   s.owners.push_back(o);
 }
 
-const ResourceSpec& knownResource(const Entry& e, const Scenario& s, const std::string& name) {
-  const ResourceSpec* r = s.findResource(name);
+const ResourceEntry& knownResource(const Entry& e, const Scenario& s, const std::string& name) {
+  const ResourceEntry* r = s.findResource(name);
   if (!r) e.fail("unknown resource \"" + name + "\"");
   return *r;
 }
@@ -172,7 +172,7 @@ void parseAction(const Entry& e, Scenario& s) {
       {"switchOwner", ActionKind::SwitchOwner},   {"setState", ActionKind::SetState},
       {"releaseState", ActionKind::ReleaseState}, {"stop", ActionKind::Stop}};
   e.allow({"at", "do", "owner", "resource", "label", "timeout", "noWait", "activated"});
-  ActionSpec a;
+  ActionEntry a;
   a.entry = e.where();
   a.atMs = e.time("at", 0, true);
   std::string what = e.text("do");
@@ -184,7 +184,7 @@ void parseAction(const Entry& e, Scenario& s) {
            "\" (waitFor, release, switchOwner, setState, releaseState, stop)");
   a.kind = kind->second;
   a.resource = e.text("resource");
-  const ResourceSpec& r = knownResource(e, s, a.resource);
+  const ResourceEntry& r = knownResource(e, s, a.resource);
   bool managerAction = a.kind == ActionKind::SetState || a.kind == ActionKind::ReleaseState;
   if (managerAction) {
     if (e.has("owner")) e.fail("\"" + what + "\" is the manager's; it has no \"owner\"");
@@ -211,7 +211,7 @@ void parseAction(const Entry& e, Scenario& s) {
 
 /// {"deadlock": true|false} or {"staleWait": true|false}, optionally narrowed
 /// to the owners involved and a resource waited for.
-void parseDiagnosis(const Entry& e, const Scenario& s, ExpectSpec& x) {
+void parseDiagnosis(const Entry& e, const Scenario& s, ExpectEntry& x) {
   if (e.has("deadlock") && e.has("staleWait")) e.fail("one of \"deadlock\" and \"staleWait\"");
   x.kind = e.has("deadlock") ? ExpectKind::Deadlock : ExpectKind::StaleWait;
   x.reported = e.boolean(e.has("deadlock") ? "deadlock" : "staleWait");
@@ -227,12 +227,12 @@ void parseDiagnosis(const Entry& e, const Scenario& s, ExpectSpec& x) {
 void parseExpectation(const Entry& e, Scenario& s) {
   e.allow({"at", "resource", "holder", "holders", "activated", "owner", "outcome", "notObtained",
            "error", "module", "notified", "deadlock", "staleWait", "owners"});
-  ExpectSpec x;
+  ExpectEntry x;
   x.entry = e.where();
   x.atMs = e.has("at") ? e.time("at", 0) : -1;
   if (e.has("holder") || e.has("holders") || e.has("activated")) {
     x.resource = e.text("resource");
-    const ResourceSpec& r = knownResource(e, s, x.resource);
+    const ResourceEntry& r = knownResource(e, s, x.resource);
     if (e.has("holder")) {
       x.kind = ExpectKind::Holder;
       x.holder = e.text("holder");
@@ -283,7 +283,7 @@ void parseExpectation(const Entry& e, Scenario& s) {
 void checkCycles(const Scenario& s) {
   std::set<std::string> done;
   std::vector<std::string> path;
-  std::function<void(const ResourceSpec&)> visit = [&](const ResourceSpec& r) {
+  std::function<void(const ResourceEntry&)> visit = [&](const ResourceEntry& r) {
     if (done.count(r.name)) return;
     auto again = std::find(path.begin(), path.end(), r.name);
     if (again != path.end()) {
@@ -296,25 +296,25 @@ void checkCycles(const Scenario& s) {
     path.pop_back();
     done.insert(r.name);
   };
-  for (const ResourceSpec& r : s.resources) visit(r);
+  for (const ResourceEntry& r : s.resources) visit(r);
 }
 
 }  // namespace
 
-const ResourceSpec* Scenario::findResource(const std::string& name) const {
-  for (const ResourceSpec& r : resources)
+const ResourceEntry* Scenario::findResource(const std::string& name) const {
+  for (const ResourceEntry& r : resources)
     if (r.name == name) return &r;
   return nullptr;
 }
 
-const OwnerSpec* Scenario::findOwner(const std::string& name) const {
-  for (const OwnerSpec& o : owners)
+const OwnerEntry* Scenario::findOwner(const std::string& name) const {
+  for (const OwnerEntry& o : owners)
     if (o.name == name) return &o;
   return nullptr;
 }
 
-const ModuleSpec* Scenario::findModule(const std::string& name) const {
-  for (const ModuleSpec& m : modules)
+const ModuleEntry* Scenario::findModule(const std::string& name) const {
+  for (const ModuleEntry& m : modules)
     if (m.name == name) return &m;
   return nullptr;
 }
@@ -322,7 +322,7 @@ const ModuleSpec* Scenario::findModule(const std::string& name) const {
 std::vector<std::string> Scenario::leavesOf(const std::string& name) const {
   std::vector<std::string> out;
   std::function<void(const std::string&)> walk = [&](const std::string& n) {
-    const ResourceSpec* r = findResource(n);
+    const ResourceEntry* r = findResource(n);
     if (r->kind != ResourceKind::Group) {
       if (std::find(out.begin(), out.end(), n) == out.end()) out.push_back(n);
       return;
@@ -335,9 +335,9 @@ std::vector<std::string> Scenario::leavesOf(const std::string& name) const {
 
 std::vector<std::string> Scenario::roots() const {
   std::set<std::string> members;
-  for (const ResourceSpec& r : resources) members.insert(r.members.begin(), r.members.end());
+  for (const ResourceEntry& r : resources) members.insert(r.members.begin(), r.members.end());
   std::vector<std::string> out;
-  for (const ResourceSpec& r : resources)
+  for (const ResourceEntry& r : resources)
     if (!members.count(r.name)) out.push_back(r.name);
   return out;
 }
@@ -368,15 +368,15 @@ Scenario parseScenario(const std::string& text, const std::string& file) {
   forEach(top, "expect", file, [&](const Entry& e) { parseExpectation(e, s); });
   if (s.resources.empty()) whole.fail("declares no resource");
   int last = 0;
-  for (const ActionSpec& a : s.actions) last = std::max(last, a.atMs);
+  for (const ActionEntry& a : s.actions) last = std::max(last, a.atMs);
   s.stopAtMs = whole.time("stopAt", last + 10000);
-  for (const ActionSpec& a : s.actions)
+  for (const ActionEntry& a : s.actions)
     if (a.atMs > s.stopAtMs)
       throw ScenarioError(file + ": " + a.entry + ": at " + std::to_string(a.atMs) +
                           " ms, after \"stopAt\" (" + std::to_string(s.stopAtMs) + " ms)");
   // Actions of one thread run in time order, whatever order the file has.
   std::stable_sort(s.actions.begin(), s.actions.end(),
-                   [](const ActionSpec& a, const ActionSpec& b) { return a.atMs < b.atMs; });
+                   [](const ActionEntry& a, const ActionEntry& b) { return a.atMs < b.atMs; });
   return s;
 }
 

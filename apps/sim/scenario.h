@@ -11,7 +11,7 @@ namespace zusim {
 
 enum class ResourceKind { Plain, State, Group };
 
-struct ResourceSpec {
+struct ResourceEntry {
   std::string name;
   ResourceKind kind = ResourceKind::Plain;
   bool activated = false;            // state resources: activated at the start
@@ -20,13 +20,13 @@ struct ResourceSpec {
 
 /// How a module answers "__onResource__": it ignores it, or the owner of the
 /// module that holds the wanted resource lets go after `delayMs`.
-struct ModuleSpec {
+struct ModuleEntry {
   std::string name;
   bool releases = false;
   int delayMs = 0;
 };
 
-struct OwnerSpec {
+struct OwnerEntry {
   std::string name;  // hierarchical: "dance/wave" extends "dance"
   std::string module;
 };
@@ -36,7 +36,7 @@ enum class ActionKind { WaitFor, Release, SwitchOwner, SetState, ReleaseState, S
 /// One step of the timeline. WaitFor, Release and SwitchOwner run in the
 /// owner's own thread; SetState, ReleaseState and Stop (the manager makes the
 /// owner give the resource up, ending its wait) run in the manager's thread.
-struct ActionSpec {
+struct ActionEntry {
   std::string entry;  // "actions[3]", for messages
   int atMs = 0;
   ActionKind kind = ActionKind::WaitFor;
@@ -53,7 +53,7 @@ enum class ExpectKind { Holder, Holders, Activated, Outcome, Notified, Deadlock,
 /// One expectation, checked at `atMs` or, when `atMs` is negative, once the
 /// scenario is over. A Deadlock or StaleWait expectation asks whether one was
 /// reported by then (at any time of the run when checked at the end).
-struct ExpectSpec {
+struct ExpectEntry {
   std::string entry;  // "expect[2]"
   int atMs = -1;
   ExpectKind kind = ExpectKind::Holder;
@@ -75,15 +75,15 @@ struct Scenario {
   std::string title;
   std::string description;
   int stopAtMs = 0;  // owners still waiting then are stopped by the manager
-  std::vector<ResourceSpec> resources;
-  std::vector<ModuleSpec> modules;
-  std::vector<OwnerSpec> owners;
-  std::vector<ActionSpec> actions;
-  std::vector<ExpectSpec> expectations;
+  std::vector<ResourceEntry> resources;
+  std::vector<ModuleEntry> modules;
+  std::vector<OwnerEntry> owners;
+  std::vector<ActionEntry> actions;
+  std::vector<ExpectEntry> expectations;
 
-  const ResourceSpec* findResource(const std::string& name) const;
-  const OwnerSpec* findOwner(const std::string& name) const;
-  const ModuleSpec* findModule(const std::string& name) const;
+  const ResourceEntry* findResource(const std::string& name) const;
+  const OwnerEntry* findOwner(const std::string& name) const;
+  const ModuleEntry* findModule(const std::string& name) const;
   /// The plain and state resources inside `name` (itself when it is one),
   /// in member order, each once.
   std::vector<std::string> leavesOf(const std::string& name) const;

@@ -79,10 +79,10 @@ std::string LiveServer::page() {
   section(out, "deadlocks", "Deadlocks", d.deadlocks, "line alarm");
   section(out, "stale", "Stale waits", d.staleWaits, "line alarm");
   out << "<h2>Why would it wait?</h2>\n<form action=\"/explain\">owner <select name=\"owner\">";
-  for (const OwnerSpec& o : scenario_.owners)
+  for (const OwnerEntry& o : scenario_.owners)
     out << "<option>" << escapeHtml(o.name) << "</option>";
   out << "</select> resource <select name=\"resource\">";
-  for (const ResourceSpec& r : scenario_.resources)
+  for (const ResourceEntry& r : scenario_.resources)
     out << "<option>" << escapeHtml(r.name) << "</option>";
   out << "</select> <button>explain</button></form>\n<h2>Latest events</h2>\n<table>\n";
   for (const Event& e : log_.last(12))

@@ -56,7 +56,7 @@ bool RunRecord::allHeld() const {
 
 /// One owner of the scenario and what the run knows about it.
 struct Simulation::Owner {
-  const OwnerSpec& spec;
+  const OwnerEntry& entry;
   /// Immutable: the library's owner.
   boost::shared_ptr<ZU::ZUOwner> owner;
   /// Immutable: whether a resource may be handed down to this owner (another
@@ -75,7 +75,7 @@ struct Simulation::Owner {
   std::vector<std::string> acquired;       // what it asked for and holds, oldest first
   std::vector<Outcome> outcomes;
 
-  Owner(const OwnerSpec& s, boost::shared_ptr<ZU::ZUOwner> o) : spec(s), owner(std::move(o)) {}
+  Owner(const OwnerEntry& s, boost::shared_ptr<ZU::ZUOwner> o) : entry(s), owner(std::move(o)) {}
 
   std::unique_lock<std::mutex> serialise() {
     return mayBeHandedDown ? std::unique_lock<std::mutex>(calls) : std::unique_lock<std::mutex>();
@@ -84,17 +84,17 @@ struct Simulation::Owner {
 
 /// One host module of the scenario.
 struct Simulation::Module {
-  const ModuleSpec& spec;
+  const ModuleEntry& entry;
   boost::shared_ptr<ZU::ZUModule> module;  // immutable until the destructor
   std::vector<std::string> notified;       // guarded by Simulation::mutex_
 
-  explicit Module(const ModuleSpec& s)
-      : spec(s), module(boost::make_shared<ZU::ZUModule>(s.name)) {}
+  explicit Module(const ModuleEntry& s)
+      : entry(s), module(boost::make_shared<ZU::ZUModule>(s.name)) {}
 };
 
 Simulation::Simulation(const Scenario& scenario, EventLog& log)
     : scenario_(scenario), log_(log), broker_(boost::make_shared<ZU::ZUBroker>()) {
-  for (const ResourceSpec& r : scenario.resources) {
+  for (const ResourceEntry& r : scenario.resources) {
     boost::shared_ptr<ZU::ZUResource> made;
     if (r.kind == ResourceKind::Plain) made = boost::make_shared<ZU::ZUResource>(r.name, nullptr);
     if (r.kind == ResourceKind::State)
@@ -103,12 +103,12 @@ Simulation::Simulation(const Scenario& scenario, EventLog& log)
       made = boost::make_shared<ZU::ZUResourceList>(r.name, nullptr);
     resources_[r.name] = made;
   }
-  for (const ResourceSpec& r : scenario.resources) {
+  for (const ResourceEntry& r : scenario.resources) {
     for (const std::string& m : r.members) resources_.at(r.name)->addResource(resources_.at(m));
     if (r.activated) stateResource(r.name)->setState(true);
   }
   for (const std::string& r : scenario.roots()) roots_.push_back(resources_.at(r));
-  for (const ModuleSpec& m : scenario.modules) {
+  for (const ModuleEntry& m : scenario.modules) {
     modules_.push_back(std::make_unique<Module>(m));
     Module& module = *modules_.back();
     module.module->bindMethod<std::string>(
@@ -116,10 +116,10 @@ Simulation::Simulation(const Scenario& scenario, EventLog& log)
     broker_->addModule(module.module);
   }
   std::vector<std::string> givers;
-  for (const OwnerSpec& o : scenario.owners) givers.push_back(o.name);
-  for (const ResourceSpec& r : scenario.resources)
+  for (const OwnerEntry& o : scenario.owners) givers.push_back(o.name);
+  for (const ResourceEntry& r : scenario.resources)
     if (r.kind == ResourceKind::State) givers.push_back(r.name);
-  for (const OwnerSpec& o : scenario.owners) {
+  for (const OwnerEntry& o : scenario.owners) {
     owners_.push_back(
         std::make_unique<Owner>(o, ZU::ZUResource::createOwner(0, o.name, o.module, nullptr)));
     owners_.back()->owner->setParentBroker(broker_);
@@ -133,7 +133,7 @@ Simulation::Simulation(const Scenario& scenario, EventLog& log)
 Simulation::~Simulation() {
   // The modules go first: their methods refer to this simulation.
   for (auto& m : modules_) {
-    broker_->removeModule(m->spec.name);
+    broker_->removeModule(m->entry.name);
     m->module.reset();
   }
 }
@@ -141,9 +141,9 @@ Simulation::~Simulation() {
 // --- The run. -----------------------------------------------------------------
 
 RunRecord Simulation::run() {
-  std::map<std::string, std::vector<const ActionSpec*>> byOwner;
-  std::vector<const ActionSpec*> managerActions;
-  for (const ActionSpec& a : scenario_.actions) {
+  std::map<std::string, std::vector<const ActionEntry*>> byOwner;
+  std::vector<const ActionEntry*> managerActions;
+  for (const ActionEntry& a : scenario_.actions) {
     bool ownThread = a.kind == ActionKind::WaitFor || a.kind == ActionKind::Release ||
                      a.kind == ActionKind::SwitchOwner;
     (ownThread ? byOwner[a.owner] : managerActions).push_back(&a);
@@ -200,7 +200,7 @@ RunRecord Simulation::run() {
     record.waits = waits_;
     record.activations = activations_;
   }
-  for (const ExpectSpec& x : scenario_.expectations)
+  for (const ExpectEntry& x : scenario_.expectations)
     if (x.atMs < 0) record.results.push_back(check(x, *this));
   record.finalStatus = statusLines();
   return record;
@@ -211,9 +211,9 @@ void Simulation::awaitStart() {
   go_.wait(lock, [this] { return started_; });
 }
 
-void Simulation::ownerThread(Owner& o, const std::vector<const ActionSpec*>& actions) {
+void Simulation::ownerThread(Owner& o, const std::vector<const ActionEntry*>& actions) {
   awaitStart();
-  for (const ActionSpec* a : actions) {
+  for (const ActionEntry* a : actions) {
     std::this_thread::sleep_until(log_.at(a->atMs));
     if (a->kind == ActionKind::WaitFor) waitFor(o, *a);
     if (a->kind == ActionKind::Release) release(o, a->resource, "");
@@ -224,9 +224,9 @@ void Simulation::ownerThread(Owner& o, const std::vector<const ActionSpec*>& act
   ownersDone_.notify_all();
 }
 
-void Simulation::managerThread(const std::vector<const ActionSpec*>& actions) {
+void Simulation::managerThread(const std::vector<const ActionEntry*>& actions) {
   awaitStart();
-  for (const ActionSpec* a : actions) {
+  for (const ActionEntry* a : actions) {
     std::this_thread::sleep_until(log_.at(a->atMs));
     if (a->kind == ActionKind::Stop) {
       log_.add(EventKind::Manager, a->owner, a->resource,
@@ -240,19 +240,19 @@ void Simulation::managerThread(const std::vector<const ActionSpec*>& actions) {
 
 void Simulation::checkerThread(std::vector<ExpectResult>& results) {
   awaitStart();
-  std::vector<const ExpectSpec*> timed;
-  for (const ExpectSpec& x : scenario_.expectations)
+  std::vector<const ExpectEntry*> timed;
+  for (const ExpectEntry& x : scenario_.expectations)
     if (x.atMs >= 0) timed.push_back(&x);
   std::stable_sort(timed.begin(), timed.end(),
-                   [](const ExpectSpec* a, const ExpectSpec* b) { return a->atMs < b->atMs; });
-  for (const ExpectSpec* x : timed) {
+                   [](const ExpectEntry* a, const ExpectEntry* b) { return a->atMs < b->atMs; });
+  for (const ExpectEntry* x : timed) {
     std::this_thread::sleep_until(log_.at(x->atMs));
     results.push_back(check(*x, *this));
   }
 }
 
-void Simulation::waitFor(Owner& o, const ActionSpec& a) {
-  const std::string& who = o.spec.name;
+void Simulation::waitFor(Owner& o, const ActionEntry& a) {
+  const std::string& who = o.entry.name;
   std::string limit =
       a.timeout < 0 ? "no time limit" : "time limit " + std::to_string(a.timeout) + " s";
   if (!a.noWait.empty()) limit += ", no wait for " + join(a.noWait);
@@ -290,7 +290,7 @@ void Simulation::waitFor(Owner& o, const ActionSpec& a) {
 }
 
 void Simulation::finish(Owner& o, const Outcome& result) {
-  const std::string& who = o.spec.name;
+  const std::string& who = o.entry.name;
   std::vector<std::string> leaves = scenario_.leavesOf(result.resource);
   std::vector<std::string> heldNow;
   for (const std::string& l : leaves)
@@ -337,7 +337,7 @@ void Simulation::finish(Owner& o, const Outcome& result) {
 }
 
 void Simulation::release(Owner& o, const std::string& name, const std::string& why) {
-  const std::string& who = o.spec.name;
+  const std::string& who = o.entry.name;
   std::vector<std::string> leaves = scenario_.leavesOf(name);
   std::vector<std::string> heldBefore;
   for (const std::string& l : leaves)
@@ -368,7 +368,7 @@ void Simulation::release(Owner& o, const std::string& name, const std::string& w
   o.acquired.erase(std::remove(o.acquired.begin(), o.acquired.end(), name), o.acquired.end());
 }
 
-void Simulation::switchOwner(Owner& o, const ActionSpec& a) {
+void Simulation::switchOwner(Owner& o, const ActionEntry& a) {
   std::map<std::string, std::string> before = leafHolders(a.resource);
   std::string was;
   for (const auto& b : before)
@@ -376,14 +376,14 @@ void Simulation::switchOwner(Owner& o, const ActionSpec& a) {
   std::unique_lock<std::mutex> calls = o.serialise();
   resource(a.resource)->switchOwner(o.owner, a.label, a.timeout);
   if (calls) calls.unlock();
-  log_.add(EventKind::Switched, o.spec.name, a.resource,
-           a.resource + " is switched over to " + o.spec.name +
+  log_.add(EventKind::Switched, o.entry.name, a.resource,
+           a.resource + " is switched over to " + o.entry.name +
                (was.empty() ? "" : " (was " + was + ")"));
   std::lock_guard<std::mutex> lock(mutex_);
   o.acquired.push_back(a.resource);
 }
 
-void Simulation::setState(const ActionSpec& a) {
+void Simulation::setState(const ActionEntry& a) {
   ZU::ZUResourceState* state = stateResource(a.resource);
   if (a.kind == ActionKind::SetState) {
     log_.add(
@@ -408,13 +408,13 @@ void Simulation::onResource(Module& m, const std::string& name) {
     m.notified.push_back(name);
   }
   log_.add(EventKind::Notified, "", name,
-           m.spec.name + " is told \"__onResource__\" for " + name +
-               (m.spec.releases ? " and lets go in " + std::to_string(m.spec.delayMs) + " ms"
+           m.entry.name + " is told \"__onResource__\" for " + name +
+               (m.entry.releases ? " and lets go in " + std::to_string(m.entry.delayMs) + " ms"
                                 : " and ignores it"));
-  if (!m.spec.releases) return;
-  std::this_thread::sleep_for(std::chrono::milliseconds(m.spec.delayMs));
+  if (!m.entry.releases) return;
+  std::this_thread::sleep_for(std::chrono::milliseconds(m.entry.delayMs));
   for (auto& o : owners_) {
-    if (o->spec.module != m.spec.name || !holds(name, o->spec.name)) continue;
+    if (o->entry.module != m.entry.name || !holds(name, o->entry.name)) continue;
     // The owner gives up what it asked for that holds the wanted resource.
     std::string what = name;
     {
@@ -433,8 +433,8 @@ void Simulation::stopWaiting(Owner& o, const std::string& why) {
     pending = o.pending;
   }
   if (pending.empty()) return;
-  log_.add(EventKind::Manager, o.spec.name, pending,
-           why + ": the manager stops " + o.spec.name + ", still waiting for " + pending);
+  log_.add(EventKind::Manager, o.entry.name, pending,
+           why + ": the manager stops " + o.entry.name + ", still waiting for " + pending);
   release(o, pending, " (stopped by the manager)");
 }
 
@@ -521,7 +521,7 @@ std::string Simulation::describe(const ZU::ZUWaitCycle& cycle) const {
 Simulation::Sample Simulation::sample() {
   Sample s = last_;  // a state resource busy telling its holders keeps its last holders
   s.waiters.clear();
-  for (const ResourceSpec& r : scenario_.resources) {
+  for (const ResourceEntry& r : scenario_.resources) {
     if (r.kind == ResourceKind::Plain) s.holder[r.name] = holderOf(r.name);
     if (r.kind != ResourceKind::State) continue;
     ZU::ZUResourceState* state = stateResource(r.name);
@@ -535,7 +535,7 @@ Simulation::Sample Simulation::sample() {
     s.waiters.push_back({r.name, true, moduleNames(state->stateOwner->copyWaiters())});
   }
   for (const auto& o : owners_)
-    s.waiters.push_back({o->spec.name, false, moduleNames(o->owner->copyWaiters())});
+    s.waiters.push_back({o->entry.name, false, moduleNames(o->owner->copyWaiters())});
   return s;
 }
 
@@ -554,7 +554,7 @@ void Simulation::observe(const Sample& now, long ms) {
     holdings_.push_back({h.first, h.second, ms, -1, ""});
     // A group's member taken on the way through the group's walk.
     for (const auto& o : owners_)
-      if (o->spec.name == h.second && !o->pending.empty() && o->pending != h.first &&
+      if (o->entry.name == h.second && !o->pending.empty() && o->pending != h.first &&
           contains(scenario_.leavesOf(o->pending), h.first))
         log_.add(EventKind::Granted, h.second, h.first,
                  h.second + " takes " + h.first + ", a member of " + o->pending);
@@ -595,16 +595,16 @@ void Simulation::noticeWaiter(const Sample& now, const Sample::Waiters& on,
   // so it is the first such member that the request does not skip. An owner
   // never waits on itself.
   for (const auto& o : owners_) {
-    if (o->spec.module != module || o->pending.empty() || o->spec.name == on.holder) continue;
+    if (o->entry.module != module || o->pending.empty() || o->entry.name == on.holder) continue;
     for (const std::string& l : scenario_.leavesOf(o->pending)) {
       if (contains(o->pendingNoWait, l)) continue;
       // An activated state resource is granted at once, whoever else holds
       // it: an owner waits on another owner for a plain resource only.
       bool heldByIt = now.holder.count(l) && now.holder.at(l) == on.holder;
       if (on.activation ? l != on.holder : !heldByIt) continue;
-      waits_.push_back({l, o->spec.name, ms, -1, on.holder});
-      log_.add(EventKind::Waiting, o->spec.name, l,
-               o->spec.name + (on.activation ? " waits for " + l + " to be activated"
+      waits_.push_back({l, o->entry.name, ms, -1, on.holder});
+      log_.add(EventKind::Waiting, o->entry.name, l,
+               o->entry.name + (on.activation ? " waits for " + l + " to be activated"
                                              : " waits for " + l + ", held by " + on.holder));
       return;
     }
@@ -620,7 +620,7 @@ void Simulation::noticeWaiter(const Sample& now, const Sample::Waiters& on,
 void Simulation::endWaiter(const std::string& holder, const std::string& module, long ms) {
   for (Span& w : waits_) {
     if (w.holder != holder || w.toMs >= 0) continue;
-    const OwnerSpec* o = scenario_.findOwner(w.owner);
+    const OwnerEntry* o = scenario_.findOwner(w.owner);
     if (o ? o->module == module : w.resource == module) {
       w.toMs = ms;
       return;
@@ -669,7 +669,7 @@ std::vector<Outcome> Simulation::outcomesOf(const std::string& owner) {
 std::vector<std::string> Simulation::notifiedOf(const std::string& module) {
   std::lock_guard<std::mutex> lock(mutex_);
   for (const auto& m : modules_)
-    if (m->spec.name == module) return m->notified;
+    if (m->entry.name == module) return m->notified;
   return {};
 }
 
@@ -703,7 +703,7 @@ std::string Simulation::explain(const std::string& owner, const std::string& res
 
 Simulation::Owner& Simulation::ownerNamed(const std::string& name) {
   for (auto& o : owners_)
-    if (o->spec.name == name) return *o;
+    if (o->entry.name == name) return *o;
   throw std::logic_error("no owner " + name);
 }
 

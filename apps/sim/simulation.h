@@ -120,20 +120,20 @@ class Simulation : public World {
   void awaitStart();
   /// Runs `actions` (the owner's own, in time order), then counts itself done
   /// (mutex_).
-  void ownerThread(Owner& owner, const std::vector<const ActionSpec*>& actions);
+  void ownerThread(Owner& owner, const std::vector<const ActionEntry*>& actions);
   /// Runs setState, releaseState and stop in time order.
-  void managerThread(const std::vector<const ActionSpec*>& actions);
+  void managerThread(const std::vector<const ActionEntry*>& actions);
   /// Checks the timed expectations at their times into `results`, which the
   /// caller reads after joining this thread.
   void checkerThread(std::vector<ExpectResult>& results);
   /// Logs the request, calls waitFor, logs a hand-down, then finish().
-  void waitFor(Owner& owner, const ActionSpec& action);
+  void waitFor(Owner& owner, const ActionEntry& action);
   /// Calls release for `owner` and logs what it gave up and to whom; `why` ends
   /// the log line.
   void release(Owner& owner, const std::string& resource, const std::string& why);
-  void switchOwner(Owner& owner, const ActionSpec& action);
+  void switchOwner(Owner& owner, const ActionEntry& action);
   /// setState or releaseState, from the manager's thread.
-  void setState(const ActionSpec& action);
+  void setState(const ActionEntry& action);
   /// The module's "__onResource__", in the module's task thread.
   void onResource(Module& module, const std::string& resource);
   /// The manager stops `owner`'s pending wait by releasing what it waits for.

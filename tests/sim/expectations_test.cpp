@@ -28,8 +28,8 @@ class FakeWorld : public World {
   std::vector<Finding> deadlockList;
 };
 
-ExpectSpec outcome(const std::string& resource, const std::string& kind) {
-  ExpectSpec x;
+ExpectEntry outcome(const std::string& resource, const std::string& kind) {
+  ExpectEntry x;
   x.entry = "expect[0]";
   x.kind = ExpectKind::Outcome;
   x.owner = "a";
@@ -62,7 +62,7 @@ TEST_F(Expectations, OutcomeIsTheLatestRequestOfThatResourceOrOfAny) {
 }
 
 TEST_F(Expectations, OutcomeComparesTheErrorAndNamesOnlyWhenGiven) {
-  ExpectSpec x = outcome("Arms", "not obtained");
+  ExpectEntry x = outcome("Arms", "not obtained");
   EXPECT_TRUE(check(x, world).held);
   x.checkNames = true;
   x.names = {"RightArm"};
@@ -78,7 +78,7 @@ TEST_F(Expectations, OutcomeComparesTheErrorAndNamesOnlyWhenGiven) {
 
 TEST_F(Expectations, HoldersAndHolderSayWhatWasFound) {
   world.holder["Head"] = "emptyOwner";
-  ExpectSpec x;
+  ExpectEntry x;
   x.entry = "expect[3]";
   x.atMs = 500;
   x.resource = "Head";
@@ -94,7 +94,7 @@ TEST_F(Expectations, HoldersAndHolderSayWhatWasFound) {
 // edge, counts only what was reported by its time, and names what it found.
 TEST_F(Expectations, DeadlockMatchesOwnersResourceAndTime) {
   world.deadlockList = {{400, {"hug", "wave"}, {"LeftArm", "RightArm"}, "deadlock: hug -> wave"}};
-  ExpectSpec x;
+  ExpectEntry x;
   x.entry = "expect[1]";
   x.kind = ExpectKind::Deadlock;
   x.reported = true;
