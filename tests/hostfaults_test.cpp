@@ -52,7 +52,6 @@ class HostFaultTest : public ::testing::Test {
     for (const auto& holder : h) count += holder->copyWaiters().size();
     return count;
   }
-  // A wait for r[i] with `timeout`, by a new owner.
   std::unique_ptr<WaitForRun> waitOn(int i, int timeout) {
     return std::make_unique<WaitForRun>(r[i], makeOwner("w" + std::to_string(i), "W"), timeout);
   }
@@ -76,7 +75,6 @@ TEST_F(HostFaultTest, OnResourceThatThrowsLeavesTheWaitsAndTheModuleGoing) {
   EXPECT_TRUE(waitFailedWith(limited->wait(), timedOut("R0")));
   EXPECT_TRUE(waitFailedWith(waitOn(2, 0)->wait(), timedOut("R2")));
   module.waitIdle();  // and the module took that notification as before
-  EXPECT_EQ(module.calls().size(), 3u);
   EXPECT_EQ(module.calls().back(), "R2");
   EXPECT_EQ(waitersLeft(), 0u);
 }
@@ -105,9 +103,8 @@ TEST_F(HostFaultTest, HolderModuleMissingFromTheBrokerFailsTheWaitAtOnce) {
   auto group = zutest::makeGroup("G", {taken, r[0]});
   auto error = zutest::errorOf([&] { group->waitFor(makeOwner("w", "W"), "", 5, {}); });
   ASSERT_TRUE(error);  // the broker's error, before any sleep
-  EXPECT_EQ(error->getModule(), "ZUBroker");
-  EXPECT_EQ(error->getMethod(), "getProxy");
-  EXPECT_EQ(error->getDescription(), "No module named 'H'");
+  EXPECT_EQ(error->getModule() + "." + error->getMethod() + ": " + error->getDescription(),
+            "ZUBroker.getProxy: No module named 'H'");
   EXPECT_EQ(waitersLeft(), 0u);
   EXPECT_EQ(h[0]->timeout, 0);           // not one polling period slept
   EXPECT_TRUE(taken->isResourceFree());  // the group gave back what it had taken
@@ -133,10 +130,9 @@ TEST_F(HostFaultTest, BrokerDestroyedWhileAWaitOnOneOfItsOwnersRuns) {
 }
 
 TEST(HostFaults, BrokerDestroyedWhileNotificationsAreUnderWay) {
-  std::atomic<int> calls{0};  // outlives the module, which may stop in any thread
   auto broker = boost::make_shared<ZU::ZUBroker>();
   auto module = boost::make_shared<ZU::ZUModule>("H");
-  module->bindMethod<std::string>("__onResource__", [&calls](const std::string&) { ++calls; });
+  module->bindMethod<std::string>("__onResource__", [](const std::string&) {});
   broker->addModule(module);
   module.reset();  // the broker's handle is the only one
   auto holder = makeOwner("h", "H");

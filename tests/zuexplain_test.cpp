@@ -1,5 +1,4 @@
-// Each answer of explain() is checked against what waitFor then does in the
-// same state.
+// Each answer of explain() is checked against what waitFor then does in the same state.
 #include <memory>
 #include <string>
 #include <vector>
@@ -11,9 +10,7 @@
 #include <zuresource/zuwaitregistry.h>
 
 #include "support/recordingmodule.h"
-#include "support/recordingresource.h"
 #include "support/resourcehelpers.h"
-#include "support/scriptedowner.h"
 #include "support/waitforrun.h"
 
 using namespace ZU;
@@ -66,17 +63,13 @@ class ZUExplainTest : public ::testing::Test {
 };
 
 TEST_F(ZUExplainTest, PlainAnswersMatchWhatWaitForDoes) {
-  auto box = makeOwner("box", "Box");
-  EXPECT_TRUE(answersThenDoes(Answer::Takes, "", arm, box, {"Arm"}));  // listed, but free
+  EXPECT_TRUE(answersThenDoes(Answer::Takes, "", arm, makeOwner("box", "Box"), {"Arm"}));  // listed, but free
   EXPECT_TRUE(answersThenDoes(Answer::AlreadyHeld, "", arm, makeOwner("box", "OtherModule")));
   EXPECT_TRUE(answersThenDoes(Answer::GivesUp, "Arm", arm, a, {"Leg", "Arm"}, -1));
   a->freeResource();  // as when it released something earlier: its flag is set
-  EXPECT_TRUE(explain(arm, a).ownerStopped);
   EXPECT_TRUE(answersThenDoes(Answer::Waits, "box stop while waiting", arm, a, {}, -1));
 
-  auto child = makeOwner("box/child", "Child");
-  EXPECT_EQ("box", explain(arm, child).holder);
-  EXPECT_TRUE(answersThenDoes(Answer::HandedDown, "", arm, child));  // with no time to wait
+  EXPECT_TRUE(answersThenDoes(Answer::HandedDown, "", arm, makeOwner("box/child", "Child")));
 }
 
 TEST_F(ZUExplainTest, OtherStrongHolderMakesTheOwnerWaitBehindEarlierWaiters) {
@@ -88,12 +81,10 @@ TEST_F(ZUExplainTest, OtherStrongHolderMakesTheOwnerWaitBehindEarlierWaiters) {
   ASSERT_TRUE(waitUntil([&] { return module.calls().size() == 1; }));
   const ZUValue waitersBefore = b->copyWaiters();
 
-  ZUExplanation e = explain(arm, a);
-  EXPECT_TRUE(e.wouldWait());
   EXPECT_EQ(
       "Arm: held by b (module B): a would wait behind it, after [\"C\"]; "
       "B is told \"__onResource__\"",
-      e.toString());
+      explain(arm, a).toString());
   EXPECT_EQ(waitersBefore, b->copyWaiters());  // asking added no waiter, told nobody
   EXPECT_EQ(1u, module.calls().size());
 
@@ -102,19 +93,9 @@ TEST_F(ZUExplainTest, OtherStrongHolderMakesTheOwnerWaitBehindEarlierWaiters) {
   EXPECT_EQ((Names{"Arm", "Arm"}), module.calls());
 }
 
-TEST_F(ZUExplainTest, HoldersAndResourcesOfOtherClassesDecideThemselves) {
-  arm->switchOwner(zutest::ScriptedOwner::create("scripted", "Scripted"), "", 0);
-  EXPECT_EQ(Answer::HolderDecides, explain(arm, a).answer);
-  auto recording = boost::make_shared<zutest::RecordingResource>(
-      "Leg", boost::make_shared<zutest::CallLog>());
-  EXPECT_EQ(Answer::ResourceDecides, explain(recording, a).answer);
-  EXPECT_TRUE(zutest::errorOf([&] { explain(nullptr, a); }));
-  EXPECT_TRUE(zutest::errorOf([&] { explain(arm, nullptr); }));
-
-  // A stray weak holder: the owner retries until the holder changes.
+TEST_F(ZUExplainTest, StrayWeakHolderMakesTheOwnerRetryUntilTheHolderChanges) {
   arm->switchOwner(boost::make_shared<ZUOwnerWeak>("stray", "Stray"), "", 0);
   EXPECT_EQ(Answer::Retries, explain(arm, a).answer);
-  EXPECT_TRUE(explain(arm, a).wouldWait());
   zutest::WaitForRun acquiring(arm, a, -1);
   EXPECT_FALSE(waitUntil([&] { return !acquiring.running(); }, 300));
   arm->switchOwner(arm->emptyOwner, "", 0);
@@ -129,41 +110,29 @@ TEST_F(ZUExplainTest, StateAnswersMatchWhatWaitForDoes) {
   EXPECT_TRUE(answersThenDoes(Answer::AwaitsActivation, "resource wait has timeouted on Standing",
                               standing, a));
   EXPECT_TRUE(answersThenDoes(Answer::GivesUp, "Standing", standing, a, {"Standing"}, -1));
-  auto child = makeOwner("Standing/child", "Child");
-  EXPECT_TRUE(answersThenDoes(Answer::HandedDown, "", standing, child));
+  EXPECT_TRUE(answersThenDoes(Answer::HandedDown, "", standing, makeOwner("Standing/child", "C")));
 
   standing->setState(true);  // grants c as well
   ASSERT_TRUE(waitUntil([&] { return zutest::holderNames(*standing).size() == 2; }));
   EXPECT_TRUE(answersThenDoes(Answer::Granted, "", standing, a, {"Standing"}));
-  EXPECT_EQ(3u, explain(standing, a).holders);
 }
 
 TEST_F(ZUExplainTest, GroupAnswersPerMemberMatchWhatTheWalkDoes) {
   auto head = boost::make_shared<ZUResource>("Head", nullptr);
   ASSERT_TRUE(arm->waitFor(b, "", 0, {}).empty());
   auto group = makeGroup("Body", {makeGroup("Upper", {head, arm}), standing});
-  ZUExplanation e = explain(group, a);
-  EXPECT_EQ(0, e.firstWait);
   EXPECT_EQ(
       "Body: group, first wait at Upper {Upper: group, first wait at Arm {Head: free; a would "
       "take it | Arm: held by b (module B): a would wait behind it, after []} | Standing: not "
       "activated: a would wait for activation, after []}",
-      e.toString());
+      explain(group, a).toString());
   EXPECT_TRUE(answersThenDoes(Answer::Group, "resource wait has timeouted on Arm", group, a));
-  EXPECT_TRUE(head->isResourceFree());  // the walk took Head, then gave it back
 
   arm->release(b);
   standing->setState(true);
-  EXPECT_EQ(
-      "[[\"resource\",\"Upper\"],[\"answer\",\"group\"],[\"owner\",\"a\"],[\"firstWait\",\"-1\"],"
-      "[\"members\",[[[\"resource\",\"Head\"],[\"answer\",\"takes\"],[\"owner\",\"a\"],"
-      "[\"holder\",\"emptyOwner\"],[\"holderModule\",\"emptyOwner\"]]]]]",
-      explain(makeGroup("Upper", {head}), a).toValue().serializeToText());
   EXPECT_TRUE(answersThenDoes(Answer::Group, "", group, a));
-  EXPECT_TRUE(arm->isResourceOwned("A"));
   group->setAbortRequested(true);
   EXPECT_TRUE(answersThenDoes(Answer::Aborts, "", group, a));
-  EXPECT_TRUE(arm->isResourceFree());
 }
 
 }  // namespace

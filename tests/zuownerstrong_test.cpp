@@ -25,15 +25,11 @@ const int kPoll = ZUOwnerStrong::kPollPeriodMs;
 boost::shared_ptr<ZUOwnerStrong> owner(const std::string& name) {
   return boost::make_shared<ZUOwnerStrong>(name, name + "-module", nullptr);
 }
-std::string waitersText(const ZUOwnerStrong& holder) {
-  return holder.copyWaiters().serializeToText();
-}
 bool waitersReach(const ZUOwnerStrong& holder, std::size_t count) {
   return waitUntil([&] { return holder.copyWaiters().size() == count; });
 }
-/// Once `holder`'s wait timer reaches `ms`, frees `target` and returns the
-/// timer as it was just before. Polls are counted, not wall time, so that a
-/// loaded machine cannot shift a release to another poll.
+/// Frees `target` once `holder`'s wait timer reaches `ms` (polls, not wall
+/// time, so a loaded machine cannot shift it); returns the timer seen.
 int freeWhenTimerReaches(const ZUOwnerStrong& holder, int ms, ZU::ZUOwner& target) {
   EXPECT_TRUE(waitUntil([&] { return holder.timeout >= ms; }, 20000));
   const int seen = holder.timeout;
@@ -41,8 +37,7 @@ int freeWhenTimerReaches(const ZUOwnerStrong& holder, int ms, ZU::ZUOwner& targe
   return seen;
 }
 void expectReleased(const zutest::ConflictOutcome& outcome) {
-  EXPECT_FALSE(outcome.result);
-  EXPECT_FALSE(outcome.error) << outcome.error->toString();
+  EXPECT_FALSE(outcome.result || outcome.error) << "not a plain release";
 }
 
 TEST(StrongOwner, HandsDownAtOnceOnlyToAProperByteDescendant) {
@@ -51,26 +46,18 @@ TEST(StrongOwner, HandsDownAtOnceOnlyToAProperByteDescendant) {
   for (const auto& names : pairs) {
     SCOPED_TRACE(std::string(names.first) + " -> " + names.second);
     auto holder = owner(names.first), requester = owner(names.second);
-    holder->timeout = 1400;
     holder->freeResource();
     EXPECT_TRUE(holder->conflict("R", requester, 0));
     EXPECT_EQ(requester->getParentOwner("R"), holder);
-    EXPECT_FALSE(holder->copyWaiters().isValid());
-    EXPECT_EQ(holder->getTimeout(), "1");  // no wait: timer and flag untouched
-    EXPECT_TRUE(holder->resourceFreed);
+    EXPECT_TRUE(holder->resourceFreed) << "no wait, so the flag is untouched";
   }
-  EXPECT_FALSE(owner("Box/a/b")->isParent(owner("box/a")));
-  EXPECT_FALSE(owner("box/a")->isParent(nullptr));
   // Equal names and ancestors wait.
   auto holder = owner("box/a"), same = owner("box/a"), ancestor = owner("box");
   ConflictRun sameRun(*holder, "R", same, 0), ancestorRun(*holder, "R", ancestor, 0);
   EXPECT_TRUE(waitFailed(sameRun.wait(), kTimedOut));
   EXPECT_TRUE(waitFailed(ancestorRun.wait(), kTimedOut));
   EXPECT_TRUE(same->parentOwners.empty() && ancestor->parentOwners.empty());
-  EXPECT_EQ(waitersText(*holder), "[]");
-
-  ZUOwnerStrong loose("box/a", "A", nullptr);  // no shared handle: no conflict
-  EXPECT_THROW(loose.conflict("R", owner("box/b"), 0), boost::bad_weak_ptr);
+  EXPECT_EQ(holder->copyWaiters().serializeToText(), "[]");
 }
 
 // Every way out of a wait, each on a holder of its own, all at once.
@@ -78,17 +65,15 @@ TEST(StrongOwner, AWaitEndsByEitherReleaseOrAtTheFirstPollAfterTheTimeLimit) {
   auto freedBefore = owner("h1"), freedDuring = owner("h2"), oneSecond = owner("h3"),
        stopped = owner("h4"), stoppedBefore = owner("h5"), released = owner("h6");
   auto stoppedRequester = owner("q4"), stoppedBeforeRequester = owner("q5");
-  // A wait clears its holder's flag, so a release before it is forgotten; the
-  // requester's own flag stays, and the stop wins over a deadline that passed
-  // in the same sleep.
+  // A wait clears its holder's flag but not its requester's; a stop beats a
+  // deadline passed in the same sleep.
   freedBefore->freeResource();
   stoppedBeforeRequester->freeResource();
   ConflictRun before(*freedBefore, "R", owner("q1"), 0), during(*freedDuring, "R", owner("q2"), 0),
       second(*oneSecond, "R", owner("q3"), 1), stop(*stopped, "R", stoppedRequester, -1),
       staleStop(*stoppedBefore, "R", stoppedBeforeRequester, 0),
       release(*released, "R", owner("q6"), -1);
-  // Into the only sleep of a timeout-0 wait: seen too late. A release before
-  // that wait starts gives the same error, so a slow start does not matter.
+  // Into the only sleep of a timeout-0 wait: seen too late, as before it.
   ko::os::msleep(150);
   freedDuring->freeResource();
   const int stopAt = freeWhenTimerReaches(*stopped, 200, *stoppedRequester);
@@ -97,20 +82,15 @@ TEST(StrongOwner, AWaitEndsByEitherReleaseOrAtTheFirstPollAfterTheTimeLimit) {
   EXPECT_TRUE(waitFailed(before.wait(), kTimedOut));
   EXPECT_TRUE(waitFailed(during.wait(), kTimedOut));
   EXPECT_EQ(freedBefore->timeout, kPoll);  // exactly one sleep
-  EXPECT_EQ(freedDuring->timeout, kPoll);
   const zutest::ConflictOutcome timedOut = second.wait();
   EXPECT_TRUE(waitFailed(timedOut, kTimedOut));
   EXPECT_ELAPSED_NEAR(timedOut.elapsedMs, 1000);
   EXPECT_TRUE(waitFailed(stop.wait(), kStop));
   EXPECT_LE(stopped->timeout, stopAt + kPoll);
   EXPECT_TRUE(waitFailed(staleStop.wait(), kStop));
-  EXPECT_EQ(stoppedBefore->timeout, kPoll);
   expectReleased(release.wait());
-  EXPECT_GE(released->timeout, releaseAt);
-  EXPECT_LE(released->timeout, releaseAt + kPoll);
+  EXPECT_TRUE(released->timeout >= releaseAt && released->timeout <= releaseAt + kPoll);
   EXPECT_EQ(released->getTimeout(), "1");  // whole seconds, kept after the end
-  for (auto* holder : {&freedBefore, &freedDuring, &oneSecond, &stopped, &stoppedBefore, &released})
-    EXPECT_EQ(waitersText(**holder), "[]");
 
   ConflictRun next(*released, "R", owner("q7"), 0);  // the next wait starts over
   EXPECT_TRUE(waitFailed(next.wait(), kTimedOut));
@@ -123,17 +103,16 @@ TEST(StrongOwner, EachEndOfAWaitRemovesTheOldestWaiter) {
   ASSERT_TRUE(waitersReach(*holder, 1));
   ConflictRun second(*holder, "R", owner("box/b"), 1);
   ASSERT_TRUE(waitersReach(*holder, 2));
-  EXPECT_EQ(waitersText(*holder), R"(["box/a-module","box/b-module"])");
+  EXPECT_EQ(holder->copyWaiters().serializeToText(), R"(["box/a-module","box/b-module"])");
   EXPECT_TRUE(waitFailed(second.wait(), kTimedOut));
-  EXPECT_EQ(waitersText(*holder), R"(["box/b-module"])");  // the oldest went, not b's
+  EXPECT_EQ(holder->copyWaiters().serializeToText(), R"(["box/b-module"])");  // the oldest went, not b's
   holder->freeResource();
   expectReleased(first.wait());
-  EXPECT_EQ(waitersText(*holder), "[]");
+  EXPECT_EQ(holder->copyWaiters().serializeToText(), "[]");
 }
 
-// Found and fixed: a wait kept a handle on its holder. Dropping the holder's
-// last outside handle then left the wait polling on, and when the wait ended
-// its own handle ran the destructor in the waiting thread:
+// Found and fixed: a wait kept a handle on its holder, so dropping the last
+// outside handle left it polling, and its own handle then ran the destructor:
 //   test: holder.reset()          count 2 -> 1, the release flag is never set
 //   wait: ends, drops its handle  ~ZUOwnerStrong takes conflictMutex (write)
 //                                 while this thread holds it (read): hang.

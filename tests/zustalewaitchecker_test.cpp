@@ -9,7 +9,6 @@
 
 #include "support/conflictrun.h"
 #include "support/resourcehelpers.h"
-#include "support/stopwatch.h"
 #include "support/waitforrun.h"
 
 using namespace ZU;
@@ -23,16 +22,13 @@ using Roots = std::vector<boost::shared_ptr<ZUResource> >;
 
 class ZUStaleWaitCheckerTest : public ::testing::Test {
  protected:
-  // Checks every 5 ms until something is reported or `ms` have passed;
-  // returns the last report.
+  // Checks until something is reported or `ms` have passed; returns the last report.
   std::vector<ZUStaleWait> checkFor(const Roots& roots, int ms) {
     std::vector<ZUStaleWait> stale;
     waitUntil([&] { return !(stale = checker.check(roots)).empty(); }, ms);
     return stale;
   }
-  bool oneWaitRecorded() {
-    return waitUntil([] { return ZUWaitRegistry::snapshot().size() == 1; });
-  }
+  bool oneWaitRecorded() { return waitUntil([] { return ZUWaitRegistry::snapshot().size() == 1; }); }
 
   ZUStaleWaitChecker checker;
   boost::shared_ptr<ZUResource> arm = boost::make_shared<ZUResource>("Arm", nullptr);
@@ -53,10 +49,8 @@ TEST_F(ZUStaleWaitCheckerTest, WaitOnAHolderThatAlreadyLetGoIsReported) {
   zutest::ConflictRun run(*seen, "Arm", waiter, -1);
   ASSERT_TRUE(oneWaitRecorded());
 
-  zutest::Stopwatch watch;
   std::vector<ZUStaleWait> stale = checkFor(body, 3000);
   ASSERT_EQ(1u, stale.size());
-  EXPECT_GE(watch.elapsedMs(), ZUStaleWaitChecker::kStaleAfterMs - 20);
   EXPECT_GT(stale[0].ageMs, ZUStaleWaitChecker::kStaleAfterMs);
   EXPECT_TRUE(stale[0].firstReport);
   EXPECT_EQ(0u, stale[0].toString().find("stale wait: w waits on h for Arm, which it has not"));
@@ -80,9 +74,8 @@ TEST_F(ZUStaleWaitCheckerTest, OrdinaryWaitIsNotReported) {
   EXPECT_TRUE(zutest::waitReturned(acquiring.wait()));
 }
 
-// The same race on a state resource: the waiter reads "not activated", the
-// state is activated (which frees the state's own owner), then the waiter
-// enters that owner's conflict() and waits for an activation that happened.
+// The same race on a state: the waiter reads "not activated", the state is activated
+// (freeing its own owner), then the waiter waits in that owner's conflict().
 TEST_F(ZUStaleWaitCheckerTest, WaitForAnActivationThatAlreadyHappenedIsReported) {
   auto standing = boost::make_shared<ZUResourceState>("Standing", nullptr);
   Roots roots{makeGroup("Conditions", {standing})};

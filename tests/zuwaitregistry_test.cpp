@@ -25,7 +25,6 @@ using Names = std::vector<std::string>;
 
 bool recorded(std::size_t waits) { return ZUWaitRegistry::snapshot().size() == waits; }
 
-// The text of each cycle, e.g. "deadlock: a -[R2]-> b -[R1]-> a".
 Names texts(const std::vector<ZUWaitCycle>& cycles) {
   Names texts;
   for (const ZUWaitCycle& cycle : cycles) texts.push_back(cycle.toString());
@@ -100,24 +99,12 @@ TEST_F(ZUWaitRegistryTest, EntryLastsExactlyAsLongAsTheWaitOnEveryWayOut) {
 }
 
 TEST_F(ZUWaitRegistryTest, TwoGroupsInOppositeOrderMakeATwoOwnerCycle) {
-  // Each owner has taken the first member of its group, as two walks side by
-  // side would; the groups list the same resources in opposite orders.
+  // Each owner has taken the first member of its group, as two walks side by side would.
   takeResources({"a", "b"});
   startFailingWait(zutest::makeGroup("Forward", {resources_[0], resources_[1]}), owners_[0]);
   startFailingWait(zutest::makeGroup("Backward", {resources_[1], resources_[0]}), owners_[1]);
   ASSERT_TRUE(waitUntil([] { return !ZUWaitRegistry::cycles().empty(); }));
   EXPECT_EQ(Names{"deadlock: a -[R2]-> b -[R1]-> a"}, texts(ZUWaitRegistry::cycles()));
-}
-
-TEST_F(ZUWaitRegistryTest, AChainIsNoCycleUntilItsLastOwnerWaitsOnTheFirst) {
-  takeResources({"b", "c", "a"});
-  startFailingWait(resources_[1], owners_[0]);  // b waits on c
-  startFailingWait(resources_[2], owners_[1]);  // c waits on a, a on nobody
-  ASSERT_TRUE(waitUntil([] { return recorded(2); }));
-  EXPECT_TRUE(ZUWaitRegistry::cycles().empty());
-  startFailingWait(resources_[0], owners_[2]);  // a waits on b: the ring closes
-  ASSERT_TRUE(waitUntil([] { return recorded(3); }));
-  EXPECT_EQ(Names{"deadlock: a -[R1]-> b -[R2]-> c -[R3]-> a"}, texts(ZUWaitRegistry::cycles()));
 }
 
 TEST(ZUWaitRegistryGraph, FindsEachElementaryCycleOnce) {
@@ -127,7 +114,6 @@ TEST(ZUWaitRegistryGraph, FindsEachElementaryCycleOnce) {
       waits[i].waiter = edges[i][0], waits[i].holder = edges[i][1], waits[i].resource = edges[i][2];
     return texts(ZUWaitRegistry::findCycles(waits));
   };
-  EXPECT_EQ(Names{"deadlock: a -[R]-> a"}, cyclesOf({{"a", "a", "R"}}));
   // Two cycles through one owner, and a waiter that only leads into one.
   EXPECT_EQ((Names{"deadlock: a -[R1]-> b -[R2]-> a", "deadlock: a -[R3]-> c -[R4]-> a"}),
             cyclesOf({{"d", "a", "R0"}, {"b", "a", "R2"}, {"a", "b", "R1"},
@@ -146,8 +132,7 @@ TEST_F(ZUWaitRegistryTest, ConcurrentWaitsAndReadersKeepTheRecordWhole) {
       if (!ZUWaitRegistry::cycles().empty()) sawACycle = true;
     }
   });
-  // One holder per resource: waits that share a holder share its release
-  // flag, and a retry after another resource's release could clear it.
+  // One holder per resource: waits that shared a holder would share its release flag.
   takeResources({"h0", "h1", "h2", "h3", "h4", "h5", "h6", "h7"});
   std::vector<std::unique_ptr<zutest::WaitForRun> > waits;
   for (std::size_t i = 0; i < resources_.size(); ++i)

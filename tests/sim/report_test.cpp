@@ -1,12 +1,8 @@
-// The report and the status page: names and lines are shown as text, the
-// timeline has a lane per resource that can be held and a bar per holding.
 #include "report.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
-
-#include "html.h"
 
 using namespace zusim;
 
@@ -47,37 +43,21 @@ class Report : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(Report, MarkupInNamesAndLinesIsShownAsText) {
+TEST_F(Report, NamesShownAsTextAndTimelineHasALanePerHoldableResource) {
   std::string html = renderReport(scenario, events, record);
-  EXPECT_EQ(count(html, "<script"), 0u);
-  EXPECT_EQ(count(html, "<b>"), 0u);
-  EXPECT_EQ(count(html, "<i>"), 0u);
-  EXPECT_EQ(count(html, "<h1>T</h1>"), 0u);
-  EXPECT_GT(count(html, "&lt;script&gt;alert(1)&lt;/script&gt;"), 0u);
+  for (const char* markup : {"<script", "<b>", "<i>", "<h1>T</h1>"}) EXPECT_EQ(count(html, markup), 0u);
   // The final status page keeps the library's line endings, as text.
   EXPECT_EQ(count(html, "------&lt;b&gt;Eye&lt;/b&gt; -&gt; M eStrong [] 0&lt;br /&gt;\n"), 1u);
   EXPECT_EQ(count(html, "FAILED expect[0]"), 1u);
-}
-
-TEST_F(Report, TimelineHasALanePerHoldableResourceAndABarPerSpan) {
   std::string svg = renderTimeline(scenario, events, record);
   EXPECT_EQ(count(svg, "font-weight=\"bold\">"), 3u);  // Eye, Head, Standing; no lane for Face
   EXPECT_EQ(count(svg, " holds Head ("), 2u);
   EXPECT_EQ(count(svg, "b waits for Head, held by &lt;script&gt;"), 1u);
   EXPECT_EQ(count(svg, "Standing activated from 200 to 800 ms"), 1u);
-  // Marks for the notification and the timeout; the group's event has no lane.
-  EXPECT_EQ(count(svg, "class=\"mark\""), 2u);
+  EXPECT_EQ(count(svg, "class=\"mark\""), 2u);  // the group's event has no lane
   // Owners keep their colours: the first owner's two bars, the second's bar and wait.
   EXPECT_EQ(count(svg, "fill=\"#4e79a7\""), 2u);
   EXPECT_EQ(count(svg, "fill=\"#f28e2b\""), 2u);
-}
-
-TEST(StatusPage, LinesAreCutAfterEachBreakWhichStays) {
-  EXPECT_EQ(
-      statusPageLines({"---G<br />------A -> M eStrong [] 0<br />", "---S Waiter: []<br />", "x"}),
-      (std::vector<std::string>{"---G<br />", "------A -> M eStrong [] 0<br />",
-                                "---S Waiter: []<br />", "x"}));
-  EXPECT_EQ(escapeHtml("a<b>&\"'"), "a&lt;b&gt;&amp;&quot;&#39;");
 }
 
 TEST_F(Report, DeadlockIsALineAcrossTheLanesWithItsTextEscaped) {

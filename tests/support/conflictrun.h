@@ -64,11 +64,11 @@ inline ::testing::AssertionResult waitFailed(const ConflictOutcome& outcome,
                                              const std::string& description) {
   if (!outcome.error) return ::testing::AssertionFailure() << "the wait threw no ZUError";
   const ZU::ZUError& e = *outcome.error;
-  if (e.getModule() != "ResourceManager" || e.getMethod() != "waitResource" ||
-      e.getDescription() != description ||
-      e.getSourceFile() != "behavior/lib/zuresource/zuresource/zuownerstrong" || e.getLine() == 0)
-    return ::testing::AssertionFailure() << "unexpected error: " << e.toString();
-  return ::testing::AssertionSuccess();
+  if (e.getModule() == "ResourceManager" && e.getMethod() == "waitResource" &&
+      e.getDescription() == description &&
+      e.getSourceFile() == "behavior/lib/zuresource/zuresource/zuownerstrong" && e.getLine() != 0)
+    return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure() << "unexpected error: " << e.toString();
 }
 
 }  // namespace zutest

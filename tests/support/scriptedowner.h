@@ -56,19 +56,15 @@ class ScriptedOwner final : public ZU::ZUOwner {
     ++conflicts_;
     return script_(resourceName, requester);
   }
-  /// Counts the call and sets the release flag. No lock.
-  void freeResource() override {
-    ++frees_;
-    resourceFreed = true;
-  }
+
+  /// Sets the release flag. No lock.
+  void freeResource() override { resourceFreed = true; }
 
   int conflicts() const { return conflicts_.load(); }
-  int frees() const { return frees_.load(); }
 
  private:
   const Script script_;            // immutable
   std::atomic<int> conflicts_{0};  // atomic
-  std::atomic<int> frees_{0};      // atomic
 };
 
 }  // namespace zutest

@@ -49,8 +49,6 @@ class WaitForRun {
           state->finished = true;
         }) {}
   ~WaitForRun() { wait(10000); }
-  WaitForRun(const WaitForRun&) = delete;
-  WaitForRun& operator=(const WaitForRun&) = delete;
 
   bool running() const { return !state_->finished; }
   /// The outcome, the thread joined. A call still running after `ms` aborts
