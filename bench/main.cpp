@@ -102,9 +102,8 @@ void addMicroRows(ResultTable& table, const FastestRunReporter& times) {
 
   table.addSection("4. State resource grant + release, K other holders, against K = 0");
   for (int holders : {0, 100, 1000})
-    table.addRatio("K = " + std::to_string(holders),
-                   time("state/cycle/" + std::to_string(holders)), "K = 0",
-                   time("state/cycle/0"), 0);
+    table.addRatio("K = " + std::to_string(holders), time("state/cycle/" + std::to_string(holders)),
+                   "K = 0", time("state/cycle/0"), 0);
 
   table.addSection("5. Reports of a tree of groups of groups (1,111 and 11,111 resources)");
   for (const char* report : {"httpGet", "ownersGet"}) {

@@ -29,13 +29,12 @@ void ResultTable::addRatio(const std::string& what, double time, const std::stri
   if (maxRatio > 0) holds = !measured ? "n/a" : ratio <= maxRatio ? "yes" : "no";
   rows_.push_back(Row{what, formatDuration(time), baseName + " " + formatDuration(base),
                       measured ? formatNumber(ratio, 2) : "n/a",
-                      maxRatio > 0 ? "<= " + formatNumber(maxRatio, 1) : "report", holds,
-                      false});
+                      maxRatio > 0 ? "<= " + formatNumber(maxRatio, 1) : "report", holds, false});
 }
 
-void ResultTable::addText(const std::string& what, const std::string& time,
-                          const std::string& base, const std::string& ratio,
-                          const std::string& goal, const std::string& holds) {
+void ResultTable::addText(const std::string& what, const std::string& time, const std::string& base,
+                          const std::string& ratio, const std::string& goal,
+                          const std::string& holds) {
   rows_.push_back(Row{what, time, base, ratio, goal, holds, false});
 }
 
@@ -64,12 +63,11 @@ void ResultTable::print(std::ostream& out) const {
       out << "\n" << row.what << "\n";
       return;
     }
-    out << std::left << std::setw(static_cast<int>(width[0])) << row.what << "  "
-        << std::right << std::setw(static_cast<int>(width[1])) << row.time << "  "
-        << std::left << std::setw(static_cast<int>(width[2])) << row.base << "  "
-        << std::right << std::setw(static_cast<int>(width[3])) << row.ratio << "  "
-        << std::left << std::setw(static_cast<int>(width[4])) << row.goal << "  " << row.holds
-        << "\n";
+    out << std::left << std::setw(static_cast<int>(width[0])) << row.what << "  " << std::right
+        << std::setw(static_cast<int>(width[1])) << row.time << "  " << std::left
+        << std::setw(static_cast<int>(width[2])) << row.base << "  " << std::right
+        << std::setw(static_cast<int>(width[3])) << row.ratio << "  " << std::left
+        << std::setw(static_cast<int>(width[4])) << row.goal << "  " << row.holds << "\n";
   };
   printRow(header);
   for (const Row& row : rows_) printRow(row);

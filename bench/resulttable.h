@@ -12,8 +12,8 @@ class ResultTable {
  public:
   /// A row comparing `time` with `base` (both nanoseconds, NaN when not
   /// measured). `maxRatio` 0 means there is no goal: the ratio is reported.
-  void addRatio(const std::string& what, double time, const std::string& baseName,
-                double base, double maxRatio);
+  void addRatio(const std::string& what, double time, const std::string& baseName, double base,
+                double maxRatio);
   /// A row given as text; `holds` is "yes", "no" or "-".
   void addText(const std::string& what, const std::string& time, const std::string& base,
                const std::string& ratio, const std::string& goal, const std::string& holds);

@@ -12,6 +12,7 @@
 
 #include <zuhost/zubroker.h>
 #include <zuhost/zuos.h>
+
 #include <zuresource/zuresourcelist.h>
 #include <zuresource/zuresourcestate.h>
 
@@ -25,14 +26,14 @@ namespace {
 
 using Names = std::vector<std::string>;
 using ResourcePtr = boost::shared_ptr<ZU::ZUResource>;
+using ko::os::msleep;
 using zutest::errorOf;
 using zutest::makeGroup;
 using zutest::makeOwner;
 using zutest::memberNames;
 using zutest::stillWorks;
-using zutest::waitReturned;
 using zutest::WaitForRun;
-using ko::os::msleep;
+using zutest::waitReturned;
 
 // "Module.method: description" of the ZUError that `action` throws, or "".
 std::string errorText(const std::function<void()>& action) {
@@ -71,7 +72,8 @@ TEST_F(BadInputTest, EmptyOwnerHandlesAndRequestersAreRefusedOrIgnored) {
               (resource == s ? "ZUResource" : kind) + ".switchOwner: empty owner handle");
     resource->release(nullptr);
     EXPECT_TRUE(resource == s ? zutest::holderNames(*s) == Names{"a"}
-                              : resource->isResourceOwned("A")) << kind;
+                              : resource->isResourceOwned("A"))
+        << kind;
     resource->release(a);
   }
   // A strong owner refuses an empty requester, a weak one declines it.
@@ -238,7 +240,7 @@ TEST_F(BadInputTest, TimeoutsOfIntMaxAndIntMinWaitUntilTheHolderLetsGo) {
 
 TEST_F(BadInputTest, DeactivationWhileRequestsWaitLeavesThemWaitingForTheNextActivation) {
   ASSERT_TRUE(s->waitFor(a, "", 0, {}).empty());  // a strong holder that never lets go
-  s->setState(false);                              // it is told; its error is dropped
+  s->setState(false);                             // it is told; its error is dropped
   auto w1 = makeOwner("w1", "W1"), w2 = makeOwner("w2", "W2");
   WaitForRun noLimit(s, w1, INT_MIN), limited(s, w2, 30);
   msleep(250);

@@ -59,9 +59,12 @@ TEST(TryLock, HoldsAFreeMutexToItsScopeEndAndNeverUnlocksABusyOne) {
     }).join();
   }
   std::thread([&] {  // another thread: a try-lock by the owner itself is undefined
-    if (mutex->tryLock()) mutex->unlock();
-    else ADD_FAILURE() << "not let go at the end of its scope";
-  }).join();
+    if (mutex->tryLock())
+      mutex->unlock();
+    else
+      ADD_FAILURE() << "not let go at the end of its scope";
+  })
+      .join();
 }
 
 }  // namespace

@@ -16,6 +16,7 @@
 #include <gtest/gtest.h>
 
 #include <zuhost/zubroker.h>
+
 #include <zuresource/zuresourcelist.h>
 
 #include "support/guardedthread.h"
@@ -31,9 +32,9 @@ using ResourcePtr = boost::shared_ptr<ZU::ZUResource>;
 using zutest::makeOwner;
 using zutest::makePlain;
 using zutest::waitFailedWith;
+using zutest::WaitForRun;
 using zutest::waitReturned;
 using zutest::waitUntil;
-using zutest::WaitForRun;
 
 std::string timedOut(const std::string& name) { return "resource wait has timeouted on " + name; }
 

@@ -20,6 +20,7 @@
 #include <gtest/gtest.h>
 
 #include <zuhost/zubroker.h>
+
 #include <zuresource/zuresourcelist.h>
 #include <zuresource/zuresourcestate.h>
 
@@ -85,10 +86,14 @@ struct World {
     // orders (G3, G5), so that group waits also run into each other.
     auto g1 = zutest::makeGroup("G1", {R[2], R[3]});
     auto g2 = zutest::makeGroup("G2", {g1, R[4], S[1]});
-    groups = {zutest::makeGroup("G0", {R[0], R[1], S[0]}), g1, g2,
+    groups = {zutest::makeGroup("G0", {R[0], R[1], S[0]}),
+              g1,
+              g2,
               zutest::makeGroup("G3", {R[5], g2, R[6]}),
-              zutest::makeGroup("G4", {R[7], R[1], S[2]}), zutest::makeGroup("G5", {R[6], R[5]}),
-              zutest::makeGroup("G6", {R[8], R[9], R[10]}), zutest::makeGroup("G7", {R[11], R[9]})};
+              zutest::makeGroup("G4", {R[7], R[1], S[2]}),
+              zutest::makeGroup("G5", {R[6], R[5]}),
+              zutest::makeGroup("G6", {R[8], R[9], R[10]}),
+              zutest::makeGroup("G7", {R[11], R[9]})};
     std::vector<ResourcePtr> all(plains.begin(), plains.end());
     all.insert(all.end(), states.begin(), states.end());
     all.insert(all.end(), groups.begin(), groups.end());
@@ -110,7 +115,7 @@ struct World {
   std::vector<ResourcePtr> plains;
   std::vector<StatePtr> states;
   std::vector<boost::shared_ptr<ZU::ZUResourceList>> groups;
-  std::vector<Target> targets;  // plains, then states, then groups
+  std::vector<Target> targets;                      // plains, then states, then groups
   std::map<std::string, zutest::HoldLog> holdLogs;  // the map itself is immutable
   std::atomic<long> lastProgressMs{0};
   std::atomic<bool> stopping{false};
@@ -138,11 +143,16 @@ class Family {
   void run(Clock::time_point deadline) {
     while (Clock::now() < deadline) {
       const int dice = pick(100);
-      if (dice < 6) toggleState();
-      else if (dice < 10) report();
-      else if (dice < 40 && !stack_.empty() && stack_.back().heldPlain.size() > 1) releaseOne();
-      else if (stack_.empty() || (stack_.size() < 3 && dice < 55)) push();
-      else pop();
+      if (dice < 6)
+        toggleState();
+      else if (dice < 10)
+        report();
+      else if (dice < 40 && !stack_.empty() && stack_.back().heldPlain.size() > 1)
+        releaseOne();
+      else if (stack_.empty() || (stack_.size() < 3 && dice < 55))
+        push();
+      else
+        pop();
       world_.lastProgressMs = msSince(world_.start);
     }
     while (!stack_.empty()) {  // descendants before their ancestors
@@ -154,7 +164,7 @@ class Family {
  private:
   struct Frame {
     OwnerPtr owner;
-    const Target* target = nullptr;  // what it asked for
+    const Target* target = nullptr;      // what it asked for
     std::vector<ResourcePtr> heldPlain;  // leaves obtained, for the hold logs
     Clock::time_point got;
   };

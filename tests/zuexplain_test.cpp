@@ -37,8 +37,8 @@ using Names = std::vector<std::string>;
     did = error.getDescription();
   }
   if (e.answer == answer && did == outcome) return ::testing::AssertionSuccess();
-  return ::testing::AssertionFailure() << "explained " << answerName(e.answer) << ", did '"
-                                       << did << "'";
+  return ::testing::AssertionFailure()
+         << "explained " << answerName(e.answer) << ", did '" << did << "'";
 }
 
 class ZUExplainTest : public ::testing::Test {
@@ -63,7 +63,8 @@ class ZUExplainTest : public ::testing::Test {
 };
 
 TEST_F(ZUExplainTest, PlainAnswersMatchWhatWaitForDoes) {
-  EXPECT_TRUE(answersThenDoes(Answer::Takes, "", arm, makeOwner("box", "Box"), {"Arm"}));  // listed, but free
+  EXPECT_TRUE(answersThenDoes(Answer::Takes, "", arm, makeOwner("box", "Box"),
+                              {"Arm"}));  // listed, but free
   EXPECT_TRUE(answersThenDoes(Answer::AlreadyHeld, "", arm, makeOwner("box", "OtherModule")));
   EXPECT_TRUE(answersThenDoes(Answer::GivesUp, "Arm", arm, a, {"Leg", "Arm"}, -1));
   a->freeResource();  // as when it released something earlier: its flag is set

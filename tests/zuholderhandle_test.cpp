@@ -43,7 +43,9 @@ TEST_F(HolderHandleTest, ConcurrentCopiesAndReplacementsStayWhole) {
     for (OwnerPtr seen; !stop;)
       if (((seen = handle.load()) != first && seen != second) || seen->name.empty()) ++torn;
   });
-  std::thread writer([&] { for (int i = 0; i < 20000; ++i) handle.store(i % 2 ? first : second); });
+  std::thread writer([&] {
+    for (int i = 0; i < 20000; ++i) handle.store(i % 2 ? first : second);
+  });
   for (int i = 0; i < 20000; ++i) handle.store(i % 2 ? second : first);
   writer.join();
   stop = true;

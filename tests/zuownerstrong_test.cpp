@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <zuhost/zuos.h>
+
 #include <zuresource/zuownerstrong.h>
 
 #include "support/conflictrun.h"
@@ -105,7 +106,8 @@ TEST(StrongOwner, EachEndOfAWaitRemovesTheOldestWaiter) {
   ASSERT_TRUE(waitersReach(*holder, 2));
   EXPECT_EQ(holder->copyWaiters().serializeToText(), R"(["box/a-module","box/b-module"])");
   EXPECT_TRUE(waitFailed(second.wait(), kTimedOut));
-  EXPECT_EQ(holder->copyWaiters().serializeToText(), R"(["box/b-module"])");  // the oldest went, not b's
+  EXPECT_EQ(holder->copyWaiters().serializeToText(),
+            R"(["box/b-module"])");  // the oldest went, not b's
   holder->freeResource();
   expectReleased(first.wait());
   EXPECT_EQ(holder->copyWaiters().serializeToText(), "[]");

@@ -31,11 +31,13 @@ class ResourceTest : public ::testing::Test {
   /// try-lock a mutex that it holds itself).
   bool waitMutexUnlocked() const {
     ZUResource* r = head.get();
-    return std::async(std::launch::async, [r] {
-             if (!r->waitMutex->tryLock()) return false;
-             r->waitMutex->unlock();
-             return true;
-           }).get();
+    return std::async(std::launch::async,
+                      [r] {
+                        if (!r->waitMutex->tryLock()) return false;
+                        r->waitMutex->unlock();
+                        return true;
+                      })
+        .get();
   }
   Names acquire(const OwnerPtr& owner, const Names& noWaitList = Names()) {
     return head->waitFor(owner, "label", 1, noWaitList);
@@ -100,13 +102,14 @@ TEST_F(ResourceTest, WaitForAsksADecliningHolderUnderWaitMutexUntilItLetsGo) {
   ZUResource* r = head.get();
   std::atomic<int> calls(0);
   std::atomic<bool> askedUnlocked(false);
-  auto stubborn = ScriptedOwner::create(
-      "stubborn", "Walker", [&](const std::string& resource, const OwnerPtr&) {
-        if (waitMutexUnlocked()) askedUnlocked = true;
-        EXPECT_EQ(resource, "Head");
-        if (++calls == 3) r->release(r->currentOwner.load());  // lets go at last
-        return false;
-      });
+  auto stubborn = ScriptedOwner::create("stubborn", "Walker",
+                                        [&](const std::string& resource, const OwnerPtr&) {
+                                          if (waitMutexUnlocked()) askedUnlocked = true;
+                                          EXPECT_EQ(resource, "Head");
+                                          if (++calls == 3)
+                                            r->release(r->currentOwner.load());  // lets go at last
+                                          return false;
+                                        });
   head->switchOwner(stubborn, "", 0);
 
   OwnerPtr box = strong("box");
@@ -154,8 +157,7 @@ TEST_F(ResourceTest, SwitchOwnerReplacesAHolderInConflictAndTellsNobody) {
   zutest::WaitForRun run(head, waiter, 5);
   ASSERT_TRUE(zutest::waitUntil([&] { return first->copyWaiters().size() == 1; }));
   EXPECT_EQ(head->httpGet(0), "---Head -> firstModule eStrong [\"waiterModule\"] 0<br />");
-  EXPECT_EQ(head->ownersGet().serializeToText(),
-            "[\"Head\",\"firstModule\",[\"waiterModule\"]]");
+  EXPECT_EQ(head->ownersGet().serializeToText(), "[\"Head\",\"firstModule\",[\"waiterModule\"]]");
 
   OwnerPtr second = strong("second");
   head->switchOwner(second, "", 0);

@@ -34,8 +34,9 @@ TEST(GroupMembershipTest, QueriesAndReportsNestAndDeleteTakesTheFirstMatch) {
 
   auto owner = makeOwner("o", "M");
   for (const auto& r : {a, b}) r->waitFor(owner, "", 0, {});
-  EXPECT_EQ(g->httpGet(-1), "G<br />---A -> M eStrong null 0<br />---H<br />"
-                            "------B -> M eStrong null 0<br />");
+  EXPECT_EQ(g->httpGet(-1),
+            "G<br />---A -> M eStrong null 0<br />---H<br />"
+            "------B -> M eStrong null 0<br />");
   EXPECT_EQ(g->ownersGet().serializeToText(),
             R"([["G"],[["A","M",null],[["H"],[["B","M",null]]]]])");
 
@@ -98,8 +99,8 @@ TEST_F(GroupAcquireTest, FailingMemberReleasesEveryMemberAndRethrowsTheVeryError
     EXPECT_EQ(&error, r2->lastError()) << "a copy was thrown on";
     EXPECT_EQ(error.getDescription(), "R2 gave up");
   }
-  EXPECT_EQ(log->entries(), (Names{"R1.waitFor", "R2.waitFor", "R1.release", "R2.release",
-                                   "R3.release"}));
+  EXPECT_EQ(log->entries(),
+            (Names{"R1.waitFor", "R2.waitFor", "R1.release", "R2.release", "R3.release"}));
   EXPECT_TRUE(g->isResourceFree());
 
   // Errors of other types pass on without a release.
@@ -114,8 +115,8 @@ TEST_F(GroupAcquireTest, EveryLevelReleasesOnTheWayOut) {
   auto error = errorOf([&] { nested->waitFor(owner, "", 0, {}); });
   ASSERT_TRUE(error);
   EXPECT_EQ(error->getDescription(), "R3 gave up");
-  EXPECT_EQ(log->entries(), (Names{"R1.waitFor", "R2.waitFor", "R3.waitFor",  // the walk
-                                   "R2.release", "R3.release",                // H's release
+  EXPECT_EQ(log->entries(), (Names{"R1.waitFor", "R2.waitFor", "R3.waitFor",     // the walk
+                                   "R2.release", "R3.release",                   // H's release
                                    "R1.release", "R2.release", "R3.release"}));  // N's
   EXPECT_TRUE(nested->isResourceFree());
 }

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <zuhost/zubroker.h>
+
 #include <zuresource/zuresourcestate.h>
 
 #include "support/recordingmodule.h"

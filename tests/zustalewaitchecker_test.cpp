@@ -28,7 +28,9 @@ class ZUStaleWaitCheckerTest : public ::testing::Test {
     waitUntil([&] { return !(stale = checker.check(roots)).empty(); }, ms);
     return stale;
   }
-  bool oneWaitRecorded() { return waitUntil([] { return ZUWaitRegistry::snapshot().size() == 1; }); }
+  bool oneWaitRecorded() {
+    return waitUntil([] { return ZUWaitRegistry::snapshot().size() == 1; });
+  }
 
   ZUStaleWaitChecker checker;
   boost::shared_ptr<ZUResource> arm = boost::make_shared<ZUResource>("Arm", nullptr);
@@ -69,7 +71,7 @@ TEST_F(ZUStaleWaitCheckerTest, OrdinaryWaitIsNotReported) {
   zutest::WaitForRun acquiring(arm, waiter, -1);
   ASSERT_TRUE(oneWaitRecorded());
   EXPECT_TRUE(checkFor(body, 500).empty());  // the holder holds: a wait, not a stale one
-  arm->release(holder);  // the waiter takes over within one polling period
+  arm->release(holder);                      // the waiter takes over within one polling period
   EXPECT_TRUE(checkFor(body, 500).empty());
   EXPECT_TRUE(zutest::waitReturned(acquiring.wait()));
 }

@@ -34,7 +34,9 @@ Names texts(const std::vector<ZUWaitCycle>& cycles) {
 class ZUWaitRegistryTest : public ::testing::Test {
  protected:
   // Every wait of a test has ended when it ends: nothing may stay recorded.
-  void TearDown() override { EXPECT_TRUE(waitUntil([] { return recorded(0); }, 2000)); }
+  void TearDown() override {
+    EXPECT_TRUE(waitUntil([] { return recorded(0); }, 2000));
+  }
 
   // Owner i, named owners[i], takes resource i, named R<i+1>.
   void takeResources(const Names& owners) {
@@ -48,9 +50,8 @@ class ZUWaitRegistryTest : public ::testing::Test {
   // `owner` waits for `resource` in a thread, and fails at its one-second limit.
   void startFailingWait(const boost::shared_ptr<ZUResource>& resource,
                         const boost::shared_ptr<ZUOwner>& owner) {
-    threads_.emplace_back(new zutest::GuardedThread([resource, owner] {
-      EXPECT_TRUE(errorOf([&] { resource->waitFor(owner, "", 1, {}); }));
-    }));
+    threads_.emplace_back(new zutest::GuardedThread(
+        [resource, owner] { EXPECT_TRUE(errorOf([&] { resource->waitFor(owner, "", 1, {}); })); }));
   }
 
   std::vector<boost::shared_ptr<ZUOwner> > owners_;
@@ -116,8 +117,11 @@ TEST(ZUWaitRegistryGraph, FindsEachElementaryCycleOnce) {
   };
   // Two cycles through one owner, and a waiter that only leads into one.
   EXPECT_EQ((Names{"deadlock: a -[R1]-> b -[R2]-> a", "deadlock: a -[R3]-> c -[R4]-> a"}),
-            cyclesOf({{"d", "a", "R0"}, {"b", "a", "R2"}, {"a", "b", "R1"},
-                      {"a", "c", "R3"}, {"c", "a", "R4"}}));
+            cyclesOf({{"d", "a", "R0"},
+                      {"b", "a", "R2"},
+                      {"a", "b", "R1"},
+                      {"a", "c", "R3"},
+                      {"c", "a", "R4"}}));
   // Two waits between the same owners, for two resources: two cycles.
   EXPECT_EQ((Names{"deadlock: a -[R1]-> b -[R3]-> a", "deadlock: a -[R2]-> b -[R3]-> a"}),
             cyclesOf({{"a", "b", "R1"}, {"a", "b", "R2"}, {"b", "a", "R3"}}));

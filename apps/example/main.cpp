@@ -8,6 +8,7 @@
 #include <boost/make_shared.hpp>
 
 #include <zuhost/zuhost.h>
+
 #include <zuresource/zuresource.h>
 
 using namespace ZU;

@@ -168,8 +168,8 @@ class Timeline {
   void alarm(const Event& e, int height) {
     for (const Alarm& a : kAlarms)
       if (a.kind == e.kind)
-        out_ << "<line class=\"alarm\" x1=\"" << x(e.ms) << "\" y1=\"" << kAxisHeight
-             << "\" x2=\"" << x(e.ms) << "\" y2=\"" << height - 8 << "\" stroke=\"" << a.colour
+        out_ << "<line class=\"alarm\" x1=\"" << x(e.ms) << "\" y1=\"" << kAxisHeight << "\" x2=\""
+             << x(e.ms) << "\" y2=\"" << height - 8 << "\" stroke=\"" << a.colour
              << "\" stroke-width=\"2\" stroke-dasharray=\"" << kAlarmDash << "\"><title>" << e.ms
              << " ms: " << escapeHtml(e.text) << "</title></line>\n";
   }

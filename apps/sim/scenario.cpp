@@ -3,9 +3,10 @@
 #include <algorithm>
 #include <fstream>
 #include <functional>
-#include <nlohmann/json.hpp>
 #include <set>
 #include <sstream>
+
+#include <nlohmann/json.hpp>
 
 namespace zusim {
 

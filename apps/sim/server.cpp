@@ -41,8 +41,8 @@ int LiveServer::start(int port) {
   });
   server_->Get("/explain", [this](const httplib::Request& request, httplib::Response& response) {
     int status = 200;
-    std::string html = explainPage(request.get_param_value("owner"),
-                                   request.get_param_value("resource"), status);
+    std::string html =
+        explainPage(request.get_param_value("owner"), request.get_param_value("resource"), status);
     response.status = status;
     response.set_content(html, "text/html; charset=utf-8");
   });

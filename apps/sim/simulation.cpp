@@ -1,14 +1,16 @@
 #include "simulation.h"
 
+#include <algorithm>
+#include <stdexcept>
+#include <thread>
+
+#include <boost/make_shared.hpp>
+
 #include <zuhost/zumutex.h>
+
 #include <zuresource/zuexplain.h>
 #include <zuresource/zuresourcelist.h>
 #include <zuresource/zuresourcestate.h>
-
-#include <algorithm>
-#include <boost/make_shared.hpp>
-#include <stdexcept>
-#include <thread>
 
 namespace zusim {
 
@@ -410,7 +412,7 @@ void Simulation::onResource(Module& m, const std::string& name) {
   log_.add(EventKind::Notified, "", name,
            m.entry.name + " is told \"__onResource__\" for " + name +
                (m.entry.releases ? " and lets go in " + std::to_string(m.entry.delayMs) + " ms"
-                                : " and ignores it"));
+                                 : " and ignores it"));
   if (!m.entry.releases) return;
   std::this_thread::sleep_for(std::chrono::milliseconds(m.entry.delayMs));
   for (auto& o : owners_) {
@@ -605,7 +607,7 @@ void Simulation::noticeWaiter(const Sample& now, const Sample::Waiters& on,
       waits_.push_back({l, o->entry.name, ms, -1, on.holder});
       log_.add(EventKind::Waiting, o->entry.name, l,
                o->entry.name + (on.activation ? " waits for " + l + " to be activated"
-                                             : " waits for " + l + ", held by " + on.holder));
+                                              : " waits for " + l + ", held by " + on.holder));
       return;
     }
   }

@@ -3,14 +3,7 @@
 // The runner: builds the resource tree, the broker, its modules and the
 // owners of a scenario, and plays the scenario's timeline for real.
 
-#include <zuhost/zubroker.h>
-#include <zuresource/zuresource.h>
-#include <zuresource/zuresourcestate.h>
-#include <zuresource/zustalewaitchecker.h>
-#include <zuresource/zuwaitregistry.h>
-
 #include <atomic>
-#include <boost/shared_ptr.hpp>
 #include <condition_variable>
 #include <cstdint>
 #include <map>
@@ -19,6 +12,15 @@
 #include <set>
 #include <string>
 #include <vector>
+
+#include <boost/shared_ptr.hpp>
+
+#include <zuhost/zubroker.h>
+
+#include <zuresource/zuresource.h>
+#include <zuresource/zuresourcestate.h>
+#include <zuresource/zustalewaitchecker.h>
+#include <zuresource/zuwaitregistry.h>
 
 #include "eventlog.h"
 #include "expectations.h"
@@ -209,8 +211,8 @@ class Simulation : public World {
   std::vector<Finding> deadlocks_;
   std::vector<Finding> staleWaits_;
   std::vector<std::string> staleNow_;  // the stale waits of the last check
-  int running_ = 0;       // owner threads not yet done
-  bool started_ = false;  // the run's threads may go
+  int running_ = 0;                    // owner threads not yet done
+  bool started_ = false;               // the run's threads may go
   std::condition_variable ownersDone_;
   std::condition_variable go_;
 };

@@ -1,10 +1,10 @@
 #include "expectations.h"
 
-#include <gtest/gtest.h>
-
 #include <map>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 using namespace zusim;
 

@@ -1,8 +1,8 @@
 #include "report.h"
 
-#include <gtest/gtest.h>
-
 #include <string>
+
+#include <gtest/gtest.h>
 
 using namespace zusim;
 
@@ -45,7 +45,8 @@ class Report : public ::testing::Test {
 
 TEST_F(Report, NamesShownAsTextAndTimelineHasALanePerHoldableResource) {
   std::string html = renderReport(scenario, events, record);
-  for (const char* markup : {"<script", "<b>", "<i>", "<h1>T</h1>"}) EXPECT_EQ(count(html, markup), 0u);
+  for (const char* markup : {"<script", "<b>", "<i>", "<h1>T</h1>"})
+    EXPECT_EQ(count(html, markup), 0u);
   // The final status page keeps the library's line endings, as text.
   EXPECT_EQ(count(html, "------&lt;b&gt;Eye&lt;/b&gt; -&gt; M eStrong [] 0&lt;br /&gt;\n"), 1u);
   EXPECT_EQ(count(html, "FAILED expect[0]"), 1u);

@@ -1,9 +1,9 @@
 #include "scenario.h"
 
-#include <gtest/gtest.h>
-
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 using zusim::parseScenario;
 using zusim::Scenario;

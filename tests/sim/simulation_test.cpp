@@ -1,11 +1,11 @@
 // Each event of a real run is told of the right owner and resource, and only when it happened.
 #include "simulation.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 using namespace zusim;
 
@@ -101,8 +101,8 @@ TEST(Simulation, DeadlockIsLoggedOnceNamingEveryEdge) {
   EXPECT_EQ(deadlocks[0].substr(0, edges.size()), edges);
   // Each waits for the arm, not for S: an activated state resource is granted to all.
   std::vector<std::string> waits = run.texts(EventKind::Waiting);
-  for (const char* w : {"x waits for B, held by y", "y waits for C, held by z",
-                        "z waits for A, held by x"})
+  for (const char* w :
+       {"x waits for B, held by y", "y waits for C, held by z", "z waits for A, held by x"})
     EXPECT_NE(std::find(waits.begin(), waits.end(), w), waits.end()) << w;
   EXPECT_TRUE(run.record.allHeld());
 }
@@ -123,8 +123,8 @@ TEST(Simulation, StaleWaitIsLoggedOnce) {
                {"deadlock": false}]})");
   std::vector<std::string> stale = run.texts(EventKind::StaleWait);
   ASSERT_EQ(stale.size(), 1u);
-  EXPECT_EQ(stale[0].rfind("stale wait: speaker waits on tracker for Head, which it has not held for ",
-                           0),
+  EXPECT_EQ(stale[0].rfind(
+                "stale wait: speaker waits on tracker for Head, which it has not held for ", 0),
             0u);
   EXPECT_TRUE(run.record.allHeld());
 }

@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <zuhost/zuerror.h>
+
 #include <zuresource/zuowner.h>
 
 #include "support/guardedthread.h"

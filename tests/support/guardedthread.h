@@ -15,8 +15,7 @@ class GuardedThread {
   /// Runs `body` in a new thread. Whatever `body` uses must stay alive for as
   /// long as it might run, also after a failed joinFor().
   explicit GuardedThread(std::function<void()> body)
-      : done_(std::make_shared<Latch>()),
-        thread_([body = std::move(body), done = done_] {
+      : done_(std::make_shared<Latch>()), thread_([body = std::move(body), done = done_] {
           body();
           done->countDown();
         }) {}

@@ -10,6 +10,7 @@
 #include <boost/shared_ptr.hpp>
 
 #include <zuhost/zuerror.h>
+
 #include <zuresource/zuresource.h>
 
 namespace zutest {

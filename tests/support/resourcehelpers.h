@@ -12,6 +12,7 @@
 #include <boost/shared_ptr.hpp>
 
 #include <zuhost/zuerror.h>
+
 #include <zuresource/zuresourcelist.h>
 #include <zuresource/zuresourcestate.h>
 

@@ -9,6 +9,7 @@
 
 #include <zuhost/zuerror.h>
 #include <zuhost/zumutex.h>
+
 #include <zuresource/zuowner.h>
 
 namespace zutest {
@@ -21,8 +22,12 @@ class ScriptedOwner final : public ZU::ZUOwner {
   /// conflict()'s answer for a resource name and a requester; may throw.
   using Script = std::function<bool(const std::string&, const boost::shared_ptr<ZU::ZUOwner>&)>;
 
-  static Script decline() { return [](auto&, auto&) { return false; }; }
-  static Script yield() { return [](auto&, auto&) { return true; }; }
+  static Script decline() {
+    return [](auto&, auto&) { return false; };
+  }
+  static Script yield() {
+    return [](auto&, auto&) { return true; };
+  }
   /// Throws ZUError ("ScriptedOwner", "conflict", "scripted failure").
   static Script fail() {
     return [](auto&, auto&) -> bool {

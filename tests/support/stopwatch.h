@@ -38,10 +38,9 @@ inline long lateToleranceMs() {
 }  // namespace zutest
 
 /// Asserts that `elapsed` lies in [expected - 20 ms, expected + tolerance].
-#define EXPECT_ELAPSED_NEAR(elapsed, expectedMs)                    \
-  do {                                                              \
-    long zu_e = (elapsed);                                          \
-    EXPECT_GE(zu_e, (expectedMs) - 20) << "finished too early";     \
-    EXPECT_LE(zu_e, (expectedMs) + zutest::lateToleranceMs())        \
-        << "finished too late";                                     \
+#define EXPECT_ELAPSED_NEAR(elapsed, expectedMs)                                      \
+  do {                                                                                \
+    long zu_e = (elapsed);                                                            \
+    EXPECT_GE(zu_e, (expectedMs)-20) << "finished too early";                         \
+    EXPECT_LE(zu_e, (expectedMs) + zutest::lateToleranceMs()) << "finished too late"; \
   } while (0)

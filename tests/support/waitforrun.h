@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <zuhost/zuerror.h>
+
 #include <zuresource/zuresource.h>
 
 #include "support/guardedthread.h"

@@ -1,9 +1,9 @@
-#include <zuresource/zuexplain.h>
-
 #include <algorithm>
 #include <typeinfo>
 
 #include <zuhost/zuerror.h>
+
+#include <zuresource/zuexplain.h>
 #include <zuresource/zuownerstrong.h>
 #include <zuresource/zuownerweak.h>
 #include <zuresource/zuresourcelist.h>
@@ -44,8 +44,7 @@ void explainStrongHolder(ZUExplanation& e, const boost::shared_ptr<ZUOwner>& hol
   e.ownerStopped = owner->resourceFreed;
 }
 
-void explainPlain(ZUExplanation& e, ZUResource& resource,
-                  const boost::shared_ptr<ZUOwner>& owner,
+void explainPlain(ZUExplanation& e, ZUResource& resource, const boost::shared_ptr<ZUOwner>& owner,
                   const std::vector<std::string>& noWaitList) {
   boost::shared_ptr<ZUOwner> holder;
   {
@@ -86,8 +85,7 @@ void explainState(ZUExplanation& e, ZUResourceState& resource,
   explainStrongHolder(e, resource.stateOwner, owner, Answer::AwaitsActivation);
 }
 
-void explainGroup(ZUExplanation& e, ZUResourceList& group,
-                  const boost::shared_ptr<ZUOwner>& owner,
+void explainGroup(ZUExplanation& e, ZUResourceList& group, const boost::shared_ptr<ZUOwner>& owner,
                   const std::vector<std::string>& noWaitList) {
   if (group.abortRequested) {
     e.answer = Answer::Aborts;
@@ -127,18 +125,30 @@ ZUValue stringArray(const std::vector<std::string>& strings) {
 
 const char* answerName(Answer answer) {
   switch (answer) {
-    case Answer::Takes: return "takes";
-    case Answer::AlreadyHeld: return "alreadyHeld";
-    case Answer::HandedDown: return "handedDown";
-    case Answer::Waits: return "waits";
-    case Answer::GivesUp: return "givesUp";
-    case Answer::Retries: return "retries";
-    case Answer::HolderDecides: return "holderDecides";
-    case Answer::ResourceDecides: return "resourceDecides";
-    case Answer::Granted: return "granted";
-    case Answer::AwaitsActivation: return "awaitsActivation";
-    case Answer::Group: return "group";
-    case Answer::Aborts: return "aborts";
+    case Answer::Takes:
+      return "takes";
+    case Answer::AlreadyHeld:
+      return "alreadyHeld";
+    case Answer::HandedDown:
+      return "handedDown";
+    case Answer::Waits:
+      return "waits";
+    case Answer::GivesUp:
+      return "givesUp";
+    case Answer::Retries:
+      return "retries";
+    case Answer::HolderDecides:
+      return "holderDecides";
+    case Answer::ResourceDecides:
+      return "resourceDecides";
+    case Answer::Granted:
+      return "granted";
+    case Answer::AwaitsActivation:
+      return "awaitsActivation";
+    case Answer::Group:
+      return "group";
+    case Answer::Aborts:
+      return "aborts";
   }
   return "unknown";
 }
@@ -171,10 +181,11 @@ bool ZUExplanation::wouldWait() const {
 std::string ZUExplanation::toString() const {
   std::string text = resource + ": ";
   const std::string held = "held by " + holder + " (module " + holderModule + ")";
-  const std::string stopped =
-      ownerStopped ? "; " + owner + "'s own release flag is set: \"box stop while waiting\""
-                     " after one polling period"
-                   : "";
+  const std::string stopped = ownerStopped
+                                  ? "; " + owner +
+                                        "'s own release flag is set: \"box stop while waiting\""
+                                        " after one polling period"
+                                  : "";
   switch (answer) {
     case Answer::Takes:
       return text + "free; " + owner + " would take it";
@@ -209,8 +220,7 @@ std::string ZUExplanation::toString() const {
   text += "group, ";
   text += firstWait < 0 ? std::string("no wait") : "first wait at " + members[firstWait].resource;
   text += " {";
-  for (std::size_t i = 0; i < members.size(); ++i)
-    text += (i ? " | " : "") + members[i].toString();
+  for (std::size_t i = 0; i < members.size(); ++i) text += (i ? " | " : "") + members[i].toString();
   return text + "}";
 }
 

@@ -7,6 +7,7 @@
 #include <boost/shared_ptr.hpp>
 
 #include <zuhost/zuvalue.h>
+
 #include <zuresource/zuowner.h>
 #include <zuresource/zuresource.h>
 

@@ -1,6 +1,6 @@
-#include <zuresource/zuowner.h>
-
 #include <zuhost/zuos.h>
+
+#include <zuresource/zuowner.h>
 
 namespace ZU {
 
@@ -24,8 +24,7 @@ boost::shared_ptr<ZUOwner> ZUOwner::getParentOwner(const std::string& resourceNa
   return it->second.lock();
 }
 
-void ZUOwner::setParentOwner(boost::shared_ptr<ZUOwner> parent,
-                             const std::string& resourceName) {
+void ZUOwner::setParentOwner(boost::shared_ptr<ZUOwner> parent, const std::string& resourceName) {
   parentOwners[resourceName] = parent;
 }
 

@@ -72,8 +72,8 @@ class ZUOwner : public boost::enable_shared_from_this<ZUOwner> {
   /// when the resource is handed down to `requester` at once, false when this
   /// owner no longer holds on to it. Throws ZUError ("ResourceManager",
   /// "waitResource") when the requester was stopped or the time limit passed.
-  virtual bool conflict(const std::string& resourceName,
-                        boost::shared_ptr<ZUOwner> requester, int timeout) = 0;
+  virtual bool conflict(const std::string& resourceName, boost::shared_ptr<ZUOwner> requester,
+                        int timeout) = 0;
   /// This owner gives up its resources. The base version does nothing.
   virtual void freeResource();
   /// Whether `other` is an ancestor of this owner. The base answer is false.

@@ -1,11 +1,11 @@
-#include <zuresource/zuownerstrong.h>
-
 #include <iostream>
 
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 
 #include <zuhost/zulog.h>
 #include <zuhost/zuos.h>
+
+#include <zuresource/zuownerstrong.h>
 #include <zuresource/zuwaitregistry.h>
 
 namespace ZU {
@@ -44,8 +44,7 @@ bool ZUOwnerStrong::isParent(boost::shared_ptr<ZUOwner> other) {
 
 void ZUOwnerStrong::addWaiter(boost::shared_ptr<ZUOwner> requester, int /*timeout*/) {
   if (!requester)
-    throw ZUError("ZUOwnerStrong", "addWaiter", "empty requester owner handle", kFile,
-                  __LINE__);
+    throw ZUError("ZUOwnerStrong", "addWaiter", "empty requester owner handle", kFile, __LINE__);
   ZUCriticalSectionWrite lock(waitersMutex);
   waiters.arrayPush(ZUValue(requester->moduleName));
 }
@@ -55,11 +54,10 @@ void ZUOwnerStrong::popWaiter() {
   waiters.arrayPopFront();
 }
 
-bool ZUOwnerStrong::conflict(const std::string& resourceName,
-                             boost::shared_ptr<ZUOwner> requester, int timeout) {
+bool ZUOwnerStrong::conflict(const std::string& resourceName, boost::shared_ptr<ZUOwner> requester,
+                             int timeout) {
   if (!requester)
-    throw ZUError("ZUOwnerStrong", "conflict", "empty requester owner handle", kFile,
-                  __LINE__);
+    throw ZUError("ZUOwnerStrong", "conflict", "empty requester owner handle", kFile, __LINE__);
   ZUCriticalSectionRead running(conflictMutex);
 
   // Only temporary handles on this owner: a wait must not keep its holder
@@ -93,8 +91,7 @@ bool ZUOwnerStrong::conflict(const std::string& resourceName,
     const boost::posix_time::ptime now = boost::posix_time::microsec_clock::local_time();
     if (requester->resourceFreed) {
       popWaiter();
-      throw ZUError("ResourceManager", "waitResource", "box stop while waiting", kFile,
-                    __LINE__);
+      throw ZUError("ResourceManager", "waitResource", "box stop while waiting", kFile, __LINE__);
     }
     if (timeout >= 0 && deadline < now) {
       popWaiter();
@@ -105,8 +102,7 @@ bool ZUOwnerStrong::conflict(const std::string& resourceName,
 }
 
 void ZUOwnerStrong::notifyConflictOwner(const std::string& resourceName,
-                                        boost::shared_ptr<ZUOwner> /*requester*/,
-                                        int /*timeout*/) {
+                                        boost::shared_ptr<ZUOwner> /*requester*/, int /*timeout*/) {
   boost::shared_ptr<ZUBroker> broker = parentBroker.lock();
   if (!broker) return;
   boost::shared_ptr<ZUProxy> proxy = broker->getProxy(moduleName, 0);
@@ -119,14 +115,14 @@ void ZUOwnerStrong::notifyConflictOwner(const std::string& resourceName,
 
 void ZUOwnerStrong::notifyConflictVantor(boost::shared_ptr<ZUOwner> /*requester*/,
                                          int /*timeout*/) {
-  ko::log::LogStream(3, kLogCategory, "", "notifyConflictVantor", 0)(
-      "unimplemented notifyConflictVantor\n");
+  ko::log::LogStream(3, kLogCategory, "", "notifyConflictVantor",
+                     0)("unimplemented notifyConflictVantor\n");
 }
 
 void ZUOwnerStrong::notifyEndConflictVantor(boost::shared_ptr<ZUOwner> /*requester*/,
                                             int /*timeout*/) {
-  ko::log::LogStream(3, kLogCategory, "", "notifyEndConflictVantor", 0)(
-      "unimplemented notifyEndConflictVantor");
+  ko::log::LogStream(3, kLogCategory, "", "notifyEndConflictVantor",
+                     0)("unimplemented notifyEndConflictVantor");
 }
 
 }  // namespace ZU

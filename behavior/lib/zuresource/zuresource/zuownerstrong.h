@@ -69,8 +69,8 @@ class ZUOwnerStrong final : public ZUOwner {
   /// the broker, asynchronously; nothing when no broker is set or it is gone.
   /// A ZUError of the call itself is printed (one line on standard output) and
   /// dropped; an error of the module lookup propagates. No lock.
-  void notifyConflictOwner(const std::string& resourceName,
-                           boost::shared_ptr<ZUOwner> requester, int timeout);
+  void notifyConflictOwner(const std::string& resourceName, boost::shared_ptr<ZUOwner> requester,
+                           int timeout);
   /// Hooks for the host's behaviour editor: each writes one log record
   /// (level 3, "behavior.zuressource") and does nothing else.
   void notifyConflictVantor(boost::shared_ptr<ZUOwner> requester, int timeout);

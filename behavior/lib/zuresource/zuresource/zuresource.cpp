@@ -1,10 +1,10 @@
-#include <zuresource/zuresource.h>
-
 #include <algorithm>
 #include <thread>
 #include <utility>
 
 #include <boost/make_shared.hpp>
+
+#include <zuresource/zuresource.h>
 
 namespace ZU {
 
@@ -100,13 +100,11 @@ bool ZUResource::isResourceOwned(const std::string& moduleName) {
 }
 
 void ZUResource::addResource(boost::shared_ptr<ZUResource> /*resource*/) {
-  throw ZUError("ZUResource", "addResource", "Add resource only in resource list", kFile,
-                57);
+  throw ZUError("ZUResource", "addResource", "Add resource only in resource list", kFile, 57);
 }
 
 void ZUResource::deleteResource(const std::string& /*resourceName*/) {
-  throw ZUError("ZUResource", "deleteResource", "Delete resource only in resource list",
-                kFile, 63);
+  throw ZUError("ZUResource", "deleteResource", "Delete resource only in resource list", kFile, 63);
 }
 
 // --- Acquisition ---------------------------------------------------------------
@@ -194,10 +192,10 @@ boost::shared_ptr<ZUOwner> ZUResource::copyOwner() {
 
 std::string ZUResource::indentedName(int depth, const std::string& name) {
   if (depth > kMaxDepth)
-    throw ZUError("ZUResource", "httpGet",
-                  "depth " + std::to_string(depth) + " is over the limit of " +
-                      std::to_string(kMaxDepth),
-                  kFile, __LINE__);
+    throw ZUError(
+        "ZUResource", "httpGet",
+        "depth " + std::to_string(depth) + " is over the limit of " + std::to_string(kMaxDepth),
+        kFile, __LINE__);
   std::string text;
   if (depth >= 0) {
     const std::size_t dashes = 3 * (static_cast<std::size_t>(depth) + 1);  // "---" per level

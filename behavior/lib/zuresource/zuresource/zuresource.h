@@ -11,6 +11,7 @@
 #include <zuhost/zuhierarchyowner.h>
 #include <zuhost/zumutex.h>
 #include <zuhost/zuvalue.h>
+
 #include <zuresource/zuowner.h>
 #include <zuresource/zuownerstrong.h>
 #include <zuresource/zuownerweak.h>
@@ -117,8 +118,7 @@ class ZUResource {
   /// Makes `owner` the holder unconditionally; tells nobody. `label` and
   /// `timeout` are not used. Throws ZUError (nothing changed) for an empty
   /// `owner`. Takes no lock.
-  virtual void switchOwner(boost::shared_ptr<ZUOwner> owner, const std::string& label,
-                           int timeout);
+  virtual void switchOwner(boost::shared_ptr<ZUOwner> owner, const std::string& label, int timeout);
   /// Gives the resource back when `owner` holds it (by name): to the owner
   /// that handed it down to `owner`, if it still exists, else to the
   /// placeholder, telling the holder freeResource(). When `owner` does not
@@ -149,9 +149,9 @@ class ZUResource {
   virtual ZUValue ownersGet();
 
   /// The owner factory: always a strong owner (the int is ignored). No lock.
-  static boost::shared_ptr<ZUOwner> createOwner(
-      int, const std::string& name, const std::string& moduleName,
-      boost::shared_ptr<ZUHierarchyOwner> hierarchyOwner);
+  static boost::shared_ptr<ZUOwner> createOwner(int, const std::string& name,
+                                                const std::string& moduleName,
+                                                boost::shared_ptr<ZUHierarchyOwner> hierarchyOwner);
 
  protected:
   /// Leaves every field empty; derived constructors call init().

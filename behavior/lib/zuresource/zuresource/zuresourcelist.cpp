@@ -1,7 +1,7 @@
-#include <zuresource/zuresourcelist.h>
-
 #include <mutex>
 #include <utility>
+
+#include <zuresource/zuresourcelist.h>
 
 namespace ZU {
 
@@ -16,8 +16,7 @@ std::mutex& additionMutex() {
 }
 }  // namespace
 
-ZUResourceList::ZUResourceList(const std::string& name,
-                               boost::shared_ptr<ZUResource> parent)
+ZUResourceList::ZUResourceList(const std::string& name, boost::shared_ptr<ZUResource> parent)
     : abortRequested(false) {
   init(name, parent);
   resourceListMutex = ZUMutexRW::createZUMutexRW();
@@ -48,13 +47,13 @@ void ZUResourceList::addResource(boost::shared_ptr<ZUResource> resource) {
     throw ZUError("ZUResourceList", "addResource", "empty resource handle", kFile, __LINE__);
   std::lock_guard<std::mutex> additions(additionMutex());
   if (resource.get() == this)
-    throw ZUError("ZUResourceList", "addResource",
-                  "a group cannot be a member of itself: " + name, kFile, __LINE__);
-  if (reachableFrom(resource))
-    throw ZUError("ZUResourceList", "addResource",
-                  "adding " + resource->name + " to " + name +
-                      " would make a cycle: it contains " + name,
+    throw ZUError("ZUResourceList", "addResource", "a group cannot be a member of itself: " + name,
                   kFile, __LINE__);
+  if (reachableFrom(resource))
+    throw ZUError(
+        "ZUResourceList", "addResource",
+        "adding " + resource->name + " to " + name + " would make a cycle: it contains " + name,
+        kFile, __LINE__);
   ZUCriticalSectionWrite lock(resourceListMutex);
   resourceList.push_back(resource);
 }
@@ -67,8 +66,8 @@ void ZUResourceList::deleteResource(const std::string& resourceName) {
       return;
     }
   }
-  throw ZUError("ZUResourceList", "deleteResource", "Resource not found " + resourceName,
-                kFile, 156);
+  throw ZUError("ZUResourceList", "deleteResource", "Resource not found " + resourceName, kFile,
+                156);
 }
 
 bool ZUResourceList::isInGroup(const std::string& resourceName) {

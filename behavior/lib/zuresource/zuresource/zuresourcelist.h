@@ -57,8 +57,8 @@ class ZUResourceList : public ZUResource {
   /// releases the owner from every member and rethrows that very error.
   /// Throws ZUError (nothing changed) for an empty `owner`.
   /// Takes: resourceListMutex (read) for the whole call, members' locks inside.
-  std::vector<std::string> waitFor(boost::shared_ptr<ZUOwner> owner,
-                                   const std::string& label, int timeout,
+  std::vector<std::string> waitFor(boost::shared_ptr<ZUOwner> owner, const std::string& label,
+                                   int timeout,
                                    const std::vector<std::string>& noWaitList) override;
   /// Each member's switchOwner in list order. An error ends the walk with
   /// nothing undone. Throws ZUError (nothing changed) for an empty `owner`.

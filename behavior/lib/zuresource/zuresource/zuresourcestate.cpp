@@ -1,28 +1,26 @@
-#include <zuresource/zuresourcestate.h>
-
 #include <algorithm>
 
 #include <boost/make_shared.hpp>
 
+#include <zuresource/zuresourcestate.h>
+
 namespace ZU {
 
-ZUResourceState::ZUResourceState(const std::string& name,
-                                 boost::shared_ptr<ZUResource> parent)
+ZUResourceState::ZUResourceState(const std::string& name, boost::shared_ptr<ZUResource> parent)
     : state(false) {
   holdersMutex = ZUMutex::createZUMutex();
   stateMutex = ZUMutex::createZUMutex();
   init(name, parent);
-  stateOwner = boost::make_shared<ZUOwnerStrong>(
-      name, name, boost::shared_ptr<ZUHierarchyOwner>());
+  stateOwner = boost::make_shared<ZUOwnerStrong>(name, name, boost::shared_ptr<ZUHierarchyOwner>());
 }
 
 ZUResourceState::~ZUResourceState() = default;
 
 bool ZUResourceState::isResourceFree() { return state; }
 
-std::vector<std::string> ZUResourceState::waitFor(
-    boost::shared_ptr<ZUOwner> owner, const std::string& /*label*/, int timeout,
-    const std::vector<std::string>& noWaitList) {
+std::vector<std::string> ZUResourceState::waitFor(boost::shared_ptr<ZUOwner> owner,
+                                                  const std::string& /*label*/, int timeout,
+                                                  const std::vector<std::string>& noWaitList) {
   requireOwner(owner, "ZUResourceState", "waitFor");
 
   if (!state) {
@@ -79,8 +77,8 @@ void ZUResourceState::setState(bool activated) {
 
 void ZUResourceState::releaseState() {
   ZUCriticalSection lock(holdersMutex);
-  boost::shared_ptr<ZUOwner> wanting = boost::make_shared<ZUOwnerStrong>(
-      name, name, boost::shared_ptr<ZUHierarchyOwner>());
+  boost::shared_ptr<ZUOwner> wanting =
+      boost::make_shared<ZUOwnerStrong>(name, name, boost::shared_ptr<ZUHierarchyOwner>());
   state = false;
   for (const boost::shared_ptr<ZUOwner>& holder : holders) holder->conflict(name, wanting, 0);
 }

@@ -52,8 +52,8 @@ class ZUResourceState : public ZUResource {
   /// ownersGet. Throws ZUError (nothing changed) for an empty `owner`.
   /// Takes: currentOwnerMutex (write) to set the holder before a wait; no lock
   /// during the wait; to register, the owner's ownerMutex then holdersMutex.
-  std::vector<std::string> waitFor(boost::shared_ptr<ZUOwner> owner,
-                                   const std::string& label, int timeout,
+  std::vector<std::string> waitFor(boost::shared_ptr<ZUOwner> owner, const std::string& label,
+                                   int timeout,
                                    const std::vector<std::string>& noWaitList) override;
   /// Tells `owner` freeResource() (holder or not) and removes every holder of
   /// the same name. An empty `owner` does nothing. Takes: holdersMutex.

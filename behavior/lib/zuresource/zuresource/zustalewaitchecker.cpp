@@ -1,10 +1,9 @@
-#include <zuresource/zustalewaitchecker.h>
-
 #include <set>
 #include <string>
 
 #include <zuresource/zuresourcelist.h>
 #include <zuresource/zuresourcestate.h>
+#include <zuresource/zustalewaitchecker.h>
 
 namespace ZU {
 
@@ -66,8 +65,7 @@ std::vector<ZUStaleWait> ZUStaleWaitChecker::check(
     std::map<std::uint64_t, Seen>::iterator earlier = seen_.find(wait.id);
     Seen seen = earlier == seen_.end() ? Seen{now, false} : earlier->second;
     const long ageMs = static_cast<long>(
-        std::chrono::duration_cast<std::chrono::milliseconds>(now - seen.notHoldingSince)
-            .count());
+        std::chrono::duration_cast<std::chrono::milliseconds>(now - seen.notHoldingSince).count());
     if (ageMs > kStaleAfterMs) {
       stale.push_back(ZUStaleWait{wait, ageMs, !seen.reported});
       seen.reported = true;

@@ -9,6 +9,7 @@
 #include <boost/shared_ptr.hpp>
 
 #include <zuhost/zuvalue.h>
+
 #include <zuresource/zuownerstrong.h>
 #include <zuresource/zuresource.h>
 #include <zuresource/zuwaitregistry.h>
@@ -60,8 +61,7 @@ struct ZUStaleWait {
 class ZUStaleWaitChecker {
  public:
   /// How long a holder must be seen not holding before its waits are stale.
-  static const int kStaleAfterMs =
-      ZUOwnerStrong::kPollPeriodMs + ZUOwnerStrong::kPollPeriodMs / 2;
+  static const int kStaleAfterMs = ZUOwnerStrong::kPollPeriodMs + ZUOwnerStrong::kPollPeriodMs / 2;
 
   ZUStaleWaitChecker() = default;
   ZUStaleWaitChecker(const ZUStaleWaitChecker&) = delete;

@@ -1,9 +1,9 @@
-#include <zuresource/zuwaitregistry.h>
-
 #include <map>
 #include <mutex>
 #include <set>
 #include <utility>
+
+#include <zuresource/zuwaitregistry.h>
 
 namespace ZU {
 
@@ -13,7 +13,7 @@ namespace {
 // wait that ends while the process exits still finds it.
 struct Registry {
   std::mutex mutex;
-  std::uint64_t lastId = 0;                // guarded by mutex
+  std::uint64_t lastId = 0;               // guarded by mutex
   std::map<std::uint64_t, ZUWait> waits;  // guarded by mutex; by id, oldest first
 };
 
@@ -80,8 +80,8 @@ long ZUWait::ageMs(std::chrono::steady_clock::time_point now) const {
 }
 
 std::string ZUWait::toString() const {
-  return waiter + " (" + waiterModule + ") waits on " + holder + " (" + holderModule +
-         ") for " + resource + ", " + std::to_string(ageMs()) + " ms";
+  return waiter + " (" + waiterModule + ") waits on " + holder + " (" + holderModule + ") for " +
+         resource + ", " + std::to_string(ageMs()) + " ms";
 }
 
 ZUValue ZUWait::toValue() const {

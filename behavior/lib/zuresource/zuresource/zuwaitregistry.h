@@ -9,6 +9,7 @@
 #include <boost/weak_ptr.hpp>
 
 #include <zuhost/zuvalue.h>
+
 #include <zuresource/zuowner.h>
 
 namespace ZU {

@@ -1,7 +1,7 @@
-#include <zuhost/zuos.h>
-
 #include <chrono>
 #include <thread>
+
+#include <zuhost/zuos.h>
 
 namespace ko {
 namespace os {

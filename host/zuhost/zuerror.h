@@ -10,9 +10,8 @@ namespace ZU {
 /// Thread safety: immutable after construction; safe to share between threads.
 class ZUError : public std::exception {
  public:
-  ZUError(const std::string& module, const std::string& method,
-          const std::string& description, const std::string& sourceFile,
-          unsigned int line);
+  ZUError(const std::string& module, const std::string& method, const std::string& description,
+          const std::string& sourceFile, unsigned int line);
 
   const std::string& getModule() const { return module_; }
   const std::string& getMethod() const { return method_; }

@@ -1,9 +1,8 @@
-#include <zuhost/zuvalue.h>
-
 #include <cstdio>
 #include <utility>
 
 #include <zuhost/zuerror.h>
+#include <zuhost/zuvalue.h>
 
 namespace ZU {
 
@@ -14,11 +13,21 @@ void appendQuoted(std::string& out, const std::string& text) {
   out += '"';
   for (unsigned char c : text) {
     switch (c) {
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      case '\t': out += "\\t"; break;
+      case '"':
+        out += "\\\"";
+        break;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\r':
+        out += "\\r";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
       default:
         if (c < 0x20 || c == 0x7f) {
           char buf[8];
@@ -34,8 +43,12 @@ void appendQuoted(std::string& out, const std::string& text) {
 
 void serialize(std::string& out, const ZUValue& value) {
   switch (value.type()) {
-    case ZUValue::Type::Invalid: out += "null"; break;
-    case ZUValue::Type::String: appendQuoted(out, value.asString()); break;
+    case ZUValue::Type::Invalid:
+      out += "null";
+      break;
+    case ZUValue::Type::String:
+      appendQuoted(out, value.asString());
+      break;
     case ZUValue::Type::Array:
       out += '[';
       for (std::size_t i = 0; i < value.size(); ++i) {
@@ -69,8 +82,7 @@ void ZUValue::arrayPush(const ZUValue& element) { arrayPush(ZUValue(element)); }
 
 void ZUValue::arrayPush(ZUValue&& element) {
   if (type_ == Type::String)
-    throw ZUError("ZUValue", "arrayPush", "cannot push onto a string value", kFile,
-                  __LINE__);
+    throw ZUError("ZUValue", "arrayPush", "cannot push onto a string value", kFile, __LINE__);
   array_.push_back(std::move(element));
   type_ = Type::Array;
 }
@@ -88,9 +100,12 @@ std::string ZUValue::serializeToText() const {
 bool operator==(const ZUValue& a, const ZUValue& b) {
   if (a.type_ != b.type_) return false;
   switch (a.type_) {
-    case ZUValue::Type::Invalid: return true;
-    case ZUValue::Type::String: return a.string_ == b.string_;
-    case ZUValue::Type::Array: return a.array_ == b.array_;
+    case ZUValue::Type::Invalid:
+      return true;
+    case ZUValue::Type::String:
+      return a.string_ == b.string_;
+    case ZUValue::Type::Array:
+      return a.array_ == b.array_;
   }
   return false;
 }

@@ -55,8 +55,8 @@ class ZUValue {
 
  private:
   Type type_ = Type::Invalid;
-  std::string string_;           // meaningful when type_ == String
-  std::vector<ZUValue> array_;   // meaningful when type_ == Array
+  std::string string_;          // meaningful when type_ == String
+  std::vector<ZUValue> array_;  // meaningful when type_ == Array
 };
 
 }  // namespace ZU

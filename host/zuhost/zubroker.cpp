@@ -6,8 +6,7 @@ namespace {
 const char* const kFile = "host/src/zubroker";
 }
 
-ZUModule::ZUModule(const std::string& name)
-    : name_(name), tasks_(std::make_shared<Tasks>()) {}
+ZUModule::ZUModule(const std::string& name) : name_(name), tasks_(std::make_shared<Tasks>()) {}
 
 ZUModule::~ZUModule() {
   std::thread worker;
@@ -39,13 +38,12 @@ ZUModule::Callable ZUModule::lookup(const std::string& method, int paramNumber,
   auto it = methods_.find(method);
   if (it == methods_.end())
     throw ZUError("ZUProxy", "call/pCall",
-                  "Module '" + name_ + "' has no function '" + method + "'", kFile,
-                  __LINE__);
+                  "Module '" + name_ + "' has no function '" + method + "'", kFile, __LINE__);
   if (it->second.paramType != argType)
     throw ZUError("ZUProxy", "call/pCall",
                   "When trying to call module '" + name_ + "' function '" + method +
-                      "' parameter #" + std::to_string(paramNumber) + " is of type " +
-                      argType + " instead of type " + it->second.paramType,
+                      "' parameter #" + std::to_string(paramNumber) + " is of type " + argType +
+                      " instead of type " + it->second.paramType,
                   kFile, __LINE__);
   return it->second.call;
 }
@@ -56,8 +54,7 @@ int ZUModule::enqueue(std::function<void()> task) {
   {
     std::lock_guard<std::mutex> lock(tasks_->mutex);
     if (tasks_->stopping)
-      throw ZUError("ZUProxy", "call/pCall", "Module '" + name_ + "' is stopping", kFile,
-                    __LINE__);
+      throw ZUError("ZUProxy", "call/pCall", "Module '" + name_ + "' is stopping", kFile, __LINE__);
     tasks_->queue.push_back(std::move(task));
     id = tasks_->nextTaskId++;
   }
@@ -89,9 +86,8 @@ void ZUModule::run(const std::shared_ptr<Tasks>& tasks) {
 
 void ZUModule::waitIdle() {
   std::unique_lock<std::mutex> lock(tasks_->mutex);
-  tasks_->changed.wait(lock, [this] {
-    return tasks_->stopping || (tasks_->queue.empty() && !tasks_->running);
-  });
+  tasks_->changed.wait(
+      lock, [this] { return tasks_->stopping || (tasks_->queue.empty() && !tasks_->running); });
 }
 
 int ZUModule::startedTasks() const {
@@ -106,8 +102,8 @@ boost::shared_ptr<ZUModule> ZUProxy::module(const std::string& method) const {
   boost::shared_ptr<ZUModule> m = module_.lock();
   if (!m)
     throw ZUError("ZUProxy", "call/pCall",
-                  "Module '" + moduleName_ + "' is gone; cannot call '" + method + "'",
-                  kFile, __LINE__);
+                  "Module '" + moduleName_ + "' is gone; cannot call '" + method + "'", kFile,
+                  __LINE__);
   return m;
 }
 
@@ -138,8 +134,7 @@ boost::shared_ptr<ZUModule> ZUBroker::getModule(const std::string& name) const {
 boost::shared_ptr<ZUProxy> ZUBroker::getProxy(const std::string& name, int /*option*/) {
   boost::shared_ptr<ZUModule> module = getModule(name);
   if (!module)
-    throw ZUError("ZUBroker", "getProxy", "No module named '" + name + "'", kFile,
-                  __LINE__);
+    throw ZUError("ZUBroker", "getProxy", "No module named '" + name + "'", kFile, __LINE__);
   return boost::shared_ptr<ZUProxy>(new ZUProxy(module));
 }
 

@@ -87,8 +87,7 @@ class ZUModule {
   };
 
   void bind(const std::string& method, const char* paramType, Callable call);
-  Callable lookup(const std::string& method, int paramNumber,
-                  const char* argType) const;
+  Callable lookup(const std::string& method, int paramNumber, const char* argType) const;
   int enqueue(std::function<void()> task);
 
   // The task queue lives apart from the module and is shared with the task
@@ -99,7 +98,7 @@ class ZUModule {
     std::condition_variable changed;
     // Guarded by mutex.
     std::deque<std::function<void()>> queue;
-    bool running = false;   // a task is executing
+    bool running = false;  // a task is executing
     bool stopping = false;
     int nextTaskId = 1;
   };
@@ -112,7 +111,7 @@ class ZUModule {
   // Guarded by mutex_.
   mutable std::mutex mutex_;
   std::map<std::string, Method> methods_;
-  std::thread worker_;     // started with the first task
+  std::thread worker_;  // started with the first task
 };
 
 /// A handle on a module through which its methods are started. Holds the

@@ -1,10 +1,10 @@
-#include <zuhost/zulog.h>
-
 #include <cstdarg>
 #include <cstdio>
 #include <iostream>
 #include <mutex>
 #include <vector>
+
+#include <zuhost/zulog.h>
 
 namespace ko {
 namespace log {
@@ -47,8 +47,8 @@ LogStream::LogStream(int level, const std::string& category, const std::string& 
     : record_{level, category, std::string(), file, function, line} {}
 
 LogStream::~LogStream() {
-  log(record_.level, record_.category, record_.message, record_.file,
-      record_.function, record_.line);
+  log(record_.level, record_.category, record_.message, record_.file, record_.function,
+      record_.line);
 }
 
 LogStream& LogStream::operator()(const char* format, ...) {

@@ -1,8 +1,7 @@
-#include <zuhost/zumutex.h>
-
 #include <boost/make_shared.hpp>
 
 #include <zuhost/zuerror.h>
+#include <zuhost/zumutex.h>
 
 namespace ZU {
 
@@ -16,9 +15,7 @@ M* checked(const boost::shared_ptr<M>& mutex, const char* lockClass) {
 }
 }  // namespace
 
-boost::shared_ptr<ZUMutex> ZUMutex::createZUMutex() {
-  return boost::make_shared<ZUMutex>();
-}
+boost::shared_ptr<ZUMutex> ZUMutex::createZUMutex() { return boost::make_shared<ZUMutex>(); }
 
 boost::shared_ptr<ZUMutexRW> ZUMutexRW::createZUMutexRW() {
   return boost::make_shared<ZUMutexRW>();
@@ -50,8 +47,7 @@ ZUCriticalSectionWrite::ZUCriticalSectionWrite(const boost::shared_ptr<ZUMutexRW
   mutex_->lockWrite();
 }
 
-ZUCriticalTrueIfLocked::ZUCriticalTrueIfLocked(const boost::shared_ptr<ZUMutex>& mutex,
-                                               bool& busy)
+ZUCriticalTrueIfLocked::ZUCriticalTrueIfLocked(const boost::shared_ptr<ZUMutex>& mutex, bool& busy)
     : mutex_(checked(mutex, "ZUCriticalTrueIfLocked")), taken_(mutex_->tryLock()) {
   busy = !taken_;
 }

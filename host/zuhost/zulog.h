@@ -42,8 +42,7 @@ class LogStream {
   LogStream& operator=(const LogStream&) = delete;
 
   /// Appends the printf-formatted text to the message.
-  LogStream& operator()(const char* format, ...)
-      __attribute__((format(printf, 2, 3)));
+  LogStream& operator()(const char* format, ...) __attribute__((format(printf, 2, 3)));
 
  private:
   Record record_;
