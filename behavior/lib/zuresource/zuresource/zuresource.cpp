@@ -4,18 +4,18 @@
 
 #include <boost/make_shared.hpp>
 
+#include <zuresource/zucontract.h>
 #include <zuresource/zuresource.h>
 
 namespace ZU {
 
 namespace {
 const char* const kFile = "behavior/lib/zuresource/zuresource/zuresource";
-const char* const kEmptyOwnerName = "emptyOwner";
 const int kMaxDepth = 1000000;
 
-// Whether `owner` stands for a free resource: it is named "emptyOwner".
+// Whether `owner` stands for a free resource: it bears the placeholder's name.
 bool isPlaceholder(const ZUOwner& owner) {
-  static const std::string placeholderName = kEmptyOwnerName;
+  static const std::string placeholderName = contract::kPlaceholderName;
   return owner.name == placeholderName;
 }
 }  // namespace
@@ -61,7 +61,8 @@ ZUResource::~ZUResource() = default;
 
 void ZUResource::init(const std::string& name, boost::shared_ptr<ZUResource> parent) {
   this->name = name;
-  emptyOwner = boost::make_shared<ZUOwnerWeak>(kEmptyOwnerName, kEmptyOwnerName);
+  emptyOwner =
+      boost::make_shared<ZUOwnerWeak>(contract::kPlaceholderName, contract::kPlaceholderName);
   currentOwner.store(emptyOwner);
   resourceMutex = ZUMutex::createZUMutex();
   waitMutex = ZUMutex::createZUMutex();
@@ -100,11 +101,13 @@ bool ZUResource::isResourceOwned(const std::string& moduleName) {
 }
 
 void ZUResource::addResource(boost::shared_ptr<ZUResource> /*resource*/) {
-  throw ZUError("ZUResource", "addResource", "Add resource only in resource list", kFile, 57);
+  throw ZUError("ZUResource", "addResource", "Add resource only in resource list", kFile,
+                contract::kAddResourceErrorLine);
 }
 
 void ZUResource::deleteResource(const std::string& /*resourceName*/) {
-  throw ZUError("ZUResource", "deleteResource", "Delete resource only in resource list", kFile, 63);
+  throw ZUError("ZUResource", "deleteResource", "Delete resource only in resource list", kFile,
+                contract::kDeleteResourceErrorLine);
 }
 
 // --- Acquisition ---------------------------------------------------------------
@@ -226,16 +229,20 @@ std::string ZUResource::httpGet(int depth) {
   return text;
 }
 
-ZUValue ZUResource::ownersGet() {
-  boost::shared_ptr<ZUOwner> holder = copyOwner();
+ZUValue ZUResource::holderValue(const std::string& name, const boost::shared_ptr<ZUOwner>& holder) {
   ZUValue result;
-  if (name.compare(0, 2, "ZU") == 0) return result;
   result.arrayPush(ZUValue(name));
   if (holder && !isPlaceholder(*holder)) {
     result.arrayPush(ZUValue(holder->moduleName));
     result.arrayPush(holder->copyWaiters());
   }
   return result;
+}
+
+ZUValue ZUResource::ownersGet() {
+  boost::shared_ptr<ZUOwner> holder = copyOwner();
+  if (name.compare(0, 2, "ZU") == 0) return ZUValue();
+  return holderValue(name, holder);
 }
 
 }  // namespace ZU
