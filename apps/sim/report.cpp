@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <fstream>
 #include <numeric>
 #include <sstream>
 #include <unordered_map>
@@ -552,13 +551,6 @@ std::string renderReport(const Scenario& scenario, const std::vector<Event>& eve
     out << escapeHtml(line) << "\n";
   out << "</pre>\n<script>" << kScript << "</script>\n</body></html>\n";
   return out.str();
-}
-
-bool writeReport(const std::string& path, const Scenario& scenario,
-                 const std::vector<Event>& events, const RunRecord& record) {
-  std::ofstream file(path);
-  file << renderReport(scenario, events, record);
-  return static_cast<bool>(file);
 }
 
 }  // namespace zusim

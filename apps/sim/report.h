@@ -28,8 +28,5 @@ std::string renderReport(const Scenario& scenario, const std::vector<Event>& eve
 /// put while the time axis zooms (renderReport's script).
 std::string renderTimeline(const Scenario& scenario, const std::vector<Event>& events,
                            const RunRecord& record);
-/// Writes renderReport() to `path`; false when the file cannot be written.
-bool writeReport(const std::string& path, const Scenario& scenario,
-                 const std::vector<Event>& events, const RunRecord& record);
 
 }  // namespace zusim
