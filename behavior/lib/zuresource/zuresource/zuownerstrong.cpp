@@ -6,6 +6,7 @@
 #include <zuhost/zuos.h>
 
 #include <zuresource/zucontract.h>
+#include <zuresource/zueventsite.h>
 #include <zuresource/zuownerstrong.h>
 #include <zuresource/zuwaitregistry.h>
 
@@ -30,6 +31,8 @@ ZUOwnerStrong::ZUOwnerStrong(const std::string& name, const std::string& moduleN
 
 ZUOwnerStrong::~ZUOwnerStrong() {
   resourceFreed = true;
+  if (ZUObservers::active() && waitersMutex && copyWaiters().size() != 0)
+    eventsite::stopped(std::string(), nullptr, *this, ZUEvent::Cause::Destruction);
   ZUCriticalSectionWrite waitForConflicts(conflictMutex);
 }
 
@@ -70,7 +73,11 @@ bool ZUOwnerStrong::conflict(const std::string& resourceName, boost::shared_ptr<
 
   addWaiter(requester, timeoutSeconds);
   resourceFreed = false;
+  const bool stoppedBefore = requester->resourceFreed;
   ZUWaitRegistry::Record recorded(requester, *this, resourceName);  // until any way out
+  eventsite::WaitWatch watch(recorded.id());  // this wait's own checks, at each poll
+  if (ZUObservers::active())
+    eventsite::waitEvent(ZUEvent::Kind::Waiting, resourceName, *requester, *this, timeoutSeconds);
   const boost::posix_time::ptime start = boost::posix_time::microsec_clock::local_time();
   const boost::posix_time::ptime deadline = start + boost::posix_time::seconds(timeoutSeconds);
   this->timeout = 0;
@@ -91,24 +98,34 @@ bool ZUOwnerStrong::conflict(const std::string& resourceName, boost::shared_ptr<
     const boost::posix_time::ptime now = boost::posix_time::microsec_clock::local_time();
     if (requester->resourceFreed) {
       popWaiter();
+      if (ZUObservers::active())
+        eventsite::stopped(
+            resourceName, requester.get(), *this,
+            stoppedBefore ? ZUEvent::Cause::OwnRelease : ZUEvent::Cause::ManagerStop);
       throw ZUError(contract::kWaitErrorModule, contract::kWaitErrorMethod,
                     contract::kStopWhileWaiting, kFile, __LINE__);
     }
     if (timeoutSeconds >= 0 && deadline < now) {
       popWaiter();
+      if (ZUObservers::active())
+        eventsite::waitEvent(ZUEvent::Kind::TimedOut, resourceName, *requester, *this,
+                             timeoutSeconds);
       throw ZUError(contract::kWaitErrorModule, contract::kWaitErrorMethod,
                     contract::waitTimedOut(resourceName), kFile, __LINE__);
     }
+    watch.poll();
   }
 }
 
 void ZUOwnerStrong::notifyConflictOwner(const std::string& resourceName,
-                                        boost::shared_ptr<ZUOwner> /*requester*/, int /*timeout*/) {
+                                        boost::shared_ptr<ZUOwner> requester, int /*timeout*/) {
   boost::shared_ptr<ZUBroker> broker = parentBroker.lock();
   if (!broker) return;
   boost::shared_ptr<ZUProxy> proxy = broker->getProxy(moduleName, 0);
   try {
     proxy->pCall<std::string>("__onResource__", resourceName);
+    if (ZUObservers::active())
+      eventsite::emit(ZUEvent::Kind::Notified, resourceName, requester.get(), this);
   } catch (const ZUError& e) {
     std::cout << e.toString() << std::endl;
   }

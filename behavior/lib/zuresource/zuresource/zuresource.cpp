@@ -5,6 +5,7 @@
 #include <boost/make_shared.hpp>
 
 #include <zuresource/zucontract.h>
+#include <zuresource/zueventsite.h>
 #include <zuresource/zuresource.h>
 
 namespace ZU {
@@ -113,15 +114,20 @@ void ZUResource::deleteResource(const std::string& /*resourceName*/) {
 // --- Acquisition ---------------------------------------------------------------
 
 std::vector<std::string> ZUResource::waitFor(boost::shared_ptr<ZUOwner> owner,
-                                             const std::string& /*label*/, int timeout,
+                                             const std::string& label, int timeout,
                                              const std::vector<std::string>& noWaitList) {
   requireOwner(owner, "ZUResource", "waitFor");
+  if (ZUObservers::active()) eventsite::requested(name, *owner, label, timeout, noWaitList);
 
   // Early give-up: busy, and the caller will not wait for this one.
   if (!isResourceFree() && !noWaitList.empty() &&
-      std::find(noWaitList.begin(), noWaitList.end(), name) != noWaitList.end())
+      std::find(noWaitList.begin(), noWaitList.end(), name) != noWaitList.end()) {
+    if (ZUObservers::active())
+      eventsite::emit(ZUEvent::Kind::NotObtained, name, owner.get(), currentOwner.load().get());
     return std::vector<std::string>(1, name);
+  }
 
+  ZUPendingEvent granted;  // delivered once the locks below are let go
   bool busy = false;
   for (;;) {
     {
@@ -129,16 +135,26 @@ std::vector<std::string> ZUResource::waitFor(boost::shared_ptr<ZUOwner> owner,
 
       // Already held by an owner of that name (the very same object, the usual
       // case, is told by address).
-      if (currentOwner.is(owner)) return std::vector<std::string>();
+      bool held = currentOwner.is(owner);
       boost::shared_ptr<ZUOwner> copy;
-      const boost::shared_ptr<ZUOwner>& holder = currentOwner.loadOr(emptyOwner, copy);
-      if (owner->name == holder->name) return std::vector<std::string>();
+      if (!held) held = owner->name == currentOwner.loadOr(emptyOwner, copy)->name;
+      if (held) {
+        if (ZUObservers::active())
+          eventsite::granted(granted, name, *owner, ZUEvent::Grant::AlreadyHeld, nullptr);
+        return std::vector<std::string>();
+      }
+      const boost::shared_ptr<ZUOwner>& holder = copy ? copy : emptyOwner;
 
       // Ask the holder: this may wait up to the time limit, or throw. Our own
       // placeholder is a weak owner, whose answer is always a plain no.
-      if (holder != emptyOwner && holder->conflict(name, owner, timeout)) {
-        currentOwner.store(std::move(owner));  // handed down to a descendant
-        return std::vector<std::string>();
+      if (holder != emptyOwner) {
+        eventsite::WaitingOn waitingOn(this);
+        if (holder->conflict(name, owner, timeout)) {
+          if (ZUObservers::active())
+            eventsite::granted(granted, name, *owner, ZUEvent::Grant::HandedDown, holder.get());
+          currentOwner.store(std::move(owner));  // handed down to a descendant
+          return std::vector<std::string>();
+        }
       }
 
       // The holder let go; only the pass that holds waitMutex may take it.
@@ -147,6 +163,8 @@ std::vector<std::string> ZUResource::waitFor(boost::shared_ptr<ZUOwner> owner,
         if (isFree()) {
           ZUCriticalSection taking(owner->ownerMutex);
           currentOwner.store(owner);
+          if (ZUObservers::active())
+            eventsite::granted(granted, name, *owner, ZUEvent::Grant::WasFree, nullptr);
           return std::vector<std::string>();
         }
         busy = true;
@@ -162,6 +180,7 @@ void ZUResource::switchOwner(boost::shared_ptr<ZUOwner> owner, const std::string
                              int /*timeout*/) {
   requireOwner(owner, "ZUResource", "switchOwner");
   currentOwner.store(owner);
+  if (ZUObservers::active()) eventsite::emit(ZUEvent::Kind::Switched, name, owner.get());
 }
 
 void ZUResource::release(boost::shared_ptr<ZUOwner> owner) {
@@ -169,14 +188,19 @@ void ZUResource::release(boost::shared_ptr<ZUOwner> owner) {
   // Wait for a take-if-free step that is making this owner the holder.
   { ZUCriticalSection settle(owner->ownerMutex); }
 
+  ZUPendingEvent released;  // delivered once the lock below is let go
   ZUCriticalSectionRead lock(currentOwnerMutex);
   boost::shared_ptr<ZUOwner> copy;
   const boost::shared_ptr<ZUOwner>& holder = currentOwner.loadOr(owner, copy);
   if (owner->name == holder->name) {
     boost::shared_ptr<ZUOwner> yielder = owner->getParentOwner(name);
     if (yielder) {
+      if (ZUObservers::active())
+        eventsite::keep(released, ZUEvent::Kind::HandedBack, name, owner.get(), yielder.get());
       currentOwner.store(std::move(yielder));  // back to the owner that handed it down
     } else {
+      if (ZUObservers::active())
+        eventsite::keep(released, ZUEvent::Kind::Released, name, owner.get());
       holder->freeResource();
       currentOwner.store(emptyOwner);
     }
