@@ -81,7 +81,9 @@ ContentionResult measureContention(int contenders, int groupMembers, int holdMs,
       while (!stop) {
         // A new owner object for each request: an owner that has released is
         // flagged as released, and a wait of its own would end at once.
-        OwnerPtr owner = makeOwner("contender" + std::to_string(i));
+        // (100 + i: no name is a prefix of another; a prefix would make its
+        // owner an ancestor, whose resource is handed down at once.)
+        OwnerPtr owner = makeOwner("contender" + std::to_string(100 + i));
         try {
           resource->waitFor(owner, "", 1, waitForAll());
         } catch (const ZU::ZUError&) {
