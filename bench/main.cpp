@@ -78,7 +78,11 @@ void addMicroRows(ResultTable& table, const FastestRunReporter& times) {
       {"cycle", "cycle/plain", "floor", "floor/cycle", 1.5},
       {"cycle", "cycle/plain", "floor + handle counting", "floor/cycle+handles", 0},
       {"cycle", "cycle/plain", "std::timed_mutex try_lock_for+unlock", "baseline/timed_mutex", 0},
-      {"cycle", "cycle/plain", "std::mutex lock+unlock", "baseline/mutex", 0}};
+      {"cycle", "cycle/plain", "std::mutex lock+unlock", "baseline/mutex", 0},
+      {"cycle, counting observer", "cycle/observed/counting", "cycle, no observer", "cycle/plain",
+       0},
+      {"cycle, JSON-lines recorder", "cycle/observed/recorder", "cycle, no observer", "cycle/plain",
+       0}};
   const Comparison single[] = {
       {"waitFor, already held", "held/waitFor", "floor", "floor/held", 0},
       {"isResourceFree", "query/isResourceFree", "floor", "floor/isResourceFree", 0},
@@ -220,6 +224,9 @@ int main(int argc, char** argv) {
   registerCycleBenchmarks();
   registerGroupBenchmarks();
   registerReportBenchmarks();
+#ifdef ZUBENCH_OBSERVE
+  registerObserveBenchmarks();
+#endif
   FastestRunReporter times;
   if (wanted("micro")) benchmark::RunSpecifiedBenchmarks(&times);
 
