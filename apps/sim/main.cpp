@@ -125,7 +125,7 @@ Options parse(int argc, char** argv) {
 void printStatus(const std::vector<std::string>& roots) {
   std::cout << "Status page:" << std::endl;
   for (const std::string& line : zusim::statusPageLines(roots))
-    std::cout << "  " << line << std::endl;
+    std::cout << "  " << zusim::escapeControls(line, false) << std::endl;
 }
 
 int printResults(const zusim::RunRecord& record) {
@@ -134,7 +134,9 @@ int printResults(const zusim::RunRecord& record) {
   std::cout << "Expectations: " << record.results.size() - failed << " held, " << failed
             << " failed" << std::endl;
   for (const zusim::ExpectResult& r : record.results)
-    if (!r.held) std::cout << "  FAILED " << r.entry << ": " << r.text << std::endl;
+    if (!r.held)
+      std::cout << "  FAILED " << r.entry << ": " << zusim::escapeControls(r.text, false)
+                << std::endl;
   return failed ? 1 : 0;
 }
 
@@ -161,9 +163,10 @@ int main(int argc, char** argv) {
     return 2;
   }
 
-  std::cout << "Scenario: " << scenario.title
+  std::cout << "Scenario: " << zusim::escapeControls(scenario.title, false)
             << (scenario.title == scenario.file ? "" : " (" + scenario.file + ")") << std::endl;
-  if (!scenario.description.empty()) std::cout << scenario.description << std::endl;
+  if (!scenario.description.empty())
+    std::cout << zusim::escapeControls(scenario.description, false) << std::endl;
   zusim::EventLog log(&std::cout);
   zusim::Simulation simulation(scenario, log);
   std::unique_ptr<zusim::LiveServer> server;

@@ -520,9 +520,10 @@ std::vector<std::string> Simulation::notifiedOf(const std::string& module) {
 }
 
 std::string Simulation::explain(const std::string& owner, const std::string& resourceName) {
-  if (stage_.ownerNumber(owner) < 0) throw std::invalid_argument("unknown owner \"" + owner + "\"");
+  if (stage_.ownerNumber(owner) < 0)
+    throw std::invalid_argument("unknown owner " + quoteName(owner));
   if (!stage_.hasResource(resourceName))
-    throw std::invalid_argument("unknown resource \"" + resourceName + "\"");
+    throw std::invalid_argument("unknown resource " + quoteName(resourceName));
   return ZU::explain(stage_.resource(resourceName), ownerNamed(owner).owner).toString();
 }
 
