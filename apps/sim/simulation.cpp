@@ -7,6 +7,7 @@
 #include <zuhost/zumutex.h>
 
 #include <zuresource/zuexplain.h>
+#include <zuresource/zuownerstrong.h>
 
 namespace zusim {
 
@@ -56,8 +57,8 @@ struct Simulation::Owner {
   /// Held around the library calls made for this owner when it may be handed
   /// resources down: a hand-down records the giver in the owner's parent-owner
   /// map, which a release for it reads, and the library leaves it to the
-  /// caller to keep one owner's calls apart. A module's release for such an
-  /// owner therefore waits while the owner waits.
+  /// caller to keep one owner's calls apart. A release for such an owner
+  /// therefore waits while the owner waits, and the log says so.
   std::mutex calls;
 
   // Guarded by Simulation::mutex_.
@@ -65,12 +66,11 @@ struct Simulation::Owner {
   std::vector<std::string> pendingNoWait;  // and the names it will not wait for
   std::vector<std::string> acquired;       // what it asked for and holds, oldest first
   std::vector<Outcome> outcomes;
+  long lastReleaseMs = -1;     // its latest release, which may leave its release flag set
+  bool flagAtRequest = false;  // its release flag was set when its pending request began
+  bool stopRequested = false;  // the manager stopped its pending request
 
   Owner(const OwnerEntry& s, boost::shared_ptr<ZU::ZUOwner> o) : entry(s), owner(std::move(o)) {}
-
-  std::unique_lock<std::mutex> serialise() {
-    return mayBeHandedDown ? std::unique_lock<std::mutex>(calls) : std::unique_lock<std::mutex>();
-  }
 };
 
 Simulation::Simulation(const Scenario& scenario, EventLog& log)
@@ -128,16 +128,13 @@ RunRecord Simulation::run() {
   }
   go_.notify_all();
 
-  // Owners still waiting when the scenario stops are stopped by the manager.
-  std::vector<Owner*> stuck;
+  bool ended;
   {
     std::unique_lock<std::mutex> lock(mutex_);
-    if (!ownersDone_.wait_until(lock, log_.at(scenario_.stopAtMs),
-                                [this] { return running_ == 0; }))
-      for (auto& o : owners_)
-        if (!o->pending.empty()) stuck.push_back(o.get());
+    ended =
+        ownersDone_.wait_until(lock, log_.at(scenario_.stopAtMs), [this] { return running_ == 0; });
   }
-  for (Owner* o : stuck) stopWaiting(*o, "the scenario stops");
+  if (!ended) stopEverything();
   for (std::thread& t : threads) t.join();
   manager.join();
   checker.join();
@@ -167,6 +164,19 @@ void Simulation::ownerThread(Owner& o, const std::vector<const ActionEntry*>& ac
   awaitStart();
   for (const ActionEntry* a : actions) {
     std::this_thread::sleep_until(log_.at(a->atMs));
+    bool stopped;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      stopped = stopped_;
+    }
+    // A blocking request may delay an owner's later actions past stopAt.
+    if (stopped) {
+      log_.add(EventKind::Manager, o.entry.name, a->resource,
+               a->entry + " of " + o.entry.name + " (at " + std::to_string(a->atMs) +
+                   " ms) is dropped: the scenario stopped at " +
+                   std::to_string(scenario_.stopAtMs) + " ms");
+      continue;
+    }
     if (a->kind == ActionKind::WaitFor) waitFor(o, *a);
     if (a->kind == ActionKind::Release) release(o, a->resource, "");
     if (a->kind == ActionKind::SwitchOwner) switchOwner(o, *a);
@@ -183,7 +193,12 @@ void Simulation::managerThread(const std::vector<const ActionEntry*>& actions) {
     if (a->kind == ActionKind::Stop) {
       log_.add(EventKind::Manager, a->owner, a->resource,
                "the manager stops " + a->owner + " on " + a->resource);
-      release(ownerNamed(a->owner), a->resource, " (stopped by the manager)");
+      Owner& o = ownerNamed(a->owner);
+      {
+        std::lock_guard<std::mutex> lock(mutex_);
+        o.stopRequested = !o.pending.empty();
+      }
+      release(o, a->resource, " (stopped by the manager)");
     } else {
       setState(*a);
     }
@@ -215,10 +230,12 @@ void Simulation::waitFor(Owner& o, const ActionEntry& a) {
     std::lock_guard<std::mutex> lock(mutex_);
     o.pending = a.resource;
     o.pendingNoWait = a.noWait;
+    o.flagAtRequest = o.owner->resourceFreed;
+    o.stopRequested = false;
   }
   Outcome out;
   out.resource = a.resource;
-  std::unique_lock<std::mutex> calls = o.serialise();
+  std::unique_lock<std::mutex> calls = serialise(o, who + "'s request of " + a.resource);
   try {
     out.notObtained = stage_.resource(a.resource)->waitFor(o.owner, a.label, a.timeout, a.noWait);
     out.kind = out.notObtained.empty() ? OutcomeKind::Granted : OutcomeKind::NotObtained;
@@ -270,8 +287,14 @@ void Simulation::finish(Owner& o, const Outcome& result) {
   EventKind kind = out.kind == OutcomeKind::TimedOut  ? EventKind::TimedOut
                    : out.kind == OutcomeKind::Stopped ? EventKind::Stopped
                                                       : EventKind::Failed;
+  // A stop that nobody asked for: the owner's own release set its flag, and
+  // no wait on it has cleared the flag since.
+  std::string why;
+  if (out.kind == OutcomeKind::Stopped && !o.stopRequested && o.flagAtRequest &&
+      o.lastReleaseMs >= 0)
+    why = " (own release at " + std::to_string(o.lastReleaseMs) + " ms left the release flag set)";
   log_.add(kind, who, lane,
-           who + "'s wait for " + result.resource + " fails: \"" + out.error + "\"");
+           who + "'s wait for " + result.resource + " fails: \"" + out.error + "\"" + why);
   // What the owner held in the group until the failure, and no longer holds,
   // was given back by the group on the way out. A holding that ended well
   // before the failure was let go for another reason.
@@ -287,9 +310,13 @@ void Simulation::release(Owner& o, const std::string& name, const std::string& w
   std::vector<std::string> heldBefore;
   for (const std::string& l : leaves)
     if (stage_.holds(l, who)) heldBefore.push_back(l);
-  std::unique_lock<std::mutex> calls = o.serialise();
+  std::unique_lock<std::mutex> calls = serialise(o, who + "'s release of " + name);
   stage_.resource(name)->release(o.owner);
   if (calls) calls.unlock();
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    o.lastReleaseMs = log_.now();
+  }
   std::vector<std::string> released;
   for (const std::string& l : heldBefore) {
     std::string holder = stage_.stateResource(l) ? kFree : stage_.holderOf(l);
@@ -318,7 +345,8 @@ void Simulation::switchOwner(Owner& o, const ActionEntry& a) {
   std::string was;
   for (const auto& b : before)
     was += (was.empty() ? "" : ", ") + (before.size() == 1 ? b.second : b.first + ": " + b.second);
-  std::unique_lock<std::mutex> calls = o.serialise();
+  std::unique_lock<std::mutex> calls =
+      serialise(o, o.entry.name + "'s switchOwner of " + a.resource);
   stage_.resource(a.resource)->switchOwner(o.owner, a.label, a.timeout);
   if (calls) calls.unlock();
   log_.add(EventKind::Switched, o.entry.name, a.resource,
@@ -330,21 +358,55 @@ void Simulation::switchOwner(Owner& o, const ActionEntry& a) {
 
 void Simulation::setState(const ActionEntry& a) {
   ZU::ZUResourceState* state = stage_.stateResource(a.resource);
-  if (a.kind == ActionKind::SetState) {
-    log_.add(
-        EventKind::State, "", a.resource,
-        a.resource + (a.activated ? " is activated" : " is deactivated; its holders are told"));
-    state->setState(a.activated);
+  if (a.kind == ActionKind::SetState && a.activated) {
+    log_.add(EventKind::State, "", a.resource, a.resource + " is activated");
+    state->setState(true);
     return;
   }
-  log_.add(EventKind::State, "", a.resource,
-           a.resource + " is deactivated by releaseState; its holders are told");
-  try {
-    state->releaseState();
-  } catch (const ZU::ZUError& e) {
-    log_.add(EventKind::Failed, "", a.resource,
-             "releaseState on " + a.resource + " ends with \"" + e.getDescription() + "\"");
+  std::vector<std::string> holders = stage_.holdersOf(a.resource);
+  std::vector<std::size_t> toldBefore = notifications(a.resource);
+  if (a.kind == ActionKind::SetState) {
+    log_.add(EventKind::State, "", a.resource,
+             a.resource + " is deactivated; its holders are told");
+    state->setState(false);
+  } else {
+    log_.add(EventKind::State, "", a.resource,
+             a.resource + " is deactivated by releaseState; its holders are told");
+    try {
+      state->releaseState();
+    } catch (const ZU::ZUError& e) {
+      log_.add(EventKind::Failed, "", a.resource,
+               "releaseState on " + a.resource + " ends with \"" + e.getDescription() + "\"");
+    }
   }
+  // The holders are told in turn, each given one polling period to let go;
+  // the telling ends at the first that has not (a release of the state
+  // resource waits until the telling is over), and the rest are never told.
+  std::vector<std::size_t> toldAfter = notifications(a.resource);
+  std::string last;
+  std::vector<std::string> untold;
+  for (const std::string& h : holders) {
+    int n = stage_.ownerNumber(h);
+    std::size_t m = n < 0 ? 0 : scenario_.moduleIndex.at(ownerNamed(h).entry.module);
+    if (n >= 0 && toldAfter[m] > toldBefore[m])
+      last = h;
+    else
+      untold.push_back(h);
+  }
+  if (!last.empty() && !untold.empty())
+    log_.add(EventKind::State, "", a.resource,
+             "the deactivation of " + a.resource + " stopped at " + last +
+                 ", which had not let go within one polling period; " + join(untold) +
+                 (untold.size() == 1 ? " was" : " were") + " not told and still hold" +
+                 (untold.size() == 1 ? "s " : " ") + a.resource);
+}
+
+std::vector<std::size_t> Simulation::notifications(const std::string& resource) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::vector<std::size_t> out;
+  for (const std::vector<std::string>& told : notified_)
+    out.push_back(static_cast<std::size_t>(std::count(told.begin(), told.end(), resource)));
+  return out;
 }
 
 void Simulation::onResource(std::size_t module, const std::string& name) {
@@ -358,7 +420,18 @@ void Simulation::onResource(std::size_t module, const std::string& name) {
                (m.releases ? " and lets go in " + std::to_string(m.delayMs) + " ms"
                            : " and ignores it"));
   if (!m.releases) return;
-  std::this_thread::sleep_for(std::chrono::milliseconds(m.delayMs));
+  {
+    std::unique_lock<std::mutex> lock(mutex_);
+    EventLog::Clock::time_point until =
+        EventLog::Clock::now() + std::chrono::milliseconds(m.delayMs);
+    if (stopping_.wait_until(lock, until, [this] { return stopped_; })) {
+      lock.unlock();
+      log_.add(EventKind::Manager, "", name,
+               m.name + "'s release of " + name + " is dropped: the scenario stopped at " +
+                   std::to_string(scenario_.stopAtMs) + " ms");
+      return;
+    }
+  }
   for (auto& o : owners_) {
     if (o->entry.module != m.name || !stage_.holds(name, o->entry.name)) continue;
     // The owner gives up what it asked for that holds the wanted resource.
@@ -372,16 +445,37 @@ void Simulation::onResource(std::size_t module, const std::string& name) {
   }
 }
 
-void Simulation::stopWaiting(Owner& o, const std::string& why) {
-  std::string pending;
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    pending = o.pending;
-  }
-  if (pending.empty()) return;
-  log_.add(EventKind::Manager, o.entry.name, pending,
-           why + ": the manager stops " + o.entry.name + ", still waiting for " + pending);
-  release(o, pending, " (stopped by the manager)");
+void Simulation::stopEverything() {
+  std::vector<Owner*> logged;
+  std::unique_lock<std::mutex> lock(mutex_);
+  stopped_ = true;
+  stopping_.notify_all();
+  do {
+    for (auto& o : owners_) {
+      if (o->pending.empty()) continue;
+      // The release flag ends the wait at its next poll, whatever it waits on.
+      o->stopRequested = true;
+      o->owner->freeResource();
+      if (std::find(logged.begin(), logged.end(), o.get()) != logged.end()) continue;
+      logged.push_back(o.get());
+      log_.add(EventKind::Manager, o->entry.name, o->pending,
+               "the scenario stops: the manager stops " + o->entry.name + ", still waiting for " +
+                   o->pending);
+    }
+  } while (!ownersDone_.wait_for(lock, std::chrono::milliseconds(ZU::ZUOwnerStrong::kPollPeriodMs),
+                                 [this] { return running_ == 0; }));
+}
+
+std::unique_lock<std::mutex> Simulation::serialise(Owner& o, const std::string& what) {
+  if (!o.mayBeHandedDown) return std::unique_lock<std::mutex>();
+  std::unique_lock<std::mutex> calls(o.calls, std::try_to_lock);
+  if (calls) return calls;
+  log_.add(EventKind::Manager, o.entry.name, "",
+           what + " waits for " + o.entry.name +
+               "'s running call: the simulator keeps one owner's calls apart, since a "
+               "hand-down records the giver where a release reads it");
+  calls.lock();
+  return calls;
 }
 
 // --- Observation. ---------------------------------------------------------------

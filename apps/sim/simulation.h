@@ -93,10 +93,17 @@ class Simulation : public World, public RunView {
   void switchOwner(Owner& owner, const ActionEntry& action);
   /// setState or releaseState, from the manager's thread.
   void setState(const ActionEntry& action);
+  /// How many times each module has been told "__onResource__" for `resource`.
+  std::vector<std::size_t> notifications(const std::string& resource);
   /// Module number `module`'s "__onResource__", in the module's task thread.
   void onResource(std::size_t module, const std::string& resource);
-  /// The manager stops `owner`'s pending wait by releasing what it waits for.
-  void stopWaiting(Owner& owner, const std::string& why);
+  /// At stopAt: logs the stop of every wait still running, then sets each
+  /// waiter's release flag again at every polling period until every owner's
+  /// thread is done (a new wait on a stopped owner clears its flag).
+  void stopEverything();
+  /// Takes `owner`'s calls lock when it must (see Owner::calls), logging why
+  /// when it has to wait for it; `what` names the call that waits.
+  std::unique_lock<std::mutex> serialise(Owner& owner, const std::string& what);
   /// Records and logs how a request ended; for a failed one, also the members
   /// it took on the way and gave back. Reads the holders first, then mutex_.
   void finish(Owner& owner, const Outcome& outcome);
@@ -138,8 +145,10 @@ class Simulation : public World, public RunView {
   std::vector<std::vector<std::string>> notified_;  // by module number
   int running_ = 0;                                 // owner threads not yet done
   bool started_ = false;                            // the run's threads may go
+  bool stopped_ = false;                            // stopAt has passed
   std::condition_variable ownersDone_;
   std::condition_variable go_;
+  std::condition_variable stopping_;  // notified when stopped_ is set
 };
 
 }  // namespace zusim

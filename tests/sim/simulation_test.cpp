@@ -128,3 +128,67 @@ TEST(Simulation, StaleWaitIsLoggedOnce) {
             0u);
   EXPECT_TRUE(run.record.allHeld());
 }
+
+namespace {
+
+bool has(const std::vector<std::string>& texts, const std::string& text) {
+  return std::find(texts.begin(), texts.end(), text) != texts.end();
+}
+
+}  // namespace
+
+// A deadlock with requests queued behind it, a wait that clears the stopped owner's
+// flag, and a module's long delay: everything ends within a poll or two of stopAt.
+TEST(Simulation, RunEndsShortlyAfterStopAt) {
+  Played run = play(R"({
+    "resources": [{"name": "L"}, {"name": "R"}, {"name": "Z"}],
+    "modules": [{"name": "M", "onResource": "ignore"},
+                {"name": "Slow", "onResource": "release", "delay": 100000}],
+    "owners": [{"name": "a", "module": "M"}, {"name": "b", "module": "M"},
+               {"name": "c", "module": "Slow"}, {"name": "d", "module": "M"}],
+    "stopAt": 1000,
+    "actions": [
+      {"at": 0, "owner": "a", "do": "waitFor", "resource": "L"},
+      {"at": 0, "owner": "b", "do": "waitFor", "resource": "R"},
+      {"at": 0, "owner": "c", "do": "waitFor", "resource": "Z"},
+      {"at": 100, "owner": "a", "do": "waitFor", "resource": "R"},
+      {"at": 100, "owner": "b", "do": "waitFor", "resource": "L"},
+      {"at": 200, "owner": "a", "do": "waitFor", "resource": "R"},
+      {"at": 200, "owner": "b", "do": "waitFor", "resource": "L"},
+      {"at": 400, "owner": "d", "do": "waitFor", "resource": "Z"}],
+    "expect": [{"owner": "a", "outcome": "stopped"}, {"owner": "d", "outcome": "stopped"}]})");
+  EXPECT_LT(run.record.endMs, 1000 + 3 * 200);
+  std::vector<std::string> manager = run.texts(EventKind::Manager);
+  for (const char* line :
+       {"actions[5] of a (at 200 ms) is dropped: the scenario stopped at 1000 ms",
+        "Slow's release of Z is dropped: the scenario stopped at 1000 ms",
+        "the scenario stops: the manager stops d, still waiting for Z"})
+    EXPECT_TRUE(has(manager, line)) << line;
+  EXPECT_TRUE(run.record.allHeld());
+}
+
+// Why a stop nobody asked for happened, and why a deactivation left holders behind.
+TEST(Simulation, ExplainsAStopOfItsOwnAndADeactivationThatStoppedEarly) {
+  Played run = play(R"({
+    "resources": [{"name": "X"}, {"name": "Y"}, {"name": "S", "kind": "state", "activated": true}],
+    "modules": [{"name": "M", "onResource": "ignore"},
+                {"name": "Quick", "onResource": "release", "delay": 0}],
+    "owners": [{"name": "a", "module": "M"}, {"name": "b", "module": "M"},
+               {"name": "q", "module": "Quick"}, {"name": "r", "module": "M"}],
+    "actions": [
+      {"at": 0, "owner": "a", "do": "waitFor", "resource": "X"},
+      {"at": 0, "owner": "b", "do": "waitFor", "resource": "Y"},
+      {"at": 0, "owner": "q", "do": "waitFor", "resource": "S"},
+      {"at": 50, "owner": "r", "do": "waitFor", "resource": "S"},
+      {"at": 100, "owner": "a", "do": "release", "resource": "X"},
+      {"at": 200, "owner": "a", "do": "waitFor", "resource": "Y", "timeout": 2},
+      {"at": 1000, "do": "setState", "resource": "S", "activated": false}],
+    "expect": [{"owner": "a", "outcome": "stopped"}, {"resource": "S", "holders": ["r"]}]})");
+  std::vector<std::string> stopped = run.texts(EventKind::Stopped);
+  ASSERT_EQ(stopped.size(), 1u);
+  EXPECT_NE(stopped[0].find("(own release at 10"), std::string::npos) << stopped[0];
+  EXPECT_TRUE(has(run.texts(EventKind::State),
+                  "the deactivation of S stopped at q, which had not let go within one polling "
+                  "period; r was not told and still holds S"));
+  EXPECT_TRUE(run.record.allHeld());
+}
