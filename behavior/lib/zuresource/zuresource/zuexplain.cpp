@@ -3,17 +3,18 @@
 
 #include <zuhost/zuerror.h>
 
+#include <zuresource/zucontract.h>
 #include <zuresource/zuexplain.h>
 #include <zuresource/zuownerstrong.h>
 #include <zuresource/zuownerweak.h>
 #include <zuresource/zuresourcelist.h>
 #include <zuresource/zuresourcestate.h>
+#include <zuresource/zuvalues.h>
 
 namespace ZU {
 
 namespace {
 const char* const kFile = "behavior/lib/zuresource/zuresource/zuexplain";
-const char* const kEmptyOwnerName = "emptyOwner";
 
 using Answer = ZUExplanation::Answer;
 
@@ -51,7 +52,7 @@ void explainPlain(ZUExplanation& e, ZUResource& resource, const boost::shared_pt
     ZUCriticalSectionRead lock(resource.currentOwnerMutex);
     holder = resource.currentOwner.load();
   }
-  if (holder->name != kEmptyOwnerName && listed(noWaitList, resource.name)) {
+  if (holder->name != contract::kPlaceholderName && listed(noWaitList, resource.name)) {
     e.answer = Answer::GivesUp;
     return;
   }
@@ -65,7 +66,7 @@ void explainPlain(ZUExplanation& e, ZUResource& resource, const boost::shared_pt
     e.answer = Answer::HolderDecides;
   } else {
     // A weak owner always declines; only a free resource can then be taken.
-    e.answer = holder->name == kEmptyOwnerName ? Answer::Takes : Answer::Retries;
+    e.answer = holder->name == contract::kPlaceholderName ? Answer::Takes : Answer::Retries;
   }
 }
 
@@ -109,23 +110,8 @@ ZUExplanation explainOne(const boost::shared_ptr<ZUResource>& resource,
   return e;
 }
 
-void pushField(ZUValue& value, const char* key, const ZUValue& field) {
-  ZUValue pair;
-  pair.arrayPush(ZUValue(key));
-  pair.arrayPush(field);
-  value.arrayPush(pair);
-}
-
-// An array value, also when empty (a value becomes an array by its first push).
-ZUValue emptyArray() {
-  ZUValue list;
-  list.arrayPush(ZUValue());
-  list.arrayPopFront();
-  return list;
-}
-
 ZUValue stringArray(const std::vector<std::string>& strings) {
-  ZUValue list = emptyArray();
+  ZUValue list = emptyArrayValue();
   for (const std::string& text : strings) list.arrayPush(ZUValue(text));
   return list;
 }
@@ -136,9 +122,8 @@ std::string head(const ZUExplanation& x) {
   std::string text = x.resource + ": ";
   const std::string held = "held by " + x.holder + " (module " + x.holderModule + ")";
   const std::string stopped = x.ownerStopped
-                                  ? "; " + x.owner +
-                                        "'s own release flag is set: \"box stop while waiting\""
-                                        " after one polling period"
+                                  ? "; " + x.owner + "'s own release flag is set: \"" +
+                                        contract::kStopWhileWaiting + "\" after one polling period"
                                   : "";
   switch (x.answer) {
     case Answer::Takes:
@@ -180,21 +165,22 @@ std::string head(const ZUExplanation& x) {
 // An answer's value without its members.
 ZUValue fields(const ZUExplanation& x) {
   ZUValue value;
-  pushField(value, "resource", ZUValue(x.resource));
-  pushField(value, "answer", ZUValue(answerName(x.answer)));
-  pushField(value, "owner", ZUValue(x.owner));
+  pushKeyValue(value, "resource", ZUValue(x.resource));
+  pushKeyValue(value, "answer", ZUValue(answerName(x.answer)));
+  pushKeyValue(value, "owner", ZUValue(x.owner));
   if (!x.holder.empty()) {
-    pushField(value, "holder", ZUValue(x.holder));
-    pushField(value, "holderModule", ZUValue(x.holderModule));
+    pushKeyValue(value, "holder", ZUValue(x.holder));
+    pushKeyValue(value, "holderModule", ZUValue(x.holderModule));
   }
   if (x.answer == Answer::Waits || x.answer == Answer::AwaitsActivation) {
-    pushField(value, "waiters", stringArray(x.waiters));
-    pushField(value, "notifies", ZUValue(x.notifies ? "true" : "false"));
-    pushField(value, "ownerStopped", ZUValue(x.ownerStopped ? "true" : "false"));
+    pushKeyValue(value, "waiters", stringArray(x.waiters));
+    pushKeyValue(value, "notifies", ZUValue(x.notifies ? "true" : "false"));
+    pushKeyValue(value, "ownerStopped", ZUValue(x.ownerStopped ? "true" : "false"));
   }
-  if (x.answer == Answer::Granted) pushField(value, "holders", ZUValue(std::to_string(x.holders)));
+  if (x.answer == Answer::Granted)
+    pushKeyValue(value, "holders", ZUValue(std::to_string(x.holders)));
   if (x.answer == Answer::Group)
-    pushField(value, "firstWait", ZUValue(std::to_string(x.firstWait)));
+    pushKeyValue(value, "firstWait", ZUValue(std::to_string(x.firstWait)));
   return value;
 }
 
@@ -322,18 +308,18 @@ ZUValue ZUExplanation::toValue() const {
   };
   std::vector<Open> open;
   ZUValue done = fields(*this);
-  if (answer == Answer::Group) open.push_back(Open{this, std::move(done), emptyArray(), 0});
+  if (answer == Answer::Group) open.push_back(Open{this, std::move(done), emptyArrayValue(), 0});
   while (!open.empty()) {
     Open& top = open.back();
     if (top.next < top.group->members.size()) {
       const ZUExplanation& member = top.group->members[top.next++];
       if (member.answer == Answer::Group) {
-        open.push_back(Open{&member, fields(member), emptyArray(), 0});
+        open.push_back(Open{&member, fields(member), emptyArrayValue(), 0});
         continue;
       }
       done = fields(member);
     } else {
-      pushField(top.value, "members", top.members);
+      pushKeyValue(top.value, "members", top.members);
       done = std::move(top.value);
       open.pop_back();
     }

@@ -5,6 +5,7 @@
 #include <zuresource/zuresourcelist.h>
 #include <zuresource/zuresourcestate.h>
 #include <zuresource/zustalewaitchecker.h>
+#include <zuresource/zuvalues.h>
 
 namespace ZU {
 
@@ -53,10 +54,7 @@ std::string ZUStaleWait::toString() const {
 
 ZUValue ZUStaleWait::toValue() const {
   ZUValue value = wait.toValue();
-  ZUValue pair;
-  pair.arrayPush(ZUValue("staleMs"));
-  pair.arrayPush(ZUValue(std::to_string(ageMs)));
-  value.arrayPush(pair);
+  pushKeyValue(value, "staleMs", ZUValue(std::to_string(ageMs)));
   return value;
 }
 
