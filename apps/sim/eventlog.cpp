@@ -65,8 +65,13 @@ long EventLog::msOf(Clock::time_point moment) const {
 
 void EventLog::add(EventKind kind, const std::string& owner, const std::string& resource,
                    const std::string& text) {
+  add(now(), kind, owner, resource, text);
+}
+
+void EventLog::add(long ms, EventKind kind, const std::string& owner, const std::string& resource,
+                   const std::string& text) {
   std::lock_guard<std::mutex> lock(mutex_);
-  Event e{now(), kind, owner, resource, text};
+  Event e{ms, kind, owner, resource, text};
   events_.push_back(e);
   // A name may hold a newline or a terminal escape: the terminal gets one
   // line, escaped; the report gets the text as it is, made safe as HTML.

@@ -4,6 +4,8 @@
 #include <stdexcept>
 #include <thread>
 
+#include <boost/make_shared.hpp>
+
 #include <zuhost/zumutex.h>
 
 #include <zuresource/zuexplain.h>
@@ -16,11 +18,6 @@ namespace {
 const char kTimeoutError[] = "resource wait has timeouted on ";
 const char kStopError[] = "box stop while waiting";
 const char kFree[] = "emptyOwner";
-// Often enough to see a wait begin long before its first 200 ms poll.
-const std::chrono::milliseconds kWatchPeriod(5);
-// Well under a polling period, so that a stale wait is seen within about one
-// period of turning stale.
-const std::chrono::milliseconds kStaleCheckPeriod(100);
 // Changes this close together are taken as one step of the library.
 const std::chrono::milliseconds kSameMoment(50);
 
@@ -32,12 +29,6 @@ std::string join(const std::vector<std::string>& names) {
 
 bool contains(const std::vector<std::string>& names, const std::string& name) {
   return std::find(names.begin(), names.end(), name) != names.end();
-}
-
-std::vector<std::string> moduleNames(const ZU::ZUValue& waiters) {
-  std::vector<std::string> out;
-  for (std::size_t i = 0; i < waiters.size(); ++i) out.push_back(waiters[i].asString());
-  return out;
 }
 
 }  // namespace
@@ -73,10 +64,21 @@ struct Simulation::Owner {
   Owner(const OwnerEntry& s, boost::shared_ptr<ZU::ZUOwner> o) : entry(s), owner(std::move(o)) {}
 };
 
+/// Hands the library's events to the run.
+class Simulation::Events : public ZU::ZUObserver {
+ public:
+  explicit Events(Simulation& run) : run_(run) {}
+  void onEvent(const ZU::ZUEvent& event) override { run_.onEvent(event); }
+
+ private:
+  Simulation& run_;
+};
+
 Simulation::Simulation(const Scenario& scenario, EventLog& log)
     : scenario_(scenario),
       log_(log),
       stage_(scenario, [this](std::size_t m, const std::string& r) { onResource(m, r); }),
+      timeline_(scenario),
       diagnosis_(stage_, log),
       notified_(scenario.modules.size()) {
   std::vector<std::string> givers;
@@ -106,14 +108,14 @@ RunRecord Simulation::run() {
     (ownThread ? byOwner[a.owner] : managerActions).push_back(&a);
   }
   RunRecord record;
-  last_ = sample();
+  for (const ResourceEntry& r : scenario_.resources)
+    if (r.activated) timeline_.activated(r.name, true, 0);
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    observe(last_, 0);
     running_ = static_cast<int>(byOwner.size());
   }
-  watching_ = true;
-  std::thread watcher(&Simulation::watch, this);
+  boost::shared_ptr<Events> events = boost::make_shared<Events>(*this);
+  ZU::ZUObservers::add(events);
   std::thread checker(&Simulation::checkerThread, this, std::ref(record.results));
   std::thread manager(&Simulation::managerThread, this, managerActions);
   std::vector<std::thread> threads;
@@ -139,15 +141,9 @@ RunRecord Simulation::run() {
   manager.join();
   checker.join();
   stage_.waitIdle();
-  watching_ = false;
-  watcher.join();
+  ZU::ZUObservers::remove(events);
 
   record.endMs = log_.now();
-  Sample last = sample();
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    observe(last, record.endMs);
-  }
   timeline_.close(record.endMs, record);
   for (const ExpectEntry& x : scenario_.expectations)
     if (x.atMs < 0) record.results.push_back(check(x, *this));
@@ -478,123 +474,43 @@ std::unique_lock<std::mutex> Simulation::serialise(Owner& o, const std::string& 
   return calls;
 }
 
-// --- Observation. ---------------------------------------------------------------
+// --- The library's events. -------------------------------------------------------
 
-void Simulation::watch() {
-  awaitStart();
-  EventLog::Clock::time_point nextStaleCheck = EventLog::Clock::now() + kStaleCheckPeriod;
-  while (watching_) {
-    std::this_thread::sleep_for(kWatchPeriod);
-    Sample now = sample();
+void Simulation::onEvent(const ZU::ZUEvent& e) {
+  using Kind = ZU::ZUEvent::Kind;
+  long ms = log_.msOf(e.time);
+  if (e.kind == Kind::DeadlockFormed || e.kind == Kind::DeadlockBroken ||
+      e.kind == Kind::StaleWait) {
+    diagnosis_.record(e, ms);
+    return;
+  }
+  const ResourceEntry* r = scenario_.findResource(e.resource);
+  bool deactivation = r && r->kind == ResourceKind::State && e.owner == e.resource;
+  if (!r || (!deactivation && stage_.ownerNumber(e.owner) < 0)) return;  // another run's
+  bool news = timeline_.record(e, ms);
+  if (e.kind == Kind::Waiting && news) {
+    if (deactivation)
+      log_.add(ms, EventKind::Waiting, "", e.resource,
+               "the deactivation of " + e.resource + " waits for " + e.holder + " to let go");
+    else if (e.holder == e.resource && r->kind == ResourceKind::State)
+      log_.add(ms, EventKind::Waiting, e.owner, e.resource,
+               e.owner + " waits for " + e.resource + " to be activated");
+    else
+      log_.add(ms, EventKind::Waiting, e.owner, e.resource,
+               e.owner + " waits for " + e.resource + ", held by " + e.holder);
+  } else if (e.kind == Kind::Granted && r->kind != ResourceKind::Group &&
+             e.grant != ZU::ZUEvent::Grant::AlreadyHeld) {
+    // A group's member taken on the way through the group's walk.
+    std::string pending;
     {
       std::lock_guard<std::mutex> lock(mutex_);
-      observe(now, log_.now());
+      pending = ownerNamed(e.owner).pending;
     }
-    diagnosis_.findDeadlocks();
-    if (EventLog::Clock::now() >= nextStaleCheck) {
-      diagnosis_.findStaleWaits();
-      nextStaleCheck = EventLog::Clock::now() + kStaleCheckPeriod;
-    }
+    if (!pending.empty() && pending != e.resource &&
+        scenario_.findResource(pending)->kind == ResourceKind::Group)
+      log_.add(ms, EventKind::Granted, e.owner, e.resource,
+               e.owner + " takes " + e.resource + ", a member of " + pending);
   }
-}
-
-Simulation::Sample Simulation::sample() {
-  Sample s = last_;  // a state resource busy telling its holders keeps its last holders
-  s.waiters.clear();
-  for (const ResourceEntry& r : scenario_.resources) {
-    if (r.kind == ResourceKind::Plain) s.holder[r.name] = stage_.holderOf(r.name);
-    if (r.kind != ResourceKind::State) continue;
-    ZU::ZUResourceState* state = stage_.stateResource(r.name);
-    s.activated[r.name] = state->state;
-    bool busy = false;
-    ZU::ZUCriticalTrueIfLocked lock(state->holdersMutex, busy);
-    if (!busy) {
-      s.holders[r.name].clear();
-      for (const auto& h : state->holders) s.holders[r.name].push_back(h->name);
-    }
-    s.waiters.push_back({r.name, true, moduleNames(state->stateOwner->copyWaiters())});
-  }
-  for (const auto& o : owners_)
-    s.waiters.push_back({o->entry.name, false, moduleNames(o->owner->copyWaiters())});
-  return s;
-}
-
-void Simulation::observe(const Sample& now, long ms) {
-  for (const auto& h : now.holder) {
-    std::string was = last_.holder.count(h.first) ? last_.holder.at(h.first) : kFree;
-    if (was == h.second) continue;
-    timeline_.letsGo(h.first, was, ms);
-    if (h.second == kFree) continue;
-    timeline_.holds(h.first, h.second, ms);
-    // A group's member taken on the way through the group's walk.
-    for (const auto& o : owners_)
-      if (o->entry.name == h.second && !o->pending.empty() && o->pending != h.first &&
-          contains(scenario_.leavesOf(o->pending), h.first))
-        log_.add(EventKind::Granted, h.second, h.first,
-                 h.second + " takes " + h.first + ", a member of " + o->pending);
-  }
-  for (const auto& h : now.holders) {
-    std::vector<std::string> was =
-        last_.holders.count(h.first) ? last_.holders.at(h.first) : std::vector<std::string>();
-    for (const std::string& name : was)
-      if (!contains(h.second, name)) timeline_.letsGo(h.first, name, ms);
-    for (const std::string& name : h.second)
-      if (!contains(was, name)) timeline_.holds(h.first, name, ms);
-  }
-  for (const auto& a : now.activated) {
-    bool was = last_.activated.count(a.first) && last_.activated.at(a.first);
-    if (a.second && (!was || ms == 0)) timeline_.activated(a.first, true, ms);
-    if (!a.second && was) timeline_.activated(a.first, false, ms);
-  }
-  for (std::size_t i = 0; i < now.waiters.size(); ++i) {
-    const Sample::Waiters& on = now.waiters[i];
-    std::vector<std::string> was =
-        i < last_.waiters.size() ? last_.waiters[i].modules : std::vector<std::string>();
-    std::map<std::string, int> change;
-    for (const std::string& m : on.modules) ++change[m];
-    for (const std::string& m : was) --change[m];
-    for (const auto& c : change) {
-      for (int k = 0; k < c.second; ++k) noticeWaiter(now, on, c.first, ms);
-      for (int k = 0; k > c.second; --k) endWaiter(on.holder, c.first, ms);
-    }
-  }
-  last_ = now;
-}
-
-void Simulation::noticeWaiter(const Sample& now, const Sample::Waiters& on,
-                              const std::string& module, long ms) {
-  // The waiter is an owner of that module whose request is running and takes
-  // in a resource that the holder holds; a group is walked in member order,
-  // so it is the first such member that the request does not skip. An owner
-  // never waits on itself.
-  for (const auto& o : owners_) {
-    if (o->entry.module != module || o->pending.empty() || o->entry.name == on.holder) continue;
-    for (const std::string& l : scenario_.leavesOf(o->pending)) {
-      if (contains(o->pendingNoWait, l)) continue;
-      // An activated state resource is granted at once, whoever else holds
-      // it: an owner waits on another owner for a plain resource only.
-      bool heldByIt = now.holder.count(l) && now.holder.at(l) == on.holder;
-      if (on.activation ? l != on.holder : !heldByIt) continue;
-      timeline_.waits(l, o->entry.name, on.holder, ms);
-      log_.add(EventKind::Waiting, o->entry.name, l,
-               o->entry.name + (on.activation ? " waits for " + l + " to be activated"
-                                              : " waits for " + l + ", held by " + on.holder));
-      return;
-    }
-  }
-  // A deactivation asks the holders of the state resource to let go.
-  if (!on.activation && scenario_.findResource(module)) {
-    timeline_.waits(module, "", on.holder, ms);
-    log_.add(EventKind::Waiting, "", module,
-             "the deactivation of " + module + " waits for " + on.holder + " to let go");
-  }
-}
-
-void Simulation::endWaiter(const std::string& holder, const std::string& module, long ms) {
-  timeline_.waitEnds(holder, ms, [&](const Span& w) {
-    const OwnerEntry* o = scenario_.findOwner(w.owner);
-    return o ? o->module == module : w.resource == module;
-  });
 }
 
 // --- Queries. --------------------------------------------------------------------
