@@ -33,6 +33,7 @@ const char kUsage[] =
     "  --serve PORT    serve the live status page on http://127.0.0.1:PORT/ while the\n"
     "                  scenario runs (PORT 0: any free port, printed at the start)\n"
     "  --linger S      keep serving the final page S seconds after the end\n"
+    "  --check         read and check the scenario, then exit without running it\n"
     "exit status: 0 every expectation held, 1 some failed, 2 bad scenario or arguments\n";
 
 /// A mistake on the command line, as opposed to one in the scenario.
@@ -48,6 +49,7 @@ struct Options {
   std::string report;
   int port = -1;
   int lingerSeconds = 0;
+  bool checkOnly = false;
 };
 
 bool exists(const std::string& path) { return access(path.c_str(), R_OK) == 0; }
@@ -110,6 +112,8 @@ Options parse(int argc, char** argv) {
       o.port = number(value(), arg, kLastPort);
     else if (arg == "--linger")
       o.lingerSeconds = number(value(), arg, 24 * 3600);
+    else if (arg == "--check")
+      o.checkOnly = true;
     else if (arg.compare(0, 1, "-") == 0)
       throw CommandLineError("unknown option " + arg);
     else if (o.scenario.empty())
@@ -161,6 +165,12 @@ int main(int argc, char** argv) {
   } catch (const zusim::ScenarioError& e) {
     std::cerr << "zuresource-sim: " << e.what() << std::endl;
     return 2;
+  }
+  if (options.checkOnly) {
+    std::cout << scenario.file << ": " << scenario.resources.size() << " resources, "
+              << scenario.owners.size() << " owners, " << scenario.actions.size() << " actions, "
+              << scenario.expectations.size() << " expectations: accepted" << std::endl;
+    return 0;
   }
 
   std::cout << "Scenario: " << zusim::escapeControls(scenario.title, false)

@@ -447,42 +447,74 @@ std::vector<std::string> Scenario::roots() const {
 
 namespace {
 
-/// Parses `text`, refusing an object that has one key twice: the later one
-/// would silently win. Names the entry ("actions[3]") where it can.
-json parseJson(const std::string& text, const std::string& file) {
+/// Reads through a JSON text without building it, refusing an object that
+/// has one key twice: the later one would silently win. Names the entry
+/// ("actions[3]") where it can.
+class DuplicateKeys : public nlohmann::json_sax<json> {
+ public:
+  explicit DuplicateKeys(const std::string& file) : file_(file) {}
+
+  bool null() override { return value(); }
+  bool boolean(bool) override { return value(); }
+  bool number_integer(number_integer_t) override { return value(); }
+  bool number_unsigned(number_unsigned_t) override { return value(); }
+  bool number_float(number_float_t, const string_t&) override { return value(); }
+  bool string(string_t&) override { return value(); }
+  bool binary(binary_t&) override { return value(); }
+  bool start_object(std::size_t) override { return open(false); }
+  bool start_array(std::size_t) override { return open(true); }
+  bool end_object() override { return close(); }
+  bool end_array() override { return close(); }
+  bool key(string_t& key) override {
+    Level& object = levels_.back();
+    object.key = key;
+    if (!object.keys.insert(key).second)
+      throw ScenarioError(file_ + ": " + where() + ": key " + quoteName(key) + " given twice");
+    return true;
+  }
+  bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception&) override {
+    return false;  // the parse that builds the value reports it
+  }
+
+ private:
   struct Level {
     bool array = false;
     std::size_t elements = 0;  // arrays: the elements begun so far
     std::string key;           // objects: the latest key
     std::unordered_set<std::string> keys;
   };
-  std::vector<Level> levels;
-  auto where = [&]() {
-    std::string path;
-    for (std::size_t i = 0; i + 1 < levels.size(); ++i)
-      path += levels[i].array ? "[" + std::to_string(levels[i].elements - 1) + "]"
-                              : (path.empty() ? "" : ".") + levels[i].key;
-    return path.empty() ? std::string("scenario") : path;
-  };
-  json::parser_callback_t check = [&](int, json::parse_event_t event, json& parsed) {
-    bool begins = event == json::parse_event_t::object_start ||
-                  event == json::parse_event_t::array_start || event == json::parse_event_t::value;
-    if (begins && !levels.empty() && levels.back().array) ++levels.back().elements;
-    if (event == json::parse_event_t::object_start || event == json::parse_event_t::array_start)
-      levels.push_back({event == json::parse_event_t::array_start, 0, "", {}});
-    if (event == json::parse_event_t::object_end || event == json::parse_event_t::array_end)
-      levels.pop_back();
-    if (event == json::parse_event_t::key) {
-      Level& object = levels.back();
-      object.key = parsed.get<std::string>();
-      if (!object.keys.insert(object.key).second)
-        throw ScenarioError(file + ": " + where() + ": key " + quoteName(object.key) +
-                            " given twice");
-    }
+
+  bool value() {
+    if (!levels_.empty() && levels_.back().array) ++levels_.back().elements;
     return true;
-  };
+  }
+  bool open(bool array) {
+    value();
+    levels_.push_back(Level{array, 0, std::string(), {}});
+    return true;
+  }
+  bool close() {
+    levels_.pop_back();
+    return true;
+  }
+  /// "actions[3]" for the object being read; "scenario" for the whole.
+  std::string where() const {
+    std::string path;
+    for (std::size_t i = 0; i + 1 < levels_.size(); ++i)
+      path += levels_[i].array ? "[" + std::to_string(levels_[i].elements - 1) + "]"
+                               : (path.empty() ? "" : ".") + levels_[i].key;
+    return path.empty() ? std::string("scenario") : path;
+  }
+
+  const std::string& file_;
+  std::vector<Level> levels_;
+};
+
+json parseJson(const std::string& text, const std::string& file) {
+  DuplicateKeys duplicates(file);
+  json::sax_parse(text, &duplicates);
   try {
-    return json::parse(text, check);
+    return json::parse(text);
   } catch (const json::parse_error& e) {
     throw ScenarioError(file + ": not JSON: " + e.what());
   }
