@@ -1,7 +1,6 @@
 #!/bin/bash
 # Opens the live status page of a running scenario in headless Chromium and
-# checks that the status lines change as the scenario advances, and that a
-# resource named with markup shows as text, never as markup.
+# checks that the status lines change as the scenario advances.
 # usage: browser_test.sh SIMULATOR SCENARIO
 # Exit status 77 (skipped) when Chromium is not installed.
 sim=$1
