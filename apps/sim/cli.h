@@ -30,6 +30,7 @@ struct Options {
   int lingerSeconds = 0;
   bool quiet = false;
   bool strict = false;
+  bool checkOnly = false;
   bool help = false;
   bool version = false;
 };

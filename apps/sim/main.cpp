@@ -55,7 +55,7 @@ std::string defaultScenario() {
 void printStatus(const std::vector<std::string>& roots) {
   std::cout << "Status page:" << std::endl;
   for (const std::string& line : zusim::statusPageLines(roots))
-    std::cout << "  " << line << std::endl;
+    std::cout << "  " << zusim::escapeControls(line, false) << std::endl;
 }
 
 /// Prints the expectations' tally (not when quiet) and each failed one.
@@ -68,8 +68,8 @@ void printResults(const zusim::RunRecord& record, const zusim::Options& options,
               << " failed" << std::endl;
   for (const zusim::ExpectResult& r : record.results)
     if (!r.held)
-      std::cout << "  FAILED " << (options.quiet ? file + ": " : "") << r.entry << ": " << r.text
-                << std::endl;
+      std::cout << "  FAILED " << (options.quiet ? file + ": " : "") << r.entry << ": "
+                << zusim::escapeControls(r.text, false) << std::endl;
 }
 
 bool writeFile(const std::string& path, const std::string& text) {
@@ -113,10 +113,23 @@ int runOne(const std::string& path, const zusim::Options& options, zusim::SuiteR
     return ExitStatus::kRefused;
   }
   suite.title = scenario.title;
+  if (options.checkOnly) {
+    std::cout << scenario.file << ": " << scenario.resources.size() << " resources, "
+              << scenario.owners.size() << " owners, " << scenario.actions.size() << " actions, "
+              << scenario.expectations.size() << " expectations: accepted" << std::endl;
+    return ExitStatus::kAllHeld;
+  }
+  if (options.checkOnly) {
+    *text << scenario.file << ": " << scenario.resources.size() << " resources, "
+          << scenario.owners.size() << " owners, " << scenario.actions.size() << " actions, "
+          << scenario.expectations.size() << " expectations: accepted" << std::endl;
+    return ExitStatus::kAllHeld;
+  }
   if (!options.quiet) {
-    std::cout << "Scenario: " << scenario.title
+    std::cout << "Scenario: " << zusim::escapeControls(scenario.title, false)
               << (scenario.title == scenario.file ? "" : " (" + scenario.file + ")") << std::endl;
-    if (!scenario.description.empty()) std::cout << scenario.description << std::endl;
+    if (!scenario.description.empty())
+      std::cout << zusim::escapeControls(scenario.description, false) << std::endl;
   }
   zusim::EventLog log(options.quiet ? nullptr : &std::cout);
   zusim::Simulation simulation(scenario, log);
