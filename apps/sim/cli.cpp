@@ -61,6 +61,14 @@ const std::vector<OptionSpec>& specs() {
       {"--junit", "FILE.xml", "none",
        "write the results as JUnit XML: a test suite per scenario, a test case per expectation",
        [](Options& o, const std::string& v) { o.junit = v; }},
+      {"--jsonl", "FILE|-", "none",
+       "write the library's events as JSON lines (the recorder's format) to FILE, or to "
+       "standard output for - (the text log then goes to standard error)",
+       [](Options& o, const std::string& v) { o.jsonl = v; }},
+      {"--record", "FILE.jsonl", "none",
+       "record the run for --replay: a snapshot of the resources, then every event (one "
+       "scenario)",
+       [](Options& o, const std::string& v) { o.record = v; }},
       {"--serve", "PORT", "off",
        "serve the live status page on http://127.0.0.1:PORT/ while the scenario runs (PORT 0: "
        "any free port, printed at the start; one scenario)",
@@ -122,11 +130,15 @@ Options parseCommandLine(const std::vector<std::string>& args, const std::string
   }
   if (o.help || o.version) return o;
   if (o.scenarios.empty()) o.scenarios.push_back(fallback);
-  if (o.scenarios.size() > 1 && (!o.report.empty() || o.port >= 0))
-    throw CommandLineError("--report and --serve take one scenario, not " +
+  bool oneFile = !o.report.empty() || !o.record.empty() ||
+                 !(o.jsonl.empty() || o.jsonl == kStandardInput) || o.port >= 0;
+  if (o.scenarios.size() > 1 && oneFile)
+    throw CommandLineError("--report, --record, --jsonl FILE and --serve take one scenario, not " +
                            std::to_string(o.scenarios.size()));
   if (!o.report.empty()) checkWritable("--report", o.report);
   if (!o.junit.empty()) checkWritable("--junit", o.junit);
+  if (!o.jsonl.empty()) checkWritable("--jsonl", o.jsonl);
+  if (!o.record.empty()) checkWritable("--record", o.record);
   return o;
 }
 

@@ -46,6 +46,8 @@ class Simulation : public World, public RunView {
   std::vector<std::string> statusLines() override { return stage_.statusLines(); }
   Diagnostics diagnostics() override { return diagnosis_.now(); }
   std::string explain(const std::string& owner, const std::string& resource) override;
+  /// The scenario's resource trees, for snapshots. Immutable.
+  const std::vector<boost::shared_ptr<ZU::ZUResource>>& roots() const { return stage_.roots(); }
 
   std::string holderOf(const std::string& resource) override { return stage_.holderOf(resource); }
   std::vector<std::string> holdersOf(const std::string& resource) override {
