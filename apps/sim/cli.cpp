@@ -69,6 +69,15 @@ const std::vector<OptionSpec>& specs() {
        "record the run for --replay: a snapshot of the resources, then every event (one "
        "scenario)",
        [](Options& o, const std::string& v) { o.record = v; }},
+      {"--replay", "FILE.jsonl", "none",
+       "replay a recording (of the recorder on a robot, or of --record): re-issue its requests, "
+       "releases, switches, state changes and stops at their times and compare the decisions; "
+       "exit status 1 at the first divergence, which is printed with both sides",
+       [](Options& o, const std::string& v) { o.replay = v; }},
+      {"--to-scenario", "FILE.json", "none",
+       "with --replay: write the recording as a scenario, with expectations from the recorded "
+       "outcomes",
+       [](Options& o, const std::string& v) { o.toScenario = v; }},
       {"--serve", "PORT", "off",
        "serve the live status page on http://127.0.0.1:PORT/ while the scenario runs (PORT 0: "
        "any free port, printed at the start; one scenario)",
@@ -129,6 +138,12 @@ Options parseCommandLine(const std::vector<std::string>& args, const std::string
     }
   }
   if (o.help || o.version) return o;
+  if (!o.toScenario.empty() && o.replay.empty())
+    throw CommandLineError("--to-scenario needs --replay");
+  if (!o.replay.empty() && !o.scenarios.empty())
+    throw CommandLineError("--replay runs a recording, not scenarios");
+  if (!o.toScenario.empty()) checkWritable("--to-scenario", o.toScenario);
+  if (!o.replay.empty()) return o;
   if (o.scenarios.empty()) o.scenarios.push_back(fallback);
   bool oneFile = !o.report.empty() || !o.record.empty() ||
                  !(o.jsonl.empty() || o.jsonl == kStandardInput) || o.port >= 0;

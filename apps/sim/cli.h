@@ -28,6 +28,8 @@ struct Options {
   std::string junit;
   std::string jsonl;  // kStandardInput: standard output
   std::string record;
+  std::string replay;  // a recording to replay instead of scenarios
+  std::string toScenario;
   int port = -1;  // negative: no live page
   int lingerSeconds = 0;
   bool quiet = false;

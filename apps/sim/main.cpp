@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <fstream>
 #include <iostream>
 #include <memory>
@@ -29,6 +30,7 @@
 #include "feed.h"
 #include "junit.h"
 #include "lint.h"
+#include "replay.h"
 #include "report.h"
 #include "scenario.h"
 #include "server.h"
@@ -200,6 +202,40 @@ int runOne(const std::string& path, const zusim::Options& options, zusim::SuiteR
   return status;
 }
 
+/// Replays a recording: 0 when the decisions agree, 1 at the first
+/// divergence, 2 when it cannot be read or made a scenario.
+int replayRecording(const zusim::Options& options) {
+  try {
+    zusim::Recording recording = zusim::Recording::read(options.replay);
+    nlohmann::ordered_json document = recording.toScenario();
+    if (!options.toScenario.empty()) {
+      if (!writeFile(options.toScenario, document.dump(2) + "\n"))
+        throw zusim::ScenarioError(options.toScenario + ": cannot be written");
+      *text << "Scenario written: " << options.toScenario << std::endl;
+    }
+    zusim::Scenario scenario =
+        zusim::parseScenario(document.dump(), options.replay + " (as a scenario)");
+    if (recording.cut)
+      *text << "The recording is cut at line " << recording.cutLine << ", after "
+            << std::lround(recording.cutMs) << " ms: replayed up to there" << std::endl;
+    zusim::EventLog log(options.quiet ? nullptr : text);
+    zusim::RunRecord record;
+    std::vector<zusim::RecordedEvent> replayed = zusim::replay(scenario, log, record);
+    if (!options.quiet) printStatus(record.finalStatus);
+    printResults(record, options, options.replay);
+    std::string divergence = zusim::firstDivergence(recording, replayed);
+    if (divergence.empty()) {
+      *text << "Replay agrees with " << options.replay << std::endl;
+      return ExitStatus::kAllHeld;
+    }
+    *text << "Replay diverges from " << options.replay << " " << divergence << std::endl;
+    return ExitStatus::kSomeFailed;
+  } catch (const zusim::ScenarioError& e) {
+    std::cerr << "zuresource-sim: " << e.what() << std::endl;
+    return ExitStatus::kRefused;
+  }
+}
+
 /// "ok      examples/groups.json: 11 expectations held"
 std::string summaryLine(const zusim::SuiteResult& suite, int status) {
   std::size_t failed = std::count_if(suite.results.begin(), suite.results.end(),
@@ -228,6 +264,7 @@ int main(int argc, char** argv) {
     return ExitStatus::kAllHeld;
   }
   if (options.jsonl == zusim::kStandardInput) text = &std::cerr;
+  if (!options.replay.empty()) return replayRecording(options);
   int worst = ExitStatus::kAllHeld;
   std::vector<zusim::SuiteResult> suites(options.scenarios.size());
   std::vector<int> statuses;
