@@ -30,6 +30,21 @@ const double kStopSeenLate = 100;
 // The replayed run lasts this long after the last recorded event.
 const int kTail = 1000;
 
+// The text fields of an event line that replay reads.
+const std::pair<const char*, std::string RecordedEvent::*> kTextFields[] = {
+    {"kind", &RecordedEvent::kind},
+    {"thread", &RecordedEvent::thread},
+    {"resource", &RecordedEvent::resource},
+    {"owner", &RecordedEvent::owner},
+    {"ownerModule", &RecordedEvent::ownerModule},
+    {"holder", &RecordedEvent::holder},
+    {"holderModule", &RecordedEvent::holderModule},
+    {"parent", &RecordedEvent::parent},
+    {"grant", &RecordedEvent::grant},
+    {"cause", &RecordedEvent::cause},
+    {"label", &RecordedEvent::label},
+    {"reason", &RecordedEvent::reason}};
+
 std::string text(const json& line, const char* key) {
   auto it = line.find(key);
   return it != line.end() && it->is_string() ? it->get<std::string>() : std::string();
@@ -339,18 +354,7 @@ Recording Recording::read(const std::string& path) {
     RecordedEvent e;
     e.line = n;
     e.ms = j["ms"].get<double>();
-    e.kind = text(j, "kind");
-    e.thread = text(j, "thread");
-    e.resource = text(j, "resource");
-    e.owner = text(j, "owner");
-    e.ownerModule = text(j, "ownerModule");
-    e.holder = text(j, "holder");
-    e.holderModule = text(j, "holderModule");
-    e.parent = text(j, "parent");
-    e.grant = text(j, "grant");
-    e.cause = text(j, "cause");
-    e.label = text(j, "label");
-    e.reason = text(j, "reason");
+    for (const auto& field : kTextFields) e.*field.second = text(j, field.first);
     if (j.contains("timeout") && j["timeout"].is_number_integer()) e.timeout = j["timeout"];
     for (const json& n : j.value("noWaitList", json::array()))
       if (n.is_string()) e.noWait.push_back(n);
