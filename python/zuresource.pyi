@@ -177,3 +177,26 @@ def waits() -> List[Wait]:
 
 def deadlocks() -> List[List[Wait]]:
     """The cycles among the waits running now, each a list of waits (dicts)."""
+
+Event = Dict[str, Any]
+
+class Observer:
+    """Registers `callback(event)` for the events of the arbitration
+    (requested, waiting, notified, granted, released, timedOut,
+    deadlockFormed, ...), until closed or dropped. Each event is a dict: kind,
+    sequence, time (seconds on time.monotonic()'s clock), resource, owner,
+    owner_module, holder, holder_module, parent, label, timeout, no_wait,
+    grant, cause, reason, waits (dicts), since (or None). The callback runs in
+    the thread that caused the event, which waits for it: keep it quick.
+    Usable as a context manager."""
+
+    def __init__(self, callback: Callable[[Event], None]) -> None: ...
+    def close(self) -> None:
+        """Unregisters; the deliveries running in other threads have ended on return."""
+    def __enter__(self) -> Observer: ...
+    def __exit__(
+        self,
+        exc_type: Optional[Type[BaseException]],
+        exc: Optional[BaseException],
+        tb: Optional[TracebackType],
+    ) -> bool: ...

@@ -22,6 +22,7 @@
 #include <zuhost/zuvalue.h>
 
 #include <zuresource/zuexplain.h>
+#include <zuresource/zuobserver.h>
 #include <zuresource/zuownerstrong.h>
 #include <zuresource/zuresource.h>
 #include <zuresource/zuresourcelist.h>
@@ -77,12 +78,6 @@ py::dict toPython(const ZU::ZUExplanation& e) {
                   "would_wait"_a = e.wouldWait(), "text"_a = e.toString());
 }
 
-py::dict toPython(const ZU::ZUWait& w) {
-  return py::dict("waiter"_a = w.waiter, "waiter_module"_a = w.waiterModule, "holder"_a = w.holder,
-                  "holder_module"_a = w.holderModule, "resource"_a = w.resource,
-                  "age_ms"_a = w.ageMs(), "text"_a = w.toString());
-}
-
 /// What `with resource.acquired(owner, ...)` holds: acquires on entering,
 /// releases on leaving. Used by one thread at a time, like the owner.
 struct Acquisition {
@@ -112,6 +107,34 @@ struct Acquisition {
     py::gil_scoped_release nogil;
     resource->release(owner);
   }
+};
+
+/// A Python observer's registration: registered while it lives, until closed.
+/// Used under the GIL.
+class ObserverRegistration {
+ public:
+  explicit ObserverRegistration(py::object callback) {
+    if (!PyCallable_Check(callback.ptr())) throw py::type_error("an observer is a callable");
+    observer_ = boost::make_shared<zupy::PyObserver>(std::move(callback));
+    ZU::ZUObservers::add(observer_);
+  }
+  ~ObserverRegistration() { close(); }
+  ObserverRegistration(const ObserverRegistration&) = delete;
+  ObserverRegistration& operator=(const ObserverRegistration&) = delete;
+
+  /// Unregisters; on return no event reaches the callback, and the deliveries
+  /// that were running in other threads have ended. Lets the GIL go while it
+  /// waits for them, as they take it.
+  void close() {
+    boost::shared_ptr<zupy::PyObserver> observer;
+    observer.swap(observer_);
+    if (!observer) return;
+    py::gil_scoped_release nogil;
+    ZU::ZUObservers::remove(observer);
+  }
+
+ private:
+  boost::shared_ptr<zupy::PyObserver> observer_;
 };
 
 std::string repr(const char* cls, const std::string& name) {
@@ -199,7 +222,15 @@ PYBIND11_MODULE(zuresource, m) {
       .def_property_readonly("module", [](const ZU::ZUOwnerStrong& o) { return o.moduleName; })
       .def_property_readonly("owner_type", [](const ZU::ZUOwnerStrong& o) { return o.ownerType; })
       .def_property_readonly(
-          "waiters", [](const ZU::ZUOwnerStrong& o) { return toPython(o.copyWaiters()); },
+          "waiters",
+          [](const ZU::ZUOwnerStrong& o) {
+            ZU::ZUValue waiters;
+            {
+              py::gil_scoped_release nogil;
+              waiters = o.copyWaiters();
+            }
+            return toPython(waiters);
+          },
           "The modules of the owners waiting on this owner, oldest first (or None).")
       .def_property_readonly(
           "stopped", [](const ZU::ZUOwnerStrong& o) { return o.resourceFreed.load(); },
@@ -349,11 +380,26 @@ PYBIND11_MODULE(zuresource, m) {
            "the owner back from the whole group.")
       .def("__repr__", [](const ZU::ZUResource& r) { return repr("Group", r.name); });
 
+  py::class_<ObserverRegistration>(
+      m, "Observer",
+      "Registers `callback(event)` for the events of the arbitration (requested,\n"
+      "waiting, notified, granted, released, timedOut, deadlockFormed, ...), each a\n"
+      "dict, until closed or dropped. The callback runs in the thread that caused the\n"
+      "event, which waits for it: keep it quick. Usable as a context manager.")
+      .def(py::init<py::object>(), "callback"_a)
+      .def("close", &ObserverRegistration::close,
+           "Unregisters; the deliveries running in other threads have ended on return.")
+      .def("__enter__", [](py::object self) { return self; })
+      .def("__exit__", [](ObserverRegistration& r, py::args) {
+        r.close();
+        return false;
+      });
+
   m.def(
       "waits",
       [] {
         py::list list;
-        for (const ZU::ZUWait& w : ZU::ZUWaitRegistry::snapshot()) list.append(toPython(w));
+        for (const ZU::ZUWait& w : ZU::ZUWaitRegistry::snapshot()) list.append(zupy::toPython(w));
         return list;
       },
       "The waits running now in the process, oldest first, as dicts: waiter,\n"
@@ -364,7 +410,7 @@ PYBIND11_MODULE(zuresource, m) {
         py::list cycles;
         for (const ZU::ZUWaitCycle& c : ZU::ZUWaitRegistry::cycles()) {
           py::list edges;
-          for (const ZU::ZUWait& w : c.edges) edges.append(toPython(w));
+          for (const ZU::ZUWait& w : c.edges) edges.append(zupy::toPython(w));
           cycles.append(edges);
         }
         return cycles;

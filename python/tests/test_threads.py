@@ -122,3 +122,25 @@ def test_exit_while_a_handler_runs():
     """
     run = subprocess.run([sys.executable, "-c", script], capture_output=True, text=True, timeout=60)
     assert (run.returncode, run.stdout) == (0, "done Head\n"), run.stderr
+
+
+def test_an_observer_sees_the_handover_from_both_threads_until_closed():
+    broker, head = zr.Broker(), zr.Resource("Head")
+    t, s = zr.Owner("t", "T", broker), zr.Owner("s", "S", broker)
+    broker.add_module("T", lambda name: head.release(t))
+    seen = []
+
+    def observe(e):  # may call back into the library
+        seen.append((e["kind"], e["owner"], e["holder"], threading.get_ident() == main,
+                     head.http_get() if e["kind"] == "granted" else None))
+    main = threading.get_ident()
+    with zr.Observer(observe):
+        head.wait_for(t)
+        head.wait_for(s, timeout=5)
+    head.release(s)
+    # The tracker's module may release before the waiter reports the notification.
+    assert sorted(seen, key=str) == sorted([
+        ("requested", "t", "", True, None), ("granted", "t", "", True, "---Head -> T eStrong null 0<br />"),
+        ("requested", "s", "", True, None), ("waiting", "s", "t", True, None),
+        ("notified", "s", "t", True, None), ("released", "t", "", False, None),
+        ("granted", "s", "", True, "---Head -> S eStrong null 0<br />")], key=str)
