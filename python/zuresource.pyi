@@ -59,7 +59,8 @@ class Owner:
 
     def __init__(self, name: str, module: str, broker: Optional[Broker] = None) -> None:
         """A strong owner from the library's factory, linked to `broker` (its
-        module is told "__onResource__" there)."""
+        module is told "__onResource__" there). The owner holds the broker
+        weakly: once the broker is gone, nobody is told."""
     @property
     def name(self) -> str: ...
     @property
@@ -83,17 +84,19 @@ Status = Union[str, List["Status"], None]
 Explanation = Dict[str, Any]
 Wait = Dict[str, Any]
 
-class Acquisition:
-    """The context manager of Resource.acquired: acquires on entering (and
-    returns the resource), releases on leaving."""
-
-    def __enter__(self) -> Resource: ...
+class _ContextManager:
     def __exit__(
         self,
         exc_type: Optional[Type[BaseException]],
         exc: Optional[BaseException],
         tb: Optional[TracebackType],
     ) -> bool: ...
+
+class Acquisition(_ContextManager):
+    """The context manager of Resource.acquired: acquires on entering (and
+    returns the resource), releases on leaving."""
+
+    def __enter__(self) -> Resource: ...
 
 class Resource:
     """A plain resource, held by one owner at a time; also the base of
@@ -180,7 +183,7 @@ def deadlocks() -> List[List[Wait]]:
 
 Event = Dict[str, Any]
 
-class Observer:
+class Observer(_ContextManager):
     """Registers `callback(event)` for the events of the arbitration
     (requested, waiting, notified, granted, released, timedOut,
     deadlockFormed, ...), until closed or dropped. Each event is a dict: kind,
@@ -194,9 +197,3 @@ class Observer:
     def close(self) -> None:
         """Unregisters; the deliveries running in other threads have ended on return."""
     def __enter__(self) -> Observer: ...
-    def __exit__(
-        self,
-        exc_type: Optional[Type[BaseException]],
-        exc: Optional[BaseException],
-        tb: Optional[TracebackType],
-    ) -> bool: ...

@@ -59,6 +59,13 @@ py::object makeError(PyObject* type, const std::string& message, const std::stri
   return error;
 }
 
+/// `f()`, with the GIL let go meanwhile; the result is converted after.
+template <typename F>
+auto withoutGil(F f) {
+  py::gil_scoped_release nogil;
+  return f();
+}
+
 py::object toPython(const ZU::ZUValue& value) {
   if (value.isString()) return py::str(value.asString());
   if (!value.isArray()) return py::none();
@@ -88,13 +95,12 @@ struct Acquisition {
   std::string label;
 
   ResourceHandle enter() {
-    Names missing;
-    {
-      py::gil_scoped_release nogil;
-      missing = resource->waitFor(owner, label, timeout, noWait);
+    const Names missing = withoutGil([this] {
+      Names missing = resource->waitFor(owner, label, timeout, noWait);
       // Whatever was obtained goes back: the body does not run without all of it.
       if (!missing.empty()) resource->release(owner);
-    }
+      return missing;
+    });
     if (missing.empty()) return resource;
     std::string text = "not obtained:";
     for (const std::string& name : missing) text += " " + name;
@@ -217,19 +223,15 @@ PYBIND11_MODULE(zuresource, m) {
            }),
            "name"_a, "module"_a, "broker"_a = py::none(),
            "A strong owner from the library's factory, linked to `broker` (its module\n"
-           "is told \"__onResource__\" there).")
+           "is told \"__onResource__\" there). The owner holds the broker weakly: once\n"
+           "the broker is gone, nobody is told.")
       .def_property_readonly("name", [](const ZU::ZUOwnerStrong& o) { return o.name; })
       .def_property_readonly("module", [](const ZU::ZUOwnerStrong& o) { return o.moduleName; })
       .def_property_readonly("owner_type", [](const ZU::ZUOwnerStrong& o) { return o.ownerType; })
       .def_property_readonly(
           "waiters",
           [](const ZU::ZUOwnerStrong& o) {
-            ZU::ZUValue waiters;
-            {
-              py::gil_scoped_release nogil;
-              waiters = o.copyWaiters();
-            }
-            return toPython(waiters);
+            return toPython(withoutGil([&o] { return o.copyWaiters(); }));
           },
           "The modules of the owners waiting on this owner, oldest first (or None).")
       .def_property_readonly(
@@ -294,25 +296,13 @@ PYBIND11_MODULE(zuresource, m) {
            "The status line(s), each ending in \"<br />\".")
       .def(
           "owners_get",
-          [](ZU::ZUResource& r) {
-            ZU::ZUValue value;
-            {
-              py::gil_scoped_release nogil;
-              value = r.ownersGet();
-            }
-            return toPython(value);
-          },
+          [](ZU::ZUResource& r) { return toPython(withoutGil([&r] { return r.ownersGet(); })); },
           "The status value as nested lists of str: [name] when free, [name, module,\n"
           "waiters] when held; a group adds a list of its members' values.")
       .def(
           "explain",
           [](const ResourceHandle& r, const OwnerHandle& owner, const Names& noWait) {
-            ZU::ZUExplanation e;
-            {
-              py::gil_scoped_release nogil;
-              e = ZU::explain(r, owner, noWait);
-            }
-            return toPython(e);
+            return toPython(withoutGil([&] { return ZU::explain(r, owner, noWait); }));
           },
           "owner"_a, "no_wait"_a = Names(),
           "What wait_for(owner, no_wait=...) would do now, without doing it, as a dict:\n"
@@ -343,13 +333,12 @@ PYBIND11_MODULE(zuresource, m) {
       .def_property_readonly(
           "holders",
           [](ZU::ZUResourceState& r) {
-            Names names;
-            {
-              py::gil_scoped_release nogil;
+            return withoutGil([&r] {
+              Names names;
               ZU::ZUCriticalSection lock(r.holdersMutex);
               for (const auto& holder : r.holders) names.push_back(holder->name);
-            }
-            return names;
+              return names;
+            });
           },
           "The holders' names, in the order they were granted.")
       .def("set_state", &ZU::ZUResourceState::setState, "activated"_a, NoGil(),

