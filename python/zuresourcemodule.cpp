@@ -354,7 +354,9 @@ PYBIND11_MODULE(zuresource, m) {
       .def(py::init([](const std::string& name, const std::vector<ResourceHandle>& members,
                        ResourceHandle parent) {
              auto group = boost::make_shared<ZU::ZUResourceList>(name, parent);
-             for (const ResourceHandle& member : members) group->addResource(member);
+             withoutGil([&] {
+               for (const ResourceHandle& member : members) group->addResource(member);
+             });
              return group;
            }),
            "name"_a, "members"_a = std::vector<ResourceHandle>(), "parent"_a = py::none())
