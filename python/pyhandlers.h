@@ -71,6 +71,8 @@ boost::shared_ptr<ZU::ZUModule> makeModule(const std::string& name, pybind11::ob
 
 /// An observer that calls `callback(event)` with each event as a dict, in the
 /// thread that caused it, with the GIL taken for the call only.
+///
+/// Thread safety: thread safe (its one field is a PyCallable).
 class PyObserver : public ZU::ZUObserver {
  public:
   explicit PyObserver(pybind11::object callback) : callback_(std::move(callback)) {}
