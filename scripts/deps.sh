@@ -11,7 +11,7 @@ set -euo pipefail
 BASE_PACKAGES=(cmake g++ make pkg-config
                libboost-dev libboost-date-time-dev
                libgtest-dev libgmock-dev googletest libbenchmark-dev
-               nlohmann-json3-dev libcpp-httplib-dev)
+               nlohmann-json3-dev libcpp-httplib-dev etcd-server etcd-client)
 M32_PACKAGES=(g++-multilib qemu-user)
 BROWSER_PACKAGES=(chromium)
 

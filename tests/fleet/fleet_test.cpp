@@ -1,0 +1,254 @@
+// Fleet resources between robots of one process (and one robot process that
+// is killed), against real etcd members started by the tests.
+#include <spawn.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <memory>
+#include <mutex>
+
+#include <boost/make_shared.hpp>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <zufleet/zuetcdserver.h>
+#include <zufleet/zuresourcefleet.h>
+
+#include "support/guardedthread.h"
+#include "support/recordingmodule.h"
+#include "support/resourcehelpers.h"
+#include "support/stopwatch.h"
+
+extern char** environ;
+
+namespace {
+
+using zutest::errorOf;
+using zutest::GuardedThread;
+using zutest::waitUntil;
+
+const int kPollMs = ZU::ZUOwnerStrong::kPollPeriodMs;
+
+/// One robot: its broker, fleet session, an owner whose module records its
+/// notifications, and its copy of the shared fleet resource "Lift".
+struct Robot {
+  boost::shared_ptr<ZU::ZUBroker> broker = boost::make_shared<ZU::ZUBroker>();
+  boost::shared_ptr<ZU::ZUFleetSession> session;
+  boost::shared_ptr<ZU::ZUResourceFleet> lift;
+  boost::shared_ptr<ZU::ZUOwner> owner;
+  std::unique_ptr<zutest::RecordingModule> module;
+
+  Robot(const std::string& name, const std::vector<std::string>& endpoints, int ttl = 5) {
+    ZU::ZUFleetConfig config;
+    config.endpoints = endpoints;
+    config.robot = name;
+    config.ttlSeconds = ttl;
+    session = boost::make_shared<ZU::ZUFleetSession>(config);
+    lift = ZU::ZUResourceFleet::create("Lift", nullptr, session);
+    owner = zutest::makeOwner(name, name + "Module");
+    owner->setParentBroker(broker);
+    module = std::make_unique<zutest::RecordingModule>(broker, name + "Module");
+  }
+  std::vector<std::string> take(int timeout, const std::vector<std::string>& noWait = {}) {
+    return lift->waitFor(owner, "", timeout, noWait);
+  }
+  void release() { lift->release(owner); }
+  bool waiting() { return lift->httpGet(0).find(" fleet waiting<br />") != std::string::npos; }
+  bool holds() { return lift->fencingToken() != 0; }
+};
+
+/// Runs `take(timeout)` of a robot in a thread of its own.
+struct Waiter {
+  std::optional<ZU::ZUError> error;
+  GuardedThread thread;
+  Waiter(Robot& robot, int timeout)
+      : thread([this, &robot, timeout] { error = errorOf([&] { robot.take(timeout); }); }) {}
+};
+
+TEST(Fleet, RobotsAreServedInOrderTheHolderIsToldAndOldTokensAreRefused) {
+  ZU::ZUEtcdServer etcd;
+  Robot a("a", etcd.endpoints()), b("b", etcd.endpoints()), c("c", etcd.endpoints());
+  ASSERT_TRUE(a.take(5).empty());
+  const std::int64_t tokenA = a.lift->fencingToken();
+  EXPECT_EQ(a.lift->httpGet(0),
+            "---Lift -> aModule eStrong null 0 fleet token " + std::to_string(tokenA) + "<br />");
+
+  Waiter waitB(b, 30);
+  ASSERT_TRUE(waitUntil([&] { return b.waiting(); }));
+  Waiter waitC(c, 30);
+  ASSERT_TRUE(waitUntil([&] { return c.waiting(); }));
+  // Each robot that queues behind the holder reaches the holder's module.
+  EXPECT_TRUE(waitUntil([&] { return a.module->calls().size() == 2; }));
+
+  a.release();
+  ASSERT_TRUE(waitUntil([&] { return b.holds(); }));
+  EXPECT_TRUE(c.waiting());
+  // c queued before b's grant: b's module hears of it as b is served.
+  EXPECT_TRUE(waitUntil([&] { return b.module->calls() == std::vector<std::string>{"Lift"}; }));
+  const std::int64_t tokenB = b.lift->fencingToken();
+  b.release();
+  ASSERT_TRUE(waitUntil([&] { return c.holds(); }));
+  ASSERT_TRUE(waitB.thread.joinFor(5000) && waitC.thread.joinFor(5000));
+  EXPECT_FALSE(waitB.error || waitC.error);
+
+  ZU::ZUFencingGate door;
+  EXPECT_TRUE(door.admit(tokenA));
+  EXPECT_TRUE(door.admit(tokenB));
+  EXPECT_TRUE(door.admit(c.lift->fencingToken()));
+  EXPECT_FALSE(door.admit(tokenB)) << "a command with an older grant's token";
+}
+
+TEST(Fleet, FailedWaitsEndLikePlainWaitsAndLeaveNothingBehind) {
+  ZU::ZUEtcdServer etcd;
+  Robot a("a", etcd.endpoints()), b("b", etcd.endpoints());
+  Robot nowhere("n", {"http://127.0.0.1:1"});
+  ASSERT_TRUE(a.take(5).empty());
+
+  struct Row {
+    const char* what;
+    Robot& robot;
+    int timeout;
+    std::vector<std::string> noWait;
+    bool stop;  // the manager releases the waiting owner
+    std::string error;
+    long minMs, maxMs;
+  };
+  const long late = zutest::lateToleranceMs();
+  const Row rows[] = {
+      {"time limit", b, 1, {}, false, "resource wait has timeouted on Lift", 1000, 1000 + late},
+      {"no-wait list", b, 5, {"Lift"}, false, "", 0, late},
+      {"stopped", b, 10, {}, true, "box stop while waiting", 500, 500 + kPollMs + late},
+      {"connection refused", nowhere, 5, {}, false, "etcd unreachable", 0, late},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    zutest::Stopwatch watch;
+    std::vector<std::string> result;
+    GuardedThread stopper([&] {
+      if (!row.stop) return;
+      std::this_thread::sleep_for(std::chrono::milliseconds(500));
+      row.robot.release();
+    });
+    auto error = errorOf([&] { result = row.robot.take(row.timeout, row.noWait); });
+    ASSERT_TRUE(stopper.joinFor(5000));
+    EXPECT_GE(watch.elapsedMs(), row.minMs);
+    EXPECT_LE(watch.elapsedMs(), row.maxMs);
+    if (row.error.empty()) {
+      EXPECT_FALSE(error);
+      EXPECT_EQ(result, row.noWait);
+    } else {
+      ASSERT_TRUE(error);
+      EXPECT_NE(error->getDescription().find(row.error), std::string::npos) << error->toString();
+    }
+    EXPECT_TRUE(row.robot.lift->isResourceFree());
+    EXPECT_EQ(row.robot.lift->httpGet(0), "---Lift<br />");
+  }
+  // No key was left in the queue: b is served at once after a.
+  a.release();
+  zutest::Stopwatch watch;
+  EXPECT_TRUE(b.take(5).empty());
+  EXPECT_LE(watch.elapsedMs(), late);
+}
+
+TEST(Fleet, AKilledHolderProcessHandsOverWithinItsTtlAndAPollingPeriod) {
+  ZU::ZUEtcdServer etcd;
+  const int ttl = 2;
+  int out[2];
+  ASSERT_EQ(::pipe(out), 0);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+  posix_spawn_file_actions_addclose(&actions, out[0]);
+  std::string args[] = {ZUFLEET_HOLDER, etcd.endpoints()[0], std::to_string(ttl), "Lift"};
+  char* argv[] = {&args[0][0], &args[1][0], &args[2][0], &args[3][0], nullptr};
+  pid_t child = -1;
+  ASSERT_EQ(posix_spawn(&child, ZUFLEET_HOLDER, &actions, nullptr, argv, environ), 0);
+  posix_spawn_file_actions_destroy(&actions);
+  ::close(out[1]);
+  FILE* lines = ::fdopen(out[0], "r");
+  long long childToken = 0;
+  const int read = std::fscanf(lines, "held %lld", &childToken);
+  std::fclose(lines);
+  ASSERT_EQ(read, 1);
+
+  Robot b("b", etcd.endpoints(), ttl);
+  Waiter waitB(b, 30);
+  ASSERT_TRUE(waitUntil([&] { return b.waiting(); }));
+  ::kill(child, SIGKILL);
+  ::waitpid(child, nullptr, 0);
+  zutest::Stopwatch watch;
+  ASSERT_TRUE(waitB.thread.joinFor(30000));
+  EXPECT_FALSE(waitB.error);
+  // etcd sweeps expired leases every 500 ms.
+  EXPECT_LE(watch.elapsedMs(), ttl * 1000 + kPollMs + 500 + zutest::lateToleranceMs());
+  EXPECT_GT(b.lift->fencingToken(), childToken);
+}
+
+TEST(Fleet, WaitsOutlastAnEtcdRestartAndNewWaitsFailAtOnceWhileItIsDown) {
+  ZU::ZUEtcdServer etcd;
+  Robot a("a", etcd.endpoints(), 10), b("b", etcd.endpoints(), 10), c("c", etcd.endpoints(), 10);
+  std::vector<ZU::ZUFleetLoss> losses;
+  a.session->setLossHandler([&](const ZU::ZUFleetLoss& loss) { losses.push_back(loss); });
+  ASSERT_TRUE(a.take(5).empty());
+  Waiter waitB(b, 60);
+  ASSERT_TRUE(waitUntil([&] { return b.waiting(); }));
+
+  etcd.stop(0);
+  zutest::Stopwatch watch;
+  auto refused = errorOf([&] { c.take(5); });
+  ASSERT_TRUE(refused);
+  EXPECT_NE(refused->getDescription().find("etcd unreachable"), std::string::npos);
+  EXPECT_LE(watch.elapsedMs(), zutest::lateToleranceMs());
+  a.release();  // given back while etcd is away: handed on when it returns
+  etcd.start(0);
+
+  ASSERT_TRUE(waitB.thread.joinFor(20000));
+  EXPECT_FALSE(waitB.error);
+  EXPECT_TRUE(b.holds());
+  EXPECT_TRUE(losses.empty());
+}
+
+TEST(Fleet, AThreeMemberClusterKeepsServingWhenAMemberIsKilled) {
+  ZU::ZUEtcdServer etcd(3);
+  Robot a("a", etcd.endpoints()), b("b", etcd.endpoints());
+  ASSERT_TRUE(a.take(5).empty());
+  Waiter waitB(b, 30);
+  ASSERT_TRUE(waitUntil([&] { return b.waiting(); }));
+  etcd.kill(0);  // the member that both robots talk to first
+  a.release();
+  ASSERT_TRUE(waitB.thread.joinFor(20000));
+  EXPECT_FALSE(waitB.error);
+  b.release();
+  EXPECT_TRUE(a.take(10).empty());
+}
+
+TEST(Fleet, ALostLeaseReleasesTheHolderAndTellsItsModuleAndTheLossHandler) {
+  ZU::ZUEtcdServer etcd;
+  Robot a("a", etcd.endpoints(), 2), b("b", etcd.endpoints(), 2);
+  std::mutex mutex;
+  std::vector<ZU::ZUFleetLoss> losses;
+  a.session->setLossHandler([&](const ZU::ZUFleetLoss& loss) {
+    std::lock_guard<std::mutex> lock(mutex);
+    losses.push_back(loss);
+  });
+  ASSERT_TRUE(a.take(5).empty());
+  const std::int64_t token = a.lift->fencingToken();
+  a.session->client().revoke(a.session->lease());
+
+  ASSERT_TRUE(waitUntil([&] { return a.lift->isResourceFree(); }));
+  EXPECT_EQ(a.lift->fencingToken(), 0);
+  EXPECT_TRUE(waitUntil([&] { return a.module->calls() == std::vector<std::string>{"Lift"}; }));
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    ASSERT_EQ(losses.size(), 1u);
+    EXPECT_EQ(losses[0].resource, "Lift");
+    EXPECT_EQ(losses[0].module, "aModule");
+    EXPECT_EQ(losses[0].token, token);
+    EXPECT_EQ(losses[0].reason, "lease expired");
+  }
+  EXPECT_TRUE(b.take(5).empty());
+  EXPECT_TRUE(a.take(0, {"Lift"}) == std::vector<std::string>{"Lift"});
+}
+
+}  // namespace
