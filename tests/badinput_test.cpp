@@ -13,6 +13,7 @@
 #include <zuhost/zubroker.h>
 #include <zuhost/zuos.h>
 
+#include <zuresource/zucontract.h>
 #include <zuresource/zuresourcelist.h>
 #include <zuresource/zuresourcestate.h>
 
@@ -41,7 +42,8 @@ std::string errorText(const std::function<void()>& action) {
   return e ? e->getModule() + "." + e->getMethod() + ": " + e->getDescription() : "";
 }
 std::string timedOut(const std::string& name) {
-  return "ResourceManager.waitResource: resource wait has timeouted on " + name;
+  return std::string(ZU::contract::kWaitErrorModule) + "." + ZU::contract::kWaitErrorMethod + ": " +
+         ZU::contract::waitTimedOut(name);
 }
 
 // A plain resource, an activated state resource and a group of two plain ones.
@@ -270,7 +272,7 @@ TEST_F(BadInputTest, OwnersDroppedByTheManagerWhileTheyWaitOrAreWaitedOnLiveOnUn
   a.reset();
   granted.reset();
   refused.reset();
-  EXPECT_TRUE(zutest::waitFailedWith(limited.wait(), "resource wait has timeouted on R"));
+  EXPECT_TRUE(zutest::waitFailedWith(limited.wait(), ZU::contract::waitTimedOut("R")));
   EXPECT_TRUE(refusedWatch.expired());
   msleep(250);
   EXPECT_TRUE(noLimit.running());

@@ -60,9 +60,9 @@ TEST(Log, StreamLogsOnceAtTheEndOfItsScopeAndTheDefaultWritesStandardError) {
     EXPECT_EQ(capture.records()[0].message, "42  3.14|!%" + std::string(5000, 'x'));
   }
   testing::internal::CaptureStderr();  // the capture has put the default back
-  ko::log::log(3, "behavior.zuressource", "unimplemented notifyConflictVantor\n", "", "f", 0);
+  ko::log::log(3, "host.test", "unimplemented notifyConflictVantor\n", "", "f", 0);
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "[3] behavior.zuressource: unimplemented notifyConflictVantor\n");
+            "[3] host.test: unimplemented notifyConflictVantor\n");
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <zuresource/zucontract.h>
 #include <zuresource/zuownerstrong.h>
 
 #include "support/conflictrun.h"
@@ -20,7 +21,7 @@ using zutest::waitFailed;
 
 namespace {
 
-const char* const kTimedOut = "resource wait has timeouted on Head";
+const std::string kTimedOut = ZU::contract::waitTimedOut("Head");
 
 class NotifyTest : public ::testing::Test {
  protected:
@@ -72,7 +73,8 @@ TEST_F(NotifyTest, EditorHooksLogOneRecordEach) {
   ASSERT_EQ(r.size(), 2u);
   EXPECT_EQ(r[0].message + r[1].message,
             "unimplemented notifyConflictVantor\nunimplemented notifyEndConflictVantor");
-  EXPECT_EQ(std::to_string(r[1].level) + " " + r[1].category, "3 behavior.zuressource");
+  EXPECT_EQ(r[1].level, 3);
+  EXPECT_EQ(r[1].category, ZU::contract::kLogCategory);
 }
 
 }  // namespace

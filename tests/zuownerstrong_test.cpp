@@ -7,6 +7,7 @@
 
 #include <zuhost/zuos.h>
 
+#include <zuresource/zucontract.h>
 #include <zuresource/zuownerstrong.h>
 
 #include "support/conflictrun.h"
@@ -19,8 +20,8 @@ using zutest::waitUntil;
 
 namespace {
 
-const char* const kStop = "box stop while waiting";
-const char* const kTimedOut = "resource wait has timeouted on R";
+const char* const kStop = ZU::contract::kStopWhileWaiting;
+const std::string kTimedOut = ZU::contract::waitTimedOut("R");
 const int kPoll = ZUOwnerStrong::kPollPeriodMs;
 
 boost::shared_ptr<ZUOwnerStrong> owner(const std::string& name) {

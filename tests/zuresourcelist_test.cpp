@@ -7,6 +7,7 @@
 #include <boost/make_shared.hpp>
 #include <gtest/gtest.h>
 
+#include <zuresource/zucontract.h>
 #include <zuresource/zuresourcelist.h>
 #include <zuresource/zuresourcestate.h>
 
@@ -149,7 +150,7 @@ TEST(GroupMixedTest, StateMemberIsAcquiredByItsOwnRules) {
   owner = makeOwner("p", "M");
   auto error = errorOf([&] { g->waitFor(owner, "", 0, {}); });  // waits one poll for S
   ASSERT_TRUE(error);
-  EXPECT_EQ(error->getDescription(), "resource wait has timeouted on S");
+  EXPECT_EQ(error->getDescription(), ZU::contract::waitTimedOut("S"));
   EXPECT_TRUE(a->isResourceFree()) << "the failed walk gave A back";
 
   s->setState(true);

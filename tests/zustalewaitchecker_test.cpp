@@ -4,6 +4,7 @@
 #include <boost/make_shared.hpp>
 #include <gtest/gtest.h>
 
+#include <zuresource/zucontract.h>
 #include <zuresource/zustalewaitchecker.h>
 #include <zuresource/zuwaitregistry.h>
 
@@ -62,7 +63,7 @@ TEST_F(ZUStaleWaitCheckerTest, WaitOnAHolderThatAlreadyLetGoIsReported) {
   EXPECT_TRUE(checker.check({boost::make_shared<ZUResource>("Head", nullptr)}).empty());
 
   waiter->freeResource();  // nothing else would ever end this wait
-  EXPECT_TRUE(zutest::waitFailed(run.wait(), "box stop while waiting"));
+  EXPECT_TRUE(zutest::waitFailed(run.wait(), ZU::contract::kStopWhileWaiting));
   EXPECT_TRUE(checker.check(body).empty());
 }
 
@@ -92,7 +93,7 @@ TEST_F(ZUStaleWaitCheckerTest, WaitForAnActivationThatAlreadyHappenedIsReported)
   ASSERT_EQ(1u, stale.size());
   EXPECT_EQ(0u, stale[0].toString().find("stale wait: w waits on Standing for Standing,"));
   waiter->freeResource();
-  EXPECT_TRUE(zutest::waitFailed(run.wait(), "box stop while waiting"));
+  EXPECT_TRUE(zutest::waitFailed(run.wait(), ZU::contract::kStopWhileWaiting));
 }
 
 }  // namespace

@@ -7,11 +7,16 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
+#include <fstream>
 #include <iostream>
 #include <memory>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <thread>
+
+#include <sys/stat.h>
 
 #include "eventlog.h"
 #include "report.h"
@@ -29,6 +34,14 @@ const char kUsage[] =
     "                  scenario runs (PORT 0: any free port, printed at the start)\n"
     "  --linger S      keep serving the final page S seconds after the end\n"
     "exit status: 0 every expectation held, 1 some failed, 2 bad scenario or arguments\n";
+
+/// A mistake on the command line, as opposed to one in the scenario.
+class CommandLineError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+const int kLastPort = 65535;
 
 struct Options {
   std::string scenario;
@@ -57,16 +70,30 @@ std::string defaultScenario() {
   return std::string(ZUSIM_SOURCE_DIR) + "/" + name;
 }
 
-int number(const std::string& text, const std::string& option) {
+/// The whole of `text` as a number from 0 to `most`.
+int number(const std::string& text, const std::string& option, int most) {
   std::size_t used = 0;
-  int value = -1;
+  long value = -1;
   try {
-    value = std::stoi(text, &used);
+    value = std::stol(text, &used);
   } catch (const std::exception&) {
   }
-  if (used != text.size() || value < 0)
-    throw zusim::ScenarioError(option + " needs a number, not \"" + text + "\"");
-  return value;
+  if (used != text.size() || value < 0 || value > most)
+    throw CommandLineError(option + " needs a number from 0 to " + std::to_string(most) +
+                           ", not \"" + text + "\"");
+  return static_cast<int>(value);
+}
+
+/// Refuses a report path that cannot be written, before anything runs. An
+/// existing file is left as it is until the report replaces it.
+void checkWritable(const std::string& path) {
+  struct stat st;
+  bool existed = stat(path.c_str(), &st) == 0;
+  if (existed && !S_ISREG(st.st_mode))
+    throw CommandLineError("--report " + path + ": not a regular file");
+  bool writable = static_cast<bool>(std::ofstream(path, std::ios::app));
+  if (!existed) std::remove(path.c_str());
+  if (!writable) throw CommandLineError("--report " + path + ": cannot be written");
 }
 
 Options parse(int argc, char** argv) {
@@ -74,22 +101,23 @@ Options parse(int argc, char** argv) {
   for (int i = 1; i < argc; ++i) {
     std::string arg = argv[i];
     auto value = [&]() -> std::string {
-      if (i + 1 >= argc) throw zusim::ScenarioError(arg + " needs a value");
+      if (i + 1 >= argc) throw CommandLineError(arg + " needs a value");
       return argv[++i];
     };
     if (arg == "--report")
       o.report = value();
     else if (arg == "--serve")
-      o.port = number(value(), arg);
+      o.port = number(value(), arg, kLastPort);
     else if (arg == "--linger")
-      o.lingerSeconds = number(value(), arg);
+      o.lingerSeconds = number(value(), arg, 24 * 3600);
     else if (arg.compare(0, 1, "-") == 0)
-      throw zusim::ScenarioError("unknown option " + arg);
+      throw CommandLineError("unknown option " + arg);
     else if (o.scenario.empty())
       o.scenario = arg;
     else
-      throw zusim::ScenarioError("one scenario at a time (" + o.scenario + ", " + arg + ")");
+      throw CommandLineError("one scenario at a time (" + o.scenario + ", " + arg + ")");
   }
+  if (!o.report.empty()) checkWritable(o.report);
   if (o.scenario.empty()) o.scenario = defaultScenario();
   return o;
 }
@@ -122,7 +150,7 @@ int main(int argc, char** argv) {
         return 0;
       }
     options = parse(argc, argv);
-  } catch (const zusim::ScenarioError& e) {
+  } catch (const CommandLineError& e) {
     std::cerr << "zuresource-sim: " << e.what() << std::endl << kUsage;
     return 2;
   }

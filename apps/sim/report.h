@@ -8,8 +8,8 @@
 
 #include "eventlog.h"
 #include "html.h"
+#include "runrecord.h"
 #include "scenario.h"
-#include "simulation.h"
 
 namespace zusim {
 

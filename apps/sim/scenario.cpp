@@ -226,6 +226,9 @@ void parseDiagnosis(const Entry& e, const Scenario& s, ExpectEntry& x) {
 }
 
 void parseExpectation(const Entry& e, Scenario& s) {
+  // What an expectation may ask for: a failure other than these is not foreseeable.
+  static const OutcomeKind kOutcomes[] = {OutcomeKind::Granted, OutcomeKind::NotObtained,
+                                          OutcomeKind::TimedOut, OutcomeKind::Stopped};
   e.allow({"at", "resource", "holder", "holders", "activated", "owner", "outcome", "notObtained",
            "error", "module", "notified", "deadlock", "staleWait", "owners"});
   ExpectEntry x;
@@ -255,10 +258,12 @@ void parseExpectation(const Entry& e, Scenario& s) {
     knownOwner(e, s, x.owner);
     x.resource = e.optionalText("resource");
     if (!x.resource.empty()) knownResource(e, s, x.resource);
-    x.outcome = e.text("outcome");
-    if (x.outcome != "granted" && x.outcome != "not obtained" && x.outcome != "timed out" &&
-        x.outcome != "stopped")
+    std::string outcome = e.text("outcome");
+    auto known = std::find_if(std::begin(kOutcomes), std::end(kOutcomes),
+                              [&](OutcomeKind k) { return outcome == outcomeName(k); });
+    if (known == std::end(kOutcomes))
       e.fail("\"outcome\" must be \"granted\", \"not obtained\", \"timed out\" or \"stopped\"");
+    x.outcome = *known;
     x.checkNames = e.has("notObtained");
     x.names = e.texts("notObtained");
     x.error = e.optionalText("error");
@@ -301,6 +306,22 @@ void checkCycles(const Scenario& s) {
 }
 
 }  // namespace
+
+const char* outcomeName(OutcomeKind kind) {
+  switch (kind) {
+    case OutcomeKind::Granted:
+      return "granted";
+    case OutcomeKind::NotObtained:
+      return "not obtained";
+    case OutcomeKind::TimedOut:
+      return "timed out";
+    case OutcomeKind::Stopped:
+      return "stopped";
+    case OutcomeKind::Failed:
+      return "failed";
+  }
+  return "?";
+}
 
 const ResourceEntry* Scenario::findResource(const std::string& name) const {
   for (const ResourceEntry& r : resources)

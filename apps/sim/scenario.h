@@ -48,6 +48,13 @@ struct ActionEntry {
   bool activated = false;  // SetState
 };
 
+/// How a request ends: granted, not obtained (busy, on its no-wait list),
+/// timed out, stopped (its release flag was set), or failed otherwise.
+enum class OutcomeKind { Granted, NotObtained, TimedOut, Stopped, Failed };
+
+/// "granted", "not obtained", "timed out", "stopped", "failed".
+const char* outcomeName(OutcomeKind kind);
+
 enum class ExpectKind { Holder, Holders, Activated, Outcome, Notified, Deadlock, StaleWait };
 
 /// One expectation, checked at `atMs` or, when `atMs` is negative, once the
@@ -64,7 +71,7 @@ struct ExpectEntry {
   std::vector<std::string> names;  // Holders, Notified, Outcome's notObtained;
                                    // Deadlock, StaleWait: the owners involved, if given
   bool activated = false;
-  std::string outcome;      // "granted", "not obtained", "timed out", "stopped"
+  OutcomeKind outcome = OutcomeKind::Granted;
   bool checkNames = false;  // Outcome: "notObtained" was given
   std::string error;        // Outcome: exact error description, if given
   bool reported = false;    // Deadlock, StaleWait: whether one is expected

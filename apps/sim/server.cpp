@@ -29,7 +29,7 @@ void section(std::ostream& out, const char* id, const char* heading,
 
 }  // namespace
 
-LiveServer::LiveServer(const Scenario& scenario, Simulation& simulation, EventLog& log)
+LiveServer::LiveServer(const Scenario& scenario, RunView& simulation, EventLog& log)
     : scenario_(scenario), simulation_(simulation), log_(log) {}
 
 LiveServer::~LiveServer() { stop(); }

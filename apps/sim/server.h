@@ -8,8 +8,8 @@
 #include <thread>
 
 #include "eventlog.h"
+#include "runrecord.h"
 #include "scenario.h"
-#include "simulation.h"
 
 namespace httplib {
 class Server;
@@ -29,7 +29,7 @@ namespace zusim {
 /// simulation and the log through their thread-safe queries.
 class LiveServer {
  public:
-  LiveServer(const Scenario& scenario, Simulation& simulation, EventLog& log);
+  LiveServer(const Scenario& scenario, RunView& simulation, EventLog& log);
   ~LiveServer();
   LiveServer(const LiveServer&) = delete;
   LiveServer& operator=(const LiveServer&) = delete;
@@ -50,7 +50,7 @@ class LiveServer {
 
  private:
   const Scenario& scenario_;
-  Simulation& simulation_;
+  RunView& simulation_;
   EventLog& log_;
   std::atomic<int> status_{-1};              // -1 while the scenario runs
   std::unique_ptr<httplib::Server> server_;  // set by start(), before the thread

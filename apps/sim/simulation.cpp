@@ -4,13 +4,9 @@
 #include <stdexcept>
 #include <thread>
 
-#include <boost/make_shared.hpp>
-
 #include <zuhost/zumutex.h>
 
 #include <zuresource/zuexplain.h>
-#include <zuresource/zuresourcelist.h>
-#include <zuresource/zuresourcestate.h>
 
 namespace zusim {
 
@@ -35,13 +31,6 @@ std::string join(const std::vector<std::string>& names) {
 
 bool contains(const std::vector<std::string>& names, const std::string& name) {
   return std::find(names.begin(), names.end(), name) != names.end();
-}
-
-/// `names` sorted, each once.
-std::vector<std::string> distinct(std::vector<std::string> names) {
-  std::sort(names.begin(), names.end());
-  names.erase(std::unique(names.begin(), names.end()), names.end());
-  return names;
 }
 
 std::vector<std::string> moduleNames(const ZU::ZUValue& waiters) {
@@ -84,61 +73,27 @@ struct Simulation::Owner {
   }
 };
 
-/// One host module of the scenario.
-struct Simulation::Module {
-  const ModuleEntry& entry;
-  boost::shared_ptr<ZU::ZUModule> module;  // immutable until the destructor
-  std::vector<std::string> notified;       // guarded by Simulation::mutex_
-
-  explicit Module(const ModuleEntry& s)
-      : entry(s), module(boost::make_shared<ZU::ZUModule>(s.name)) {}
-};
-
 Simulation::Simulation(const Scenario& scenario, EventLog& log)
-    : scenario_(scenario), log_(log), broker_(boost::make_shared<ZU::ZUBroker>()) {
-  for (const ResourceEntry& r : scenario.resources) {
-    boost::shared_ptr<ZU::ZUResource> made;
-    if (r.kind == ResourceKind::Plain) made = boost::make_shared<ZU::ZUResource>(r.name, nullptr);
-    if (r.kind == ResourceKind::State)
-      made = boost::make_shared<ZU::ZUResourceState>(r.name, nullptr);
-    if (r.kind == ResourceKind::Group)
-      made = boost::make_shared<ZU::ZUResourceList>(r.name, nullptr);
-    resources_[r.name] = made;
-  }
-  for (const ResourceEntry& r : scenario.resources) {
-    for (const std::string& m : r.members) resources_.at(r.name)->addResource(resources_.at(m));
-    if (r.activated) stateResource(r.name)->setState(true);
-  }
-  for (const std::string& r : scenario.roots()) roots_.push_back(resources_.at(r));
-  for (const ModuleEntry& m : scenario.modules) {
-    modules_.push_back(std::make_unique<Module>(m));
-    Module& module = *modules_.back();
-    module.module->bindMethod<std::string>(
-        "__onResource__", [this, &module](const std::string& name) { onResource(module, name); });
-    broker_->addModule(module.module);
-  }
+    : scenario_(scenario),
+      log_(log),
+      stage_(scenario, [this](std::size_t m, const std::string& r) { onResource(m, r); }),
+      diagnosis_(stage_, log),
+      notified_(scenario.modules.size()) {
   std::vector<std::string> givers;
   for (const OwnerEntry& o : scenario.owners) givers.push_back(o.name);
   for (const ResourceEntry& r : scenario.resources)
     if (r.kind == ResourceKind::State) givers.push_back(r.name);
-  for (const OwnerEntry& o : scenario.owners) {
-    owners_.push_back(
-        std::make_unique<Owner>(o, ZU::ZUResource::createOwner(0, o.name, o.module, nullptr)));
-    owners_.back()->owner->setParentBroker(broker_);
+  for (const Stage::Owner& o : stage_.owners()) {
+    owners_.push_back(std::make_unique<Owner>(*o.entry, o.owner));
+    const std::string& name = o.entry->name;
     owners_.back()->mayBeHandedDown =
         std::any_of(givers.begin(), givers.end(), [&](const std::string& g) {
-          return g.size() < o.name.size() && o.name.compare(0, g.size(), g) == 0;
+          return g.size() < name.size() && name.compare(0, g.size(), g) == 0;
         });
   }
 }
 
-Simulation::~Simulation() {
-  // The modules go first: their methods refer to this simulation.
-  for (auto& m : modules_) {
-    broker_->removeModule(m->entry.name);
-    m->module.reset();
-  }
-}
+Simulation::~Simulation() = default;
 
 // --- The run. -----------------------------------------------------------------
 
@@ -186,7 +141,7 @@ RunRecord Simulation::run() {
   for (std::thread& t : threads) t.join();
   manager.join();
   checker.join();
-  for (auto& m : modules_) m->module->waitIdle();
+  stage_.waitIdle();
   watching_ = false;
   watcher.join();
 
@@ -195,13 +150,8 @@ RunRecord Simulation::run() {
   {
     std::lock_guard<std::mutex> lock(mutex_);
     observe(last, record.endMs);
-    for (std::vector<Span>* spans : {&holdings_, &waits_, &activations_})
-      for (Span& s : *spans)
-        if (s.toMs < 0) s.toMs = record.endMs;
-    record.holdings = holdings_;
-    record.waits = waits_;
-    record.activations = activations_;
   }
+  timeline_.close(record.endMs, record);
   for (const ExpectEntry& x : scenario_.expectations)
     if (x.atMs < 0) record.results.push_back(check(x, *this));
   record.finalStatus = statusLines();
@@ -260,7 +210,7 @@ void Simulation::waitFor(Owner& o, const ActionEntry& a) {
   if (!a.noWait.empty()) limit += ", no wait for " + join(a.noWait);
   log_.add(EventKind::Request, who, a.resource,
            who + " requests " + a.resource + " (" + limit + ")");
-  std::map<std::string, std::string> before = leafHolders(a.resource);
+  std::map<std::string, std::string> before = stage_.leafHolders(a.resource);
   {
     std::lock_guard<std::mutex> lock(mutex_);
     o.pending = a.resource;
@@ -270,12 +220,12 @@ void Simulation::waitFor(Owner& o, const ActionEntry& a) {
   out.resource = a.resource;
   std::unique_lock<std::mutex> calls = o.serialise();
   try {
-    out.notObtained = resource(a.resource)->waitFor(o.owner, a.label, a.timeout, a.noWait);
-    out.kind = out.notObtained.empty() ? "granted" : "not obtained";
+    out.notObtained = stage_.resource(a.resource)->waitFor(o.owner, a.label, a.timeout, a.noWait);
+    out.kind = out.notObtained.empty() ? OutcomeKind::Granted : OutcomeKind::NotObtained;
     // A hand-down is the one change of holder that records the giver as the
     // new holder's parent owner for that resource.
     for (const auto& b : before) {
-      if (b.second == who || b.second == kFree || holderOf(b.first) != who) continue;
+      if (b.second == who || b.second == kFree || stage_.holderOf(b.first) != who) continue;
       boost::shared_ptr<ZU::ZUOwner> parent = o.owner->getParentOwner(b.first);
       if (parent && parent->name == b.second)
         log_.add(EventKind::HandedDown, who, b.first,
@@ -283,9 +233,10 @@ void Simulation::waitFor(Owner& o, const ActionEntry& a) {
     }
   } catch (const ZU::ZUError& e) {
     out.error = e.getDescription();
-    out.kind = out.error.compare(0, sizeof kTimeoutError - 1, kTimeoutError) == 0 ? "timed out"
-               : out.error == kStopError                                          ? "stopped"
-                                                                                  : "failed";
+    out.kind = out.error.compare(0, sizeof kTimeoutError - 1, kTimeoutError) == 0
+                   ? OutcomeKind::TimedOut
+               : out.error == kStopError ? OutcomeKind::Stopped
+                                         : OutcomeKind::Failed;
   }
   if (calls) calls.unlock();
   finish(o, out);
@@ -296,46 +247,38 @@ void Simulation::finish(Owner& o, const Outcome& result) {
   std::vector<std::string> leaves = scenario_.leavesOf(result.resource);
   std::vector<std::string> heldNow;
   for (const std::string& l : leaves)
-    if (holds(l, who)) heldNow.push_back(l);
+    if (stage_.holds(l, who)) heldNow.push_back(l);
   std::lock_guard<std::mutex> lock(mutex_);
   Outcome out = result;
   out.ms = log_.now();
   o.pending.clear();
   o.outcomes.push_back(out);
-  std::string lane = result.resource;
-  for (Span& w : waits_) {
-    if (w.owner != who || w.toMs >= 0) continue;
-    w.toMs = out.ms;
-    lane = w.resource;
-  }
-  if (out.kind == "granted" || !heldNow.empty()) o.acquired.push_back(result.resource);
-  if (out.kind == "granted") {
+  std::string lane = timeline_.waitsEnd(who, out.ms, result.resource);
+  bool granted = out.kind == OutcomeKind::Granted;
+  if (granted || !heldNow.empty()) o.acquired.push_back(result.resource);
+  if (granted) {
     log_.add(EventKind::Granted, who, result.resource, who + " is granted " + result.resource);
-  } else if (out.kind == "not obtained") {
+    return;
+  }
+  if (out.kind == OutcomeKind::NotObtained) {
     log_.add(EventKind::NotObtained, who, out.notObtained.front(),
              who + " gives up on " + join(out.notObtained) + " (busy, on its no-wait list)" +
                  (heldNow.empty() ? "" : "; it holds " + join(heldNow)));
-  } else {
-    if (out.kind == "timed out") lane = out.error.substr(sizeof kTimeoutError - 1);
-    EventKind kind = out.kind == "timed out" ? EventKind::TimedOut
-                     : out.kind == "stopped" ? EventKind::Stopped
-                                             : EventKind::Failed;
-    log_.add(kind, who, lane,
-             who + "'s wait for " + result.resource + " fails: \"" + out.error + "\"");
-    // What the owner held in the group until the failure, and no longer holds,
-    // was given back by the group on the way out. A holding that ended well
-    // before the failure was let go for another reason.
-    std::vector<std::string> given;
-    for (const Span& h : holdings_) {
-      bool untilTheFailure = h.toMs < 0 || h.toMs >= out.ms - kSameMoment.count();
-      if (h.owner == who && untilTheFailure && contains(leaves, h.resource) &&
-          !contains(heldNow, h.resource) && !contains(given, h.resource) && h.resource != lane)
-        given.push_back(h.resource);
-    }
-    for (const std::string& g : given)
+    return;
+  }
+  if (out.kind == OutcomeKind::TimedOut) lane = out.error.substr(sizeof kTimeoutError - 1);
+  EventKind kind = out.kind == OutcomeKind::TimedOut  ? EventKind::TimedOut
+                   : out.kind == OutcomeKind::Stopped ? EventKind::Stopped
+                                                      : EventKind::Failed;
+  log_.add(kind, who, lane,
+           who + "'s wait for " + result.resource + " fails: \"" + out.error + "\"");
+  // What the owner held in the group until the failure, and no longer holds,
+  // was given back by the group on the way out. A holding that ended well
+  // before the failure was let go for another reason.
+  for (const std::string& g : timeline_.heldSince(who, leaves, out.ms - kSameMoment.count()))
+    if (!contains(heldNow, g) && g != lane)
       log_.add(EventKind::GaveBack, who, g,
                who + " gives back " + g + ": its wait for " + result.resource + " failed");
-  }
 }
 
 void Simulation::release(Owner& o, const std::string& name, const std::string& why) {
@@ -343,18 +286,18 @@ void Simulation::release(Owner& o, const std::string& name, const std::string& w
   std::vector<std::string> leaves = scenario_.leavesOf(name);
   std::vector<std::string> heldBefore;
   for (const std::string& l : leaves)
-    if (holds(l, who)) heldBefore.push_back(l);
+    if (stage_.holds(l, who)) heldBefore.push_back(l);
   std::unique_lock<std::mutex> calls = o.serialise();
-  resource(name)->release(o.owner);
+  stage_.resource(name)->release(o.owner);
   if (calls) calls.unlock();
   std::vector<std::string> released;
   for (const std::string& l : heldBefore) {
-    if (stateResource(l) || holderOf(l) == kFree) {
+    std::string holder = stage_.stateResource(l) ? kFree : stage_.holderOf(l);
+    if (holder == kFree)
       released.push_back(l);
-    } else if (holderOf(l) != who) {
+    else if (holder != who)
       log_.add(EventKind::HandedBack, who, l,
-               l + " is handed back from " + who + " to " + holderOf(l) + why);
-    }
+               l + " is handed back from " + who + " to " + holder + why);
   }
   if (!released.empty())
     log_.add(
@@ -371,12 +314,12 @@ void Simulation::release(Owner& o, const std::string& name, const std::string& w
 }
 
 void Simulation::switchOwner(Owner& o, const ActionEntry& a) {
-  std::map<std::string, std::string> before = leafHolders(a.resource);
+  std::map<std::string, std::string> before = stage_.leafHolders(a.resource);
   std::string was;
   for (const auto& b : before)
     was += (was.empty() ? "" : ", ") + (before.size() == 1 ? b.second : b.first + ": " + b.second);
   std::unique_lock<std::mutex> calls = o.serialise();
-  resource(a.resource)->switchOwner(o.owner, a.label, a.timeout);
+  stage_.resource(a.resource)->switchOwner(o.owner, a.label, a.timeout);
   if (calls) calls.unlock();
   log_.add(EventKind::Switched, o.entry.name, a.resource,
            a.resource + " is switched over to " + o.entry.name +
@@ -386,7 +329,7 @@ void Simulation::switchOwner(Owner& o, const ActionEntry& a) {
 }
 
 void Simulation::setState(const ActionEntry& a) {
-  ZU::ZUResourceState* state = stateResource(a.resource);
+  ZU::ZUResourceState* state = stage_.stateResource(a.resource);
   if (a.kind == ActionKind::SetState) {
     log_.add(
         EventKind::State, "", a.resource,
@@ -404,19 +347,20 @@ void Simulation::setState(const ActionEntry& a) {
   }
 }
 
-void Simulation::onResource(Module& m, const std::string& name) {
+void Simulation::onResource(std::size_t module, const std::string& name) {
+  const ModuleEntry& m = scenario_.modules[module];
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    m.notified.push_back(name);
+    notified_[module].push_back(name);
   }
   log_.add(EventKind::Notified, "", name,
-           m.entry.name + " is told \"__onResource__\" for " + name +
-               (m.entry.releases ? " and lets go in " + std::to_string(m.entry.delayMs) + " ms"
-                                 : " and ignores it"));
-  if (!m.entry.releases) return;
-  std::this_thread::sleep_for(std::chrono::milliseconds(m.entry.delayMs));
+           m.name + " is told \"__onResource__\" for " + name +
+               (m.releases ? " and lets go in " + std::to_string(m.delayMs) + " ms"
+                           : " and ignores it"));
+  if (!m.releases) return;
+  std::this_thread::sleep_for(std::chrono::milliseconds(m.delayMs));
   for (auto& o : owners_) {
-    if (o->entry.module != m.entry.name || !holds(name, o->entry.name)) continue;
+    if (o->entry.module != m.name || !stage_.holds(name, o->entry.name)) continue;
     // The owner gives up what it asked for that holds the wanted resource.
     std::string what = name;
     {
@@ -452,81 +396,21 @@ void Simulation::watch() {
       std::lock_guard<std::mutex> lock(mutex_);
       observe(now, log_.now());
     }
-    findDeadlocks();
+    diagnosis_.findDeadlocks();
     if (EventLog::Clock::now() >= nextStaleCheck) {
-      findStaleWaits();
+      diagnosis_.findStaleWaits();
       nextStaleCheck = EventLog::Clock::now() + kStaleCheckPeriod;
     }
   }
-}
-
-void Simulation::findDeadlocks() {
-  for (const ZU::ZUWaitCycle& cycle : ZU::ZUWaitRegistry::findCycles(ourWaits())) {
-    std::vector<std::uint64_t> ids;
-    std::vector<std::string> owners;
-    Finding found;
-    for (const ZU::ZUWait& w : cycle.edges) {
-      ids.push_back(w.id);
-      owners.push_back(w.waiter);
-      found.resources.push_back(w.resource);
-    }
-    if (!cyclesSeen_.insert(ids).second) continue;
-    found.owners = distinct(owners);
-    found.text = describe(cycle);
-    std::lock_guard<std::mutex> lock(mutex_);
-    found.ms = log_.now();
-    deadlocks_.push_back(found);
-    log_.add(EventKind::Deadlock, cycle.edges.front().waiter, cycle.edges.front().resource,
-             found.text);
-  }
-}
-
-void Simulation::findStaleWaits() {
-  std::vector<ZU::ZUStaleWait> stale = staleChecker_.check(roots_);
-  std::lock_guard<std::mutex> lock(mutex_);
-  staleNow_.clear();
-  for (const ZU::ZUStaleWait& s : stale) {
-    if (!isOurs(s.wait)) continue;
-    staleNow_.push_back(s.toString());
-    if (!s.firstReport) continue;
-    staleWaits_.push_back(
-        {log_.now(), distinct({s.wait.waiter, s.wait.holder}), {s.wait.resource}, s.toString()});
-    log_.add(EventKind::StaleWait, s.wait.waiter, s.wait.resource, s.toString());
-  }
-}
-
-bool Simulation::isOurs(const ZU::ZUWait& wait) const {
-  boost::shared_ptr<ZU::ZUOwner> waiter = wait.waiterOwner.lock();
-  return std::any_of(owners_.begin(), owners_.end(),
-                     [&](const std::unique_ptr<Owner>& o) { return o->owner == waiter; });
-}
-
-std::vector<ZU::ZUWait> Simulation::ourWaits() const {
-  std::vector<ZU::ZUWait> waits = ZU::ZUWaitRegistry::snapshot();
-  waits.erase(std::remove_if(waits.begin(), waits.end(),
-                             [this](const ZU::ZUWait& w) { return !isOurs(w); }),
-              waits.end());
-  return waits;
-}
-
-std::string Simulation::describe(const ZU::ZUWaitCycle& cycle) const {
-  std::string text = "deadlock: ";
-  EventLog::Clock::time_point formed;
-  for (std::size_t i = 0; i < cycle.edges.size(); ++i) {
-    const ZU::ZUWait& w = cycle.edges[i];
-    text += (i ? ", " : "") + w.waiter + " -> " + w.holder + " (" + w.resource + ")";
-    formed = std::max(formed, w.since);
-  }
-  return text + "; formed at " + std::to_string(log_.msOf(formed)) + " ms";
 }
 
 Simulation::Sample Simulation::sample() {
   Sample s = last_;  // a state resource busy telling its holders keeps its last holders
   s.waiters.clear();
   for (const ResourceEntry& r : scenario_.resources) {
-    if (r.kind == ResourceKind::Plain) s.holder[r.name] = holderOf(r.name);
+    if (r.kind == ResourceKind::Plain) s.holder[r.name] = stage_.holderOf(r.name);
     if (r.kind != ResourceKind::State) continue;
-    ZU::ZUResourceState* state = stateResource(r.name);
+    ZU::ZUResourceState* state = stage_.stateResource(r.name);
     s.activated[r.name] = state->state;
     bool busy = false;
     ZU::ZUCriticalTrueIfLocked lock(state->holdersMutex, busy);
@@ -541,19 +425,13 @@ Simulation::Sample Simulation::sample() {
   return s;
 }
 
-void Simulation::close(std::vector<Span>& spans, const std::string& resource,
-                       const std::string& owner, long ms) {
-  for (Span& s : spans)
-    if (s.resource == resource && s.owner == owner && s.toMs < 0) s.toMs = ms;
-}
-
 void Simulation::observe(const Sample& now, long ms) {
   for (const auto& h : now.holder) {
     std::string was = last_.holder.count(h.first) ? last_.holder.at(h.first) : kFree;
     if (was == h.second) continue;
-    close(holdings_, h.first, was, ms);
+    timeline_.letsGo(h.first, was, ms);
     if (h.second == kFree) continue;
-    holdings_.push_back({h.first, h.second, ms, -1, ""});
+    timeline_.holds(h.first, h.second, ms);
     // A group's member taken on the way through the group's walk.
     for (const auto& o : owners_)
       if (o->entry.name == h.second && !o->pending.empty() && o->pending != h.first &&
@@ -565,15 +443,14 @@ void Simulation::observe(const Sample& now, long ms) {
     std::vector<std::string> was =
         last_.holders.count(h.first) ? last_.holders.at(h.first) : std::vector<std::string>();
     for (const std::string& name : was)
-      if (!contains(h.second, name)) close(holdings_, h.first, name, ms);
+      if (!contains(h.second, name)) timeline_.letsGo(h.first, name, ms);
     for (const std::string& name : h.second)
-      if (!contains(was, name)) holdings_.push_back({h.first, name, ms, -1, ""});
+      if (!contains(was, name)) timeline_.holds(h.first, name, ms);
   }
   for (const auto& a : now.activated) {
     bool was = last_.activated.count(a.first) && last_.activated.at(a.first);
-    if (a.second && (!was || activations_.empty()))
-      activations_.push_back({a.first, "", ms, -1, ""});
-    if (!a.second && was) close(activations_, a.first, "", ms);
+    if (a.second && (!was || ms == 0)) timeline_.activated(a.first, true, ms);
+    if (!a.second && was) timeline_.activated(a.first, false, ms);
   }
   for (std::size_t i = 0; i < now.waiters.size(); ++i) {
     const Sample::Waiters& on = now.waiters[i];
@@ -604,7 +481,7 @@ void Simulation::noticeWaiter(const Sample& now, const Sample::Waiters& on,
       // it: an owner waits on another owner for a plain resource only.
       bool heldByIt = now.holder.count(l) && now.holder.at(l) == on.holder;
       if (on.activation ? l != on.holder : !heldByIt) continue;
-      waits_.push_back({l, o->entry.name, ms, -1, on.holder});
+      timeline_.waits(l, o->entry.name, on.holder, ms);
       log_.add(EventKind::Waiting, o->entry.name, l,
                o->entry.name + (on.activation ? " waits for " + l + " to be activated"
                                               : " waits for " + l + ", held by " + on.holder));
@@ -613,55 +490,22 @@ void Simulation::noticeWaiter(const Sample& now, const Sample::Waiters& on,
   }
   // A deactivation asks the holders of the state resource to let go.
   if (!on.activation && scenario_.findResource(module)) {
-    waits_.push_back({module, "", ms, -1, on.holder});
+    timeline_.waits(module, "", on.holder, ms);
     log_.add(EventKind::Waiting, "", module,
              "the deactivation of " + module + " waits for " + on.holder + " to let go");
   }
 }
 
 void Simulation::endWaiter(const std::string& holder, const std::string& module, long ms) {
-  for (Span& w : waits_) {
-    if (w.holder != holder || w.toMs >= 0) continue;
+  timeline_.waitEnds(holder, ms, [&](const Span& w) {
     const OwnerEntry* o = scenario_.findOwner(w.owner);
-    if (o ? o->module == module : w.resource == module) {
-      w.toMs = ms;
-      return;
-    }
-  }
-}
-
-std::map<std::string, std::string> Simulation::leafHolders(const std::string& name) {
-  std::map<std::string, std::string> out;
-  for (const std::string& l : scenario_.leavesOf(name))
-    if (!stateResource(l)) out[l] = holderOf(l);
-  return out;
-}
-
-bool Simulation::holds(const std::string& leaf, const std::string& owner) {
-  return stateResource(leaf) ? contains(holdersOf(leaf), owner) : holderOf(leaf) == owner;
+    return o ? o->module == module : w.resource == module;
+  });
 }
 
 // --- Queries. --------------------------------------------------------------------
 
-std::vector<std::string> Simulation::statusLines() {
-  std::vector<std::string> lines;
-  for (const std::string& r : scenario_.roots()) lines.push_back(resource(r)->httpGet(0));
-  return lines;
-}
-
-std::string Simulation::holderOf(const std::string& name) {
-  return resource(name)->currentOwner.load()->name;
-}
-
-std::vector<std::string> Simulation::holdersOf(const std::string& name) {
-  ZU::ZUResourceState* state = stateResource(name);
-  std::vector<std::string> out;
-  ZU::ZUCriticalSection lock(state->holdersMutex);
-  for (const auto& h : state->holders) out.push_back(h->name);
-  return out;
-}
-
-bool Simulation::isActivated(const std::string& name) { return stateResource(name)->state; }
+bool Simulation::isActivated(const std::string& name) { return stage_.stateResource(name)->state; }
 
 std::vector<Outcome> Simulation::outcomesOf(const std::string& owner) {
   std::lock_guard<std::mutex> lock(mutex_);
@@ -670,51 +514,22 @@ std::vector<Outcome> Simulation::outcomesOf(const std::string& owner) {
 
 std::vector<std::string> Simulation::notifiedOf(const std::string& module) {
   std::lock_guard<std::mutex> lock(mutex_);
-  for (const auto& m : modules_)
-    if (m->entry.name == module) return m->notified;
+  for (std::size_t i = 0; i < scenario_.modules.size(); ++i)
+    if (scenario_.modules[i].name == module) return notified_[i];
   return {};
 }
 
-std::vector<Finding> Simulation::deadlocks() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return deadlocks_;
-}
-
-std::vector<Finding> Simulation::staleWaits() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return staleWaits_;
-}
-
-Diagnostics Simulation::diagnostics() {
-  Diagnostics d;
-  std::vector<ZU::ZUWait> waits = ourWaits();
-  for (const ZU::ZUWait& w : waits) d.waits.push_back(w.toString());
-  for (const ZU::ZUWaitCycle& c : ZU::ZUWaitRegistry::findCycles(waits))
-    d.deadlocks.push_back(describe(c));
-  std::lock_guard<std::mutex> lock(mutex_);
-  d.staleWaits = staleNow_;
-  return d;
-}
-
 std::string Simulation::explain(const std::string& owner, const std::string& resourceName) {
-  if (!scenario_.findOwner(owner)) throw std::invalid_argument("unknown owner \"" + owner + "\"");
-  if (!resources_.count(resourceName))
+  if (stage_.ownerNumber(owner) < 0) throw std::invalid_argument("unknown owner \"" + owner + "\"");
+  if (!stage_.hasResource(resourceName))
     throw std::invalid_argument("unknown resource \"" + resourceName + "\"");
-  return ZU::explain(resource(resourceName), ownerNamed(owner).owner).toString();
+  return ZU::explain(stage_.resource(resourceName), ownerNamed(owner).owner).toString();
 }
 
 Simulation::Owner& Simulation::ownerNamed(const std::string& name) {
-  for (auto& o : owners_)
-    if (o->entry.name == name) return *o;
-  throw std::logic_error("no owner " + name);
-}
-
-boost::shared_ptr<ZU::ZUResource> Simulation::resource(const std::string& name) const {
-  return resources_.at(name);
-}
-
-ZU::ZUResourceState* Simulation::stateResource(const std::string& name) const {
-  return dynamic_cast<ZU::ZUResourceState*>(resources_.at(name).get());
+  int n = stage_.ownerNumber(name);
+  if (n < 0) throw std::logic_error("no owner " + name);
+  return *owners_[static_cast<std::size_t>(n)];
 }
 
 }  // namespace zusim

@@ -3,17 +3,18 @@
 
 #include <zuhost/zuerror.h>
 
+#include <zuresource/zucontract.h>
 #include <zuresource/zuexplain.h>
 #include <zuresource/zuownerstrong.h>
 #include <zuresource/zuownerweak.h>
 #include <zuresource/zuresourcelist.h>
 #include <zuresource/zuresourcestate.h>
+#include <zuresource/zuvalues.h>
 
 namespace ZU {
 
 namespace {
 const char* const kFile = "behavior/lib/zuresource/zuresource/zuexplain";
-const char* const kEmptyOwnerName = "emptyOwner";
 
 using Answer = ZUExplanation::Answer;
 
@@ -51,7 +52,7 @@ void explainPlain(ZUExplanation& e, ZUResource& resource, const boost::shared_pt
     ZUCriticalSectionRead lock(resource.currentOwnerMutex);
     holder = resource.currentOwner.load();
   }
-  if (holder->name != kEmptyOwnerName && listed(noWaitList, resource.name)) {
+  if (holder->name != contract::kPlaceholderName && listed(noWaitList, resource.name)) {
     e.answer = Answer::GivesUp;
     return;
   }
@@ -65,7 +66,7 @@ void explainPlain(ZUExplanation& e, ZUResource& resource, const boost::shared_pt
     e.answer = Answer::HolderDecides;
   } else {
     // A weak owner always declines; only a free resource can then be taken.
-    e.answer = holder->name == kEmptyOwnerName ? Answer::Takes : Answer::Retries;
+    e.answer = holder->name == contract::kPlaceholderName ? Answer::Takes : Answer::Retries;
   }
 }
 
@@ -100,23 +101,8 @@ void explainGroup(ZUExplanation& e, ZUResourceList& group, const boost::shared_p
   }
 }
 
-void pushField(ZUValue& value, const char* key, const ZUValue& field) {
-  ZUValue pair;
-  pair.arrayPush(ZUValue(key));
-  pair.arrayPush(field);
-  value.arrayPush(pair);
-}
-
-// An array value, also when empty (a value becomes an array by its first push).
-ZUValue emptyArray() {
-  ZUValue list;
-  list.arrayPush(ZUValue());
-  list.arrayPopFront();
-  return list;
-}
-
 ZUValue stringArray(const std::vector<std::string>& strings) {
-  ZUValue list = emptyArray();
+  ZUValue list = emptyArrayValue();
   for (const std::string& text : strings) list.arrayPush(ZUValue(text));
   return list;
 }
@@ -182,9 +168,8 @@ std::string ZUExplanation::toString() const {
   std::string text = resource + ": ";
   const std::string held = "held by " + holder + " (module " + holderModule + ")";
   const std::string stopped = ownerStopped
-                                  ? "; " + owner +
-                                        "'s own release flag is set: \"box stop while waiting\""
-                                        " after one polling period"
+                                  ? "; " + owner + "'s own release flag is set: \"" +
+                                        contract::kStopWhileWaiting + "\" after one polling period"
                                   : "";
   switch (answer) {
     case Answer::Takes:
@@ -226,24 +211,24 @@ std::string ZUExplanation::toString() const {
 
 ZUValue ZUExplanation::toValue() const {
   ZUValue value;
-  pushField(value, "resource", ZUValue(resource));
-  pushField(value, "answer", ZUValue(answerName(answer)));
-  pushField(value, "owner", ZUValue(owner));
+  pushKeyValue(value, "resource", ZUValue(resource));
+  pushKeyValue(value, "answer", ZUValue(answerName(answer)));
+  pushKeyValue(value, "owner", ZUValue(owner));
   if (!holder.empty()) {
-    pushField(value, "holder", ZUValue(holder));
-    pushField(value, "holderModule", ZUValue(holderModule));
+    pushKeyValue(value, "holder", ZUValue(holder));
+    pushKeyValue(value, "holderModule", ZUValue(holderModule));
   }
   if (answer == Answer::Waits || answer == Answer::AwaitsActivation) {
-    pushField(value, "waiters", stringArray(waiters));
-    pushField(value, "notifies", ZUValue(notifies ? "true" : "false"));
-    pushField(value, "ownerStopped", ZUValue(ownerStopped ? "true" : "false"));
+    pushKeyValue(value, "waiters", stringArray(waiters));
+    pushKeyValue(value, "notifies", ZUValue(notifies ? "true" : "false"));
+    pushKeyValue(value, "ownerStopped", ZUValue(ownerStopped ? "true" : "false"));
   }
-  if (answer == Answer::Granted) pushField(value, "holders", ZUValue(std::to_string(holders)));
+  if (answer == Answer::Granted) pushKeyValue(value, "holders", ZUValue(std::to_string(holders)));
   if (answer == Answer::Group) {
-    pushField(value, "firstWait", ZUValue(std::to_string(firstWait)));
-    ZUValue list = emptyArray();
+    pushKeyValue(value, "firstWait", ZUValue(std::to_string(firstWait)));
+    ZUValue list = emptyArrayValue();
     for (const ZUExplanation& member : members) list.arrayPush(member.toValue());
-    pushField(value, "members", list);
+    pushKeyValue(value, "members", list);
   }
   return value;
 }

@@ -4,18 +4,19 @@
 
 #include <boost/make_shared.hpp>
 
+#include <zuresource/zucontract.h>
+#include <zuresource/zueventsite.h>
 #include <zuresource/zuresource.h>
 
 namespace ZU {
 
 namespace {
 const char* const kFile = "behavior/lib/zuresource/zuresource/zuresource";
-const char* const kEmptyOwnerName = "emptyOwner";
 const int kMaxDepth = 1000000;
 
-// Whether `owner` stands for a free resource: it is named "emptyOwner".
+// Whether `owner` stands for a free resource: it bears the placeholder's name.
 bool isPlaceholder(const ZUOwner& owner) {
-  static const std::string placeholderName = kEmptyOwnerName;
+  static const std::string placeholderName = contract::kPlaceholderName;
   return owner.name == placeholderName;
 }
 }  // namespace
@@ -61,7 +62,8 @@ ZUResource::~ZUResource() = default;
 
 void ZUResource::init(const std::string& name, boost::shared_ptr<ZUResource> parent) {
   this->name = name;
-  emptyOwner = boost::make_shared<ZUOwnerWeak>(kEmptyOwnerName, kEmptyOwnerName);
+  emptyOwner =
+      boost::make_shared<ZUOwnerWeak>(contract::kPlaceholderName, contract::kPlaceholderName);
   currentOwner.store(emptyOwner);
   resourceMutex = ZUMutex::createZUMutex();
   waitMutex = ZUMutex::createZUMutex();
@@ -100,25 +102,32 @@ bool ZUResource::isResourceOwned(const std::string& moduleName) {
 }
 
 void ZUResource::addResource(boost::shared_ptr<ZUResource> /*resource*/) {
-  throw ZUError("ZUResource", "addResource", "Add resource only in resource list", kFile, 57);
+  throw ZUError("ZUResource", "addResource", "Add resource only in resource list", kFile,
+                contract::kAddResourceErrorLine);
 }
 
 void ZUResource::deleteResource(const std::string& /*resourceName*/) {
-  throw ZUError("ZUResource", "deleteResource", "Delete resource only in resource list", kFile, 63);
+  throw ZUError("ZUResource", "deleteResource", "Delete resource only in resource list", kFile,
+                contract::kDeleteResourceErrorLine);
 }
 
 // --- Acquisition ---------------------------------------------------------------
 
 std::vector<std::string> ZUResource::waitFor(boost::shared_ptr<ZUOwner> owner,
-                                             const std::string& /*label*/, int timeout,
+                                             const std::string& label, int timeout,
                                              const std::vector<std::string>& noWaitList) {
   requireOwner(owner, "ZUResource", "waitFor");
+  if (ZUObservers::active()) eventsite::requested(name, *owner, label, timeout, noWaitList);
 
   // Early give-up: busy, and the caller will not wait for this one.
   if (!isResourceFree() && !noWaitList.empty() &&
-      std::find(noWaitList.begin(), noWaitList.end(), name) != noWaitList.end())
+      std::find(noWaitList.begin(), noWaitList.end(), name) != noWaitList.end()) {
+    if (ZUObservers::active())
+      eventsite::emit(ZUEvent::Kind::NotObtained, name, owner.get(), currentOwner.load().get());
     return std::vector<std::string>(1, name);
+  }
 
+  ZUPendingEvent granted;  // delivered once the locks below are let go
   bool busy = false;
   for (;;) {
     {
@@ -126,16 +135,26 @@ std::vector<std::string> ZUResource::waitFor(boost::shared_ptr<ZUOwner> owner,
 
       // Already held by an owner of that name (the very same object, the usual
       // case, is told by address).
-      if (currentOwner.is(owner)) return std::vector<std::string>();
+      bool held = currentOwner.is(owner);
       boost::shared_ptr<ZUOwner> copy;
-      const boost::shared_ptr<ZUOwner>& holder = currentOwner.loadOr(emptyOwner, copy);
-      if (owner->name == holder->name) return std::vector<std::string>();
+      if (!held) held = owner->name == currentOwner.loadOr(emptyOwner, copy)->name;
+      if (held) {
+        if (ZUObservers::active())
+          eventsite::granted(granted, name, *owner, ZUEvent::Grant::AlreadyHeld, nullptr);
+        return std::vector<std::string>();
+      }
+      const boost::shared_ptr<ZUOwner>& holder = copy ? copy : emptyOwner;
 
       // Ask the holder: this may wait up to the time limit, or throw. Our own
       // placeholder is a weak owner, whose answer is always a plain no.
-      if (holder != emptyOwner && holder->conflict(name, owner, timeout)) {
-        currentOwner.store(std::move(owner));  // handed down to a descendant
-        return std::vector<std::string>();
+      if (holder != emptyOwner) {
+        eventsite::WaitingOn waitingOn(this);
+        if (holder->conflict(name, owner, timeout)) {
+          if (ZUObservers::active())
+            eventsite::granted(granted, name, *owner, ZUEvent::Grant::HandedDown, holder.get());
+          currentOwner.store(std::move(owner));  // handed down to a descendant
+          return std::vector<std::string>();
+        }
       }
 
       // The holder let go; only the pass that holds waitMutex may take it.
@@ -144,6 +163,8 @@ std::vector<std::string> ZUResource::waitFor(boost::shared_ptr<ZUOwner> owner,
         if (isFree()) {
           ZUCriticalSection taking(owner->ownerMutex);
           currentOwner.store(owner);
+          if (ZUObservers::active())
+            eventsite::granted(granted, name, *owner, ZUEvent::Grant::WasFree, nullptr);
           return std::vector<std::string>();
         }
         busy = true;
@@ -159,6 +180,7 @@ void ZUResource::switchOwner(boost::shared_ptr<ZUOwner> owner, const std::string
                              int /*timeout*/) {
   requireOwner(owner, "ZUResource", "switchOwner");
   currentOwner.store(owner);
+  if (ZUObservers::active()) eventsite::emit(ZUEvent::Kind::Switched, name, owner.get());
 }
 
 void ZUResource::release(boost::shared_ptr<ZUOwner> owner) {
@@ -166,14 +188,19 @@ void ZUResource::release(boost::shared_ptr<ZUOwner> owner) {
   // Wait for a take-if-free step that is making this owner the holder.
   { ZUCriticalSection settle(owner->ownerMutex); }
 
+  ZUPendingEvent released;  // delivered once the lock below is let go
   ZUCriticalSectionRead lock(currentOwnerMutex);
   boost::shared_ptr<ZUOwner> copy;
   const boost::shared_ptr<ZUOwner>& holder = currentOwner.loadOr(owner, copy);
   if (owner->name == holder->name) {
     boost::shared_ptr<ZUOwner> yielder = owner->getParentOwner(name);
     if (yielder) {
+      if (ZUObservers::active())
+        eventsite::keep(released, ZUEvent::Kind::HandedBack, name, owner.get(), yielder.get());
       currentOwner.store(std::move(yielder));  // back to the owner that handed it down
     } else {
+      if (ZUObservers::active())
+        eventsite::keep(released, ZUEvent::Kind::Released, name, owner.get());
       holder->freeResource();
       currentOwner.store(emptyOwner);
     }
@@ -226,16 +253,20 @@ std::string ZUResource::httpGet(int depth) {
   return text;
 }
 
-ZUValue ZUResource::ownersGet() {
-  boost::shared_ptr<ZUOwner> holder = copyOwner();
+ZUValue ZUResource::holderValue(const std::string& name, const boost::shared_ptr<ZUOwner>& holder) {
   ZUValue result;
-  if (name.compare(0, 2, "ZU") == 0) return result;
   result.arrayPush(ZUValue(name));
   if (holder && !isPlaceholder(*holder)) {
     result.arrayPush(ZUValue(holder->moduleName));
     result.arrayPush(holder->copyWaiters());
   }
   return result;
+}
+
+ZUValue ZUResource::ownersGet() {
+  boost::shared_ptr<ZUOwner> holder = copyOwner();
+  if (name.compare(0, 2, "ZU") == 0) return ZUValue();
+  return holderValue(name, holder);
 }
 
 }  // namespace ZU

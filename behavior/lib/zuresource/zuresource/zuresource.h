@@ -163,6 +163,10 @@ class ZUResource {
   /// The holder, copied under currentOwnerMutex (read); an empty handle when
   /// the holder is this resource's own placeholder, which reports as free.
   boost::shared_ptr<ZUOwner> copyOwner();
+  /// [name] when `holder` is empty or a placeholder, else [name, holder's
+  /// module, holder's waiters]: the value ownersGet() reports for one
+  /// resource. Takes: the holder's waitersMutex (read), via copyWaiters().
+  static ZUValue holderValue(const std::string& name, const boost::shared_ptr<ZUOwner>& holder);
   /// Whether the holder is named "emptyOwner". The caller holds
   /// currentOwnerMutex (either side) or accepts an answer that may be stale.
   bool isFree() const;

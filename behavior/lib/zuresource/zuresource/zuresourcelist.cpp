@@ -1,6 +1,7 @@
 #include <mutex>
 #include <utility>
 
+#include <zuresource/zueventsite.h>
 #include <zuresource/zuresourcelist.h>
 
 namespace ZU {
@@ -134,18 +135,22 @@ std::vector<std::string> ZUResourceList::waitFor(boost::shared_ptr<ZUOwner> owne
                                                  const std::string& label, int timeout,
                                                  const std::vector<std::string>& noWaitList) {
   requireOwner(owner, "ZUResourceList", "waitFor");
+  if (ZUObservers::active()) eventsite::requested(name, *owner, label, timeout, noWaitList);
+  ZUPendingEvent givenBack;  // delivered once the lock below is let go
   ZUCriticalSectionRead lock(resourceListMutex);
   std::vector<std::string> notObtained;
   for (const boost::shared_ptr<ZUResource>& member : resourceList) {
     if (abortRequested) {
       release(owner);  // takes the read side again, on this thread
+      if (ZUObservers::active()) eventsite::givenBack(givenBack, name, *owner, "abort requested");
       return std::vector<std::string>();
     }
     try {
       std::vector<std::string> names = member->waitFor(owner, label, timeout, noWaitList);
       notObtained.insert(notObtained.end(), names.begin(), names.end());
-    } catch (const ZUError&) {
+    } catch (const ZUError& e) {
       release(owner);  // give back every member, then the very same error
+      if (ZUObservers::active()) eventsite::givenBack(givenBack, name, *owner, e.what());
       throw;
     }
   }

@@ -2,6 +2,7 @@
 
 #include <boost/make_shared.hpp>
 
+#include <zuresource/zueventsite.h>
 #include <zuresource/zuresourcestate.h>
 
 namespace ZU {
@@ -19,15 +20,19 @@ ZUResourceState::~ZUResourceState() = default;
 bool ZUResourceState::isResourceFree() { return state; }
 
 std::vector<std::string> ZUResourceState::waitFor(boost::shared_ptr<ZUOwner> owner,
-                                                  const std::string& /*label*/, int timeout,
+                                                  const std::string& label, int timeout,
                                                   const std::vector<std::string>& noWaitList) {
   requireOwner(owner, "ZUResourceState", "waitFor");
+  if (ZUObservers::active()) eventsite::requested(name, *owner, label, timeout, noWaitList);
 
   if (!state) {
     bool waitForActivation = true;
     if (!noWaitList.empty()) {
-      if (std::find(noWaitList.begin(), noWaitList.end(), name) != noWaitList.end())
+      if (std::find(noWaitList.begin(), noWaitList.end(), name) != noWaitList.end()) {
+        if (ZUObservers::active())
+          eventsite::emit(ZUEvent::Kind::NotObtained, name, owner.get(), stateOwner.get());
         return std::vector<std::string>(1, name);
+      }
       waitForActivation = !state;  // activated meanwhile: no need to wait
     }
     if (waitForActivation) {
@@ -35,31 +40,43 @@ std::vector<std::string> ZUResourceState::waitFor(boost::shared_ptr<ZUOwner> own
         ZUCriticalSectionWrite lock(currentOwnerMutex);
         currentOwner.store(stateOwner);
       }
+      eventsite::WaitingOn waitingOn(this);
       stateOwner->conflict(name, owner, timeout);
     }
   }
 
+  ZUPendingEvent granted;  // delivered once the locks below are let go
   {
     ZUCriticalSection ownerLock(owner->ownerMutex);
     ZUCriticalSection holdersLock(holdersMutex);
     holders.push_back(owner);
+    if (ZUObservers::active())
+      eventsite::granted(granted, name, *owner, ZUEvent::Grant::StateActivated, nullptr);
   }
   return std::vector<std::string>();
 }
 
 void ZUResourceState::release(boost::shared_ptr<ZUOwner> owner) {
+  ZUPendingEvent released;  // delivered once the lock below is let go
   ZUCriticalSection lock(holdersMutex);
   if (!owner) return;
   owner->freeResource();
   const std::string& ownerName = owner->name;
-  holders.erase(std::remove_if(holders.begin(), holders.end(),
-                               [&ownerName](const boost::shared_ptr<ZUOwner>& holder) {
-                                 return holder->name == ownerName;
-                               }),
-                holders.end());
+  const auto kept = std::remove_if(
+      holders.begin(), holders.end(),
+      [&ownerName](const boost::shared_ptr<ZUOwner>& holder) { return holder->name == ownerName; });
+  if (kept != holders.end() && ZUObservers::active())
+    eventsite::keep(released, ZUEvent::Kind::Released, name, owner.get());
+  holders.erase(kept, holders.end());
 }
 
 void ZUResourceState::setState(bool activated) {
+  // The holders' waits run under the locks below: their events are delivered
+  // once the locks are let go.
+  ZUEventDeferral deferral;
+  if (ZUObservers::active())
+    eventsite::emit(activated ? ZUEvent::Kind::StateActivated : ZUEvent::Kind::StateDeactivated,
+                    name, nullptr);
   ZUCriticalSection lock(stateMutex);
   try {
     if (activated) {
@@ -76,6 +93,7 @@ void ZUResourceState::setState(bool activated) {
 }
 
 void ZUResourceState::releaseState() {
+  ZUEventDeferral deferral;  // as in setState
   ZUCriticalSection lock(holdersMutex);
   boost::shared_ptr<ZUOwner> wanting =
       boost::make_shared<ZUOwnerStrong>(name, name, boost::shared_ptr<ZUHierarchyOwner>());
@@ -96,15 +114,6 @@ std::string ZUResourceState::httpGet(int depth) {
   return text;
 }
 
-ZUValue ZUResourceState::ownersGet() {
-  boost::shared_ptr<ZUOwner> holder = copyOwner();
-  ZUValue result;
-  result.arrayPush(ZUValue(name));
-  if (holder && holder->name != "emptyOwner") {
-    result.arrayPush(ZUValue(holder->moduleName));
-    result.arrayPush(holder->copyWaiters());
-  }
-  return result;
-}
+ZUValue ZUResourceState::ownersGet() { return holderValue(name, copyOwner()); }
 
 }  // namespace ZU

@@ -4,6 +4,7 @@
 #include <zuresource/zuresourcelist.h>
 #include <zuresource/zuresourcestate.h>
 #include <zuresource/zustalewaitchecker.h>
+#include <zuresource/zuvalues.h>
 
 namespace ZU {
 
@@ -40,10 +41,7 @@ std::string ZUStaleWait::toString() const {
 
 ZUValue ZUStaleWait::toValue() const {
   ZUValue value = wait.toValue();
-  ZUValue pair;
-  pair.arrayPush(ZUValue("staleMs"));
-  pair.arrayPush(ZUValue(std::to_string(ageMs)));
-  value.arrayPush(pair);
+  pushKeyValue(value, "staleMs", ZUValue(std::to_string(ageMs)));
   return value;
 }
 

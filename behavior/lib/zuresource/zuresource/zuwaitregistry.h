@@ -79,6 +79,8 @@ class ZUWaitRegistry {
            const std::string& resource) noexcept;
     ~Record();
     Record(const Record&) = delete;
+    /// The recorded wait's id, 0 when nothing was recorded.
+    std::uint64_t id() const { return id_; }
     Record& operator=(const Record&) = delete;
 
    private:

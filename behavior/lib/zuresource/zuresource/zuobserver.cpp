@@ -1,0 +1,238 @@
+#include <algorithm>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <utility>
+
+#include <zuresource/zuobserver.h>
+#include <zuresource/zuowner.h>
+
+namespace ZU {
+
+namespace {
+
+// One registration. Its mutex guards `inFlight` and `removed`.
+struct Registration {
+  explicit Registration(const boost::shared_ptr<ZUObserver>& o) : observer(o) {}
+  boost::shared_ptr<ZUObserver> observer;  // immutable
+  std::mutex mutex;
+  std::condition_variable idle;
+  int inFlight = 0;      // guarded by mutex: calls running now
+  bool removed = false;  // guarded by mutex: no call starts once set
+};
+
+using List = std::vector<std::shared_ptr<Registration> >;
+
+// The list behind ZUObservers. Made once and never destroyed, so that an
+// event emitted while the process exits still finds it.
+struct Observers {
+  std::mutex mutex;
+  std::shared_ptr<const List> list = std::make_shared<List>();  // guarded by mutex; copied on write
+  std::atomic<std::uint64_t> sequence{0};
+  std::atomic<std::uint64_t> failures{0};
+};
+
+Observers& observers() {
+  static Observers* const instance = new Observers;
+  return *instance;
+}
+
+// The registrations whose onEvent runs in this thread now, innermost last.
+thread_local std::vector<const Registration*> tDelivering;
+// The innermost deferral of this thread, or null.
+thread_local ZUEventDeferral* tDeferral = nullptr;
+
+void deliver(const ZUEvent& event) noexcept {
+  Observers& all = observers();
+  std::shared_ptr<const List> list;
+  {
+    std::lock_guard<std::mutex> lock(all.mutex);
+    list = all.list;
+  }
+  for (const std::shared_ptr<Registration>& r : *list) {
+    {
+      std::lock_guard<std::mutex> lock(r->mutex);
+      if (r->removed) continue;
+      ++r->inFlight;
+    }
+    try {
+      tDelivering.push_back(r.get());
+      try {
+        r->observer->onEvent(event);
+      } catch (...) {
+        all.failures.fetch_add(1, std::memory_order_relaxed);
+      }
+      tDelivering.pop_back();
+    } catch (...) {
+      all.failures.fetch_add(1, std::memory_order_relaxed);  // no memory to note the call
+    }
+    std::lock_guard<std::mutex> lock(r->mutex);
+    if (--r->inFlight == 0) r->idle.notify_all();
+  }
+}
+
+}  // namespace
+
+std::atomic<int> ZUObservers::count_{0};
+
+ZUEvent ZUEvent::make(Kind kind, const std::string& resource, const ZUOwner* owner) {
+  ZUEvent event;
+  event.kind = kind;
+  event.resource = resource;
+  if (owner) {
+    event.owner = owner->name;
+    event.ownerModule = owner->moduleName;
+  }
+  return event;
+}
+
+const char* kindName(ZUEvent::Kind kind) {
+  switch (kind) {
+    case ZUEvent::Kind::Requested:
+      return "requested";
+    case ZUEvent::Kind::Waiting:
+      return "waiting";
+    case ZUEvent::Kind::Notified:
+      return "notified";
+    case ZUEvent::Kind::Granted:
+      return "granted";
+    case ZUEvent::Kind::HandedBack:
+      return "handedBack";
+    case ZUEvent::Kind::Released:
+      return "released";
+    case ZUEvent::Kind::GivenBack:
+      return "givenBack";
+    case ZUEvent::Kind::NotObtained:
+      return "notObtained";
+    case ZUEvent::Kind::TimedOut:
+      return "timedOut";
+    case ZUEvent::Kind::Stopped:
+      return "stopped";
+    case ZUEvent::Kind::StateActivated:
+      return "stateActivated";
+    case ZUEvent::Kind::StateDeactivated:
+      return "stateDeactivated";
+    case ZUEvent::Kind::Switched:
+      return "switched";
+    case ZUEvent::Kind::DeadlockFormed:
+      return "deadlockFormed";
+    case ZUEvent::Kind::DeadlockBroken:
+      return "deadlockBroken";
+    case ZUEvent::Kind::StaleWait:
+      return "staleWait";
+    case ZUEvent::Kind::Lost:
+      return "lost";
+  }
+  return "unknown";
+}
+
+const char* grantName(ZUEvent::Grant grant) {
+  switch (grant) {
+    case ZUEvent::Grant::None:
+      return "none";
+    case ZUEvent::Grant::WasFree:
+      return "wasFree";
+    case ZUEvent::Grant::HandedDown:
+      return "handedDown";
+    case ZUEvent::Grant::AlreadyHeld:
+      return "alreadyHeld";
+    case ZUEvent::Grant::StateActivated:
+      return "stateActivated";
+  }
+  return "unknown";
+}
+
+const char* causeName(ZUEvent::Cause cause) {
+  switch (cause) {
+    case ZUEvent::Cause::None:
+      return "none";
+    case ZUEvent::Cause::OwnRelease:
+      return "ownRelease";
+    case ZUEvent::Cause::ManagerStop:
+      return "managerStop";
+    case ZUEvent::Cause::Destruction:
+      return "destruction";
+  }
+  return "unknown";
+}
+
+void ZUObservers::add(const boost::shared_ptr<ZUObserver>& observer) {
+  if (!observer) return;
+  Observers& all = observers();
+  std::shared_ptr<Registration> added = std::make_shared<Registration>(observer);
+  std::lock_guard<std::mutex> lock(all.mutex);
+  std::shared_ptr<List> list = std::make_shared<List>(*all.list);
+  list->push_back(std::move(added));
+  all.list = std::move(list);
+  count_.fetch_add(1, std::memory_order_relaxed);
+}
+
+bool ZUObservers::remove(const boost::shared_ptr<ZUObserver>& observer) {
+  Observers& all = observers();
+  List gone;
+  {
+    std::lock_guard<std::mutex> lock(all.mutex);
+    std::shared_ptr<List> list = std::make_shared<List>();
+    for (const std::shared_ptr<Registration>& r : *all.list)
+      (r->observer == observer ? gone : *list).push_back(r);
+    if (gone.empty()) return false;
+    all.list = std::move(list);
+    count_.fetch_sub(static_cast<int>(gone.size()), std::memory_order_relaxed);
+  }
+  for (const std::shared_ptr<Registration>& r : gone) {
+    const int own = static_cast<int>(std::count(tDelivering.begin(), tDelivering.end(), r.get()));
+    std::unique_lock<std::mutex> lock(r->mutex);
+    r->removed = true;
+    r->idle.wait(lock, [&r, own] { return r->inFlight <= own; });
+  }
+  return true;
+}
+
+void ZUObservers::stamp(ZUEvent& event) {
+  event.time = std::chrono::steady_clock::now();
+  event.sequence = observers().sequence.fetch_add(1, std::memory_order_relaxed) + 1;
+  event.thread = std::this_thread::get_id();
+}
+
+void ZUObservers::emit(ZUEvent event) noexcept {
+  if (event.sequence == 0) stamp(event);
+  if (tDeferral) {
+    try {
+      // Kept by the outermost deferral, which delivers in order.
+      ZUEventDeferral* outermost = tDeferral;
+      while (outermost->outer_) outermost = outermost->outer_;
+      outermost->kept_.push_back(std::move(event));
+      return;
+    } catch (...) {
+      observers().failures.fetch_add(1, std::memory_order_relaxed);
+      return;
+    }
+  }
+  deliver(event);
+}
+
+std::uint64_t ZUObservers::failures() {
+  return observers().failures.load(std::memory_order_relaxed);
+}
+
+void ZUObservers::noteFailure() noexcept {
+  observers().failures.fetch_add(1, std::memory_order_relaxed);
+}
+
+void ZUPendingEvent::set(ZUEvent event) noexcept {
+  try {
+    ZUObservers::stamp(event);
+    event_.reset(new ZUEvent(std::move(event)));
+  } catch (...) {
+    observers().failures.fetch_add(1, std::memory_order_relaxed);
+  }
+}
+
+ZUEventDeferral::ZUEventDeferral() : outer_(tDeferral) { tDeferral = this; }
+
+ZUEventDeferral::~ZUEventDeferral() {
+  tDeferral = outer_;
+  for (const ZUEvent& event : kept_) deliver(event);
+}
+
+}  // namespace ZU
