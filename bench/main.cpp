@@ -18,6 +18,9 @@
 #include <benchmark/benchmark.h>
 
 #include "benchsupport.h"
+#ifdef ZUBENCH_FLEET
+#include "fleetbench.h"
+#endif
 #include "memory.h"
 #include "resulttable.h"
 #include "waiting.h"
@@ -188,6 +191,9 @@ int main(int argc, char** argv) {
   addMicroRows(table, times);
   addWaitingRows(table);
   addMemoryRows(table);
+#ifdef ZUBENCH_FLEET
+  addFleetRows(table);
+#endif
   std::cout << "\n";
   table.print(std::cout);
   const int failures = table.failures();

@@ -61,7 +61,6 @@ struct ZUFleetSession::Core {
   std::map<std::string, Awaited> awaited;
   /// Escaped resource name -> fleet resource.
   std::map<std::string, boost::weak_ptr<ZUResourceFleet>> resources;
-  std::function<void(const ZUFleetLoss&)> lossHandler;
 
   explicit Core(ZUFleetConfig c)
       : config(std::move(c)), client(config.endpoints, config.callTimeoutMs) {}
@@ -90,17 +89,7 @@ struct ZUFleetSession::Core {
       if (revokeLater) toRevoke.push_back(lost);
       changed.notify_all();
     }
-    std::vector<ZUFleetLoss> losses;
-    for (const auto& resource : liveResources()) {
-      if (auto loss = resource->leaseLost(lost, reason)) losses.push_back(*loss);
-    }
-    std::function<void(const ZUFleetLoss&)> handler;
-    {
-      std::lock_guard<std::mutex> lock(mutex);
-      handler = lossHandler;
-    }
-    if (handler)
-      for (const ZUFleetLoss& loss : losses) handler(loss);
+    for (const auto& resource : liveResources()) resource->leaseLost(lost, reason);
   }
 
   /// Retries the deletions and revocations that failed; stops at a failure.
@@ -246,11 +235,6 @@ ZUFleetSession::~ZUFleetSession() {
 const ZUFleetConfig& ZUFleetSession::config() const { return core_->config; }
 
 ZUEtcdClient& ZUFleetSession::client() { return core_->client; }
-
-void ZUFleetSession::setLossHandler(std::function<void(const ZUFleetLoss&)> handler) {
-  std::lock_guard<std::mutex> lock(core_->mutex);
-  core_->lossHandler = std::move(handler);
-}
 
 std::int64_t ZUFleetSession::lease() {
   {

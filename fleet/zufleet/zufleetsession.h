@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -29,17 +28,7 @@ struct ZUFleetConfig {
   /// Where the fleet's keys live in etcd.
   std::string prefix = "/zufleet/";
   /// Time limit of one call to etcd (connection and reply).
-  int callTimeoutMs = 1000;
-};
-
-/// What a robot lost when its lease ended: the fleet resource, the module of
-/// its local holder then (empty when it was only waiting), the fencing token
-/// of the lost grant (0 when waiting) and why.
-struct ZUFleetLoss {
-  std::string resource;
-  std::string module;
-  std::int64_t token = 0;
-  std::string reason;
+  int callTimeoutMs = 2000;
 };
 
 /// One robot's membership of the fleet: its connection to etcd, its one lease
@@ -48,12 +37,12 @@ struct ZUFleetLoss {
 /// holders when another robot asks). Fleet resources share their robot's
 /// session. The lease is granted at the first fleet wait; when it is lost
 /// (etcd says it expired, or etcd stayed unreachable for longer than its
-/// TTL), every fleet resource of the robot gives its grant up and the loss
-/// handler is told, and the next wait takes a new lease.
+/// TTL), every fleet resource of the robot gives its grant up (observers
+/// receive a Lost event), and the next wait takes a new lease.
 ///
 /// Thread safety: thread safe. The session's state is in a core shared with
 /// its two threads, guarded by the core's one mutex, which is never held
-/// while etcd, a resource, a module or the loss handler is called. The
+/// while etcd, a resource, a module or an observer is called. The
 /// destructor stops and joins the threads (a thread that drops the last
 /// handle itself is let go instead, and ends at once).
 class ZUFleetSession {
@@ -70,9 +59,6 @@ class ZUFleetSession {
 
   const ZUFleetConfig& config() const;
   ZUEtcdClient& client();
-  /// Called (in the keep-alive thread, no lock held) for every grant or wait
-  /// lost with the lease. Replaces the earlier handler.
-  void setLossHandler(std::function<void(const ZUFleetLoss&)> handler);
 
   // --- For fleet resources. --------------------------------------------------
 

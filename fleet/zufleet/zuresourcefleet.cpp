@@ -1,6 +1,8 @@
 #include <algorithm>
 #include <iostream>
+#include <optional>
 
+#include <zuresource/zuobserver.h>
 #include <zuresource/zuownerstrong.h>
 
 #include <zufleet/zuresourcefleet.h>
@@ -71,6 +73,7 @@ void ZUResourceFleet::switchOwner(boost::shared_ptr<ZUOwner> owner, const std::s
 void ZUResourceFleet::release(boost::shared_ptr<ZUOwner> owner) {
   std::string key;
   {
+    ZUEventDeferral deferral;  // the release's event goes out after claimMutex
     std::lock_guard<std::mutex> lock(claimMutex_);
     ZUResource::release(owner);
     if (claim_ == Claim::held && isFree()) {
@@ -243,38 +246,36 @@ void ZUResourceFleet::contenderArrived(const ZUEtcdKeyValue& kv) {
   tell(copyOwner());
 }
 
-std::optional<ZUFleetLoss> ZUResourceFleet::leaseLost(std::int64_t lease,
-                                                      const std::string& reason) {
+void ZUResourceFleet::leaseLost(std::int64_t lease, const std::string& reason) {
   boost::shared_ptr<ZUOwner> holder;
-  ZUFleetLoss loss;
   {
     std::lock_guard<std::mutex> lock(claimMutex_);
-    if ((claim_ != Claim::waiting && claim_ != Claim::held) || lease_ != lease) return std::nullopt;
+    if ((claim_ != Claim::waiting && claim_ != Claim::held) || lease_ != lease) return;
     const bool held = claim_ == Claim::held;
-    loss.resource = name;
-    loss.token = token_;
-    loss.reason = reason;
-    // A wait learns of the loss from the claim; a grant is taken back here.
+    // A wait learns of the loss from the claim and fails; a grant is taken
+    // back here.
     claim_ = held ? Claim::none : Claim::lost;
     lostReason_ = reason;
     key_.clear();
     lease_ = token_ = 0;
     claimChanged_.notify_all();
-    if (held) {
-      holder = copyOwner();
-      if (holder) {
-        { ZUCriticalSection settle(holder->ownerMutex); }
-        {
-          ZUCriticalSectionRead ownerLock(currentOwnerMutex);
-          currentOwner.store(emptyOwner);
-        }
-        holder->freeResource();
-        loss.module = holder->moduleName;
+    if (held) holder = copyOwner();
+    if (holder) {
+      { ZUCriticalSection settle(holder->ownerMutex); }
+      {
+        ZUCriticalSectionRead ownerLock(currentOwnerMutex);
+        currentOwner.store(emptyOwner);
       }
+      holder->freeResource();
     }
   }
-  if (holder) tell(holder);
-  return loss;
+  if (!holder) return;
+  tell(holder);
+  if (ZUObservers::active()) {
+    ZUEvent lost = ZUEvent::make(ZUEvent::Kind::Lost, name, holder.get());
+    lost.reason = reason;
+    ZUObservers::emit(std::move(lost));
+  }
 }
 
 }  // namespace ZU

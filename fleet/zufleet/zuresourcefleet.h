@@ -4,7 +4,6 @@
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -80,9 +79,11 @@ class ZUResourceFleet : public ZUResource {
   /// `kv` queues behind it, the local holder's module is told.
   void contenderArrived(const ZUEtcdKeyValue& kv);
   /// The robot's lease `lease` is gone: a grant under it is lost (the local
-  /// holder released, its module told) and a wait under it fails. Returns
-  /// what was lost, if anything.
-  std::optional<ZUFleetLoss> leaseLost(std::int64_t lease, const std::string& reason);
+  /// holder released, its module told, observers given a Lost event with
+  /// `reason`) and a wait under it fails. Takes: claimMutex, inside it the
+  /// holder's ownerMutex, then currentOwnerMutex (read); tells and emits with
+  /// no lock held.
+  void leaseLost(std::int64_t lease, const std::string& reason);
 
  private:
   ZUResourceFleet(const std::string& name, boost::shared_ptr<ZUResource> parent,

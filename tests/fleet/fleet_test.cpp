@@ -12,6 +12,8 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
+#include <zuresource/zuobserver.h>
+
 #include <zufleet/zuetcdserver.h>
 #include <zufleet/zuresourcefleet.h>
 
@@ -56,6 +58,27 @@ struct Robot {
   void release() { lift->release(owner); }
   bool waiting() { return lift->httpGet(0).find(" fleet waiting<br />") != std::string::npos; }
   bool holds() { return lift->fencingToken() != 0; }
+};
+
+/// Keeps the Lost events of the process while it is registered.
+struct LossRecorder : ZU::ZUObserver {
+  std::mutex mutex;
+  std::vector<ZU::ZUEvent> losses;
+  void onEvent(const ZU::ZUEvent& event) override {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (event.kind == ZU::ZUEvent::Kind::Lost) losses.push_back(event);
+  }
+  std::vector<ZU::ZUEvent> copy() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return losses;
+  }
+};
+
+/// Registers a LossRecorder for the scope.
+struct ObservedLosses {
+  boost::shared_ptr<LossRecorder> recorder = boost::make_shared<LossRecorder>();
+  ObservedLosses() { ZU::ZUObservers::add(recorder); }
+  ~ObservedLosses() { ZU::ZUObservers::remove(recorder); }
 };
 
 /// Runs `take(timeout)` of a robot in a thread of its own.
@@ -179,7 +202,7 @@ TEST(Fleet, AKilledHolderProcessHandsOverWithinItsTtlAndAPollingPeriod) {
   ::waitpid(child, nullptr, 0);
   zutest::Stopwatch watch;
   ASSERT_TRUE(waitB.thread.joinFor(30000));
-  EXPECT_FALSE(waitB.error);
+  EXPECT_FALSE(waitB.error) << waitB.error->toString();
   // etcd sweeps expired leases every 500 ms.
   EXPECT_LE(watch.elapsedMs(), ttl * 1000 + kPollMs + 500 + zutest::lateToleranceMs());
   EXPECT_GT(b.lift->fencingToken(), childToken);
@@ -188,8 +211,7 @@ TEST(Fleet, AKilledHolderProcessHandsOverWithinItsTtlAndAPollingPeriod) {
 TEST(Fleet, WaitsOutlastAnEtcdRestartAndNewWaitsFailAtOnceWhileItIsDown) {
   ZU::ZUEtcdServer etcd;
   Robot a("a", etcd.endpoints(), 10), b("b", etcd.endpoints(), 10), c("c", etcd.endpoints(), 10);
-  std::vector<ZU::ZUFleetLoss> losses;
-  a.session->setLossHandler([&](const ZU::ZUFleetLoss& loss) { losses.push_back(loss); });
+  ObservedLosses observed;
   ASSERT_TRUE(a.take(5).empty());
   Waiter waitB(b, 60);
   ASSERT_TRUE(waitUntil([&] { return b.waiting(); }));
@@ -204,9 +226,9 @@ TEST(Fleet, WaitsOutlastAnEtcdRestartAndNewWaitsFailAtOnceWhileItIsDown) {
   etcd.start(0);
 
   ASSERT_TRUE(waitB.thread.joinFor(20000));
-  EXPECT_FALSE(waitB.error);
+  EXPECT_FALSE(waitB.error) << waitB.error->toString();
   EXPECT_TRUE(b.holds());
-  EXPECT_TRUE(losses.empty());
+  EXPECT_TRUE(observed.recorder->copy().empty());
 }
 
 TEST(Fleet, AThreeMemberClusterKeepsServingWhenAMemberIsKilled) {
@@ -218,35 +240,27 @@ TEST(Fleet, AThreeMemberClusterKeepsServingWhenAMemberIsKilled) {
   etcd.kill(0);  // the member that both robots talk to first
   a.release();
   ASSERT_TRUE(waitB.thread.joinFor(20000));
-  EXPECT_FALSE(waitB.error);
+  EXPECT_FALSE(waitB.error) << waitB.error->toString();
   b.release();
   EXPECT_TRUE(a.take(10).empty());
 }
 
-TEST(Fleet, ALostLeaseReleasesTheHolderAndTellsItsModuleAndTheLossHandler) {
+TEST(Fleet, ALostLeaseReleasesTheHolderAndTellsItsModuleAndTheObservers) {
   ZU::ZUEtcdServer etcd;
   Robot a("a", etcd.endpoints(), 2), b("b", etcd.endpoints(), 2);
-  std::mutex mutex;
-  std::vector<ZU::ZUFleetLoss> losses;
-  a.session->setLossHandler([&](const ZU::ZUFleetLoss& loss) {
-    std::lock_guard<std::mutex> lock(mutex);
-    losses.push_back(loss);
-  });
+  ObservedLosses observed;
   ASSERT_TRUE(a.take(5).empty());
-  const std::int64_t token = a.lift->fencingToken();
   a.session->client().revoke(a.session->lease());
 
   ASSERT_TRUE(waitUntil([&] { return a.lift->isResourceFree(); }));
   EXPECT_EQ(a.lift->fencingToken(), 0);
   EXPECT_TRUE(waitUntil([&] { return a.module->calls() == std::vector<std::string>{"Lift"}; }));
-  {
-    std::lock_guard<std::mutex> lock(mutex);
-    ASSERT_EQ(losses.size(), 1u);
-    EXPECT_EQ(losses[0].resource, "Lift");
-    EXPECT_EQ(losses[0].module, "aModule");
-    EXPECT_EQ(losses[0].token, token);
-    EXPECT_EQ(losses[0].reason, "lease expired");
-  }
+  ASSERT_TRUE(waitUntil([&] { return !observed.recorder->copy().empty(); }));
+  const std::vector<ZU::ZUEvent> losses = observed.recorder->copy();
+  ASSERT_EQ(losses.size(), 1u);
+  EXPECT_EQ(losses[0].resource, "Lift");
+  EXPECT_EQ(losses[0].owner, "a");
+  EXPECT_EQ(losses[0].reason, "lease expired");
   EXPECT_TRUE(b.take(5).empty());
   EXPECT_TRUE(a.take(0, {"Lift"}) == std::vector<std::string>{"Lift"});
 }
