@@ -1,5 +1,6 @@
 #include <condition_variable>
 #include <cstdio>
+#include <deque>
 #include <iostream>
 #include <map>
 #include <mutex>
@@ -17,13 +18,16 @@ const int kWatchIdleMs = 5000;
 const int kWatchRetryMs = 200;
 /// The key that a closing session writes to end its own watch at once.
 const char* const kWakeKey = "~wake/";
+/// How many of the latest deletions a session remembers.
+const std::size_t kRecentDeletions = 256;
 
 // Resource names may hold any byte; in keys '/', '%' and unprintable bytes
-// are escaped, so that no name's prefix is another name's prefix.
+// are escaped, so that no name's prefix is another name's prefix (and no
+// name is the session's own "~wake").
 std::string escapeName(const std::string& name) {
   std::string out;
   for (unsigned char c : name) {
-    if (c == '/' || c == '%' || c < 0x21 || c > 0x7e) {
+    if (c == '/' || c == '%' || c == '~' || c < 0x21 || c > 0x7e) {
       char hex[4];
       std::snprintf(hex, sizeof hex, "%%%02X", c);
       out += hex;
@@ -53,12 +57,11 @@ struct ZUFleetSession::Core {
   /// Keys whose deletion failed, and leases given up while etcd was away.
   std::vector<std::string> toErase;
   std::vector<std::int64_t> toRevoke;
-  /// Keys that waiters wait to see deleted: how many wait, and whether it was.
-  struct Awaited {
-    int waiters = 0;
-    bool deleted = false;
-  };
-  std::map<std::string, Awaited> awaited;
+  /// Deletions seen by the watch: how many so far, and the latest keys with
+  /// their numbers, so that a waiter learns of a deletion that came between
+  /// its read of the queue and its wait.
+  std::uint64_t deletions = 0;
+  std::deque<std::pair<std::uint64_t, std::string>> recentDeletions;
   /// Escaped resource name -> fleet resource.
   std::map<std::string, boost::weak_ptr<ZUResourceFleet>> resources;
 
@@ -178,11 +181,9 @@ struct ZUFleetSession::Core {
   void dispatch(const ZUEtcdEvent& event) {
     if (event.deleted) {
       std::lock_guard<std::mutex> lock(mutex);
-      auto found = awaited.find(event.kv.key);
-      if (found != awaited.end()) {
-        found->second.deleted = true;
-        changed.notify_all();
-      }
+      recentDeletions.emplace_back(++deletions, event.kv.key);
+      if (recentDeletions.size() > kRecentDeletions) recentDeletions.pop_front();
+      changed.notify_all();
       return;
     }
     // A key created under a resource's prefix: another contender.
@@ -262,16 +263,23 @@ std::string ZUFleetSession::keyOf(const std::string& name, std::int64_t lease) c
   return resourcePrefix(name) + hex;
 }
 
-bool ZUFleetSession::awaitDeletion(const std::string& key, std::int64_t lease,
+std::uint64_t ZUFleetSession::deletions() const {
+  std::lock_guard<std::mutex> lock(core_->mutex);
+  return core_->deletions;
+}
+
+bool ZUFleetSession::awaitDeletion(const std::string& key, std::uint64_t since, std::int64_t lease,
                                    std::chrono::steady_clock::time_point until) {
   std::unique_lock<std::mutex> lock(core_->mutex);
-  Core::Awaited& slot = core_->awaited[key];
-  ++slot.waiters;
-  core_->changed.wait_until(
-      lock, until, [&] { return slot.deleted || core_->stopping || core_->lease != lease; });
-  const bool deleted = slot.deleted;
-  if (--slot.waiters == 0) core_->awaited.erase(key);
-  return deleted;
+  auto deleted = [&] {
+    const auto& recent = core_->recentDeletions;
+    for (auto it = recent.rbegin(); it != recent.rend() && it->first > since; ++it)
+      if (it->second == key) return true;
+    return false;
+  };
+  core_->changed.wait_until(lock, until,
+                            [&] { return deleted() || core_->stopping || core_->lease != lease; });
+  return deleted();
 }
 
 void ZUFleetSession::erase(const std::string& key) {

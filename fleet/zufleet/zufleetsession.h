@@ -68,9 +68,12 @@ class ZUFleetSession {
   /// under it for `lease`.
   std::string resourcePrefix(const std::string& name) const;
   std::string keyOf(const std::string& name, std::int64_t lease) const;
-  /// Blocks until `key` is deleted, `until` passes, `lease` is no longer the
-  /// robot's lease or the session stops. True when the key was deleted.
-  bool awaitDeletion(const std::string& key, std::int64_t lease,
+  /// The number of deletions the watch has seen so far.
+  std::uint64_t deletions() const;
+  /// Blocks until the watch has seen `key` deleted after deletion number
+  /// `since`, `until` passes, `lease` is no longer the robot's lease or the
+  /// session stops. True when the key was deleted.
+  bool awaitDeletion(const std::string& key, std::uint64_t since, std::int64_t lease,
                      std::chrono::steady_clock::time_point until);
   /// Deletes `key` now, or later, when etcd answers again.
   void erase(const std::string& key);

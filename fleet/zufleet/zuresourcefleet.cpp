@@ -174,8 +174,10 @@ bool ZUResourceFleet::awaitTurn(std::int64_t lease, std::int64_t token, Clock::t
   std::optional<ZUEtcdError> unreachable;
   Clock::time_point lastRead;
   bool mustRead = true;
+  std::uint64_t since = 0;
   for (;;) {
     if (mustRead) {
+      since = session_->deletions();
       try {
         const std::vector<ZUEtcdKeyValue> keys =
             session_->client().range(prefix, end, token - 1, 1);
@@ -207,7 +209,7 @@ bool ZUResourceFleet::awaitTurn(std::int64_t lease, std::int64_t token, Clock::t
     if (ahead.empty())
       std::this_thread::sleep_until(until);
     else
-      deleted = session_->awaitDeletion(ahead, lease, until);
+      deleted = session_->awaitDeletion(ahead, since, lease, until);
     mustRead = deleted || unreachable || Clock::now() - lastRead >= kRecheck;
   }
 }
