@@ -92,7 +92,7 @@ std::string ZUResourceFleet::httpGet(int depth) {
   {
     std::lock_guard<std::mutex> lock(claimMutex_);
     if (claim_ == Claim::held) fleet = " fleet token " + std::to_string(token_);
-    if (claim_ == Claim::waiting) fleet = " fleet waiting";
+    if (claim_ == Claim::waiting && token_ != 0) fleet = " fleet waiting";
   }
   line.insert(line.size() - std::char_traits<char>::length(kLineEnd), fleet);
   return line;
@@ -112,6 +112,7 @@ bool ZUResourceFleet::acquireFleet(const boost::shared_ptr<ZUOwner>& owner,
     throw waitError("resource wait has timeouted on " + name, __LINE__);
   }
   claim_ = Claim::waiting;
+  token_ = 0;
   lock.unlock();
 
   try {
@@ -128,6 +129,8 @@ bool ZUResourceFleet::acquireFleet(const boost::shared_ptr<ZUOwner>& owner,
           key_ = key;
         }
         token = session_->client().put(key, session_->config().robot, lease);
+        std::lock_guard<std::mutex> relock(claimMutex_);
+        if (claim_ == Claim::waiting) token_ = token;  // queued
         break;
       } catch (const ZUEtcdError& e) {
         // Refused: nothing listens there. Otherwise etcd may answer in time.
@@ -149,6 +152,12 @@ bool ZUResourceFleet::acquireFleet(const boost::shared_ptr<ZUOwner>& owner,
     token_ = token;
     claimChanged_.notify_all();
     lock.unlock();
+    // The grant is the robot's: when the manager released `owner` and another
+    // local owner took the resource meanwhile, that owner keeps the grant and
+    // this wait ends as a stopped one.
+    boost::shared_ptr<ZUOwner> holder = copyOwner();
+    if (!holder || (holder->name != owner->name && !holder->isParent(owner)))
+      throw waitError("box stop while waiting", __LINE__);
   } catch (...) {
     if (lock.owns_lock()) lock.unlock();
     abandon(owner);

@@ -49,8 +49,10 @@ class ZUResourceFleet : public ZUResource {
   /// resource is given back locally and {name} returned. A failed fleet wait
   /// gives the resource back locally and throws ZUError: the plain
   /// resource's time-out ("ResourceManager", "waitResource", "resource wait
-  /// has timeouted on <name>"); "box stop while waiting" when the resource
-  /// was released locally meanwhile; "fleet lease lost: <reason>"; or
+  /// has timeouted on <name>"); "box stop while waiting" when `owner` was
+  /// released locally meanwhile (another local owner that took the resource
+  /// then joins the robot's wait and keeps its grant); "fleet lease lost:
+  /// <reason>"; or
   /// ("ZUResourceFleet", "waitFor", "etcd unreachable ...") at once when
   /// every endpoint refuses the connection, or at the time limit when etcd
   /// did not answer its last call.
@@ -66,8 +68,8 @@ class ZUResourceFleet : public ZUResource {
   /// fleet lock goes back too. Takes: claimMutex, then ZUResource's locks.
   void release(boost::shared_ptr<ZUOwner> owner) override;
   /// The plain resource's line, with " fleet token <N>" while the robot holds
-  /// the fleet lock, or " fleet waiting" while it waits for it, before the
-  /// closing "<br />".
+  /// the fleet lock, or " fleet waiting" while its key waits in the queue,
+  /// before the closing "<br />".
   std::string httpGet(int depth) override;
 
   /// The fencing token of the robot's grant, 0 when it holds none.
@@ -114,7 +116,8 @@ class ZUResourceFleet : public ZUResource {
   /// The robot's key and its lease while waiting or holding, else empty / 0.
   std::string key_;
   std::int64_t lease_ = 0;
-  /// The fencing token while holding, else 0.
+  /// The key's create revision once it is queued: the fencing token while
+  /// holding; else 0.
   std::int64_t token_ = 0;
   /// Why the last claim was lost.
   std::string lostReason_;

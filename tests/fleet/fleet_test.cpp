@@ -174,6 +174,30 @@ TEST(Fleet, FailedWaitsEndLikePlainWaitsAndLeaveNothingBehind) {
   EXPECT_LE(watch.elapsedMs(), late);
 }
 
+// The race: robot b's owner x waits for the fleet lock while it holds Lift
+// locally; b's owner y asks for Lift, x's module is told and releases x, y
+// takes Lift locally and joins the robot's wait; a releases and x's wait gets
+// the grant. x must not return as if it held Lift: y does.
+TEST(Fleet, AnOwnerReleasedWhileItsRobotWaitsLeavesTheGrantToTheLocalOwnerThatTookOver) {
+  ZU::ZUEtcdServer etcd;
+  Robot a("a", etcd.endpoints()), b("b", etcd.endpoints());
+  ASSERT_TRUE(a.take(5).empty());
+  Waiter waitX(b, 30);
+  ASSERT_TRUE(waitUntil([&] { return b.waiting(); }));
+  b.module->onResource([&](const std::string&) { b.release(); });
+  auto y = zutest::makeOwner("y", "yModule");
+  std::optional<ZU::ZUError> errorY;
+  GuardedThread waitY([&] { errorY = errorOf([&] { b.lift->waitFor(y, "", 30, {}); }); });
+  ASSERT_TRUE(waitUntil([&] { return b.lift->isResourceOwned("yModule"); }));
+  a.release();
+  ASSERT_TRUE(waitX.thread.joinFor(10000) && waitY.joinFor(10000));
+  ASSERT_TRUE(waitX.error);
+  EXPECT_EQ(waitX.error->getDescription(), "box stop while waiting");
+  EXPECT_FALSE(errorY);
+  EXPECT_TRUE(b.lift->isResourceOwned("yModule"));
+  EXPECT_TRUE(b.holds());
+}
+
 TEST(Fleet, AKilledHolderProcessHandsOverWithinItsTtlAndAPollingPeriod) {
   ZU::ZUEtcdServer etcd;
   const int ttl = 2;
