@@ -32,25 +32,26 @@ using zutest::waitUntil;
 
 const int kPollMs = ZU::ZUOwnerStrong::kPollPeriodMs;
 
-/// One robot: its broker, fleet session, an owner whose module records its
-/// notifications, and its copy of the shared fleet resource "Lift".
+/// One robot: its broker, an owner whose module records its notifications,
+/// its fleet session and its copy of the shared fleet resource "Lift". The
+/// session goes first, so that no notification starts while the module goes.
 struct Robot {
   boost::shared_ptr<ZU::ZUBroker> broker = boost::make_shared<ZU::ZUBroker>();
+  std::unique_ptr<zutest::RecordingModule> module;
+  boost::shared_ptr<ZU::ZUOwner> owner;
   boost::shared_ptr<ZU::ZUFleetSession> session;
   boost::shared_ptr<ZU::ZUResourceFleet> lift;
-  boost::shared_ptr<ZU::ZUOwner> owner;
-  std::unique_ptr<zutest::RecordingModule> module;
 
-  Robot(const std::string& name, const std::vector<std::string>& endpoints, int ttl = 5) {
+  Robot(const std::string& name, const std::vector<std::string>& endpoints, int ttl = 5)
+      : module(std::make_unique<zutest::RecordingModule>(broker, name + "Module")),
+        owner(zutest::makeOwner(name, name + "Module")) {
     ZU::ZUFleetConfig config;
     config.endpoints = endpoints;
     config.robot = name;
     config.ttlSeconds = ttl;
     session = boost::make_shared<ZU::ZUFleetSession>(config);
     lift = ZU::ZUResourceFleet::create("Lift", nullptr, session);
-    owner = zutest::makeOwner(name, name + "Module");
     owner->setParentBroker(broker);
-    module = std::make_unique<zutest::RecordingModule>(broker, name + "Module");
   }
   std::vector<std::string> take(int timeout, const std::vector<std::string>& noWait = {}) {
     return lift->waitFor(owner, "", timeout, noWait);
