@@ -61,6 +61,9 @@ struct ZUFleetSession::Core {
   /// their numbers, so that a waiter learns of a deletion that came between
   /// its read of the queue and its wait.
   std::uint64_t deletions = 0;
+  /// Whether the watch has started: from then on it misses no change, since
+  /// it resumes after the last revision it saw whenever it breaks.
+  bool watching = false;
   std::deque<std::pair<std::uint64_t, std::string>> recentDeletions;
   /// Escaped resource name -> fleet resource.
   std::map<std::string, boost::weak_ptr<ZUResourceFleet>> resources;
@@ -163,6 +166,10 @@ struct ZUFleetSession::Core {
       if (seen == 0 || revision > seen) seen = revision;
       for (const ZUEtcdEvent& event : events) dispatch(event);
       std::lock_guard<std::mutex> lock(mutex);
+      if (!watching) {
+        watching = true;
+        changed.notify_all();
+      }
       return !stopping;
     };
     for (;;) {
@@ -261,6 +268,11 @@ std::string ZUFleetSession::keyOf(const std::string& name, std::int64_t lease) c
   char hex[20];
   std::snprintf(hex, sizeof hex, "%016llx", static_cast<unsigned long long>(lease));
   return resourcePrefix(name) + hex;
+}
+
+bool ZUFleetSession::awaitWatch(std::chrono::steady_clock::time_point until) {
+  std::unique_lock<std::mutex> lock(core_->mutex);
+  return core_->changed.wait_until(lock, until, [&] { return core_->watching || core_->stopping; });
 }
 
 std::uint64_t ZUFleetSession::deletions() const {

@@ -68,6 +68,9 @@ class ZUFleetSession {
   /// under it for `lease`.
   std::string resourcePrefix(const std::string& name) const;
   std::string keyOf(const std::string& name, std::int64_t lease) const;
+  /// Blocks until the watch has started (it then misses no later change), or
+  /// `until` passes. True when it has started.
+  bool awaitWatch(std::chrono::steady_clock::time_point until);
   /// The number of deletions the watch has seen so far.
   std::uint64_t deletions() const;
   /// Blocks until the watch has seen `key` deleted after deletion number

@@ -16,6 +16,9 @@ const char* const kLineEnd = "<br />";
 /// case the stream was down when the key ahead went.
 const std::chrono::milliseconds kRecheck(1000);
 const std::chrono::milliseconds kPoll(ZUOwnerStrong::kPollPeriodMs);
+/// How long a new grant waits for the robot's watch to start, so that no
+/// robot that asks after the grant goes untold.
+const int kWatchStartMs = 2000;
 
 ZUError waitError(const std::string& description, unsigned line) {
   return ZUError("ResourceManager", "waitResource", description, kFile, line);
@@ -164,7 +167,8 @@ bool ZUResourceFleet::acquireFleet(const boost::shared_ptr<ZUOwner>& owner,
     throw;
   }
 
-  // Robots that asked while this one waited are waiting now.
+  // Robots that asked before the watch can tell of them are waiting now.
+  session_->awaitWatch(Clock::now() + std::chrono::milliseconds(kWatchStartMs));
   try {
     const std::string prefix = session_->resourcePrefix(name);
     if (session_->client().count(prefix, ZUEtcdClient::prefixEnd(prefix), fencingToken() + 1) > 0)

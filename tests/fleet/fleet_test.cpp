@@ -10,6 +10,8 @@
 
 #include <boost/make_shared.hpp>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 
 #include <zuresource/zuobserver.h>
@@ -127,6 +129,16 @@ TEST(Fleet, FailedWaitsEndLikePlainWaitsAndLeaveNothingBehind) {
   ZU::ZUEtcdServer etcd;
   Robot a("a", etcd.endpoints()), b("b", etcd.endpoints());
   Robot nowhere("n", {"http://127.0.0.1:1"});
+  // A port that accepts connections and never answers.
+  const int silent = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof address;
+  ASSERT_EQ(::bind(silent, reinterpret_cast<sockaddr*>(&address), size), 0);
+  ASSERT_EQ(::listen(silent, 64), 0);
+  ASSERT_EQ(::getsockname(silent, reinterpret_cast<sockaddr*>(&address), &size), 0);
+  Robot mute("m", {"http://127.0.0.1:" + std::to_string(ntohs(address.sin_port))});
   ASSERT_TRUE(a.take(5).empty());
 
   struct Row {
@@ -144,6 +156,15 @@ TEST(Fleet, FailedWaitsEndLikePlainWaitsAndLeaveNothingBehind) {
       {"no-wait list", b, 5, {"Lift"}, false, "", 0, late},
       {"stopped", b, 10, {}, true, "box stop while waiting", 500, 500 + kPollMs + late},
       {"connection refused", nowhere, 5, {}, false, "etcd unreachable", 0, late},
+      // Each call to etcd waits up to its own time limit.
+      {"no answer",
+       mute,
+       1,
+       {},
+       false,
+       "etcd unreachable",
+       1000,
+       1000 + mute.session->config().callTimeoutMs + late},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.what);
@@ -168,6 +189,7 @@ TEST(Fleet, FailedWaitsEndLikePlainWaitsAndLeaveNothingBehind) {
     EXPECT_TRUE(row.robot.lift->isResourceFree());
     EXPECT_EQ(row.robot.lift->httpGet(0), "---Lift<br />");
   }
+  ::close(silent);
   // No key was left in the queue: b is served at once after a.
   a.release();
   zutest::Stopwatch watch;
@@ -256,18 +278,33 @@ TEST(Fleet, WaitsOutlastAnEtcdRestartAndNewWaitsFailAtOnceWhileItIsDown) {
   EXPECT_TRUE(observed.recorder->copy().empty());
 }
 
-TEST(Fleet, AThreeMemberClusterKeepsServingWhenAMemberIsKilled) {
+TEST(Fleet, AClusterKeepsServingWithAMemberKilledAndARobotCutOffLosesItsGrant) {
   ZU::ZUEtcdServer etcd(3);
-  Robot a("a", etcd.endpoints()), b("b", etcd.endpoints());
+  const std::vector<std::string> all = etcd.endpoints();
+  // a knows member 0 only: killing it cuts a off, while b and c move on.
+  Robot a("a", {all[0]}, 2), b("b", all), c("c", all);
+  ObservedLosses observed;
   ASSERT_TRUE(a.take(5).empty());
   Waiter waitB(b, 30);
   ASSERT_TRUE(waitUntil([&] { return b.waiting(); }));
-  etcd.kill(0);  // the member that both robots talk to first
-  a.release();
+  etcd.kill(0);
+
+  // a gives Lift up once etcd was out of reach for longer than its TTL; the
+  // cluster expires a's lease, and b is served.
   ASSERT_TRUE(waitB.thread.joinFor(20000));
   EXPECT_FALSE(waitB.error) << waitB.error->toString();
+  ASSERT_TRUE(waitUntil([&] { return !observed.recorder->copy().empty(); }));
+  const std::vector<ZU::ZUEvent> losses = observed.recorder->copy();
+  ASSERT_EQ(losses.size(), 1u);
+  EXPECT_EQ(losses[0].owner, "a");
+  EXPECT_EQ(losses[0].reason.rfind("etcd unreachable for longer than the lease's TTL of 2 s", 0),
+            0u)
+      << losses[0].reason;
+  EXPECT_TRUE(a.lift->isResourceFree());
+  // Told as b queued, then as it lost Lift.
+  EXPECT_TRUE(waitUntil([&] { return a.module->calls().size() == 2; }));
   b.release();
-  EXPECT_TRUE(a.take(10).empty());
+  EXPECT_TRUE(c.take(10).empty());
 }
 
 TEST(Fleet, ALostLeaseReleasesTheHolderAndTellsItsModuleAndTheObservers) {
