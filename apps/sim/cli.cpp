@@ -164,13 +164,15 @@ std::string usage() {
          "  standard input; with none, the bundled examples/humanoid.json. Each prints its\n"
          "  event log, final status page and expectations, then one summary line.\n"
          "options (default in brackets):\n";
-  const std::size_t indent = 22, width = 80;
+  const std::size_t indent = 24, width = 80;
   for (const OptionSpec& s : specs()) {
     std::string line = std::string("  ") + s.name + (s.value ? std::string(" ") + s.value : "");
-    line.resize(std::max(indent, line.size() + 1), ' ');
+    // A name too long for its column gets a line of its own.
+    line = line.size() + 1 < indent ? line + std::string(indent - line.size(), ' ')
+                                    : line + "\n" + std::string(indent, ' ');
     std::istringstream words(std::string(s.help) +
                              (*s.fallback ? " [" + std::string(s.fallback) + "]" : ""));
-    std::size_t column = line.size();
+    std::size_t column = indent;
     out << line;
     for (std::string word; words >> word; column += word.size() + 1) {
       if (column + word.size() > width && column > indent) {
@@ -185,9 +187,10 @@ std::string usage() {
   }
   out << "exit status (the worst of all scenarios):\n"
          "  0  every expectation held\n"
-         "  1  an expectation failed (each is listed with what was found)\n"
-         "  2  a scenario was refused before it ran (its file, entry and fault are named),\n"
-         "     a file could not be written, or the command line is wrong\n";
+         "  1  an expectation failed (each is listed with what was found), or a replay\n"
+         "     diverged from its recording\n"
+         "  2  a scenario or recording was refused before it ran (its file, entry and\n"
+         "     fault are named), a file could not be written, or the command line is wrong\n";
   return out.str();
 }
 
