@@ -11,7 +11,8 @@ set -euo pipefail
 BASE_PACKAGES=(cmake g++ make pkg-config
                libboost-dev libboost-date-time-dev
                libgtest-dev libgmock-dev googletest libbenchmark-dev
-               nlohmann-json3-dev libcpp-httplib-dev
+               nlohmann-json3-dev libcpp-httplib-dev python3-jsonschema
+               pybind11-dev python3-dev python3-pytest
                chromium curl)
 M32_PACKAGES=(g++-multilib qemu-user)
 

@@ -33,6 +33,7 @@ const char kUsage[] =
     "  --serve PORT    serve the live status page on http://127.0.0.1:PORT/ while the\n"
     "                  scenario runs (PORT 0: any free port, printed at the start)\n"
     "  --linger S      keep serving the final page S seconds after the end\n"
+    "  --check         read and check the scenario, then exit without running it\n"
     "exit status: 0 every expectation held, 1 some failed, 2 bad scenario or arguments\n";
 
 /// A mistake on the command line, as opposed to one in the scenario.
@@ -48,6 +49,7 @@ struct Options {
   std::string report;
   int port = -1;
   int lingerSeconds = 0;
+  bool checkOnly = false;
 };
 
 bool exists(const std::string& path) { return access(path.c_str(), R_OK) == 0; }
@@ -110,6 +112,8 @@ Options parse(int argc, char** argv) {
       o.port = number(value(), arg, kLastPort);
     else if (arg == "--linger")
       o.lingerSeconds = number(value(), arg, 24 * 3600);
+    else if (arg == "--check")
+      o.checkOnly = true;
     else if (arg.compare(0, 1, "-") == 0)
       throw CommandLineError("unknown option " + arg);
     else if (o.scenario.empty())
@@ -125,7 +129,7 @@ Options parse(int argc, char** argv) {
 void printStatus(const std::vector<std::string>& roots) {
   std::cout << "Status page:" << std::endl;
   for (const std::string& line : zusim::statusPageLines(roots))
-    std::cout << "  " << line << std::endl;
+    std::cout << "  " << zusim::escapeControls(line, false) << std::endl;
 }
 
 int printResults(const zusim::RunRecord& record) {
@@ -134,7 +138,9 @@ int printResults(const zusim::RunRecord& record) {
   std::cout << "Expectations: " << record.results.size() - failed << " held, " << failed
             << " failed" << std::endl;
   for (const zusim::ExpectResult& r : record.results)
-    if (!r.held) std::cout << "  FAILED " << r.entry << ": " << r.text << std::endl;
+    if (!r.held)
+      std::cout << "  FAILED " << r.entry << ": " << zusim::escapeControls(r.text, false)
+                << std::endl;
   return failed ? 1 : 0;
 }
 
@@ -160,10 +166,17 @@ int main(int argc, char** argv) {
     std::cerr << "zuresource-sim: " << e.what() << std::endl;
     return 2;
   }
+  if (options.checkOnly) {
+    std::cout << scenario.file << ": " << scenario.resources.size() << " resources, "
+              << scenario.owners.size() << " owners, " << scenario.actions.size() << " actions, "
+              << scenario.expectations.size() << " expectations: accepted" << std::endl;
+    return 0;
+  }
 
-  std::cout << "Scenario: " << scenario.title
+  std::cout << "Scenario: " << zusim::escapeControls(scenario.title, false)
             << (scenario.title == scenario.file ? "" : " (" + scenario.file + ")") << std::endl;
-  if (!scenario.description.empty()) std::cout << scenario.description << std::endl;
+  if (!scenario.description.empty())
+    std::cout << zusim::escapeControls(scenario.description, false) << std::endl;
   zusim::EventLog log(&std::cout);
   zusim::Simulation simulation(scenario, log);
   std::unique_ptr<zusim::LiveServer> server;

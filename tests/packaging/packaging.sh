@@ -24,6 +24,11 @@ case "$mode" in
     "${configure[@]}" -S "$consumer" -B "$work/installed" -DCMAKE_PREFIX_PATH="$prefix"
     cmake --build "$work/installed"
     "$work/installed/consumer"
+    # The Python module, where Debian's Python finds it under the prefix.
+    if [ -d "$prefix/lib/python3/dist-packages" ]; then
+      PYTHONPATH="$prefix/lib/python3/dist-packages" /usr/bin/python3 -c \
+        'import zuresource; print(zuresource.Resource("Head").http_get())'
+    fi
     ;;
   pkg_config)
     pcdir=$(dirname "$(find "$prefix" -name zuresource.pc)")
@@ -36,7 +41,7 @@ case "$mode" in
     "${configure[@]}" -S "$consumer" -B "$work/embedded" -DZURESOURCE_SOURCE_DIR="$source"
     cmake --build "$work/embedded" -j 2
     "$work/embedded/consumer"
-    for dir in tests bench apps; do
+    for dir in tests bench apps python; do
       if [ -e "$work/embedded/zuresource/$dir" ]; then
         echo "add_subdirectory() built zuresource's $dir" >&2
         exit 1
