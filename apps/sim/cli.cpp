@@ -45,7 +45,7 @@ void checkWritable(const std::string& option, const std::string& path) {
   if (!writable) throw CommandLineError(option + " " + path + ": cannot be written");
 }
 
-struct OptionSpec {
+struct OptionEntry {
   const char* name;
   const char* value;  // what it takes, or null for a switch
   const char* fallback;
@@ -53,8 +53,8 @@ struct OptionSpec {
   std::function<void(Options&, const std::string&)> set;
 };
 
-const std::vector<OptionSpec>& specs() {
-  static const std::vector<OptionSpec> all = {
+const std::vector<OptionEntry>& optionTable() {
+  static const std::vector<OptionEntry> all = {
       {"--report", "FILE.html", "none",
        "write a self-contained HTML report with a timeline chart (one scenario)",
        [](Options& o, const std::string& v) { o.report = v; }},
@@ -121,11 +121,11 @@ Options parseCommandLine(const std::vector<std::string>& args, const std::string
   for (std::size_t i = 0; i < args.size(); ++i) {
     const std::string& arg = args[i];
     const std::string name = arg == "-h" ? "--help" : arg;
-    auto spec = std::find_if(specs().begin(), specs().end(),
-                             [&](const OptionSpec& s) { return name == s.name; });
-    if (spec != specs().end()) {
-      if (spec->value && i + 1 >= args.size()) throw CommandLineError(arg + " needs a value");
-      spec->set(o, spec->value ? args[++i] : std::string());
+    auto option = std::find_if(optionTable().begin(), optionTable().end(),
+                               [&](const OptionEntry& s) { return name == s.name; });
+    if (option != optionTable().end()) {
+      if (option->value && i + 1 >= args.size()) throw CommandLineError(arg + " needs a value");
+      option->set(o, option->value ? args[++i] : std::string());
     } else if (arg != kStandardInput && arg.compare(0, 1, "-") == 0) {
       throw CommandLineError("unknown option " + arg);
     } else if (arg != kStandardInput && std::filesystem::is_directory(arg)) {
@@ -165,7 +165,7 @@ std::string usage() {
          "  event log, final status page and expectations, then one summary line.\n"
          "options (default in brackets):\n";
   const std::size_t indent = 24, width = 80;
-  for (const OptionSpec& s : specs()) {
+  for (const OptionEntry& s : optionTable()) {
     std::string line = std::string("  ") + s.name + (s.value ? std::string(" ") + s.value : "");
     // A name too long for its column gets a line of its own.
     line = line.size() + 1 < indent ? line + std::string(indent - line.size(), ' ')
