@@ -142,14 +142,16 @@ Options parseCommandLine(const std::vector<std::string>& args, const std::string
     throw CommandLineError("--to-scenario needs --replay");
   if (!o.replay.empty() && !o.scenarios.empty())
     throw CommandLineError("--replay runs a recording, not scenarios");
-  if (!o.toScenario.empty()) checkWritable("--to-scenario", o.toScenario);
-  if (!o.replay.empty()) return o;
-  if (o.scenarios.empty()) o.scenarios.push_back(fallback);
+  if (!o.replay.empty() &&
+      (!o.junit.empty() || !o.jsonl.empty() || !o.record.empty() || o.port >= 0))
+    throw CommandLineError("--replay takes --report, --to-scenario and --quiet only");
+  if (o.scenarios.empty() && o.replay.empty()) o.scenarios.push_back(fallback);
   bool oneFile = !o.report.empty() || !o.record.empty() ||
                  !(o.jsonl.empty() || o.jsonl == kStandardInput) || o.port >= 0;
   if (o.scenarios.size() > 1 && oneFile)
     throw CommandLineError("--report, --record, --jsonl FILE and --serve take one scenario, not " +
                            std::to_string(o.scenarios.size()));
+  if (!o.toScenario.empty()) checkWritable("--to-scenario", o.toScenario);
   if (!o.report.empty()) checkWritable("--report", o.report);
   if (!o.junit.empty()) checkWritable("--junit", o.junit);
   if (!o.jsonl.empty()) checkWritable("--jsonl", o.jsonl);

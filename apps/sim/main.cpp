@@ -223,6 +223,9 @@ int replayRecording(const zusim::Options& options) {
     std::vector<zusim::RecordedEvent> replayed = zusim::replay(scenario, log, record);
     if (!options.quiet) printStatus(record.finalStatus);
     printResults(record, options, options.replay);
+    if (!options.report.empty() &&
+        !writeFile(options.report, zusim::renderReport(scenario, log.events(), record)))
+      throw zusim::ScenarioError(options.report + ": cannot be written");
     std::string divergence = zusim::firstDivergence(recording, replayed);
     if (divergence.empty()) {
       *text << "Replay agrees with " << options.replay << std::endl;
