@@ -56,7 +56,8 @@ struct OptionEntry {
 const std::vector<OptionEntry>& optionTable() {
   static const std::vector<OptionEntry> all = {
       {"--report", "FILE.html", "none",
-       "write a self-contained HTML report with a timeline chart (one scenario)",
+       "write a self-contained HTML report with a timeline chart (one scenario, or the "
+       "replayed run)",
        [](Options& o, const std::string& v) { o.report = v; }},
       {"--junit", "FILE.xml", "none",
        "write the results as JUnit XML: a test suite per scenario, a test case per expectation",
