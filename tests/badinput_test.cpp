@@ -1,7 +1,6 @@
 // Bad input, one test per row of the README's bad-input table; afterwards the
 // objects serve as before.
 
-#include <algorithm>
 #include <atomic>
 #include <climits>
 #include <string>
@@ -202,29 +201,6 @@ TEST_F(BadInputTest, TimeoutsOfIntMaxAndIntMinWaitUntilTheHolderLetsGo) {
   g->release(w2);
   s->release(w3);
   expectAllStillWork();
-}
-
-TEST_F(BadInputTest, DeactivationWhileRequestsWaitLeavesThemWaitingForTheNextActivation) {
-  ASSERT_TRUE(s->waitFor(a, "", 0, {}).empty());  // a strong holder that never lets go
-  s->setState(false);                             // it is told; its error is dropped
-  auto w1 = makeOwner("w1", "W1"), w2 = makeOwner("w2", "W2");
-  WaitForRun noLimit(s, w1, INT_MIN), limited(s, w2, 30);
-  msleep(250);
-  // The holder is told again and does not let go in time.
-  EXPECT_TRUE(timesOut([&] { s->releaseState(); }, "S"));
-  s->setState(false);
-  EXPECT_TRUE(noLimit.running());
-  EXPECT_TRUE(limited.running());
-  s->setState(true);
-  EXPECT_TRUE(waitReturned(noLimit.wait()));
-  EXPECT_TRUE(waitReturned(limited.wait()));
-  Names holders = zutest::holderNames(*s);
-  std::sort(holders.begin() + 1, holders.end());
-  EXPECT_EQ(holders, (Names{"a", "w1", "w2"}));
-  for (const auto& owner : {a, w1, w2}) s->release(owner);
-  EXPECT_TRUE(zutest::holderNames(*s).empty());
-  EXPECT_EQ(s->stateOwner->copyWaiters().size(), 0u);
-  EXPECT_TRUE(stillWorks(s));
 }
 
 // An owner object of the same name releases a holder the manager dropped.
