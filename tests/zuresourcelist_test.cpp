@@ -7,7 +7,6 @@
 #include <boost/make_shared.hpp>
 #include <gtest/gtest.h>
 
-#include <zuresource/zucontract.h>
 #include <zuresource/zuexplain.h>
 #include <zuresource/zuresourcelist.h>
 #include <zuresource/zuresourcestate.h>
@@ -139,27 +138,6 @@ TEST_F(GroupAcquireTest, AbortBeforeOrDuringAWalkGivesEveryMemberBack) {
                                    "R2.waitFor", "R1.release", "R2.release", "R3.release"}));
   EXPECT_TRUE(r1->isResourceFree() && r2->isResourceFree());
   EXPECT_TRUE(r3->isResourceOwned("X"));
-}
-
-TEST(GroupMixedTest, StateMemberIsAcquiredByItsOwnRules) {
-  auto a = makePlain("A");
-  auto s = boost::make_shared<ZU::ZUResourceState>("S", nullptr);
-  auto g = makeGroup("G", {a, s});
-  auto owner = makeOwner("o", "M");
-  EXPECT_EQ(g->waitFor(owner, "", 0, {"S"}), Names{"S"});  // S is off
-  EXPECT_TRUE(a->isResourceOwned("M"));
-  g->release(owner);  // this also stops the owner: the next wait is another's
-
-  owner = makeOwner("p", "M");
-  auto error = errorOf([&] { g->waitFor(owner, "", 0, {}); });  // waits one poll for S
-  ASSERT_TRUE(error);
-  EXPECT_EQ(error->getDescription(), ZU::contract::waitTimedOut("S"));
-  EXPECT_TRUE(a->isResourceFree()) << "the failed walk gave A back";
-
-  s->setState(true);
-  EXPECT_TRUE(g->waitFor(owner, "", 0, {}).empty());
-  g->release(owner);
-  EXPECT_TRUE(g->isResourceFree() && zutest::holderNames(*s).empty());
 }
 
 // Race: 1: waitFor reads G, blocks on R; 2: addResource waits to write G;
