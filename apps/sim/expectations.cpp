@@ -24,6 +24,12 @@ ExpectResult compare(const ExpectEntry& x, const std::string& what, const std::s
   return r;
 }
 
+/// The window a deadlock or stale wait counts in, when narrower than the run.
+std::string window(const ExpectEntry& x) {
+  if (x.fromMs == 0 && x.toMs == kMaxMs) return "";
+  return " within [" + std::to_string(x.fromMs) + ", " + std::to_string(x.toMs) + "] ms";
+}
+
 std::string describe(const Outcome& o) {
   std::string text = outcomeName(o.kind);
   if (!o.notObtained.empty()) text += " " + list(o.notObtained);
@@ -58,7 +64,7 @@ ExpectResult checkFinding(const ExpectEntry& x, const std::vector<Finding>& foun
   owners.erase(std::unique(owners.begin(), owners.end()), owners.end());
   const Finding* match = nullptr;
   for (const Finding& f : found) {
-    bool inTime = x.atMs < 0 || f.ms <= x.atMs;
+    bool inTime = (x.atMs < 0 || f.ms <= x.atMs) && f.ms >= x.fromMs && f.ms <= x.toMs;
     bool ofThem = owners.empty() || f.owners == owners;
     bool onIt = x.resource.empty() ||
                 std::find(f.resources.begin(), f.resources.end(), x.resource) != f.resources.end();
@@ -68,10 +74,80 @@ ExpectResult checkFinding(const ExpectEntry& x, const std::vector<Finding>& foun
                         (x.resource.empty() ? "" : " on " + x.resource);
   ExpectResult r{x.entry, (match != nullptr) == x.reported,
                  subject + (x.reported ? " reported " : " not reported ") +
-                     (x.atMs < 0 ? "during the run" : "by " + std::to_string(x.atMs) + " ms")};
+                     (x.atMs < 0 ? "during the run" : "by " + std::to_string(x.atMs) + " ms") +
+                     window(x)};
   if (!r.held)
     r.text += match ? ", found \"" + match->text + "\" at " + std::to_string(match->ms) + " ms"
                     : ", found none";
+  return r;
+}
+
+/// Whether `span` is on one of `x`'s leaves (on any resource when it names none).
+bool onLeaves(const ExpectEntry& x, const Span& span) {
+  return x.leaves.empty() ||
+         std::find(x.leaves.begin(), x.leaves.end(), span.resource) != x.leaves.end();
+}
+
+std::string on(const ExpectEntry& x) { return x.resource.empty() ? "" : " on " + x.resource; }
+
+ExpectResult checkWaitedBehind(const ExpectEntry& x, World& world) {
+  std::vector<std::string> behind;
+  for (const Span& w : world.waits())
+    if (w.owner == x.owner && onLeaves(x, w) &&
+        std::find(behind.begin(), behind.end(), w.holder) == behind.end())
+      behind.push_back(w.holder);
+  bool held = std::find(behind.begin(), behind.end(), x.holder) != behind.end();
+  ExpectResult r{x.entry, held, x.owner + " waited behind " + x.holder + on(x) + " " + when(x)};
+  if (!held) r.text += ", found behind " + list(behind);
+  return r;
+}
+
+/// A wait goes on while its holder changes: the spans of one owner on one
+/// resource that follow each other without a gap are one wait.
+ExpectResult checkMaxWait(const ExpectEntry& x, World& world) {
+  long now = world.nowMs();
+  std::vector<Span> waits = world.waits();
+  std::vector<long> startMs(waits.size());
+  const Span* longest = nullptr;
+  long longestMs = 0;
+  for (std::size_t i = 0; i < waits.size(); ++i) {
+    const Span& w = waits[i];
+    startMs[i] = w.fromMs;
+    for (std::size_t j = 0; j < i; ++j)
+      if (waits[j].owner == w.owner && waits[j].resource == w.resource && waits[j].toMs == w.fromMs)
+        startMs[i] = startMs[j];
+    long ms = (w.toMs < 0 ? now : w.toMs) - startMs[i];
+    if (onLeaves(x, w) && ms > longestMs) longestMs = ms, longest = &w;
+  }
+  std::string what =
+      "no wait on " + x.resource + " longer than " + std::to_string(x.count) + " ms " + when(x);
+  ExpectResult r{x.entry, longestMs <= x.count, what};
+  if (!r.held)
+    r.text += ", found " + longest->owner + "'s of " + std::to_string(longestMs) + " ms on " +
+              longest->resource;
+  return r;
+}
+
+ExpectResult checkNotifiedTimes(const ExpectEntry& x, World& world) {
+  return compare(x, x.module + " told \"__onResource__\"", std::to_string(x.count) + " times",
+                 std::to_string(world.notifiedOf(x.module).size()) + " times");
+}
+
+ExpectResult checkGrantedAt(const ExpectEntry& x, World& world) {
+  std::vector<long> grants;
+  for (const Span& h : world.holdings())
+    if (h.owner == x.owner && onLeaves(x, h)) grants.push_back(h.fromMs);
+  bool held = std::any_of(grants.begin(), grants.end(),
+                          [&](long ms) { return ms >= x.fromMs && ms <= x.toMs; });
+  ExpectResult r{x.entry, held,
+                 x.owner + " granted" + (x.resource.empty() ? "" : " " + x.resource) + " within [" +
+                     std::to_string(x.fromMs) + ", " + std::to_string(x.toMs) + "] ms " + when(x)};
+  if (!held) {
+    std::string at;
+    for (std::size_t i = 0; i < grants.size(); ++i)
+      at += (i ? ", " : "") + std::to_string(grants[i]);
+    r.text += ", found grants at [" + at + "] ms";
+  }
   return r;
 }
 
@@ -95,6 +171,14 @@ ExpectResult check(const ExpectEntry& x, World& world) {
       return checkFinding(x, world.deadlocks(), "a deadlock");
     case ExpectKind::StaleWait:
       return checkFinding(x, world.staleWaits(), "a stale wait");
+    case ExpectKind::WaitedBehind:
+      return checkWaitedBehind(x, world);
+    case ExpectKind::MaxWait:
+      return checkMaxWait(x, world);
+    case ExpectKind::NotifiedTimes:
+      return checkNotifiedTimes(x, world);
+    case ExpectKind::GrantedAt:
+      return checkGrantedAt(x, world);
   }
   return ExpectResult{x.entry, false, "unknown expectation"};
 }

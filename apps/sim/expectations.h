@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "scenario.h"
+#include "span.h"
 
 namespace zusim {
 
@@ -41,6 +42,12 @@ class World {
   virtual std::vector<Finding> deadlocks() = 0;
   /// The stale waits reported so far, oldest first.
   virtual std::vector<Finding> staleWaits() = 0;
+  /// The waits and the holdings so far, oldest first; those still running
+  /// have a negative `toMs`.
+  virtual std::vector<Span> waits() = 0;
+  virtual std::vector<Span> holdings() = 0;
+  /// The run's time now, in ms.
+  virtual long nowMs() = 0;
 };
 
 struct ExpectResult {

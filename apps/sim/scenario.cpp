@@ -5,6 +5,7 @@
 #include <fstream>
 #include <functional>
 #include <sstream>
+#include <tuple>
 #include <unordered_set>
 
 #include <nlohmann/json.hpp>
@@ -81,6 +82,17 @@ class Entry {
   /// A time in ms, from 0 to kMaxMs.
   long time(const char* key, long fallback, bool required = false) const {
     return integer(key, fallback, 0, kMaxMs, required);
+  }
+  /// A pair [lo, hi] of times in ms, lo <= hi.
+  std::pair<long, long> timeRange(const char* key) const {
+    const json& v = value_.at(key);
+    auto time = [](const json& t) {
+      return t.is_number_unsigned() && t.get<std::uint64_t>() <= static_cast<std::uint64_t>(kMaxMs);
+    };
+    if (!v.is_array() || v.size() != 2 || !time(v[0]) || !time(v[1]) || v[0] > v[1])
+      fail(std::string("\"") + key + "\" must be [from, to], two times in ms from 0 to " +
+           std::to_string(kMaxMs) + " with from <= to, not " + v.dump());
+    return {v[0].get<long>(), v[1].get<long>()};
   }
   bool boolean(const char* key) const {
     if (!has(key)) fail(std::string("missing field \"") + key + "\"");
@@ -243,14 +255,54 @@ void parseDiagnosis(const Entry& e, const Scenario& s, ExpectEntry& x) {
   x.resource = e.optionalText("resource");
   if (!x.resource.empty() && knownResource(e, s, x.resource).kind == ResourceKind::Group)
     e.fail("waits are on plain and state resources; " + quoteName(x.resource) + " is a group");
+  x.fromMs = e.time("from", 0);
+  x.toMs = e.time("to", kMaxMs);
+  if (x.fromMs > x.toMs) e.fail("\"from\" is after \"to\"");
+}
+
+/// The expectations on an owner's or a module's history over the run:
+/// waitedBehind, maxWaitMs, notifiedTimes, grantedAtMs. Returns false when
+/// `e` is none of them.
+bool parseHistory(const Entry& e, const Scenario& s, ExpectEntry& x) {
+  if (e.has("notifiedTimes")) {
+    x.kind = ExpectKind::NotifiedTimes;
+    x.module = e.text("module");
+    if (!s.findModule(x.module)) e.fail("unknown module " + quoteName(x.module));
+    x.count = e.integer("notifiedTimes", 0, 0, kMaxMs, true);
+  } else if (e.has("waitedBehind")) {
+    x.kind = ExpectKind::WaitedBehind;
+    x.owner = e.name("owner", "owner");
+    knownOwner(e, s, x.owner);
+    x.holder = e.name("waitedBehind", "owner");
+    knownOwner(e, s, x.holder);
+  } else if (e.has("maxWaitMs")) {
+    x.kind = ExpectKind::MaxWait;
+    x.resource = e.text("resource");
+    x.count = e.time("maxWaitMs", 0, true);
+  } else if (e.has("grantedAtMs")) {
+    x.kind = ExpectKind::GrantedAt;
+    x.owner = e.name("owner", "owner");
+    knownOwner(e, s, x.owner);
+    std::tie(x.fromMs, x.toMs) = e.timeRange("grantedAtMs");
+  } else {
+    return false;
+  }
+  if (x.kind != ExpectKind::NotifiedTimes && e.has("resource")) {
+    x.resource = e.text("resource");
+    knownResource(e, s, x.resource);
+    x.leaves = s.leavesOf(x.resource);
+  }
+  return true;
 }
 
 void parseExpectation(const Entry& e, Scenario& s) {
   // What an expectation may ask for: a failure other than these is not foreseeable.
   static const OutcomeKind kOutcomes[] = {OutcomeKind::Granted, OutcomeKind::NotObtained,
                                           OutcomeKind::TimedOut, OutcomeKind::Stopped};
-  e.allow({"at", "resource", "holder", "holders", "activated", "owner", "outcome", "notObtained",
-           "error", "module", "notified", "deadlock", "staleWait", "owners"});
+  e.allow({"at",       "resource",     "holder",      "holders",       "activated",
+           "owner",    "outcome",      "notObtained", "error",         "module",
+           "notified", "deadlock",     "staleWait",   "owners",        "from",
+           "to",       "waitedBehind", "maxWaitMs",   "notifiedTimes", "grantedAtMs"});
   ExpectEntry x;
   x.entry = e.where();
   x.atMs = e.has("at") ? e.time("at", 0) : -1;
@@ -295,13 +347,17 @@ void parseExpectation(const Entry& e, Scenario& s) {
     for (const std::string& n : x.names) knownResource(e, s, n);
   } else if (e.has("deadlock") || e.has("staleWait")) {
     parseDiagnosis(e, s, x);
-  } else {
+  } else if (!parseHistory(e, s, x)) {
     e.fail(
         "say what is expected: \"holder\", \"holders\", \"activated\", \"outcome\", "
-        "\"notified\", \"deadlock\" or \"staleWait\"");
+        "\"notified\", \"deadlock\", \"staleWait\", \"waitedBehind\", \"maxWaitMs\", "
+        "\"notifiedTimes\" or \"grantedAtMs\"");
   }
   if (x.kind != ExpectKind::Deadlock && x.kind != ExpectKind::StaleWait && e.has("owners"))
     e.fail("only \"deadlock\" and \"staleWait\" take \"owners\"");
+  if (x.kind != ExpectKind::Deadlock && x.kind != ExpectKind::StaleWait &&
+      (e.has("from") || e.has("to")))
+    e.fail("only \"deadlock\" and \"staleWait\" take \"from\" and \"to\"");
   s.expectations.push_back(x);
 }
 

@@ -75,7 +75,19 @@ enum class OutcomeKind { Granted, NotObtained, TimedOut, Stopped, Failed };
 /// "granted", "not obtained", "timed out", "stopped", "failed".
 const char* outcomeName(OutcomeKind kind);
 
-enum class ExpectKind { Holder, Holders, Activated, Outcome, Notified, Deadlock, StaleWait };
+enum class ExpectKind {
+  Holder,
+  Holders,
+  Activated,
+  Outcome,
+  Notified,
+  Deadlock,
+  StaleWait,
+  WaitedBehind,
+  MaxWait,
+  NotifiedTimes,
+  GrantedAt
+};
 
 /// One expectation, checked at `atMs` or, when `atMs` is negative, once the
 /// scenario is over. A Deadlock or StaleWait expectation asks whether one was
@@ -87,7 +99,8 @@ struct ExpectEntry {
   std::string resource;            // Holder, Holders, Activated; optional for the others
   std::string owner;               // Outcome
   std::string module;              // Notified
-  std::string holder;              // Holder: an owner name, or "emptyOwner" for free
+  std::string holder;              // Holder: an owner name, or "emptyOwner" for free;
+                                   // WaitedBehind: the owner waited behind
   std::vector<std::string> names;  // Holders, Notified, Outcome's notObtained;
                                    // Deadlock, StaleWait: the owners involved, if given
   bool activated = false;
@@ -95,6 +108,13 @@ struct ExpectEntry {
   bool checkNames = false;  // Outcome: "notObtained" was given
   std::string error;        // Outcome: exact error description, if given
   bool reported = false;    // Deadlock, StaleWait: whether one is expected
+  // WaitedBehind, MaxWait, GrantedAt: the leaves of `resource` (every one when empty).
+  std::vector<std::string> leaves;
+  long count = 0;  // MaxWait: the longest wait in ms; NotifiedTimes: how many times
+  // GrantedAt: when the grant may come; Deadlock, StaleWait: the window a
+  // report counts in (the whole run by default). Both ends included.
+  long fromMs = 0;
+  long toMs = kMaxMs;
 };
 
 struct Scenario {

@@ -58,6 +58,9 @@ class Simulation : public World, public RunView {
   std::vector<std::string> notifiedOf(const std::string& module) override;
   std::vector<Finding> deadlocks() override { return diagnosis_.deadlocks(); }
   std::vector<Finding> staleWaits() override { return diagnosis_.staleWaits(); }
+  std::vector<Span> waits() override { return timeline_.waits(); }
+  std::vector<Span> holdings() override { return timeline_.holdings(); }
+  long nowMs() override { return log_.now(); }
 
  private:
   struct Owner;

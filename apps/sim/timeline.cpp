@@ -107,6 +107,16 @@ std::vector<std::string> Timeline::heldSince(const std::string& owner,
   return out;
 }
 
+std::vector<Span> Timeline::waits() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return waits_;
+}
+
+std::vector<Span> Timeline::holdings() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return holdings_;
+}
+
 void Timeline::close(long endMs, RunRecord& record) {
   std::lock_guard<std::mutex> lock(mutex_);
   for (std::vector<Span>* spans : {&holdings_, &waits_, &activations_})

@@ -36,6 +36,9 @@ class Timeline {
   /// The leaves of `leaves` that `owner` held at `sinceMs` or later.
   std::vector<std::string> heldSince(const std::string& owner,
                                      const std::vector<std::string>& leaves, long sinceMs) const;
+  /// The waits and the holdings so far; those still running have a negative `toMs`.
+  std::vector<Span> waits() const;
+  std::vector<Span> holdings() const;
   /// Ends every open span at `endMs` and copies the spans into `record`.
   void close(long endMs, RunRecord& record);
 

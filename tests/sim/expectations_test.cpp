@@ -22,7 +22,12 @@ class FakeWorld : public World {
   std::vector<std::string> notifiedOf(const std::string&) override { return {"Head"}; }
   std::vector<Finding> deadlocks() override { return deadlockList; }
   std::vector<Finding> staleWaits() override { return {}; }
+  std::vector<Span> waits() override { return waitList; }
+  std::vector<Span> holdings() override { return holdingList; }
+  long nowMs() override { return 1000; }
   std::vector<Finding> deadlockList;
+  std::vector<Span> waitList;
+  std::vector<Span> holdingList;
 };
 
 ExpectEntry outcome(const std::string& resource, OutcomeKind kind) {
@@ -98,4 +103,40 @@ TEST_F(Expectations, DeadlockMatchesOwnersResourceAndTime) {
   x.reported = false;
   EXPECT_EQ(check(x, world).text,
             "a deadlock not reported during the run, found \"deadlock: hug -> wave\" at 400 ms");
+}
+
+// A wait that goes on behind a new holder is one wait; one still running counts up to now.
+TEST_F(Expectations, HistoryOfWaitsAndGrants) {
+  world.waitList = {{"Head", "a", 100, 300, "b"},
+                    {"LeftArm", "b", 200, 500, "a"},
+                    {"Head", "a", 300, 600, "c"},
+                    {"RightArm", "c", 700, -1, "a"}};
+  world.holdingList = {{"Head", "b", 0, 300, ""}, {"RightArm", "a", 350, -1, ""}};
+  ExpectEntry x;
+  x.entry = "expect[4]";
+  x.kind = ExpectKind::MaxWait;
+  x.resource = "Head";
+  x.leaves = {"Head"};
+  x.count = 499;
+  EXPECT_EQ(check(x, world).text,
+            "no wait on Head longer than 499 ms at the end, found a's of 500 ms on Head");
+  x.leaves = {"LeftArm", "RightArm"};
+  x.count = 299;
+  EXPECT_FALSE(check(x, world).held);
+  x.kind = ExpectKind::WaitedBehind;
+  x.owner = "a";
+  x.holder = "c";
+  x.leaves.clear();
+  EXPECT_TRUE(check(x, world).held);
+  x.leaves = {"LeftArm"};
+  EXPECT_FALSE(check(x, world).held);
+  x.kind = ExpectKind::GrantedAt;
+  x.resource = "Arms";
+  x.leaves = {"LeftArm", "RightArm"};
+  x.fromMs = 360;
+  x.toMs = 900;
+  EXPECT_EQ(check(x, world).text,
+            "a granted Arms within [360, 900] ms at the end, found grants at [350] ms");
+  x.fromMs = 350;
+  EXPECT_TRUE(check(x, world).held);
 }
