@@ -85,8 +85,9 @@ class ZUResourceList : public ZUResource {
   /// Whether every member is owned by `moduleName` (true when empty).
   /// Takes: resourceListMutex (read).
   bool isResourceOwned(const std::string& moduleName) override;
-  /// The group's own line, then each member's at depth + 1.
-  /// Takes: resourceListMutex (read).
+  /// The group's own line, then each member's at depth + 1, however deep.
+  /// Takes: each group's resourceListMutex (read) in turn, while copying its
+  /// members; no two at once.
   std::string httpGet(int depth) override;
   /// [own value] or [own value, [valid member values...]]; the own value alone
   /// when it is invalid. Takes: resourceListMutex (read).
