@@ -57,11 +57,12 @@ TEST(Simulation, WaitsAreToldOfTheRequesterNotOfTheModule) {
                                              "y waits for Arm, held by h2"}));
   EXPECT_EQ(run.texts(EventKind::TimedOut).size(), 2u);
   // The chart is drawn from the same events as the log, at the times it prints.
-  for (const Event& e : run.events)
-    if (e.kind == EventKind::Waiting)
-      EXPECT_TRUE(std::any_of(run.record.waits.begin(), run.record.waits.end(), [&](const Span& w) {
-        return w.owner == e.owner && w.resource == e.resource && w.fromMs == e.ms;
-      })) << e.text;
+  for (const Event& e : run.events) {
+    if (e.kind != EventKind::Waiting) continue;
+    EXPECT_TRUE(std::any_of(run.record.waits.begin(), run.record.waits.end(), [&](const Span& w) {
+      return w.owner == e.owner && w.resource == e.resource && w.fromMs == e.ms;
+    })) << e.text;
+  }
 }
 
 // A descendant's later grant of the free resource is no hand-down, though its release hands back.
