@@ -224,3 +224,24 @@ TEST(Simulation, ExplainsAStopOfItsOwnAndADeactivationThatStoppedEarly) {
                   "period; r was not told and still holds S"));
   EXPECT_TRUE(run.record.allHeld());
 }
+
+// The one wait the simulator adds, around calls for an owner that may be handed
+// resources down, is logged with its reason.
+TEST(Simulation, ACallKeptApartFromTheOwnersRunningCallSaysSo) {
+  Played run = play(R"({
+    "resources": [{"name": "Head"}, {"name": "Arm"}],
+    "modules": [{"name": "M", "onResource": "release"}, {"name": "Q", "onResource": "ignore"}],
+    "owners": [{"name": "a", "module": "Q"}, {"name": "a/b", "module": "M"},
+               {"name": "c", "module": "Q"}, {"name": "d", "module": "Q"}],
+    "actions": [
+      {"at": 0, "owner": "c", "do": "waitFor", "resource": "Head"},
+      {"at": 0, "owner": "a/b", "do": "waitFor", "resource": "Arm"},
+      {"at": 100, "owner": "a/b", "do": "waitFor", "resource": "Head", "timeout": 1},
+      {"at": 200, "owner": "d", "do": "waitFor", "resource": "Arm", "timeout": 3}],
+    "expect": [{"owner": "d", "outcome": "granted"}]})");
+  EXPECT_TRUE(has(run.texts(EventKind::Manager),
+                  "a/b's release of Arm waits for a/b's running call: the simulator keeps one "
+                  "owner's calls apart, since a hand-down records the giver where a release reads "
+                  "it"));
+  EXPECT_TRUE(run.record.allHeld());
+}
