@@ -101,32 +101,34 @@ bool ZUResourceList::isResourceFree() {
 std::string ZUResourceList::httpGet(int depth) {
   // The whole tree is written into one text, depth first, with a list of the
   // open groups instead of recursion: a text built level by level would be
-  // copied once more at every level of nesting. Each group's members are
-  // copied under its lock, so that no more than one lock is held at a time,
-  // however deep the tree.
+  // copied once more at every level of nesting. Each open group's
+  // resourceListMutex is held (read) until its last member is written, as a
+  // nested call would hold it, so that no member is let go during the walk.
   struct Open {
-    std::vector<boost::shared_ptr<ZUResource> > members;
+    ZUResourceList* group;
+    std::unique_ptr<ZUCriticalSectionRead> lock;
     std::size_t next;
     int depth;
   };
   std::vector<Open> open;
   std::string text = ZUResource::httpGet(depth);
-  open.push_back(Open{getResourceList(), 0, depth});
+  open.push_back(Open{this, std::make_unique<ZUCriticalSectionRead>(resourceListMutex), 0, depth});
   while (!open.empty()) {
     Open& top = open.back();
-    if (top.next == top.members.size()) {
+    if (top.next == top.group->resourceList.size()) {
       open.pop_back();
       continue;
     }
-    const boost::shared_ptr<ZUResource> member = top.members[top.next++];
+    ZUResource* member = top.group->resourceList[top.next++].get();
     const int memberDepth = top.depth + 1;
     if (typeid(*member) != typeid(ZUResourceList)) {
       text += member->httpGet(memberDepth);
       continue;
     }
-    ZUResourceList& group = static_cast<ZUResourceList&>(*member);
-    text += group.ZUResource::httpGet(memberDepth);
-    open.push_back(Open{group.getResourceList(), 0, memberDepth});
+    ZUResourceList* group = static_cast<ZUResourceList*>(member);
+    text += group->ZUResource::httpGet(memberDepth);
+    open.push_back(Open{group, std::make_unique<ZUCriticalSectionRead>(group->resourceListMutex), 0,
+                        memberDepth});
   }
   return text;
 }

@@ -87,8 +87,9 @@ class ZUResourceList : public ZUResource {
   /// Takes: resourceListMutex (read).
   bool isResourceOwned(const std::string& moduleName) override;
   /// The group's own line, then each member's at depth + 1, however deep.
-  /// Takes: each group's resourceListMutex (read) in turn, while copying its
-  /// members; no two at once.
+  /// Takes: resourceListMutex (read), and each nested group's while its
+  /// members are written (one per level: more than 64 levels are more than
+  /// the thread sanitizer follows).
   std::string httpGet(int depth) override;
   /// [own value] or [own value, [valid member values...]]; the own value alone
   /// when it is invalid. Takes: resourceListMutex (read).
