@@ -15,7 +15,7 @@ namespace {
 // `removed`; remove() sets `removed`, then looks at `inFlight` (both in the
 // single total order of sequentially consistent operations): either the
 // delivery sees the removal and calls nothing, or remove() sees the call and
-// waits for it. The last call to leave after a removal wakes remove() under
+// waits for it. A call that leaves after a removal wakes remove() under
 // `mutex`, which remove() holds while it tests, so no wake-up is lost.
 struct Registration {
   explicit Registration(const boost::shared_ptr<ZUObserver>& o) : observer(o) {}
@@ -26,8 +26,11 @@ struct Registration {
   std::condition_variable idle;
 };
 
+// Every call that leaves after a removal wakes remove(): one called from
+// inside the observer waits for the count to fall to its own calls, not to 0.
 void leave(Registration& r) {
-  if (r.inFlight.fetch_sub(1) == 1 && r.removed.load()) {
+  r.inFlight.fetch_sub(1);
+  if (r.removed.load()) {
     std::lock_guard<std::mutex> lock(r.mutex);
     r.idle.notify_all();
   }
