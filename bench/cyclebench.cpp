@@ -8,6 +8,8 @@
 #include <benchmark/benchmark.h>
 #include <boost/make_shared.hpp>
 
+#include <zuresource/zucontract.h>
+
 #include "benchsupport.h"
 
 namespace zubench {
@@ -73,7 +75,7 @@ __attribute__((noinline)) void passByValue(OwnerPtr owner) {
 void floorCycleWithHandles(benchmark::State& state) {
   FloorLocks locks;
   OwnerPtr owner = makeOwner("box/a");
-  OwnerPtr placeholder = makeOwner("emptyOwner");
+  OwnerPtr placeholder = makeOwner(ZU::contract::kPlaceholderName);
   ZU::ZUHolderHandle holder;
   holder.store(placeholder);
   for (auto _ : state) {

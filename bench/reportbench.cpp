@@ -5,6 +5,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include <zuresource/zucontract.h>
+
 #include "benchsupport.h"
 
 namespace zubench {
@@ -22,7 +24,7 @@ struct Line {
 void collectLines(const ResourcePtr& resource, int depth, std::vector<Line>& lines) {
   Line line{depth, resource->name, false, "", "", "", ""};
   OwnerPtr holder = resource->currentOwner.load();
-  if (holder->name != "emptyOwner") {
+  if (holder->name != ZU::contract::kPlaceholderName) {
     line.held = true;
     line.module = holder->moduleName;
     line.type = holder->ownerType;

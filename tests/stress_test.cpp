@@ -21,6 +21,7 @@
 
 #include <zuhost/zubroker.h>
 
+#include <zuresource/zucontract.h>
 #include <zuresource/zuresourcelist.h>
 #include <zuresource/zuresourcestate.h>
 
@@ -239,9 +240,10 @@ class Family {
   // The two documented errors: a timeout on one of the target's leaves, or a box stop.
   static bool documented(const ZU::ZUError& error, const Target& target) {
     const std::string& text = error.getDescription();
-    const std::string prefix = "resource wait has timeouted on ";
-    return error.getModule() == "ResourceManager" && error.getMethod() == "waitResource" &&
-           (text == "box stop while waiting" ||
+    const std::string prefix = ZU::contract::kWaitTimedOutPrefix;
+    return error.getModule() == ZU::contract::kWaitErrorModule &&
+           error.getMethod() == ZU::contract::kWaitErrorMethod &&
+           (text == ZU::contract::kStopWhileWaiting ||
             (text.rfind(prefix, 0) == 0 && target.leafNames.count(text.substr(prefix.size()))));
   }
 
@@ -285,7 +287,7 @@ class Family {
     try {
       state->releaseState();
     } catch (const ZU::ZUError& error) {  // a strong holder that did not let go at once
-      if (error.getDescription() != "resource wait has timeouted on " + state->name)
+      if (error.getDescription() != ZU::contract::waitTimedOut(state->name))
         world_.fail("releaseState of " + state->name + ": " + error.toString());
     }
   }

@@ -6,12 +6,13 @@
 #include <boost/make_shared.hpp>
 #include <gtest/gtest.h>
 
+#include <zuresource/zucontract.h>
 #include <zuresource/zuexplain.h>
 #include <zuresource/zuwaitregistry.h>
 
+#include "support/asyncrun.h"
 #include "support/recordingmodule.h"
 #include "support/resourcehelpers.h"
-#include "support/waitforrun.h"
 
 using namespace ZU;
 using Answer = ZUExplanation::Answer;
@@ -68,7 +69,7 @@ TEST_F(ZUExplainTest, PlainAnswersMatchWhatWaitForDoes) {
   EXPECT_TRUE(answersThenDoes(Answer::AlreadyHeld, "", arm, makeOwner("box", "OtherModule")));
   EXPECT_TRUE(answersThenDoes(Answer::GivesUp, "Arm", arm, a, {"Leg", "Arm"}, -1));
   a->freeResource();  // as when it released something earlier: its flag is set
-  EXPECT_TRUE(answersThenDoes(Answer::Waits, "box stop while waiting", arm, a, {}, -1));
+  EXPECT_TRUE(answersThenDoes(Answer::Waits, ZU::contract::kStopWhileWaiting, arm, a, {}, -1));
 
   EXPECT_TRUE(answersThenDoes(Answer::HandedDown, "", arm, makeOwner("box/child", "Child")));
 }
@@ -89,7 +90,7 @@ TEST_F(ZUExplainTest, OtherStrongHolderMakesTheOwnerWaitBehindEarlierWaiters) {
   EXPECT_EQ(waitersBefore, b->copyWaiters());  // asking added no waiter, told nobody
   EXPECT_EQ(1u, module.calls().size());
 
-  EXPECT_TRUE(answersThenDoes(Answer::Waits, "resource wait has timeouted on Arm", arm, a));
+  EXPECT_TRUE(answersThenDoes(Answer::Waits, ZU::contract::waitTimedOut("Arm"), arm, a));
   module.waitIdle();
   EXPECT_EQ((Names{"Arm", "Arm"}), module.calls());
 }
@@ -108,7 +109,7 @@ TEST_F(ZUExplainTest, StateAnswersMatchWhatWaitForDoes) {
   startWaiting(standing);
   EXPECT_EQ("Standing: not activated: a would wait for activation, after [\"C\"]",
             explain(standing, a).toString());
-  EXPECT_TRUE(answersThenDoes(Answer::AwaitsActivation, "resource wait has timeouted on Standing",
+  EXPECT_TRUE(answersThenDoes(Answer::AwaitsActivation, ZU::contract::waitTimedOut("Standing"),
                               standing, a));
   EXPECT_TRUE(answersThenDoes(Answer::GivesUp, "Standing", standing, a, {"Standing"}, -1));
   EXPECT_TRUE(answersThenDoes(Answer::HandedDown, "", standing, makeOwner("Standing/child", "C")));
@@ -127,7 +128,7 @@ TEST_F(ZUExplainTest, GroupAnswersPerMemberMatchWhatTheWalkDoes) {
       "take it | Arm: held by b (module B): a would wait behind it, after []} | Standing: not "
       "activated: a would wait for activation, after []}",
       explain(group, a).toString());
-  EXPECT_TRUE(answersThenDoes(Answer::Group, "resource wait has timeouted on Arm", group, a));
+  EXPECT_TRUE(answersThenDoes(Answer::Group, ZU::contract::waitTimedOut("Arm"), group, a));
 
   arm->release(b);
   standing->setState(true);

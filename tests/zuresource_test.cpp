@@ -8,12 +8,13 @@
 #include <boost/make_shared.hpp>
 #include <gtest/gtest.h>
 
+#include <zuresource/zucontract.h>
 #include <zuresource/zuresource.h>
 #include <zuresource/zuresourcelist.h>
 
+#include "support/asyncrun.h"
 #include "support/resourcehelpers.h"
 #include "support/scriptedowner.h"
-#include "support/waitforrun.h"
 
 namespace {
 
@@ -48,7 +49,7 @@ class ResourceTest : public ::testing::Test {
 
 TEST_F(ResourceTest, NodeAnswersOnlyItsNameAndRecordsButDoesNotJoinItsParent) {
   EXPECT_TRUE(head->isResourceFree());
-  EXPECT_TRUE(head->isResourceOwned("emptyOwner"));
+  EXPECT_TRUE(head->isResourceOwned(ZU::contract::kPlaceholderName));
   EXPECT_TRUE(head->isInGroup("Head"));
   for (const char* other : {"", "Hea", "HeadX", "head"}) EXPECT_FALSE(head->isInGroup(other));
   auto body = boost::make_shared<ZU::ZUResourceList>("Body", nullptr);
@@ -59,7 +60,7 @@ TEST_F(ResourceTest, NodeAnswersOnlyItsNameAndRecordsButDoesNotJoinItsParent) {
 
 TEST_F(ResourceTest, WaitForAsksOnlyOtherHoldersAndTheirErrorLeavesTheHolder) {
   // A holder named "emptyOwner" reads free, yet it is asked.
-  auto impostor = ScriptedOwner::create("emptyOwner", "Ghost");
+  auto impostor = ScriptedOwner::create(ZU::contract::kPlaceholderName, "Ghost");
   head->switchOwner(impostor, "", 0);
   EXPECT_TRUE(head->isResourceFree());
   OwnerPtr box = strong("box");

@@ -8,12 +8,13 @@
 
 #include <zuhost/zubroker.h>
 
+#include <zuresource/zucontract.h>
 #include <zuresource/zuresourcestate.h>
 
+#include "support/asyncrun.h"
 #include "support/recordingmodule.h"
 #include "support/resourcehelpers.h"
 #include "support/stopwatch.h"
-#include "support/waitforrun.h"
 
 namespace {
 
@@ -59,7 +60,7 @@ TEST_F(StateResourceTest, WaitsPollTheActivation) {
   auto error = errorOf([&] { s->waitFor(makeOwner("a", "A"), "", 0, {"s", "S "}); });
   EXPECT_ELAPSED_NEAR(watch.elapsedMs(), 200);
   ASSERT_TRUE(error);
-  EXPECT_EQ(error->getDescription(), "resource wait has timeouted on S");
+  EXPECT_EQ(error->getDescription(), ZU::contract::waitTimedOut("S"));
   EXPECT_EQ(s->ownersGet().serializeToText(), R"(["S","S",[]])");
 
   zutest::WaitForRun run(s, makeOwner("m", "M"), -1);
@@ -95,7 +96,7 @@ TEST_F(StateResourceTest, DeactivationTellsHoldersUntilAStrongOneHoldsOnAndKeeps
 
   auto error = errorOf([&] { s->releaseState(); });
   ASSERT_TRUE(error);
-  EXPECT_EQ(error->getDescription(), "resource wait has timeouted on S");
+  EXPECT_EQ(error->getDescription(), ZU::contract::waitTimedOut("S"));
   moduleA.waitIdle();
   moduleB.waitIdle();
   EXPECT_EQ(moduleA.calls(), (Names{"S", "S"}));

@@ -4,12 +4,12 @@
 #include <boost/make_shared.hpp>
 #include <gtest/gtest.h>
 
+#include <zuresource/zucontract.h>
 #include <zuresource/zustalewaitchecker.h>
 #include <zuresource/zuwaitregistry.h>
 
-#include "support/conflictrun.h"
+#include "support/asyncrun.h"
 #include "support/resourcehelpers.h"
-#include "support/waitforrun.h"
 
 using namespace ZU;
 using zutest::makeGroup;
@@ -62,7 +62,7 @@ TEST_F(ZUStaleWaitCheckerTest, WaitOnAHolderThatAlreadyLetGoIsReported) {
   EXPECT_TRUE(checker.check({boost::make_shared<ZUResource>("Head", nullptr)}).empty());
 
   waiter->freeResource();  // nothing else would ever end this wait
-  EXPECT_TRUE(zutest::waitFailed(run.wait(), "box stop while waiting"));
+  EXPECT_TRUE(zutest::waitFailed(run.wait(), ZU::contract::kStopWhileWaiting));
   EXPECT_TRUE(checker.check(body).empty());
 }
 
@@ -92,7 +92,7 @@ TEST_F(ZUStaleWaitCheckerTest, WaitForAnActivationThatAlreadyHappenedIsReported)
   ASSERT_EQ(1u, stale.size());
   EXPECT_EQ(0u, stale[0].toString().find("stale wait: w waits on Standing for Standing,"));
   waiter->freeResource();
-  EXPECT_TRUE(zutest::waitFailed(run.wait(), "box stop while waiting"));
+  EXPECT_TRUE(zutest::waitFailed(run.wait(), ZU::contract::kStopWhileWaiting));
 }
 
 }  // namespace

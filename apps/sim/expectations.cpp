@@ -25,7 +25,7 @@ ExpectResult compare(const ExpectEntry& x, const std::string& what, const std::s
 }
 
 std::string describe(const Outcome& o) {
-  std::string text = o.kind;
+  std::string text = outcomeName(o.kind);
   if (!o.notObtained.empty()) text += " " + list(o.notObtained);
   if (!o.error.empty()) text += " (\"" + o.error + "\")";
   return text;

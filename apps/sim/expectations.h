@@ -10,7 +10,7 @@ namespace zusim {
 /// How one request of an owner ended.
 struct Outcome {
   std::string resource;
-  std::string kind;  // "granted", "not obtained", "timed out", "stopped", "failed"
+  OutcomeKind kind = OutcomeKind::Granted;
   std::vector<std::string> notObtained;
   std::string error;  // the ZUError's description, when it failed
   long ms = 0;

@@ -8,8 +8,8 @@
 #include <thread>
 
 #include "eventlog.h"
+#include "runrecord.h"
 #include "scenario.h"
-#include "simulation.h"
 
 namespace httplib {
 class Server;
@@ -21,7 +21,7 @@ namespace zusim {
 /// resource's status line as the library renders it (as text: markup in a
 /// name shows as markup characters, never as markup), the waits running now
 /// with any deadlock and stale wait among them, and the latest events; and
-/// "/explain?owner=NAME&resource=NAME": what waitFor would do now, as text
+/// "/explain?owner=NAME&resource=NAME": what waitFor would do now, as plain text
 /// (404 for an unknown owner or resource, 400 when either is missing).
 ///
 /// Thread safety: start(), finished() and stop() are called from one thread;
@@ -29,7 +29,7 @@ namespace zusim {
 /// simulation and the log through their thread-safe queries.
 class LiveServer {
  public:
-  LiveServer(const Scenario& scenario, Simulation& simulation, EventLog& log);
+  LiveServer(const Scenario& scenario, RunView& simulation, EventLog& log);
   ~LiveServer();
   LiveServer(const LiveServer&) = delete;
   LiveServer& operator=(const LiveServer&) = delete;
@@ -44,13 +44,13 @@ class LiveServer {
 
   /// The page as it is now.
   std::string page();
-  /// The answer to an explain query, as a page; `status` is set to the HTTP
-  /// status.
+  /// The answer to an explain query, as plain text (names as they are, no
+  /// entities); `status` is set to the HTTP status.
   std::string explainPage(const std::string& owner, const std::string& resource, int& status);
 
  private:
   const Scenario& scenario_;
-  Simulation& simulation_;
+  RunView& simulation_;
   EventLog& log_;
   std::atomic<int> status_{-1};              // -1 while the scenario runs
   std::unique_ptr<httplib::Server> server_;  // set by start(), before the thread

@@ -9,8 +9,7 @@
 #include <zuhost/zumutex.h>
 
 #include <zuresource/zuexplain.h>
-#include <zuresource/zuresourcelist.h>
-#include <zuresource/zuresourcestate.h>
+#include <zuresource/zuownerstrong.h>
 
 namespace zusim {
 
@@ -19,11 +18,6 @@ namespace {
 const char kTimeoutError[] = "resource wait has timeouted on ";
 const char kStopError[] = "box stop while waiting";
 const char kFree[] = "emptyOwner";
-// Often enough to see a wait begin long before its first 200 ms poll.
-const std::chrono::milliseconds kWatchPeriod(5);
-// Well under a polling period, so that a stale wait is seen within about one
-// period of turning stale.
-const std::chrono::milliseconds kStaleCheckPeriod(100);
 // Changes this close together are taken as one step of the library.
 const std::chrono::milliseconds kSameMoment(50);
 
@@ -35,19 +29,6 @@ std::string join(const std::vector<std::string>& names) {
 
 bool contains(const std::vector<std::string>& names, const std::string& name) {
   return std::find(names.begin(), names.end(), name) != names.end();
-}
-
-/// `names` sorted, each once.
-std::vector<std::string> distinct(std::vector<std::string> names) {
-  std::sort(names.begin(), names.end());
-  names.erase(std::unique(names.begin(), names.end()), names.end());
-  return names;
-}
-
-std::vector<std::string> moduleNames(const ZU::ZUValue& waiters) {
-  std::vector<std::string> out;
-  for (std::size_t i = 0; i < waiters.size(); ++i) out.push_back(waiters[i].asString());
-  return out;
 }
 
 }  // namespace
@@ -67,8 +48,8 @@ struct Simulation::Owner {
   /// Held around the library calls made for this owner when it may be handed
   /// resources down: a hand-down records the giver in the owner's parent-owner
   /// map, which a release for it reads, and the library leaves it to the
-  /// caller to keep one owner's calls apart. A module's release for such an
-  /// owner therefore waits while the owner waits.
+  /// caller to keep one owner's calls apart. A release for such an owner
+  /// therefore waits while the owner waits, and the log says so.
   std::mutex calls;
 
   // Guarded by Simulation::mutex_.
@@ -76,69 +57,45 @@ struct Simulation::Owner {
   std::vector<std::string> pendingNoWait;  // and the names it will not wait for
   std::vector<std::string> acquired;       // what it asked for and holds, oldest first
   std::vector<Outcome> outcomes;
+  long lastReleaseMs = -1;     // its latest release, which may leave its release flag set
+  bool flagAtRequest = false;  // its release flag was set when its pending request began
+  bool stopRequested = false;  // the manager stopped its pending request
 
   Owner(const OwnerEntry& s, boost::shared_ptr<ZU::ZUOwner> o) : entry(s), owner(std::move(o)) {}
-
-  std::unique_lock<std::mutex> serialise() {
-    return mayBeHandedDown ? std::unique_lock<std::mutex>(calls) : std::unique_lock<std::mutex>();
-  }
 };
 
-/// One host module of the scenario.
-struct Simulation::Module {
-  const ModuleEntry& entry;
-  boost::shared_ptr<ZU::ZUModule> module;  // immutable until the destructor
-  std::vector<std::string> notified;       // guarded by Simulation::mutex_
+/// Hands the library's events to the run.
+class Simulation::Events : public ZU::ZUObserver {
+ public:
+  explicit Events(Simulation& run) : run_(run) {}
+  void onEvent(const ZU::ZUEvent& event) override { run_.onEvent(event); }
 
-  explicit Module(const ModuleEntry& s)
-      : entry(s), module(boost::make_shared<ZU::ZUModule>(s.name)) {}
+ private:
+  Simulation& run_;
 };
 
 Simulation::Simulation(const Scenario& scenario, EventLog& log)
-    : scenario_(scenario), log_(log), broker_(boost::make_shared<ZU::ZUBroker>()) {
-  for (const ResourceEntry& r : scenario.resources) {
-    boost::shared_ptr<ZU::ZUResource> made;
-    if (r.kind == ResourceKind::Plain) made = boost::make_shared<ZU::ZUResource>(r.name, nullptr);
-    if (r.kind == ResourceKind::State)
-      made = boost::make_shared<ZU::ZUResourceState>(r.name, nullptr);
-    if (r.kind == ResourceKind::Group)
-      made = boost::make_shared<ZU::ZUResourceList>(r.name, nullptr);
-    resources_[r.name] = made;
-  }
-  for (const ResourceEntry& r : scenario.resources) {
-    for (const std::string& m : r.members) resources_.at(r.name)->addResource(resources_.at(m));
-    if (r.activated) stateResource(r.name)->setState(true);
-  }
-  for (const std::string& r : scenario.roots()) roots_.push_back(resources_.at(r));
-  for (const ModuleEntry& m : scenario.modules) {
-    modules_.push_back(std::make_unique<Module>(m));
-    Module& module = *modules_.back();
-    module.module->bindMethod<std::string>(
-        "__onResource__", [this, &module](const std::string& name) { onResource(module, name); });
-    broker_->addModule(module.module);
-  }
+    : scenario_(scenario),
+      log_(log),
+      stage_(scenario, [this](std::size_t m, const std::string& r) { onResource(m, r); }),
+      timeline_(scenario),
+      diagnosis_(stage_, log),
+      notified_(scenario.modules.size()) {
   std::vector<std::string> givers;
   for (const OwnerEntry& o : scenario.owners) givers.push_back(o.name);
   for (const ResourceEntry& r : scenario.resources)
     if (r.kind == ResourceKind::State) givers.push_back(r.name);
-  for (const OwnerEntry& o : scenario.owners) {
-    owners_.push_back(
-        std::make_unique<Owner>(o, ZU::ZUResource::createOwner(0, o.name, o.module, nullptr)));
-    owners_.back()->owner->setParentBroker(broker_);
+  for (const Stage::Owner& o : stage_.owners()) {
+    owners_.push_back(std::make_unique<Owner>(*o.entry, o.owner));
+    const std::string& name = o.entry->name;
     owners_.back()->mayBeHandedDown =
         std::any_of(givers.begin(), givers.end(), [&](const std::string& g) {
-          return g.size() < o.name.size() && o.name.compare(0, g.size(), g) == 0;
+          return g.size() < name.size() && name.compare(0, g.size(), g) == 0;
         });
   }
 }
 
-Simulation::~Simulation() {
-  // The modules go first: their methods refer to this simulation.
-  for (auto& m : modules_) {
-    broker_->removeModule(m->entry.name);
-    m->module.reset();
-  }
-}
+Simulation::~Simulation() = default;
 
 // --- The run. -----------------------------------------------------------------
 
@@ -151,14 +108,14 @@ RunRecord Simulation::run() {
     (ownThread ? byOwner[a.owner] : managerActions).push_back(&a);
   }
   RunRecord record;
-  last_ = sample();
+  for (const ResourceEntry& r : scenario_.resources)
+    if (r.activated) timeline_.activated(r.name, true, 0);
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    observe(last_, 0);
     running_ = static_cast<int>(byOwner.size());
   }
-  watching_ = true;
-  std::thread watcher(&Simulation::watch, this);
+  boost::shared_ptr<Events> events = boost::make_shared<Events>(*this);
+  ZU::ZUObservers::add(events);
   std::thread checker(&Simulation::checkerThread, this, std::ref(record.results));
   std::thread manager(&Simulation::managerThread, this, managerActions);
   std::vector<std::thread> threads;
@@ -173,35 +130,21 @@ RunRecord Simulation::run() {
   }
   go_.notify_all();
 
-  // Owners still waiting when the scenario stops are stopped by the manager.
-  std::vector<Owner*> stuck;
+  bool ended;
   {
     std::unique_lock<std::mutex> lock(mutex_);
-    if (!ownersDone_.wait_until(lock, log_.at(scenario_.stopAtMs),
-                                [this] { return running_ == 0; }))
-      for (auto& o : owners_)
-        if (!o->pending.empty()) stuck.push_back(o.get());
+    ended =
+        ownersDone_.wait_until(lock, log_.at(scenario_.stopAtMs), [this] { return running_ == 0; });
   }
-  for (Owner* o : stuck) stopWaiting(*o, "the scenario stops");
+  if (!ended) stopEverything();
   for (std::thread& t : threads) t.join();
   manager.join();
   checker.join();
-  for (auto& m : modules_) m->module->waitIdle();
-  watching_ = false;
-  watcher.join();
+  stage_.waitIdle();
+  ZU::ZUObservers::remove(events);
 
   record.endMs = log_.now();
-  Sample last = sample();
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    observe(last, record.endMs);
-    for (std::vector<Span>* spans : {&holdings_, &waits_, &activations_})
-      for (Span& s : *spans)
-        if (s.toMs < 0) s.toMs = record.endMs;
-    record.holdings = holdings_;
-    record.waits = waits_;
-    record.activations = activations_;
-  }
+  timeline_.close(record.endMs, record);
   for (const ExpectEntry& x : scenario_.expectations)
     if (x.atMs < 0) record.results.push_back(check(x, *this));
   record.finalStatus = statusLines();
@@ -217,6 +160,19 @@ void Simulation::ownerThread(Owner& o, const std::vector<const ActionEntry*>& ac
   awaitStart();
   for (const ActionEntry* a : actions) {
     std::this_thread::sleep_until(log_.at(a->atMs));
+    bool stopped;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      stopped = stopped_;
+    }
+    // A blocking request may delay an owner's later actions past stopAt.
+    if (stopped) {
+      log_.add(EventKind::Manager, o.entry.name, a->resource,
+               a->entry + " of " + o.entry.name + " (at " + std::to_string(a->atMs) +
+                   " ms) is dropped: the scenario stopped at " +
+                   std::to_string(scenario_.stopAtMs) + " ms");
+      continue;
+    }
     if (a->kind == ActionKind::WaitFor) waitFor(o, *a);
     if (a->kind == ActionKind::Release) release(o, a->resource, "");
     if (a->kind == ActionKind::SwitchOwner) switchOwner(o, *a);
@@ -233,7 +189,12 @@ void Simulation::managerThread(const std::vector<const ActionEntry*>& actions) {
     if (a->kind == ActionKind::Stop) {
       log_.add(EventKind::Manager, a->owner, a->resource,
                "the manager stops " + a->owner + " on " + a->resource);
-      release(ownerNamed(a->owner), a->resource, " (stopped by the manager)");
+      Owner& o = ownerNamed(a->owner);
+      {
+        std::lock_guard<std::mutex> lock(mutex_);
+        o.stopRequested = !o.pending.empty();
+      }
+      release(o, a->resource, " (stopped by the manager)");
     } else {
       setState(*a);
     }
@@ -260,22 +221,24 @@ void Simulation::waitFor(Owner& o, const ActionEntry& a) {
   if (!a.noWait.empty()) limit += ", no wait for " + join(a.noWait);
   log_.add(EventKind::Request, who, a.resource,
            who + " requests " + a.resource + " (" + limit + ")");
-  std::map<std::string, std::string> before = leafHolders(a.resource);
+  std::map<std::string, std::string> before = stage_.leafHolders(a.resource);
   {
     std::lock_guard<std::mutex> lock(mutex_);
     o.pending = a.resource;
     o.pendingNoWait = a.noWait;
+    o.flagAtRequest = o.owner->resourceFreed;
+    o.stopRequested = false;
   }
   Outcome out;
   out.resource = a.resource;
-  std::unique_lock<std::mutex> calls = o.serialise();
+  std::unique_lock<std::mutex> calls = serialise(o, who + "'s request of " + a.resource);
   try {
-    out.notObtained = resource(a.resource)->waitFor(o.owner, a.label, a.timeout, a.noWait);
-    out.kind = out.notObtained.empty() ? "granted" : "not obtained";
+    out.notObtained = stage_.resource(a.resource)->waitFor(o.owner, a.label, a.timeout, a.noWait);
+    out.kind = out.notObtained.empty() ? OutcomeKind::Granted : OutcomeKind::NotObtained;
     // A hand-down is the one change of holder that records the giver as the
     // new holder's parent owner for that resource.
     for (const auto& b : before) {
-      if (b.second == who || b.second == kFree || holderOf(b.first) != who) continue;
+      if (b.second == who || b.second == kFree || stage_.holderOf(b.first) != who) continue;
       boost::shared_ptr<ZU::ZUOwner> parent = o.owner->getParentOwner(b.first);
       if (parent && parent->name == b.second)
         log_.add(EventKind::HandedDown, who, b.first,
@@ -283,9 +246,10 @@ void Simulation::waitFor(Owner& o, const ActionEntry& a) {
     }
   } catch (const ZU::ZUError& e) {
     out.error = e.getDescription();
-    out.kind = out.error.compare(0, sizeof kTimeoutError - 1, kTimeoutError) == 0 ? "timed out"
-               : out.error == kStopError                                          ? "stopped"
-                                                                                  : "failed";
+    out.kind = out.error.compare(0, sizeof kTimeoutError - 1, kTimeoutError) == 0
+                   ? OutcomeKind::TimedOut
+               : out.error == kStopError ? OutcomeKind::Stopped
+                                         : OutcomeKind::Failed;
   }
   if (calls) calls.unlock();
   finish(o, out);
@@ -296,46 +260,44 @@ void Simulation::finish(Owner& o, const Outcome& result) {
   std::vector<std::string> leaves = scenario_.leavesOf(result.resource);
   std::vector<std::string> heldNow;
   for (const std::string& l : leaves)
-    if (holds(l, who)) heldNow.push_back(l);
+    if (stage_.holds(l, who)) heldNow.push_back(l);
   std::lock_guard<std::mutex> lock(mutex_);
   Outcome out = result;
   out.ms = log_.now();
   o.pending.clear();
   o.outcomes.push_back(out);
-  std::string lane = result.resource;
-  for (Span& w : waits_) {
-    if (w.owner != who || w.toMs >= 0) continue;
-    w.toMs = out.ms;
-    lane = w.resource;
-  }
-  if (out.kind == "granted" || !heldNow.empty()) o.acquired.push_back(result.resource);
-  if (out.kind == "granted") {
+  std::string lane = timeline_.waitsEnd(who, out.ms, result.resource);
+  bool granted = out.kind == OutcomeKind::Granted;
+  if (granted || !heldNow.empty()) o.acquired.push_back(result.resource);
+  if (granted) {
     log_.add(EventKind::Granted, who, result.resource, who + " is granted " + result.resource);
-  } else if (out.kind == "not obtained") {
+    return;
+  }
+  if (out.kind == OutcomeKind::NotObtained) {
     log_.add(EventKind::NotObtained, who, out.notObtained.front(),
              who + " gives up on " + join(out.notObtained) + " (busy, on its no-wait list)" +
                  (heldNow.empty() ? "" : "; it holds " + join(heldNow)));
-  } else {
-    if (out.kind == "timed out") lane = out.error.substr(sizeof kTimeoutError - 1);
-    EventKind kind = out.kind == "timed out" ? EventKind::TimedOut
-                     : out.kind == "stopped" ? EventKind::Stopped
-                                             : EventKind::Failed;
-    log_.add(kind, who, lane,
-             who + "'s wait for " + result.resource + " fails: \"" + out.error + "\"");
-    // What the owner held in the group until the failure, and no longer holds,
-    // was given back by the group on the way out. A holding that ended well
-    // before the failure was let go for another reason.
-    std::vector<std::string> given;
-    for (const Span& h : holdings_) {
-      bool untilTheFailure = h.toMs < 0 || h.toMs >= out.ms - kSameMoment.count();
-      if (h.owner == who && untilTheFailure && contains(leaves, h.resource) &&
-          !contains(heldNow, h.resource) && !contains(given, h.resource) && h.resource != lane)
-        given.push_back(h.resource);
-    }
-    for (const std::string& g : given)
+    return;
+  }
+  if (out.kind == OutcomeKind::TimedOut) lane = out.error.substr(sizeof kTimeoutError - 1);
+  EventKind kind = out.kind == OutcomeKind::TimedOut  ? EventKind::TimedOut
+                   : out.kind == OutcomeKind::Stopped ? EventKind::Stopped
+                                                      : EventKind::Failed;
+  // A stop that nobody asked for: the owner's own release set its flag, and
+  // no wait on it has cleared the flag since.
+  std::string why;
+  if (out.kind == OutcomeKind::Stopped && !o.stopRequested && o.flagAtRequest &&
+      o.lastReleaseMs >= 0)
+    why = " (own release at " + std::to_string(o.lastReleaseMs) + " ms left the release flag set)";
+  log_.add(kind, who, lane,
+           who + "'s wait for " + result.resource + " fails: \"" + out.error + "\"" + why);
+  // What the owner held in the group until the failure, and no longer holds,
+  // was given back by the group on the way out. A holding that ended well
+  // before the failure was let go for another reason.
+  for (const std::string& g : timeline_.heldSince(who, leaves, out.ms - kSameMoment.count()))
+    if (!contains(heldNow, g) && g != lane)
       log_.add(EventKind::GaveBack, who, g,
                who + " gives back " + g + ": its wait for " + result.resource + " failed");
-  }
 }
 
 void Simulation::release(Owner& o, const std::string& name, const std::string& why) {
@@ -343,18 +305,22 @@ void Simulation::release(Owner& o, const std::string& name, const std::string& w
   std::vector<std::string> leaves = scenario_.leavesOf(name);
   std::vector<std::string> heldBefore;
   for (const std::string& l : leaves)
-    if (holds(l, who)) heldBefore.push_back(l);
-  std::unique_lock<std::mutex> calls = o.serialise();
-  resource(name)->release(o.owner);
+    if (stage_.holds(l, who)) heldBefore.push_back(l);
+  std::unique_lock<std::mutex> calls = serialise(o, who + "'s release of " + name);
+  stage_.resource(name)->release(o.owner);
   if (calls) calls.unlock();
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    o.lastReleaseMs = log_.now();
+  }
   std::vector<std::string> released;
   for (const std::string& l : heldBefore) {
-    if (stateResource(l) || holderOf(l) == kFree) {
+    std::string holder = stage_.stateResource(l) ? kFree : stage_.holderOf(l);
+    if (holder == kFree)
       released.push_back(l);
-    } else if (holderOf(l) != who) {
+    else if (holder != who)
       log_.add(EventKind::HandedBack, who, l,
-               l + " is handed back from " + who + " to " + holderOf(l) + why);
-    }
+               l + " is handed back from " + who + " to " + holder + why);
   }
   if (!released.empty())
     log_.add(
@@ -371,12 +337,13 @@ void Simulation::release(Owner& o, const std::string& name, const std::string& w
 }
 
 void Simulation::switchOwner(Owner& o, const ActionEntry& a) {
-  std::map<std::string, std::string> before = leafHolders(a.resource);
+  std::map<std::string, std::string> before = stage_.leafHolders(a.resource);
   std::string was;
   for (const auto& b : before)
     was += (was.empty() ? "" : ", ") + (before.size() == 1 ? b.second : b.first + ": " + b.second);
-  std::unique_lock<std::mutex> calls = o.serialise();
-  resource(a.resource)->switchOwner(o.owner, a.label, a.timeout);
+  std::unique_lock<std::mutex> calls =
+      serialise(o, o.entry.name + "'s switchOwner of " + a.resource);
+  stage_.resource(a.resource)->switchOwner(o.owner, a.label, a.timeout);
   if (calls) calls.unlock();
   log_.add(EventKind::Switched, o.entry.name, a.resource,
            a.resource + " is switched over to " + o.entry.name +
@@ -386,37 +353,83 @@ void Simulation::switchOwner(Owner& o, const ActionEntry& a) {
 }
 
 void Simulation::setState(const ActionEntry& a) {
-  ZU::ZUResourceState* state = stateResource(a.resource);
-  if (a.kind == ActionKind::SetState) {
-    log_.add(
-        EventKind::State, "", a.resource,
-        a.resource + (a.activated ? " is activated" : " is deactivated; its holders are told"));
-    state->setState(a.activated);
+  ZU::ZUResourceState* state = stage_.stateResource(a.resource);
+  if (a.kind == ActionKind::SetState && a.activated) {
+    log_.add(EventKind::State, "", a.resource, a.resource + " is activated");
+    state->setState(true);
     return;
   }
-  log_.add(EventKind::State, "", a.resource,
-           a.resource + " is deactivated by releaseState; its holders are told");
-  try {
-    state->releaseState();
-  } catch (const ZU::ZUError& e) {
-    log_.add(EventKind::Failed, "", a.resource,
-             "releaseState on " + a.resource + " ends with \"" + e.getDescription() + "\"");
+  std::vector<std::string> holders = stage_.holdersOf(a.resource);
+  std::vector<std::size_t> toldBefore = notifications(a.resource);
+  if (a.kind == ActionKind::SetState) {
+    log_.add(EventKind::State, "", a.resource,
+             a.resource + " is deactivated; its holders are told");
+    state->setState(false);
+  } else {
+    log_.add(EventKind::State, "", a.resource,
+             a.resource + " is deactivated by releaseState; its holders are told");
+    try {
+      state->releaseState();
+    } catch (const ZU::ZUError& e) {
+      log_.add(EventKind::Failed, "", a.resource,
+               "releaseState on " + a.resource + " ends with \"" + e.getDescription() + "\"");
+    }
   }
+  // The holders are told in turn, each given one polling period to let go;
+  // the telling ends at the first that has not (a release of the state
+  // resource waits until the telling is over), and the rest are never told.
+  std::vector<std::size_t> toldAfter = notifications(a.resource);
+  std::string last;
+  std::vector<std::string> untold;
+  for (const std::string& h : holders) {
+    int n = stage_.ownerNumber(h);
+    std::size_t m = n < 0 ? 0 : scenario_.moduleIndex.at(ownerNamed(h).entry.module);
+    if (n >= 0 && toldAfter[m] > toldBefore[m])
+      last = h;
+    else
+      untold.push_back(h);
+  }
+  if (!last.empty() && !untold.empty())
+    log_.add(EventKind::State, "", a.resource,
+             "the deactivation of " + a.resource + " stopped at " + last +
+                 ", which had not let go within one polling period; " + join(untold) +
+                 (untold.size() == 1 ? " was" : " were") + " not told and still hold" +
+                 (untold.size() == 1 ? "s " : " ") + a.resource);
 }
 
-void Simulation::onResource(Module& m, const std::string& name) {
+std::vector<std::size_t> Simulation::notifications(const std::string& resource) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::vector<std::size_t> out;
+  for (const std::vector<std::string>& told : notified_)
+    out.push_back(static_cast<std::size_t>(std::count(told.begin(), told.end(), resource)));
+  return out;
+}
+
+void Simulation::onResource(std::size_t module, const std::string& name) {
+  const ModuleEntry& m = scenario_.modules[module];
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    m.notified.push_back(name);
+    notified_[module].push_back(name);
   }
   log_.add(EventKind::Notified, "", name,
-           m.entry.name + " is told \"__onResource__\" for " + name +
-               (m.entry.releases ? " and lets go in " + std::to_string(m.entry.delayMs) + " ms"
-                                 : " and ignores it"));
-  if (!m.entry.releases) return;
-  std::this_thread::sleep_for(std::chrono::milliseconds(m.entry.delayMs));
+           m.name + " is told \"__onResource__\" for " + name +
+               (m.releases ? " and lets go in " + std::to_string(m.delayMs) + " ms"
+                           : " and ignores it"));
+  if (!m.releases) return;
+  {
+    std::unique_lock<std::mutex> lock(mutex_);
+    EventLog::Clock::time_point until =
+        EventLog::Clock::now() + std::chrono::milliseconds(m.delayMs);
+    if (stopping_.wait_until(lock, until, [this] { return stopped_; })) {
+      lock.unlock();
+      log_.add(EventKind::Manager, "", name,
+               m.name + "'s release of " + name + " is dropped: the scenario stopped at " +
+                   std::to_string(scenario_.stopAtMs) + " ms");
+      return;
+    }
+  }
   for (auto& o : owners_) {
-    if (o->entry.module != m.entry.name || !holds(name, o->entry.name)) continue;
+    if (o->entry.module != m.name || !stage_.holds(name, o->entry.name)) continue;
     // The owner gives up what it asked for that holds the wanted resource.
     std::string what = name;
     {
@@ -428,240 +441,81 @@ void Simulation::onResource(Module& m, const std::string& name) {
   }
 }
 
-void Simulation::stopWaiting(Owner& o, const std::string& why) {
-  std::string pending;
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    pending = o.pending;
-  }
-  if (pending.empty()) return;
-  log_.add(EventKind::Manager, o.entry.name, pending,
-           why + ": the manager stops " + o.entry.name + ", still waiting for " + pending);
-  release(o, pending, " (stopped by the manager)");
+void Simulation::stopEverything() {
+  std::vector<Owner*> logged;
+  std::unique_lock<std::mutex> lock(mutex_);
+  stopped_ = true;
+  stopping_.notify_all();
+  do {
+    for (auto& o : owners_) {
+      if (o->pending.empty()) continue;
+      // The release flag ends the wait at its next poll, whatever it waits on.
+      o->stopRequested = true;
+      o->owner->freeResource();
+      if (std::find(logged.begin(), logged.end(), o.get()) != logged.end()) continue;
+      logged.push_back(o.get());
+      log_.add(EventKind::Manager, o->entry.name, o->pending,
+               "the scenario stops: the manager stops " + o->entry.name + ", still waiting for " +
+                   o->pending);
+    }
+  } while (!ownersDone_.wait_for(lock, std::chrono::milliseconds(ZU::ZUOwnerStrong::kPollPeriodMs),
+                                 [this] { return running_ == 0; }));
 }
 
-// --- Observation. ---------------------------------------------------------------
+std::unique_lock<std::mutex> Simulation::serialise(Owner& o, const std::string& what) {
+  if (!o.mayBeHandedDown) return std::unique_lock<std::mutex>();
+  std::unique_lock<std::mutex> calls(o.calls, std::try_to_lock);
+  if (calls) return calls;
+  log_.add(EventKind::Manager, o.entry.name, "",
+           what + " waits for " + o.entry.name +
+               "'s running call: the simulator keeps one owner's calls apart, since a "
+               "hand-down records the giver where a release reads it");
+  calls.lock();
+  return calls;
+}
 
-void Simulation::watch() {
-  awaitStart();
-  EventLog::Clock::time_point nextStaleCheck = EventLog::Clock::now() + kStaleCheckPeriod;
-  while (watching_) {
-    std::this_thread::sleep_for(kWatchPeriod);
-    Sample now = sample();
+// --- The library's events. -------------------------------------------------------
+
+void Simulation::onEvent(const ZU::ZUEvent& e) {
+  using Kind = ZU::ZUEvent::Kind;
+  long ms = log_.msOf(e.time);
+  if (e.kind == Kind::DeadlockFormed || e.kind == Kind::DeadlockBroken ||
+      e.kind == Kind::StaleWait) {
+    diagnosis_.record(e, ms);
+    return;
+  }
+  const ResourceEntry* r = scenario_.findResource(e.resource);
+  bool deactivation = r && r->kind == ResourceKind::State && e.owner == e.resource;
+  if (!r || (!deactivation && stage_.ownerNumber(e.owner) < 0)) return;  // another run's
+  bool news = timeline_.record(e, ms);
+  if (e.kind == Kind::Waiting && news) {
+    if (deactivation)
+      log_.add(ms, EventKind::Waiting, "", e.resource,
+               "the deactivation of " + e.resource + " waits for " + e.holder + " to let go");
+    else if (e.holder == e.resource && r->kind == ResourceKind::State)
+      log_.add(ms, EventKind::Waiting, e.owner, e.resource,
+               e.owner + " waits for " + e.resource + " to be activated");
+    else
+      log_.add(ms, EventKind::Waiting, e.owner, e.resource,
+               e.owner + " waits for " + e.resource + ", held by " + e.holder);
+  } else if (e.kind == Kind::Granted && r->kind != ResourceKind::Group &&
+             e.grant != ZU::ZUEvent::Grant::AlreadyHeld) {
+    // A group's member taken on the way through the group's walk.
+    std::string pending;
     {
       std::lock_guard<std::mutex> lock(mutex_);
-      observe(now, log_.now());
+      pending = ownerNamed(e.owner).pending;
     }
-    findDeadlocks();
-    if (EventLog::Clock::now() >= nextStaleCheck) {
-      findStaleWaits();
-      nextStaleCheck = EventLog::Clock::now() + kStaleCheckPeriod;
-    }
+    if (!pending.empty() && pending != e.resource &&
+        scenario_.findResource(pending)->kind == ResourceKind::Group)
+      log_.add(ms, EventKind::Granted, e.owner, e.resource,
+               e.owner + " takes " + e.resource + ", a member of " + pending);
   }
-}
-
-void Simulation::findDeadlocks() {
-  for (const ZU::ZUWaitCycle& cycle : ZU::ZUWaitRegistry::findCycles(ourWaits())) {
-    std::vector<std::uint64_t> ids;
-    std::vector<std::string> owners;
-    Finding found;
-    for (const ZU::ZUWait& w : cycle.edges) {
-      ids.push_back(w.id);
-      owners.push_back(w.waiter);
-      found.resources.push_back(w.resource);
-    }
-    if (!cyclesSeen_.insert(ids).second) continue;
-    found.owners = distinct(owners);
-    found.text = describe(cycle);
-    std::lock_guard<std::mutex> lock(mutex_);
-    found.ms = log_.now();
-    deadlocks_.push_back(found);
-    log_.add(EventKind::Deadlock, cycle.edges.front().waiter, cycle.edges.front().resource,
-             found.text);
-  }
-}
-
-void Simulation::findStaleWaits() {
-  std::vector<ZU::ZUStaleWait> stale = staleChecker_.check(roots_);
-  std::lock_guard<std::mutex> lock(mutex_);
-  staleNow_.clear();
-  for (const ZU::ZUStaleWait& s : stale) {
-    if (!isOurs(s.wait)) continue;
-    staleNow_.push_back(s.toString());
-    if (!s.firstReport) continue;
-    staleWaits_.push_back(
-        {log_.now(), distinct({s.wait.waiter, s.wait.holder}), {s.wait.resource}, s.toString()});
-    log_.add(EventKind::StaleWait, s.wait.waiter, s.wait.resource, s.toString());
-  }
-}
-
-bool Simulation::isOurs(const ZU::ZUWait& wait) const {
-  boost::shared_ptr<ZU::ZUOwner> waiter = wait.waiterOwner.lock();
-  return std::any_of(owners_.begin(), owners_.end(),
-                     [&](const std::unique_ptr<Owner>& o) { return o->owner == waiter; });
-}
-
-std::vector<ZU::ZUWait> Simulation::ourWaits() const {
-  std::vector<ZU::ZUWait> waits = ZU::ZUWaitRegistry::snapshot();
-  waits.erase(std::remove_if(waits.begin(), waits.end(),
-                             [this](const ZU::ZUWait& w) { return !isOurs(w); }),
-              waits.end());
-  return waits;
-}
-
-std::string Simulation::describe(const ZU::ZUWaitCycle& cycle) const {
-  std::string text = "deadlock: ";
-  EventLog::Clock::time_point formed;
-  for (std::size_t i = 0; i < cycle.edges.size(); ++i) {
-    const ZU::ZUWait& w = cycle.edges[i];
-    text += (i ? ", " : "") + w.waiter + " -> " + w.holder + " (" + w.resource + ")";
-    formed = std::max(formed, w.since);
-  }
-  return text + "; formed at " + std::to_string(log_.msOf(formed)) + " ms";
-}
-
-Simulation::Sample Simulation::sample() {
-  Sample s = last_;  // a state resource busy telling its holders keeps its last holders
-  s.waiters.clear();
-  for (const ResourceEntry& r : scenario_.resources) {
-    if (r.kind == ResourceKind::Plain) s.holder[r.name] = holderOf(r.name);
-    if (r.kind != ResourceKind::State) continue;
-    ZU::ZUResourceState* state = stateResource(r.name);
-    s.activated[r.name] = state->state;
-    bool busy = false;
-    ZU::ZUCriticalTrueIfLocked lock(state->holdersMutex, busy);
-    if (!busy) {
-      s.holders[r.name].clear();
-      for (const auto& h : state->holders) s.holders[r.name].push_back(h->name);
-    }
-    s.waiters.push_back({r.name, true, moduleNames(state->stateOwner->copyWaiters())});
-  }
-  for (const auto& o : owners_)
-    s.waiters.push_back({o->entry.name, false, moduleNames(o->owner->copyWaiters())});
-  return s;
-}
-
-void Simulation::close(std::vector<Span>& spans, const std::string& resource,
-                       const std::string& owner, long ms) {
-  for (Span& s : spans)
-    if (s.resource == resource && s.owner == owner && s.toMs < 0) s.toMs = ms;
-}
-
-void Simulation::observe(const Sample& now, long ms) {
-  for (const auto& h : now.holder) {
-    std::string was = last_.holder.count(h.first) ? last_.holder.at(h.first) : kFree;
-    if (was == h.second) continue;
-    close(holdings_, h.first, was, ms);
-    if (h.second == kFree) continue;
-    holdings_.push_back({h.first, h.second, ms, -1, ""});
-    // A group's member taken on the way through the group's walk.
-    for (const auto& o : owners_)
-      if (o->entry.name == h.second && !o->pending.empty() && o->pending != h.first &&
-          contains(scenario_.leavesOf(o->pending), h.first))
-        log_.add(EventKind::Granted, h.second, h.first,
-                 h.second + " takes " + h.first + ", a member of " + o->pending);
-  }
-  for (const auto& h : now.holders) {
-    std::vector<std::string> was =
-        last_.holders.count(h.first) ? last_.holders.at(h.first) : std::vector<std::string>();
-    for (const std::string& name : was)
-      if (!contains(h.second, name)) close(holdings_, h.first, name, ms);
-    for (const std::string& name : h.second)
-      if (!contains(was, name)) holdings_.push_back({h.first, name, ms, -1, ""});
-  }
-  for (const auto& a : now.activated) {
-    bool was = last_.activated.count(a.first) && last_.activated.at(a.first);
-    if (a.second && (!was || activations_.empty()))
-      activations_.push_back({a.first, "", ms, -1, ""});
-    if (!a.second && was) close(activations_, a.first, "", ms);
-  }
-  for (std::size_t i = 0; i < now.waiters.size(); ++i) {
-    const Sample::Waiters& on = now.waiters[i];
-    std::vector<std::string> was =
-        i < last_.waiters.size() ? last_.waiters[i].modules : std::vector<std::string>();
-    std::map<std::string, int> change;
-    for (const std::string& m : on.modules) ++change[m];
-    for (const std::string& m : was) --change[m];
-    for (const auto& c : change) {
-      for (int k = 0; k < c.second; ++k) noticeWaiter(now, on, c.first, ms);
-      for (int k = 0; k > c.second; --k) endWaiter(on.holder, c.first, ms);
-    }
-  }
-  last_ = now;
-}
-
-void Simulation::noticeWaiter(const Sample& now, const Sample::Waiters& on,
-                              const std::string& module, long ms) {
-  // The waiter is an owner of that module whose request is running and takes
-  // in a resource that the holder holds; a group is walked in member order,
-  // so it is the first such member that the request does not skip. An owner
-  // never waits on itself.
-  for (const auto& o : owners_) {
-    if (o->entry.module != module || o->pending.empty() || o->entry.name == on.holder) continue;
-    for (const std::string& l : scenario_.leavesOf(o->pending)) {
-      if (contains(o->pendingNoWait, l)) continue;
-      // An activated state resource is granted at once, whoever else holds
-      // it: an owner waits on another owner for a plain resource only.
-      bool heldByIt = now.holder.count(l) && now.holder.at(l) == on.holder;
-      if (on.activation ? l != on.holder : !heldByIt) continue;
-      waits_.push_back({l, o->entry.name, ms, -1, on.holder});
-      log_.add(EventKind::Waiting, o->entry.name, l,
-               o->entry.name + (on.activation ? " waits for " + l + " to be activated"
-                                              : " waits for " + l + ", held by " + on.holder));
-      return;
-    }
-  }
-  // A deactivation asks the holders of the state resource to let go.
-  if (!on.activation && scenario_.findResource(module)) {
-    waits_.push_back({module, "", ms, -1, on.holder});
-    log_.add(EventKind::Waiting, "", module,
-             "the deactivation of " + module + " waits for " + on.holder + " to let go");
-  }
-}
-
-void Simulation::endWaiter(const std::string& holder, const std::string& module, long ms) {
-  for (Span& w : waits_) {
-    if (w.holder != holder || w.toMs >= 0) continue;
-    const OwnerEntry* o = scenario_.findOwner(w.owner);
-    if (o ? o->module == module : w.resource == module) {
-      w.toMs = ms;
-      return;
-    }
-  }
-}
-
-std::map<std::string, std::string> Simulation::leafHolders(const std::string& name) {
-  std::map<std::string, std::string> out;
-  for (const std::string& l : scenario_.leavesOf(name))
-    if (!stateResource(l)) out[l] = holderOf(l);
-  return out;
-}
-
-bool Simulation::holds(const std::string& leaf, const std::string& owner) {
-  return stateResource(leaf) ? contains(holdersOf(leaf), owner) : holderOf(leaf) == owner;
 }
 
 // --- Queries. --------------------------------------------------------------------
 
-std::vector<std::string> Simulation::statusLines() {
-  std::vector<std::string> lines;
-  for (const std::string& r : scenario_.roots()) lines.push_back(resource(r)->httpGet(0));
-  return lines;
-}
-
-std::string Simulation::holderOf(const std::string& name) {
-  return resource(name)->currentOwner.load()->name;
-}
-
-std::vector<std::string> Simulation::holdersOf(const std::string& name) {
-  ZU::ZUResourceState* state = stateResource(name);
-  std::vector<std::string> out;
-  ZU::ZUCriticalSection lock(state->holdersMutex);
-  for (const auto& h : state->holders) out.push_back(h->name);
-  return out;
-}
-
-bool Simulation::isActivated(const std::string& name) { return stateResource(name)->state; }
+bool Simulation::isActivated(const std::string& name) { return stage_.stateResource(name)->state; }
 
 std::vector<Outcome> Simulation::outcomesOf(const std::string& owner) {
   std::lock_guard<std::mutex> lock(mutex_);
@@ -670,51 +524,23 @@ std::vector<Outcome> Simulation::outcomesOf(const std::string& owner) {
 
 std::vector<std::string> Simulation::notifiedOf(const std::string& module) {
   std::lock_guard<std::mutex> lock(mutex_);
-  for (const auto& m : modules_)
-    if (m->entry.name == module) return m->notified;
+  for (std::size_t i = 0; i < scenario_.modules.size(); ++i)
+    if (scenario_.modules[i].name == module) return notified_[i];
   return {};
 }
 
-std::vector<Finding> Simulation::deadlocks() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return deadlocks_;
-}
-
-std::vector<Finding> Simulation::staleWaits() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return staleWaits_;
-}
-
-Diagnostics Simulation::diagnostics() {
-  Diagnostics d;
-  std::vector<ZU::ZUWait> waits = ourWaits();
-  for (const ZU::ZUWait& w : waits) d.waits.push_back(w.toString());
-  for (const ZU::ZUWaitCycle& c : ZU::ZUWaitRegistry::findCycles(waits))
-    d.deadlocks.push_back(describe(c));
-  std::lock_guard<std::mutex> lock(mutex_);
-  d.staleWaits = staleNow_;
-  return d;
-}
-
 std::string Simulation::explain(const std::string& owner, const std::string& resourceName) {
-  if (!scenario_.findOwner(owner)) throw std::invalid_argument("unknown owner \"" + owner + "\"");
-  if (!resources_.count(resourceName))
-    throw std::invalid_argument("unknown resource \"" + resourceName + "\"");
-  return ZU::explain(resource(resourceName), ownerNamed(owner).owner).toString();
+  if (stage_.ownerNumber(owner) < 0)
+    throw std::invalid_argument("unknown owner " + quoteName(owner));
+  if (!stage_.hasResource(resourceName))
+    throw std::invalid_argument("unknown resource " + quoteName(resourceName));
+  return ZU::explain(stage_.resource(resourceName), ownerNamed(owner).owner).toString();
 }
 
 Simulation::Owner& Simulation::ownerNamed(const std::string& name) {
-  for (auto& o : owners_)
-    if (o->entry.name == name) return *o;
-  throw std::logic_error("no owner " + name);
-}
-
-boost::shared_ptr<ZU::ZUResource> Simulation::resource(const std::string& name) const {
-  return resources_.at(name);
-}
-
-ZU::ZUResourceState* Simulation::stateResource(const std::string& name) const {
-  return dynamic_cast<ZU::ZUResourceState*>(resources_.at(name).get());
+  int n = stage_.ownerNumber(name);
+  if (n < 0) throw std::logic_error("no owner " + name);
+  return *owners_[static_cast<std::size_t>(n)];
 }
 
 }  // namespace zusim

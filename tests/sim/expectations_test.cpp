@@ -25,7 +25,7 @@ class FakeWorld : public World {
   std::vector<Finding> deadlockList;
 };
 
-ExpectEntry outcome(const std::string& resource, const std::string& kind) {
+ExpectEntry outcome(const std::string& resource, OutcomeKind kind) {
   ExpectEntry x;
   x.entry = "expect[0]";
   x.kind = ExpectKind::Outcome;
@@ -38,10 +38,11 @@ ExpectEntry outcome(const std::string& resource, const std::string& kind) {
 class Expectations : public ::testing::Test {
  protected:
   Expectations() {
-    world.outcomes["a"] = {{"Head", "timed out", {}, "resource wait has timeouted on Head", 100},
-                           {"Arms", "not obtained", {"LeftArm"}, "", 200},
-                           {"Head", "granted", {}, "", 300},
-                           {"Legs", "stopped", {}, "box stop while waiting", 400}};
+    world.outcomes["a"] = {
+        {"Head", OutcomeKind::TimedOut, {}, "resource wait has timeouted on Head", 100},
+        {"Arms", OutcomeKind::NotObtained, {"LeftArm"}, "", 200},
+        {"Head", OutcomeKind::Granted, {}, "", 300},
+        {"Legs", OutcomeKind::Stopped, {}, "box stop while waiting", 400}};
   }
   FakeWorld world;
 };
@@ -49,19 +50,19 @@ class Expectations : public ::testing::Test {
 }  // namespace
 
 TEST_F(Expectations, OutcomeIsTheLatestRequestAndComparesErrorAndNamesOnlyWhenGiven) {
-  EXPECT_TRUE(check(outcome("", "stopped"), world).held);
-  EXPECT_EQ(check(outcome("Head", "timed out"), world).text,
+  EXPECT_TRUE(check(outcome("", OutcomeKind::Stopped), world).held);
+  EXPECT_EQ(check(outcome("Head", OutcomeKind::TimedOut), world).text,
             "a's request of Head: timed out at the end, found granted");
-  EXPECT_EQ(check(outcome("Body", "granted"), world).text,
+  EXPECT_EQ(check(outcome("Body", OutcomeKind::Granted), world).text,
             "a's request of Body: granted at the end, found no request ended");
-  ExpectEntry x = outcome("Arms", "not obtained");
+  ExpectEntry x = outcome("Arms", OutcomeKind::NotObtained);
   EXPECT_TRUE(check(x, world).held);
   x.checkNames = true;
   x.names = {"RightArm"};
   EXPECT_EQ(
       check(x, world).text,
       "a's request of Arms: not obtained [RightArm] at the end, found not obtained [LeftArm]");
-  x = outcome("Legs", "stopped");
+  x = outcome("Legs", OutcomeKind::Stopped);
   x.error = "resource wait has timeouted on Legs";
   EXPECT_FALSE(check(x, world).held);
 }

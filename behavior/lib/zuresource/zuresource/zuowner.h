@@ -68,12 +68,14 @@ class ZUOwner : public boost::enable_shared_from_this<ZUOwner> {
   // --- Virtual operations, in slot order. ---------------------------------
 
   /// `requester` (never empty) wants the resource `resourceName` that this
-  /// owner holds; `timeout` in seconds, negative for no limit. Returns true
-  /// when the resource is handed down to `requester` at once, false when this
-  /// owner no longer holds on to it. Throws ZUError ("ResourceManager",
-  /// "waitResource") when the requester was stopped or the time limit passed.
+  /// owner holds; `timeoutSeconds` in seconds (unlike the `timeout` field, in
+  /// milliseconds), negative for no limit. Returns true when the resource is
+  /// handed down to `requester` at once, false when this owner no longer
+  /// holds on to it. Throws ZUError (contract::kWaitErrorModule,
+  /// contract::kWaitErrorMethod) when the requester was stopped or the time
+  /// limit passed.
   virtual bool conflict(const std::string& resourceName, boost::shared_ptr<ZUOwner> requester,
-                        int timeout) = 0;
+                        int timeoutSeconds) = 0;
   /// This owner gives up its resources. The base version does nothing.
   virtual void freeResource();
   /// Whether `other` is an ancestor of this owner. The base answer is false.

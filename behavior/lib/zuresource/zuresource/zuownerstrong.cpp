@@ -5,6 +5,7 @@
 #include <zuhost/zulog.h>
 #include <zuhost/zuos.h>
 
+#include <zuresource/zucontract.h>
 #include <zuresource/zueventsite.h>
 #include <zuresource/zuownerstrong.h>
 #include <zuresource/zuwaitregistry.h>
@@ -13,7 +14,6 @@ namespace ZU {
 
 namespace {
 const char* const kFile = "behavior/lib/zuresource/zuresource/zuownerstrong";
-const char* const kLogCategory = "behavior.zuressource";
 }  // namespace
 
 ZUOwnerStrong::ZUOwnerStrong(const std::string& name, const std::string& moduleName,
@@ -58,7 +58,7 @@ void ZUOwnerStrong::popWaiter() {
 }
 
 bool ZUOwnerStrong::conflict(const std::string& resourceName, boost::shared_ptr<ZUOwner> requester,
-                             int timeout) {
+                             int timeoutSeconds) {
   if (!requester)
     throw ZUError("ZUOwnerStrong", "conflict", "empty requester owner handle", kFile, __LINE__);
   ZUCriticalSectionRead running(conflictMutex);
@@ -71,18 +71,18 @@ bool ZUOwnerStrong::conflict(const std::string& resourceName, boost::shared_ptr<
     return true;
   }
 
-  addWaiter(requester, timeout);
+  addWaiter(requester, timeoutSeconds);
   resourceFreed = false;
   const bool stoppedBefore = requester->resourceFreed;
   ZUWaitRegistry::Record recorded(requester, *this, resourceName, timeout);  // until any way out
   eventsite::WaitWatch watch(recorded.id(), *this);  // this wait's own checks, at each poll
   if (ZUObservers::active())
-    eventsite::waitEvent(ZUEvent::Kind::Waiting, resourceName, *requester, *this, timeout);
+    eventsite::waitEvent(ZUEvent::Kind::Waiting, resourceName, *requester, *this, timeoutSeconds);
   const boost::posix_time::ptime start = boost::posix_time::microsec_clock::local_time();
-  const boost::posix_time::ptime deadline = start + boost::posix_time::seconds(timeout);
+  const boost::posix_time::ptime deadline = start + boost::posix_time::seconds(timeoutSeconds);
   this->timeout = 0;
   try {
-    notifyConflictOwner(resourceName, requester, timeout);
+    notifyConflictOwner(resourceName, requester, timeoutSeconds);
   } catch (...) {
     popWaiter();  // the lookup failed before the first poll: settle our entry
     throw;
@@ -102,14 +102,16 @@ bool ZUOwnerStrong::conflict(const std::string& resourceName, boost::shared_ptr<
         eventsite::stopped(
             resourceName, requester.get(), *this,
             stoppedBefore ? ZUEvent::Cause::OwnRelease : ZUEvent::Cause::ManagerStop);
-      throw ZUError("ResourceManager", "waitResource", "box stop while waiting", kFile, __LINE__);
+      throw ZUError(contract::kWaitErrorModule, contract::kWaitErrorMethod,
+                    contract::kStopWhileWaiting, kFile, __LINE__);
     }
-    if (timeout >= 0 && deadline < now) {
+    if (timeoutSeconds >= 0 && deadline < now) {
       popWaiter();
       if (ZUObservers::active())
-        eventsite::waitEvent(ZUEvent::Kind::TimedOut, resourceName, *requester, *this, timeout);
-      throw ZUError("ResourceManager", "waitResource",
-                    "resource wait has timeouted on " + resourceName, kFile, __LINE__);
+        eventsite::waitEvent(ZUEvent::Kind::TimedOut, resourceName, *requester, *this,
+                             timeoutSeconds);
+      throw ZUError(contract::kWaitErrorModule, contract::kWaitErrorMethod,
+                    contract::waitTimedOut(resourceName), kFile, __LINE__);
     }
     watch.poll();
   }
@@ -131,13 +133,13 @@ void ZUOwnerStrong::notifyConflictOwner(const std::string& resourceName,
 
 void ZUOwnerStrong::notifyConflictVantor(boost::shared_ptr<ZUOwner> /*requester*/,
                                          int /*timeout*/) {
-  ko::log::LogStream(3, kLogCategory, "", "notifyConflictVantor",
+  ko::log::LogStream(3, contract::kLogCategory, "", "notifyConflictVantor",
                      0)("unimplemented notifyConflictVantor\n");
 }
 
 void ZUOwnerStrong::notifyEndConflictVantor(boost::shared_ptr<ZUOwner> /*requester*/,
                                             int /*timeout*/) {
-  ko::log::LogStream(3, kLogCategory, "", "notifyEndConflictVantor",
+  ko::log::LogStream(3, contract::kLogCategory, "", "notifyEndConflictVantor",
                      0)("unimplemented notifyEndConflictVantor");
 }
 

@@ -39,7 +39,7 @@ class ZUOwnerStrong final : public ZUOwner {
   /// false once this owner is released; ZUError "box stop while waiting" when
   /// the requester's own flag is set at a poll; ZUError "resource wait has
   /// timeouted on <resourceName>" at the first poll after the deadline
-  /// (`timeout` >= 0, wall clock). Every way out of the wait removes the
+  /// (`timeoutSeconds` >= 0, wall clock). Every way out of the wait removes the
   /// oldest entry of `waiters`. An error of the broker while the module is
   /// looked up propagates unchanged; the waiter entry added for this wait is
   /// removed first, so that no entry is left behind.
@@ -51,7 +51,7 @@ class ZUOwnerStrong final : public ZUOwner {
   /// wait). The caller may hold one lock of the resource (its waitMutex, or a
   /// state resource's holdersMutex).
   bool conflict(const std::string& resourceName, boost::shared_ptr<ZUOwner> requester,
-                int timeout) override;
+                int timeoutSeconds) override;
   /// Sets the release flag: every wait on this owner returns false at its next
   /// poll, and this owner's own pending wait fails. No lock.
   void freeResource() override;
@@ -72,7 +72,7 @@ class ZUOwnerStrong final : public ZUOwner {
   void notifyConflictOwner(const std::string& resourceName, boost::shared_ptr<ZUOwner> requester,
                            int timeout);
   /// Hooks for the host's behaviour editor: each writes one log record
-  /// (level 3, "behavior.zuressource") and does nothing else.
+  /// (level 3, contract::kLogCategory) and does nothing else.
   void notifyConflictVantor(boost::shared_ptr<ZUOwner> requester, int timeout);
   void notifyEndConflictVantor(boost::shared_ptr<ZUOwner> requester, int timeout);
 

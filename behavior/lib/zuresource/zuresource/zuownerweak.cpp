@@ -14,7 +14,7 @@ ZUOwnerWeak::ZUOwnerWeak(const std::string& name, const std::string& moduleName)
 ZUOwnerWeak::~ZUOwnerWeak() { ZUCriticalSectionWrite waitForConflicts(conflictMutex); }
 
 bool ZUOwnerWeak::conflict(const std::string& /*resourceName*/,
-                           boost::shared_ptr<ZUOwner> /*requester*/, int /*timeout*/) {
+                           boost::shared_ptr<ZUOwner> /*requester*/, int /*timeoutSeconds*/) {
   return false;
 }
 

@@ -24,7 +24,7 @@ class ZUOwnerWeak final : public ZUOwner {
   /// Returns false at once, for any arguments (an empty requester included).
   /// No lock, no waiter, no notification, never throws.
   bool conflict(const std::string& resourceName, boost::shared_ptr<ZUOwner> requester,
-                int timeout) override;
+                int timeoutSeconds) override;
 };
 
 }  // namespace ZU

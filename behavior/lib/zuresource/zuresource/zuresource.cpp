@@ -4,6 +4,7 @@
 
 #include <boost/make_shared.hpp>
 
+#include <zuresource/zucontract.h>
 #include <zuresource/zueventsite.h>
 #include <zuresource/zuresource.h>
 
@@ -11,14 +12,30 @@ namespace ZU {
 
 namespace {
 const char* const kFile = "behavior/lib/zuresource/zuresource/zuresource";
-const char* const kEmptyOwnerName = "emptyOwner";
 const int kMaxDepth = 1000000;
 
-// Whether `owner` stands for a free resource: it is named "emptyOwner".
+// Whether `owner` stands for a free resource: it bears the placeholder's name.
 bool isPlaceholder(const ZUOwner& owner) {
-  static const std::string placeholderName = kEmptyOwnerName;
+  static const std::string placeholderName = contract::kPlaceholderName;
   return owner.name == placeholderName;
 }
+
+// Wakes the passes sleeping on a wait point as it goes out of scope, once
+// armed.
+class WakeOnExit {
+ public:
+  explicit WakeOnExit(ZUWaitPoint& point) : point_(point) {}
+  ~WakeOnExit() {
+    if (armed_) point_.wake();
+  }
+  WakeOnExit(const WakeOnExit&) = delete;
+  WakeOnExit& operator=(const WakeOnExit&) = delete;
+  void arm() { armed_ = true; }
+
+ private:
+  ZUWaitPoint& point_;
+  bool armed_ = false;
+};
 }  // namespace
 
 // --- Holder handle -------------------------------------------------------------
@@ -62,7 +79,8 @@ ZUResource::~ZUResource() = default;
 
 void ZUResource::init(const std::string& name, boost::shared_ptr<ZUResource> parent) {
   this->name = name;
-  emptyOwner = boost::make_shared<ZUOwnerWeak>(kEmptyOwnerName, kEmptyOwnerName);
+  emptyOwner =
+      boost::make_shared<ZUOwnerWeak>(contract::kPlaceholderName, contract::kPlaceholderName);
   currentOwner.store(emptyOwner);
   resourceMutex = ZUMutex::createZUMutex();
   waitMutex = ZUMutex::createZUMutex();
@@ -101,11 +119,13 @@ bool ZUResource::isResourceOwned(const std::string& moduleName) {
 }
 
 void ZUResource::addResource(boost::shared_ptr<ZUResource> /*resource*/) {
-  throw ZUError("ZUResource", "addResource", "Add resource only in resource list", kFile, 57);
+  throw ZUError("ZUResource", "addResource", "Add resource only in resource list", kFile,
+                contract::kAddResourceErrorLine);
 }
 
 void ZUResource::deleteResource(const std::string& /*resourceName*/) {
-  throw ZUError("ZUResource", "deleteResource", "Delete resource only in resource list", kFile, 63);
+  throw ZUError("ZUResource", "deleteResource", "Delete resource only in resource list", kFile,
+                contract::kDeleteResourceErrorLine);
 }
 
 // --- Acquisition ---------------------------------------------------------------
@@ -125,10 +145,13 @@ std::vector<std::string> ZUResource::waitFor(boost::shared_ptr<ZUOwner> owner,
   }
 
   ZUPendingEvent granted;  // delivered once the locks below are let go
-  bool busy = false;
   for (;;) {
+    const unsigned ticket = passEnded.ticket();  // before waitMutex and the holder
+    bool busy = false;
     {
+      WakeOnExit wake(passEnded);  // destroyed last: after waitMutex is let go
       ZUCriticalTrueIfLocked pass(waitMutex, busy);
+      if (!busy) wake.arm();
 
       // Already held by an owner of that name (the very same object, the usual
       // case, is told by address).
@@ -153,6 +176,7 @@ std::vector<std::string> ZUResource::waitFor(boost::shared_ptr<ZUOwner> owner,
           if (ZUObservers::active())
             eventsite::granted(granted, name, *owner, ZUEvent::Grant::HandedDown, holder.get());
           currentOwner.store(std::move(owner));  // handed down to a descendant
+          wake.arm();
           return std::vector<std::string>();
         }
       }
@@ -167,12 +191,17 @@ std::vector<std::string> ZUResource::waitFor(boost::shared_ptr<ZUOwner> owner,
             eventsite::granted(granted, name, *owner, ZUEvent::Grant::WasFree, nullptr);
           return std::vector<std::string>();
         }
-        busy = true;
       }
     }
-    // Another caller holds waitMutex or took the resource first: retry at
-    // once, only yielding the processor so that the other caller can go on.
-    std::this_thread::yield();
+    if (busy && isFree()) {
+      // Free, but another pass holds waitMutex and is the one to take it: wait
+      // until that pass ends or the holder changes, then look again.
+      passEnded.park(ticket, ZUOwnerStrong::kPollPeriodMs);
+    } else {
+      // Held by an owner (taken meanwhile, or kept): ask it again at once; its
+      // conflict wait is what waits.
+      std::this_thread::yield();
+    }
   }
 }
 
@@ -180,6 +209,7 @@ void ZUResource::switchOwner(boost::shared_ptr<ZUOwner> owner, const std::string
                              int /*timeout*/) {
   requireOwner(owner, "ZUResource", "switchOwner");
   currentOwner.store(owner);
+  passEnded.wake();
   if (ZUObservers::active()) eventsite::emit(ZUEvent::Kind::Switched, name, owner.get());
 }
 
@@ -198,6 +228,7 @@ void ZUResource::release(boost::shared_ptr<ZUOwner> owner) {
       if (ZUObservers::active())
         eventsite::keep(released, ZUEvent::Kind::HandedBack, name, owner.get(), yielder.get());
       currentOwner.store(std::move(yielder));  // back to the owner that handed it down
+      passEnded.wake();
     } else {
       if (ZUObservers::active())
         eventsite::keep(released, ZUEvent::Kind::Released, name, owner.get());
@@ -253,16 +284,20 @@ std::string ZUResource::httpGet(int depth) {
   return text;
 }
 
-ZUValue ZUResource::ownersGet() {
-  boost::shared_ptr<ZUOwner> holder = copyOwner();
+ZUValue ZUResource::holderValue(const std::string& name, const boost::shared_ptr<ZUOwner>& holder) {
   ZUValue result;
-  if (name.compare(0, 2, "ZU") == 0) return result;
   result.arrayPush(ZUValue(name));
   if (holder && !isPlaceholder(*holder)) {
     result.arrayPush(ZUValue(holder->moduleName));
     result.arrayPush(holder->copyWaiters());
   }
   return result;
+}
+
+ZUValue ZUResource::ownersGet() {
+  boost::shared_ptr<ZUOwner> holder = copyOwner();
+  if (name.compare(0, 2, "ZU") == 0) return ZUValue();
+  return holderValue(name, holder);
 }
 
 }  // namespace ZU

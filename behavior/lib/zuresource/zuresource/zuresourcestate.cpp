@@ -114,15 +114,6 @@ std::string ZUResourceState::httpGet(int depth) {
   return text;
 }
 
-ZUValue ZUResourceState::ownersGet() {
-  boost::shared_ptr<ZUOwner> holder = copyOwner();
-  ZUValue result;
-  result.arrayPush(ZUValue(name));
-  if (holder && holder->name != "emptyOwner") {
-    result.arrayPush(ZUValue(holder->moduleName));
-    result.arrayPush(holder->copyWaiters());
-  }
-  return result;
-}
+ZUValue ZUResourceState::ownersGet() { return holderValue(name, copyOwner()); }
 
 }  // namespace ZU

@@ -3,6 +3,7 @@
 #include <set>
 #include <utility>
 
+#include <zuresource/zuvalues.h>
 #include <zuresource/zuwaitregistry.h>
 
 namespace ZU {
@@ -20,13 +21,6 @@ struct Registry {
 Registry& registry() {
   static Registry* const instance = new Registry;
   return *instance;
-}
-
-void pushField(ZUValue& value, const char* key, const ZUValue& field) {
-  ZUValue pair;
-  pair.arrayPush(ZUValue(key));
-  pair.arrayPush(field);
-  value.arrayPush(pair);
 }
 
 // Depth-first search for the cycles through `start` whose other owners all
@@ -86,12 +80,12 @@ std::string ZUWait::toString() const {
 
 ZUValue ZUWait::toValue() const {
   ZUValue value;
-  pushField(value, "waiter", ZUValue(waiter));
-  pushField(value, "waiterModule", ZUValue(waiterModule));
-  pushField(value, "holder", ZUValue(holder));
-  pushField(value, "holderModule", ZUValue(holderModule));
-  pushField(value, "resource", ZUValue(resource));
-  pushField(value, "ageMs", ZUValue(std::to_string(ageMs())));
+  pushKeyValue(value, "waiter", ZUValue(waiter));
+  pushKeyValue(value, "waiterModule", ZUValue(waiterModule));
+  pushKeyValue(value, "holder", ZUValue(holder));
+  pushKeyValue(value, "holderModule", ZUValue(holderModule));
+  pushKeyValue(value, "resource", ZUValue(resource));
+  pushKeyValue(value, "ageMs", ZUValue(std::to_string(ageMs())));
   return value;
 }
 

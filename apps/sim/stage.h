@@ -1,0 +1,94 @@
+#pragma once
+
+// The stage of a run: the library's resources, the broker, its modules and
+// the owners, built from a scenario.
+
+#include <cstddef>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include <boost/shared_ptr.hpp>
+
+#include <zuhost/zubroker.h>
+
+#include <zuresource/zuresource.h>
+#include <zuresource/zuresourcestate.h>
+
+#include "scenario.h"
+
+namespace zusim {
+
+/// Builds a scenario's resources (groups filled in member order, state
+/// resources activated as declared), one host module per module entry and
+/// one owner per owner entry, all attached to one broker.
+///
+/// Thread safety: immutable after construction; the queries may be called
+/// from any thread and take only the library's locks of what they read.
+class Stage {
+ public:
+  /// Called, in the module's task thread, when module number `module` is told
+  /// "__onResource__" for `resource`.
+  using OnResource = std::function<void(std::size_t module, const std::string& resource)>;
+
+  struct Owner {
+    const OwnerEntry* entry;
+    boost::shared_ptr<ZU::ZUOwner> owner;
+  };
+  struct Module {
+    const ModuleEntry* entry;
+    boost::shared_ptr<ZU::ZUModule> module;
+  };
+
+  /// `scenario` must outlive the stage.
+  Stage(const Scenario& scenario, OnResource onResource);
+  /// Takes the modules off the broker first: their methods call back.
+  ~Stage();
+  Stage(const Stage&) = delete;
+  Stage& operator=(const Stage&) = delete;
+
+  const Scenario& scenario() const { return scenario_; }
+  const std::vector<Owner>& owners() const { return owners_; }
+  const std::vector<Module>& modules() const { return modules_; }
+  /// The trees of resources that are no group's member.
+  const std::vector<boost::shared_ptr<ZU::ZUResource>>& roots() const { return roots_; }
+
+  /// The number of the owner named `name`, or -1.
+  int ownerNumber(const std::string& name) const;
+  /// The number of the owner that is `owner`, or -1 (an owner of another run).
+  int ownerNumber(const boost::shared_ptr<ZU::ZUOwner>& owner) const;
+  bool hasResource(const std::string& name) const { return resources_.count(name) != 0; }
+  boost::shared_ptr<ZU::ZUResource> resource(const std::string& name) const;
+  /// The state resource named `name`, or null when it is not one.
+  ZU::ZUResourceState* stateResource(const std::string& name) const;
+
+  /// The name of a plain resource's holder ("emptyOwner" when free). Its
+  /// currentOwner, atomically.
+  std::string holderOf(const std::string& resource) const;
+  /// The names of a state resource's holders, in the order they were
+  /// granted. Its holdersMutex.
+  std::vector<std::string> holdersOf(const std::string& resource) const;
+  /// Whether `owner` holds `leaf` (a plain or state resource) now.
+  bool holds(const std::string& leaf, const std::string& owner) const;
+  /// The plain leaves of `resource` -> their holders' names.
+  std::map<std::string, std::string> leafHolders(const std::string& resource) const;
+  /// Each root resource's httpGet(0).
+  std::vector<std::string> statusLines() const;
+  /// Waits until no module is running a method.
+  void waitIdle() const;
+
+ private:
+  const Scenario& scenario_;
+  boost::shared_ptr<ZU::ZUBroker> broker_;
+  std::unordered_map<std::string, boost::shared_ptr<ZU::ZUResource>> resources_;
+  std::vector<boost::shared_ptr<ZU::ZUResource>> roots_;
+  std::vector<Module> modules_;
+  std::vector<Owner> owners_;
+  std::unordered_map<std::string, int> ownerByName_;
+  std::unordered_map<const ZU::ZUOwner*, int> ownerByHandle_;
+};
+
+}  // namespace zusim
