@@ -143,6 +143,14 @@ class ObserverRegistration {
   boost::shared_ptr<zupy::PyObserver> observer_;
 };
 
+/// The constructor of a resource of class T: (name, parent).
+template <typename T>
+auto resourceInit() {
+  return py::init([](const std::string& name, ResourceHandle parent) {
+    return boost::make_shared<T>(name, parent);
+  });
+}
+
 std::string repr(const char* cls, const std::string& name) {
   return "<zuresource." + std::string(cls) + " " + py::repr(py::str(name)).cast<std::string>() +
          ">";
@@ -259,10 +267,7 @@ PYBIND11_MODULE(zuresource, m) {
       m, "Resource",
       "A plain resource, held by one owner at a time; also the base of StateResource\n"
       "and Group, whose operations are these.")
-      .def(py::init([](const std::string& name, ResourceHandle parent) {
-             return boost::make_shared<ZU::ZUResource>(name, parent);
-           }),
-           "name"_a, "parent"_a = py::none())
+      .def(resourceInit<ZU::ZUResource>(), "name"_a, "parent"_a = py::none())
       .def_property_readonly("name", [](const ZU::ZUResource& r) { return r.name; })
       .def_property_readonly(
           "holder", [](const ZU::ZUResource& r) { return r.currentOwner.load()->name; },
@@ -324,10 +329,7 @@ PYBIND11_MODULE(zuresource, m) {
       m, "StateResource",
       "A condition: while activated any number of owners hold it; while not,\n"
       "requests wait for activation.")
-      .def(py::init([](const std::string& name, ResourceHandle parent) {
-             return boost::make_shared<ZU::ZUResourceState>(name, parent);
-           }),
-           "name"_a, "parent"_a = py::none())
+      .def(resourceInit<ZU::ZUResourceState>(), "name"_a, "parent"_a = py::none())
       .def_property_readonly("activated",
                              [](const ZU::ZUResourceState& r) { return r.state.load(); })
       .def_property_readonly(
