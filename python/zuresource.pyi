@@ -181,6 +181,14 @@ def waits() -> List[Wait]:
 def deadlocks() -> List[List[Wait]]:
     """The cycles among the waits running now, each a list of waits (dicts)."""
 
+def snapshot(roots: Sequence[Resource]) -> Dict[str, Any]:
+    """A picture of the arbitration now, as a dict: taken (seconds on
+    time.monotonic()'s clock); the resources of the trees `roots` (name,
+    kind, holders, activated, members); the owners that hold or wait (name,
+    module, parent_owners as {resource: owner}, release_flag); the running
+    waits, their cycles and the stale waits (with stale_ms). Each resource is
+    read whole; two may be read a moment apart."""
+
 Event = Dict[str, Any]
 
 class Observer(_ContextManager):
