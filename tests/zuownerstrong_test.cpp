@@ -32,10 +32,10 @@ boost::shared_ptr<ZUOwnerStrong> owner(const std::string& name) {
   return boost::make_shared<ZUOwnerStrong>(name, name + "-module", nullptr);
 }
 TEST(StrongOwner, HandsDownAtOnceOnlyToAProperByteDescendant) {
-  const std::pair<const char*, const char*> pairs[] = {
-      {"box/a", "box/a/b"}, {"ab", "abx"}, {"", "x"}};
+  const std::pair<std::string, std::string> pairs[] = {
+      {"box/a", "box/a/b"}, {"ab", "abx"}, {"", "x"}, {"a", std::string("a\0b", 3)}};
   for (const auto& names : pairs) {
-    SCOPED_TRACE(std::string(names.first) + " -> " + names.second);
+    SCOPED_TRACE(names.first + " -> " + names.second);
     auto holder = owner(names.first), requester = owner(names.second);
     holder->freeResource();
     EXPECT_TRUE(holder->conflict("R", requester, 0));

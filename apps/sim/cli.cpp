@@ -45,7 +45,7 @@ void checkWritable(const std::string& option, const std::string& path) {
   if (!writable) throw CommandLineError(option + " " + path + ": cannot be written");
 }
 
-struct OptionSpec {
+struct OptionEntry {
   const char* name;
   const char* value;  // what it takes, or null for a switch
   const char* fallback;
@@ -53,14 +53,32 @@ struct OptionSpec {
   std::function<void(Options&, const std::string&)> set;
 };
 
-const std::vector<OptionSpec>& specs() {
-  static const std::vector<OptionSpec> all = {
+const std::vector<OptionEntry>& optionTable() {
+  static const std::vector<OptionEntry> all = {
       {"--report", "FILE.html", "none",
-       "write a self-contained HTML report with a timeline chart (one scenario)",
+       "write a self-contained HTML report with a timeline chart (one scenario, or the "
+       "replayed run)",
        [](Options& o, const std::string& v) { o.report = v; }},
       {"--junit", "FILE.xml", "none",
        "write the results as JUnit XML: a test suite per scenario, a test case per expectation",
        [](Options& o, const std::string& v) { o.junit = v; }},
+      {"--jsonl", "FILE|-", "none",
+       "write the library's events as JSON lines (the recorder's format) to FILE, or to "
+       "standard output for - (the text log then goes to standard error)",
+       [](Options& o, const std::string& v) { o.jsonl = v; }},
+      {"--record", "FILE.jsonl", "none",
+       "record the run for --replay: a snapshot of the resources, then every event (one "
+       "scenario)",
+       [](Options& o, const std::string& v) { o.record = v; }},
+      {"--replay", "FILE.jsonl", "none",
+       "replay a recording (of the recorder on a robot, or of --record): re-issue its requests, "
+       "releases, switches, state changes and stops at their times and compare the decisions; "
+       "exit status 1 at the first divergence, which is printed with both sides",
+       [](Options& o, const std::string& v) { o.replay = v; }},
+      {"--to-scenario", "FILE.json", "none",
+       "with --replay: write the recording as a scenario, with expectations from the recorded "
+       "outcomes",
+       [](Options& o, const std::string& v) { o.toScenario = v; }},
       {"--serve", "PORT", "off",
        "serve the live status page on http://127.0.0.1:PORT/ while the scenario runs (PORT 0: "
        "any free port, printed at the start; one scenario)",
@@ -104,11 +122,11 @@ Options parseCommandLine(const std::vector<std::string>& args, const std::string
   for (std::size_t i = 0; i < args.size(); ++i) {
     const std::string& arg = args[i];
     const std::string name = arg == "-h" ? "--help" : arg;
-    auto spec = std::find_if(specs().begin(), specs().end(),
-                             [&](const OptionSpec& s) { return name == s.name; });
-    if (spec != specs().end()) {
-      if (spec->value && i + 1 >= args.size()) throw CommandLineError(arg + " needs a value");
-      spec->set(o, spec->value ? args[++i] : std::string());
+    auto option = std::find_if(optionTable().begin(), optionTable().end(),
+                               [&](const OptionEntry& s) { return name == s.name; });
+    if (option != optionTable().end()) {
+      if (option->value && i + 1 >= args.size()) throw CommandLineError(arg + " needs a value");
+      option->set(o, option->value ? args[++i] : std::string());
     } else if (arg != kStandardInput && arg.compare(0, 1, "-") == 0) {
       throw CommandLineError("unknown option " + arg);
     } else if (arg != kStandardInput && std::filesystem::is_directory(arg)) {
@@ -121,12 +139,24 @@ Options parseCommandLine(const std::vector<std::string>& args, const std::string
     }
   }
   if (o.help || o.version) return o;
-  if (o.scenarios.empty()) o.scenarios.push_back(fallback);
-  if (o.scenarios.size() > 1 && (!o.report.empty() || o.port >= 0))
-    throw CommandLineError("--report and --serve take one scenario, not " +
+  if (!o.toScenario.empty() && o.replay.empty())
+    throw CommandLineError("--to-scenario needs --replay");
+  if (!o.replay.empty() && !o.scenarios.empty())
+    throw CommandLineError("--replay runs a recording, not scenarios");
+  if (!o.replay.empty() &&
+      (!o.junit.empty() || !o.jsonl.empty() || !o.record.empty() || o.port >= 0))
+    throw CommandLineError("--replay takes --report, --to-scenario and --quiet only");
+  if (o.scenarios.empty() && o.replay.empty()) o.scenarios.push_back(fallback);
+  bool oneFile = !o.report.empty() || !o.record.empty() ||
+                 !(o.jsonl.empty() || o.jsonl == kStandardInput) || o.port >= 0;
+  if (o.scenarios.size() > 1 && oneFile)
+    throw CommandLineError("--report, --record, --jsonl FILE and --serve take one scenario, not " +
                            std::to_string(o.scenarios.size()));
+  if (!o.toScenario.empty()) checkWritable("--to-scenario", o.toScenario);
   if (!o.report.empty()) checkWritable("--report", o.report);
   if (!o.junit.empty()) checkWritable("--junit", o.junit);
+  if (!o.jsonl.empty()) checkWritable("--jsonl", o.jsonl);
+  if (!o.record.empty()) checkWritable("--record", o.record);
   return o;
 }
 
@@ -137,13 +167,15 @@ std::string usage() {
          "  standard input; with none, the bundled examples/humanoid.json. Each prints its\n"
          "  event log, final status page and expectations, then one summary line.\n"
          "options (default in brackets):\n";
-  const std::size_t indent = 22, width = 80;
-  for (const OptionSpec& s : specs()) {
+  const std::size_t indent = 24, width = 80;
+  for (const OptionEntry& s : optionTable()) {
     std::string line = std::string("  ") + s.name + (s.value ? std::string(" ") + s.value : "");
-    line.resize(std::max(indent, line.size() + 1), ' ');
+    // A name too long for its column gets a line of its own.
+    line = line.size() + 1 < indent ? line + std::string(indent - line.size(), ' ')
+                                    : line + "\n" + std::string(indent, ' ');
     std::istringstream words(std::string(s.help) +
                              (*s.fallback ? " [" + std::string(s.fallback) + "]" : ""));
-    std::size_t column = line.size();
+    std::size_t column = indent;
     out << line;
     for (std::string word; words >> word; column += word.size() + 1) {
       if (column + word.size() > width && column > indent) {
@@ -158,9 +190,10 @@ std::string usage() {
   }
   out << "exit status (the worst of all scenarios):\n"
          "  0  every expectation held\n"
-         "  1  an expectation failed (each is listed with what was found)\n"
-         "  2  a scenario was refused before it ran (its file, entry and fault are named),\n"
-         "     a file could not be written, or the command line is wrong\n";
+         "  1  an expectation failed (each is listed with what was found), or a replay\n"
+         "     diverged from its recording\n"
+         "  2  a scenario or recording was refused before it ran (its file, entry and\n"
+         "     fault are named), a file could not be written, or the command line is wrong\n";
   return out.str();
 }
 

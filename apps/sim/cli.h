@@ -26,6 +26,10 @@ struct Options {
   std::vector<std::string> scenarios;  // in order; folders expanded; kStandardInput
   std::string report;                  // empty: none, and so on
   std::string junit;
+  std::string jsonl;  // kStandardInput: standard output
+  std::string record;
+  std::string replay;  // a recording to replay instead of scenarios
+  std::string toScenario;
   int port = -1;  // negative: no live page
   int lingerSeconds = 0;
   bool quiet = false;

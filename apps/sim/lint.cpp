@@ -30,7 +30,6 @@ class Linter {
   std::vector<Warning> run() {
     requestsAfterRelease();
     endlessWaits();
-    lateExpectations();
     unusedModules();
     oppositeOrders();
     std::stable_sort(out_.begin(), out_.end(), [](const Warning& a, const Warning& b) {
@@ -123,14 +122,6 @@ class Linter {
         break;
       }
     }
-  }
-
-  void lateExpectations() {
-    for (const ExpectEntry& x : s_.expectations)
-      if (x.atMs > s_.stopAtMs)
-        out_.push_back({x.entry, "checked at " + std::to_string(x.atMs) + " ms, after stopAt (" +
-                                     std::to_string(s_.stopAtMs) +
-                                     " ms), when the manager has stopped every wait"});
   }
 
   void unusedModules() {

@@ -22,7 +22,6 @@ struct Warning {
 /// - a wait with no time limit for a resource that another owner takes
 ///   first and never lets go (no release, no stop) while its module ignores
 ///   "__onResource__": the wait never ends before stopAt;
-/// - an expectation timed after stopAt;
 /// - a module that no owner belongs to;
 /// - two owners that may run at once taking shared members of groups in
 ///   opposite orders: each can hold one while it waits for the other.

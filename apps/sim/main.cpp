@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <fstream>
 #include <iostream>
 #include <memory>
@@ -16,10 +17,20 @@
 #include <string>
 #include <thread>
 
+#include <boost/make_shared.hpp>
+
+#include <zuresource/zuobserver.h>
+#include <zuresource/zusnapshot.h>
+
+#include <zuobserve/zujson.h>
+#include <zuobserve/zurecorder.h>
+
 #include "cli.h"
 #include "eventlog.h"
+#include "feed.h"
 #include "junit.h"
 #include "lint.h"
+#include "replay.h"
 #include "report.h"
 #include "scenario.h"
 #include "server.h"
@@ -31,6 +42,9 @@ using zusim::ExitStatus;
 
 // How standard input is named in messages.
 const char kStandardInputName[] = "(standard input)";
+
+// Where the text goes: standard output, unless the JSON lines go there.
+std::ostream* text = &std::cout;
 
 bool exists(const std::string& path) { return access(path.c_str(), R_OK) == 0; }
 
@@ -53,9 +67,9 @@ std::string defaultScenario() {
 }
 
 void printStatus(const std::vector<std::string>& roots) {
-  std::cout << "Status page:" << std::endl;
+  *text << "Status page:" << std::endl;
   for (const std::string& line : zusim::statusPageLines(roots))
-    std::cout << "  " << zusim::escapeControls(line, false) << std::endl;
+    *text << "  " << zusim::escapeControls(line, false) << std::endl;
 }
 
 /// Prints the expectations' tally (not when quiet) and each failed one.
@@ -64,12 +78,12 @@ void printResults(const zusim::RunRecord& record, const zusim::Options& options,
   std::size_t failed = std::count_if(record.results.begin(), record.results.end(),
                                      [](const zusim::ExpectResult& r) { return !r.held; });
   if (!options.quiet)
-    std::cout << "Expectations: " << record.results.size() - failed << " held, " << failed
-              << " failed" << std::endl;
+    *text << "Expectations: " << record.results.size() - failed << " held, " << failed << " failed"
+          << std::endl;
   for (const zusim::ExpectResult& r : record.results)
     if (!r.held)
-      std::cout << "  FAILED " << (options.quiet ? file + ": " : "") << r.entry << ": "
-                << zusim::escapeControls(r.text, false) << std::endl;
+      *text << "  FAILED " << (options.quiet ? file + ": " : "") << r.entry << ": "
+            << zusim::escapeControls(r.text, false) << std::endl;
 }
 
 bool writeFile(const std::string& path, const std::string& text) {
@@ -114,32 +128,59 @@ int runOne(const std::string& path, const zusim::Options& options, zusim::SuiteR
   }
   suite.title = scenario.title;
   if (options.checkOnly) {
-    std::cout << scenario.file << ": " << scenario.resources.size() << " resources, "
-              << scenario.owners.size() << " owners, " << scenario.actions.size() << " actions, "
-              << scenario.expectations.size() << " expectations: accepted" << std::endl;
+    *text << scenario.file << ": " << scenario.resources.size() << " resources, "
+          << scenario.owners.size() << " owners, " << scenario.actions.size() << " actions, "
+          << scenario.expectations.size() << " expectations: accepted" << std::endl;
     return ExitStatus::kAllHeld;
   }
   if (!options.quiet) {
-    std::cout << "Scenario: " << zusim::escapeControls(scenario.title, false)
-              << (scenario.title == scenario.file ? "" : " (" + scenario.file + ")") << std::endl;
+    *text << "Scenario: " << zusim::escapeControls(scenario.title, false)
+          << (scenario.title == scenario.file ? "" : " (" + scenario.file + ")") << std::endl;
     if (!scenario.description.empty())
-      std::cout << zusim::escapeControls(scenario.description, false) << std::endl;
+      *text << zusim::escapeControls(scenario.description, false) << std::endl;
   }
-  zusim::EventLog log(options.quiet ? nullptr : &std::cout);
+  zusim::EventLog log(options.quiet ? nullptr : text);
   zusim::Simulation simulation(scenario, log);
   std::unique_ptr<zusim::LiveServer> server;
+  auto feed = boost::make_shared<zusim::LiveFeed>();
   if (options.port >= 0) {
     server = std::make_unique<zusim::LiveServer>(scenario, simulation, log);
+    server->stream(*feed, [&simulation, &feed] {
+      return ZU::zujson::snapshotJson(ZU::takeSnapshot(simulation.roots()), feed->start()).dump();
+    });
     int port = server->start(options.port);
     if (port < 0) {
       std::cerr << "zuresource-sim: cannot serve on 127.0.0.1:" << options.port << std::endl;
       suite.refused = suite.file + ": cannot serve on 127.0.0.1:" + std::to_string(options.port);
       return ExitStatus::kRefused;
     }
-    std::cout << "Live status page: http://127.0.0.1:" << port << "/" << std::endl;
+    *text << "Live status page: http://127.0.0.1:" << port << "/" << std::endl;
   }
 
+  // Observers of the library's events: a recording, JSON lines, the live
+  // page's stream. Each is registered for the run only.
+  std::vector<boost::shared_ptr<ZU::ZUObserver>> observers;
+  boost::shared_ptr<ZU::ZURecorder> recording;
+  try {
+    if (!options.record.empty()) {
+      recording = boost::make_shared<ZU::ZURecorder>(options.record);
+      recording->record(ZU::takeSnapshot(simulation.roots()));
+      observers.push_back(recording);
+    }
+    if (options.jsonl == zusim::kStandardInput)
+      observers.push_back(boost::make_shared<ZU::ZURecorder>(std::cout));
+    else if (!options.jsonl.empty())
+      observers.push_back(boost::make_shared<ZU::ZURecorder>(options.jsonl));
+  } catch (const ZU::ZUError& e) {
+    suite.refused = e.getDescription();
+    std::cerr << "zuresource-sim: " << suite.refused << std::endl;
+    return ExitStatus::kRefused;
+  }
+  if (server) observers.push_back(feed);
+  for (const auto& o : observers) ZU::ZUObservers::add(o);
   zusim::RunRecord record = simulation.run();
+  if (recording) recording->record(ZU::takeSnapshot(simulation.roots()));
+  for (const auto& o : observers) ZU::ZUObservers::remove(o);
   suite.results = record.results;
   suite.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
   if (!options.quiet) printStatus(record.finalStatus);
@@ -150,7 +191,7 @@ int runOne(const std::string& path, const zusim::Options& options, zusim::SuiteR
       std::cerr << "zuresource-sim: cannot write " << options.report << std::endl;
       status = ExitStatus::kRefused;
     } else if (!options.quiet) {
-      std::cout << "Report: " << options.report << std::endl;
+      *text << "Report: " << options.report << std::endl;
     }
   }
   if (server) {
@@ -161,11 +202,49 @@ int runOne(const std::string& path, const zusim::Options& options, zusim::SuiteR
   return status;
 }
 
+/// Replays a recording: 0 when the decisions agree, 1 at the first
+/// divergence, 2 when it cannot be read or made a scenario.
+int replayRecording(const zusim::Options& options) {
+  try {
+    zusim::Recording recording = zusim::Recording::read(options.replay);
+    nlohmann::ordered_json document = recording.toScenario();
+    if (!options.toScenario.empty()) {
+      if (!writeFile(options.toScenario, document.dump(2) + "\n"))
+        throw zusim::ScenarioError(options.toScenario + ": cannot be written");
+      *text << "Scenario written: " << options.toScenario << std::endl;
+    }
+    zusim::Scenario scenario =
+        zusim::parseScenario(document.dump(), options.replay + " (as a scenario)");
+    if (recording.cut)
+      *text << "The recording is cut at line " << recording.cutLine << ", after "
+            << std::lround(recording.cutMs) << " ms: replayed up to there" << std::endl;
+    zusim::EventLog log(options.quiet ? nullptr : text);
+    zusim::RunRecord record;
+    std::vector<zusim::RecordedEvent> replayed = zusim::replay(scenario, log, record);
+    if (!options.quiet) printStatus(record.finalStatus);
+    printResults(record, options, options.replay);
+    if (!options.report.empty() &&
+        !writeFile(options.report, zusim::renderReport(scenario, log.events(), record)))
+      throw zusim::ScenarioError(options.report + ": cannot be written");
+    std::string divergence = zusim::firstDivergence(recording, replayed);
+    if (divergence.empty()) {
+      *text << "Replay agrees with " << options.replay << std::endl;
+      return ExitStatus::kAllHeld;
+    }
+    *text << "Replay diverges from " << options.replay << " " << divergence << std::endl;
+    return ExitStatus::kSomeFailed;
+  } catch (const zusim::ScenarioError& e) {
+    std::cerr << "zuresource-sim: " << e.what() << std::endl;
+    return ExitStatus::kRefused;
+  }
+}
+
 /// "ok      examples/groups.json: 11 expectations held"
-std::string summaryLine(const zusim::SuiteResult& suite, int status) {
+std::string summaryLine(const zusim::SuiteResult& suite, int status, bool checkOnly) {
   std::size_t failed = std::count_if(suite.results.begin(), suite.results.end(),
                                      [](const zusim::ExpectResult& r) { return !r.held; });
   if (!suite.refused.empty()) return "REFUSED " + suite.refused;  // it names the file
+  if (checkOnly) return "ok      " + suite.file + ": accepted";
   std::string tally = failed ? std::to_string(failed) + " of " +
                                    std::to_string(suite.results.size()) + " expectations failed"
                              : std::to_string(suite.results.size()) + " expectations held";
@@ -188,17 +267,19 @@ int main(int argc, char** argv) {
     std::cout << (options.help ? zusim::usage() : zusim::versionLine() + "\n");
     return ExitStatus::kAllHeld;
   }
+  if (options.jsonl == zusim::kStandardInput) text = &std::cerr;
+  if (!options.replay.empty()) return replayRecording(options);
   int worst = ExitStatus::kAllHeld;
   std::vector<zusim::SuiteResult> suites(options.scenarios.size());
   std::vector<int> statuses;
   for (std::size_t i = 0; i < options.scenarios.size(); ++i) {
-    if (i > 0 && !options.quiet) std::cout << std::endl;
+    if (i > 0 && !options.quiet) *text << std::endl;
     statuses.push_back(runOne(options.scenarios[i], options, suites[i]));
     worst = std::max(worst, statuses.back());
   }
-  if (!options.quiet) std::cout << std::endl;
+  if (!options.quiet) *text << std::endl;
   for (std::size_t i = 0; i < suites.size(); ++i)
-    std::cout << summaryLine(suites[i], statuses[i]) << std::endl;
+    *text << summaryLine(suites[i], statuses[i], options.checkOnly) << std::endl;
   if (!options.junit.empty() && !writeFile(options.junit, zusim::renderJUnit(suites))) {
     std::cerr << "zuresource-sim: cannot write " << options.junit << std::endl;
     worst = ExitStatus::kRefused;

@@ -54,6 +54,7 @@ const int kHoldRow = 20;           // a holding's sub-lane, uncrowded
 const int kWaitRow = 14;           // a wait's sub-lane, uncrowded
 const int kMarkRow = 16;           // the marks below them
 const int kLeastRow = 5;           // a crowded lane's sub-lanes shrink down to this
+const double kLeastBar = 2.5;      // px: the narrowest bar, and a little room after it
 const std::size_t kListFrom = 31;  // owners from which the legend is a searchable list
 
 /// How an event kind is marked on its lane; kinds without a mark are not drawn.
@@ -120,19 +121,21 @@ long tickStep(double pxPerMs) {
 /// Stacks `spans` into sub-lanes so that no two in one overlap: each goes to
 /// the first sub-lane free at its start. Returns each span's sub-lane and sets
 /// `rows` to how many there are (at least one).
-std::vector<int> stack(const std::vector<const Span*>& spans, int& rows) {
+std::vector<int> stack(const std::vector<const Span*>& spans, double leastMs, int& rows) {
   std::vector<std::size_t> order(spans.size());
   std::iota(order.begin(), order.end(), 0);
   std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
     return spans[a]->fromMs < spans[b]->fromMs;
   });
-  std::vector<long> ends;
+  std::vector<double> ends;
   std::vector<int> row(spans.size());
   for (std::size_t i : order) {
     const Span& s = *spans[i];
-    auto free = std::find_if(ends.begin(), ends.end(), [&](long end) { return end <= s.fromMs; });
+    auto free = std::find_if(ends.begin(), ends.end(),
+                             [&](double end) { return end <= static_cast<double>(s.fromMs); });
     if (free == ends.end()) free = ends.insert(ends.end(), 0);
-    *free = std::max(s.toMs, s.fromMs);
+    // A bar is drawn at least a few px wide: it takes that room at least.
+    *free = std::max(static_cast<double>(s.toMs), static_cast<double>(s.fromMs) + leastMs);
     row[i] = static_cast<int>(free - ends.begin());
   }
   rows = std::max<int>(1, static_cast<int>(ends.size()));
@@ -174,6 +177,8 @@ class Timeline {
                    std::string(groups.empty() ? "" : "; ") + groups;
       lanes_.push_back(lane);
     }
+    span_ = std::max<long>(r.endMs, 1);
+    scale_ = static_cast<double>(kPlotWidth) / static_cast<double>(span_);
     holdRow_ = place(r.holdings, &Lane::holdRows, &Lane::holdRow, kHoldRow);
     waitRow_ = place(r.waits, &Lane::waitRows, &Lane::waitRow, kWaitRow);
     height_ = kAxisHeight;
@@ -182,8 +187,6 @@ class Timeline {
       height_ += lane.height();
     }
     height_ += 8;
-    span_ = std::max<long>(r.endMs, 1);
-    scale_ = static_cast<double>(kPlotWidth) / static_cast<double>(span_);
     std::size_t longest = 0, longestAbout = 0;
     for (const Lane& lane : lanes_) {
       longest = std::max(longest, lane.name.size());
@@ -259,7 +262,7 @@ class Timeline {
     }
     std::vector<int> out(spans.size(), -1);
     for (std::size_t l = 0; l < lanes_.size(); ++l) {
-      std::vector<int> stacked = stack(byLane[l], lanes_[l].*rows);
+      std::vector<int> stacked = stack(byLane[l], kLeastBar / scale_, lanes_[l].*rows);
       lanes_[l].*row = rowHeight(lanes_[l].*rows, full);
       for (std::size_t k = 0; k < stacked.size(); ++k) out[indexOf[l][k]] = stacked[k];
     }

@@ -2,7 +2,8 @@
 # In headless Chromium: first the report of a crowd (1,000 owners on 200
 # resources) shows within 2 s, stays under 10 MB, stacks overlapping bars,
 # clips no label, and its hover, zoom and owner search work; then the live
-# status page of a running scenario changes as the scenario advances.
+# status page of a running scenario follows the event stream and changes as
+# the scenario advances.
 # usage: browser_test.sh SIMULATOR SCENARIO
 # Exit status 77 (skipped) when Chromium is not installed.
 sim=$1
@@ -75,7 +76,7 @@ wait_for() {
 
 wait_for '<div class="line">---Head -&gt; Tracker eStrong' 90
 first=$(grep -F 'class="line"' <<<"$page")
-grep -qF 'http-equiv="refresh"' <<<"$page" || fail "the page does not refresh itself"
+grep -qF '<noscript><meta http-equiv="refresh"' <<<"$page" || fail "no reload without scripts"
 
 wait_for '<div class="line">---Head -&gt; Speaker eStrong' 120
 second=$(grep -F 'class="line"' <<<"$page")
@@ -84,3 +85,17 @@ echo "first status lines:"
 echo "$first"
 echo "later status lines:"
 echo "$second"
+
+# The page follows the event stream. Loaded while the speaker holds the head,
+# it receives the speaker's release at 60 s live, then the end of the stream,
+# and refreshes its sections from it. (Chromium's virtual time lets the page's
+# script run until the network is idle: here, until the stream ends.)
+streamed=$(browse "$url" --virtual-time-budget=5000)
+stream_line=$(grep -o '<p id="stream">[^<]*' <<<"$streamed")
+echo "streamed: $stream_line"
+grep -qE 'live: [0-9]+ events streamed; the run is over' <<<"$stream_line" ||
+  fail "the page did not follow the event stream to its end: $stream_line"
+grep -qF 'ms released speaker Head</div>' <<<"$streamed" ||
+  fail "the page did not receive the release made after it was loaded"
+grep -qF '<p id="clock">finished: every expectation held' <<<"$streamed" ||
+  fail "the page's sections were not refreshed at the stream's end"

@@ -1,7 +1,7 @@
 #!/bin/bash
 # Asks the live page of a running deadlock why a behaviour waits: the page
 # shows the waits and the deadlock, /explain answers in plain text, and an
-# unknown owner or resource gets 404.
+# unknown owner or resource gets 404; /snapshot.json and /events are served.
 # usage: explain_test.sh SIMULATOR SCENARIO
 # Exit status 77 (skipped) when curl is not installed.
 sim=$1
@@ -47,3 +47,11 @@ get "explain?owner=left&resource=Nose"
 [ "$status" = 404 ] || fail "an unknown resource answered $status"
 expect_in_body 'unknown resource "Nose"' "the unknown resource's answer"
 echo "explain answered over $url"
+
+# The snapshot shows the deadlock's cycle; the event stream resumes after the
+# last line a reader says it got.
+get "snapshot.json"
+grep -q '"cycles":\[{"edges":\[{' <<<"$body" || fail "the snapshot shows no cycle: $body"
+resumed=$(curl -sN --max-time 2 -H 'Last-Event-ID: 1' "${url}events" | grep -m1 '^id: ')
+[ "$resumed" = "id: 2" ] || fail "the stream did not resume after Last-Event-ID 1: $resumed"
+echo "snapshot and event stream served"
