@@ -1,5 +1,6 @@
 #include <httplib.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <memory>
@@ -209,7 +210,7 @@ void ZUEtcdClient::erase(const std::string& key) {
   call("/v3/kv/deleterange", json{{"key", encode64(key)}}.dump(), true);
 }
 
-void ZUEtcdClient::watch(
+std::int64_t ZUEtcdClient::watch(
     const std::string& key, const std::string& rangeEnd, std::int64_t startRevision, int idleMs,
     const std::function<bool(const std::vector<ZUEtcdEvent>&, std::int64_t)>& onEvents) {
   const json create{{"create_request",
@@ -227,6 +228,7 @@ void ZUEtcdClient::watch(
   request.body = create.dump();
   request.set_header("Content-Type", "application/json");
   std::string pending;
+  std::int64_t canceled = 0;
   request.content_receiver = [&](const char* data, std::size_t size, std::uint64_t, std::uint64_t) {
     bytes_ += size;
     pending.append(data, size);
@@ -235,7 +237,11 @@ void ZUEtcdClient::watch(
       pending.erase(0, end + 1);
       if (message.is_discarded() || !message.contains("result")) return false;
       const json& result = message["result"];
-      if (result.value("canceled", false)) return false;
+      if (result.value("canceled", false)) {
+        canceled = std::max<std::int64_t>(number(result, "compact_revision"), -1);
+        if (canceled == 0) canceled = -1;
+        return false;
+      }
       std::vector<ZUEtcdEvent> events;
       for (const json& event : result.value("events", json::array())) {
         ZUEtcdEvent e;
@@ -258,6 +264,7 @@ void ZUEtcdClient::watch(
   if (!res && res.error() == httplib::Error::Connection)
     throw ZUEtcdError("/v3/watch", "etcd unreachable: " + endpoints_[index],
                       wasRefused(res.error(), start, timeoutMs_));
+  return canceled;
 }
 
 }  // namespace ZU

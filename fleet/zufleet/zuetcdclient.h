@@ -84,10 +84,12 @@ class ZUEtcdClient {
   /// Streams the changes of [`key`, `rangeEnd`) from `startRevision` on to
   /// `onEvents` (the events of one revision batch, and the revision the
   /// server had then) until `onEvents` returns false, or the stream ends or
-  /// stays silent for `idleMs`. Throws ZUEtcdError when it cannot connect.
-  void watch(const std::string& key, const std::string& rangeEnd, std::int64_t startRevision,
-             int idleMs,
-             const std::function<bool(const std::vector<ZUEtcdEvent>&, std::int64_t)>& onEvents);
+  /// stays silent for `idleMs`. Returns 0, or, when etcd canceled the watch,
+  /// the oldest revision it still keeps (after a compaction) or -1. Throws
+  /// ZUEtcdError when it cannot connect.
+  std::int64_t watch(
+      const std::string& key, const std::string& rangeEnd, std::int64_t startRevision, int idleMs,
+      const std::function<bool(const std::vector<ZUEtcdEvent>&, std::int64_t)>& onEvents);
 
   ZUEtcdTraffic traffic() const;
 

@@ -14,7 +14,7 @@ namespace {
 const char* const kFile = "fleet/zufleet/zufleetsession";
 /// A watch that hears nothing for this long is opened again.
 const int kWatchIdleMs = 5000;
-/// Pause before a failed watch is opened again.
+/// Pause before a watch that ended is opened again.
 const int kWatchRetryMs = 200;
 /// The key that a closing session writes to end its own watch at once.
 const char* const kWakeKey = "~wake/";
@@ -178,10 +178,17 @@ struct ZUFleetSession::Core {
         if (stopping) return;
       }
       try {
-        client.watch(config.prefix, end, seen == 0 ? 0 : seen + 1, kWatchIdleMs, onEvents);
+        const std::int64_t canceled =
+            client.watch(config.prefix, end, seen == 0 ? 0 : seen + 1, kWatchIdleMs, onEvents);
+        // Canceled after a compaction: resume from the oldest revision etcd
+        // still keeps (what came before is lost; waiters read again anyway).
+        if (canceled > 0) seen = canceled - 1;
       } catch (const ZUEtcdError&) {
-        if (!pause(kWatchRetryMs)) return;
+        // Unreachable: try again (the next endpoint) after a pause.
       }
+      // No stream is opened again at once: the one that ended may have been
+      // refused at once, and the pause loses nothing (we resume after `seen`).
+      if (!pause(kWatchRetryMs)) return;
     }
   }
 

@@ -2,6 +2,7 @@
 #include <iostream>
 #include <optional>
 
+#include <zuresource/zucontract.h>
 #include <zuresource/zuobserver.h>
 #include <zuresource/zuownerstrong.h>
 
@@ -21,7 +22,7 @@ const std::chrono::milliseconds kPoll(ZUOwnerStrong::kPollPeriodMs);
 const int kWatchStartMs = 2000;
 
 ZUError waitError(const std::string& description, unsigned line) {
-  return ZUError("ResourceManager", "waitResource", description, kFile, line);
+  return ZUError(contract::kWaitErrorModule, contract::kWaitErrorMethod, description, kFile, line);
 }
 }  // namespace
 
@@ -112,7 +113,7 @@ bool ZUResourceFleet::acquireFleet(const boost::shared_ptr<ZUOwner>& owner,
   if (claim_ == Claim::waiting) {
     lock.unlock();
     abandon(owner);
-    throw waitError("resource wait has timeouted on " + name, __LINE__);
+    throw waitError(contract::waitTimedOut(name), __LINE__);
   }
   claim_ = Claim::waiting;
   token_ = 0;
@@ -150,7 +151,7 @@ bool ZUResourceFleet::acquireFleet(const boost::shared_ptr<ZUOwner>& owner,
     }
     lock.lock();
     if (claim_ == Claim::lost) throw waitError("fleet lease lost: " + lostReason_, __LINE__);
-    if (isFree()) throw waitError("box stop while waiting", __LINE__);
+    if (isFree()) throw waitError(contract::kStopWhileWaiting, __LINE__);
     claim_ = Claim::held;
     token_ = token;
     claimChanged_.notify_all();
@@ -160,7 +161,7 @@ bool ZUResourceFleet::acquireFleet(const boost::shared_ptr<ZUOwner>& owner,
     // this wait ends as a stopped one.
     boost::shared_ptr<ZUOwner> holder = copyOwner();
     if (!holder || (holder->name != owner->name && !holder->isParent(owner)))
-      throw waitError("box stop while waiting", __LINE__);
+      throw waitError(contract::kStopWhileWaiting, __LINE__);
   } catch (...) {
     if (lock.owns_lock()) lock.unlock();
     abandon(owner);
@@ -207,7 +208,7 @@ bool ZUResourceFleet::awaitTurn(std::int64_t lease, std::int64_t token, Clock::t
       std::lock_guard<std::mutex> lock(claimMutex_);
       if (claim_ == Claim::lost) throw waitError("fleet lease lost: " + lostReason_, __LINE__);
     }
-    if (isFree()) throw waitError("box stop while waiting", __LINE__);
+    if (isFree()) throw waitError(contract::kStopWhileWaiting, __LINE__);
     const Clock::time_point now = Clock::now();
     if (now >= deadline) {
       if (unreachable)
@@ -215,7 +216,7 @@ bool ZUResourceFleet::awaitTurn(std::int64_t lease, std::int64_t token, Clock::t
             "ZUResourceFleet", "waitFor",
             "etcd unreachable while waiting for " + name + ": " + unreachable->getDescription(),
             kFile, __LINE__);
-      throw waitError("resource wait has timeouted on " + name, __LINE__);
+      throw waitError(contract::waitTimedOut(name), __LINE__);
     }
     const Clock::time_point until = std::min(deadline, now + kPoll);
     bool deleted = false;
