@@ -94,8 +94,11 @@ std::unique_ptr<httplib::Client> connect(const std::string& endpoint, int timeou
 }
 }  // namespace
 
-ZUEtcdError::ZUEtcdError(const std::string& method, const std::string& description, bool refused)
-    : ZUError("ZUEtcdClient", method, description, kFile, 0), refused_(refused) {}
+ZUEtcdError::ZUEtcdError(const std::string& method, const std::string& description, bool refused,
+                         bool answered)
+    : ZUError("ZUEtcdClient", method, description, kFile, 0),
+      refused_(refused),
+      answered_(answered) {}
 
 ZUEtcdClient::ZUEtcdClient(std::vector<std::string> endpoints, int timeoutMs)
     : endpoints_(std::move(endpoints)), timeoutMs_(timeoutMs) {
@@ -124,7 +127,7 @@ std::string ZUEtcdClient::prefixEnd(std::string prefix) {
 
 std::string ZUEtcdClient::call(const std::string& path, const std::string& body, bool write) {
   std::string failures;
-  bool allRefused = true;
+  bool allRefused = true, answered = false;
   const std::size_t first = preferred_.load();
   for (std::size_t n = 0; n < endpoints_.size(); ++n) {
     const std::size_t index = (first + n) % endpoints_.size();
@@ -141,6 +144,7 @@ std::string ZUEtcdClient::call(const std::string& path, const std::string& body,
         return res->body;
       }
       allRefused = false;
+      answered = true;
       failures += " " + endpoints_[index] + ": HTTP " + std::to_string(res->status) + " " +
                   res->body.substr(0, 200) + ";";
       continue;
@@ -152,7 +156,8 @@ std::string ZUEtcdClient::call(const std::string& path, const std::string& body,
                 ";";
   }
   failures.pop_back();
-  throw ZUEtcdError(path, "etcd unreachable:" + failures, allRefused);
+  throw ZUEtcdError(path, (answered ? "etcd refused the request:" : "etcd unreachable:") + failures,
+                    allRefused, answered);
 }
 
 std::int64_t ZUEtcdClient::grant(int ttlSeconds) {
@@ -263,7 +268,7 @@ std::int64_t ZUEtcdClient::watch(
   if (!res && res.error() != httplib::Error::Canceled) preferred_ = next;
   if (!res && res.error() == httplib::Error::Connection)
     throw ZUEtcdError("/v3/watch", "etcd unreachable: " + endpoints_[index],
-                      wasRefused(res.error(), start, timeoutMs_));
+                      wasRefused(res.error(), start, timeoutMs_), false);
   return canceled;
 }
 

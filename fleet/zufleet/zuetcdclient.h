@@ -12,14 +12,18 @@ namespace ZU {
 
 /// A failed call to etcd: no endpoint answered, or one answered with an error.
 /// `refused()` is true when every endpoint refused the connection outright (no
-/// etcd listens there), as opposed to a time-out or an error reply.
+/// etcd listens there); `answered()` when etcd replied and turned the request
+/// down (asking again would not help).
 class ZUEtcdError : public ZUError {
  public:
-  ZUEtcdError(const std::string& method, const std::string& description, bool refused);
+  ZUEtcdError(const std::string& method, const std::string& description, bool refused,
+              bool answered);
   bool refused() const { return refused_; }
+  bool answered() const { return answered_; }
 
  private:
   bool refused_;
+  bool answered_;
 };
 
 /// One key of etcd with the revisions a lock needs.

@@ -98,7 +98,8 @@ struct ZUFleetSession::Core {
     for (const auto& resource : liveResources()) resource->leaseLost(lost, reason);
   }
 
-  /// Retries the deletions and revocations that failed; stops at a failure.
+  /// Retries the deletions and revocations that failed; stops when etcd is
+  /// unreachable, drops what etcd turns down (a lease that expired meanwhile).
   void settleLeftovers() {
     std::vector<std::string> keys;
     std::vector<std::int64_t> leases;
@@ -108,18 +109,22 @@ struct ZUFleetSession::Core {
       leases.swap(toRevoke);
     }
     try {
-      while (!keys.empty()) {
-        client.erase(keys.back());
-        keys.pop_back();
-      }
-      while (!leases.empty()) {
-        client.revoke(leases.back());
-        leases.pop_back();
-      }
+      for (; !keys.empty(); keys.pop_back()) attempt([&] { client.erase(keys.back()); });
+      for (; !leases.empty(); leases.pop_back()) attempt([&] { client.revoke(leases.back()); });
     } catch (const ZUEtcdError&) {
       std::lock_guard<std::mutex> lock(mutex);
       toErase.insert(toErase.end(), keys.begin(), keys.end());
       toRevoke.insert(toRevoke.end(), leases.begin(), leases.end());
+    }
+  }
+
+  /// Runs `call`; passes on the error only when etcd could not be reached.
+  template <typename Call>
+  static void attempt(Call call) {
+    try {
+      call();
+    } catch (const ZUEtcdError& e) {
+      if (!e.answered()) throw;
     }
   }
 
