@@ -18,6 +18,7 @@
 #include <benchmark/benchmark.h>
 
 #include "benchsupport.h"
+#include "contention.h"
 #ifdef ZUBENCH_FLEET
 #include "fleetbench.h"
 #endif
@@ -80,7 +81,11 @@ void addMicroRows(ResultTable& table, const FastestRunReporter& times) {
       {"cycle", "cycle/plain", "floor", "floor/cycle", 1.5},
       {"cycle", "cycle/plain", "floor + handle counting", "floor/cycle+handles", 0},
       {"cycle", "cycle/plain", "std::timed_mutex try_lock_for+unlock", "baseline/timed_mutex", 0},
-      {"cycle", "cycle/plain", "std::mutex lock+unlock", "baseline/mutex", 0}};
+      {"cycle", "cycle/plain", "std::mutex lock+unlock", "baseline/mutex", 0},
+      {"cycle, counting observer", "cycle/observed/counting", "cycle, no observer", "cycle/plain",
+       0},
+      {"cycle, JSON-lines recorder", "cycle/observed/recorder", "cycle, no observer", "cycle/plain",
+       0}};
   const Comparison single[] = {
       {"waitFor, already held", "held/waitFor", "floor", "floor/held", 0},
       {"isResourceFree", "query/isResourceFree", "floor", "floor/isResourceFree", 0},
@@ -150,6 +155,32 @@ void addWaitingRows(ResultTable& table) {
                 share < 0.02 ? "yes" : "no");
 }
 
+void addContentionRows(ResultTable& table) {
+  const double period = ZU::ZUOwnerStrong::kPollPeriodMs;
+  const int kHoldMs = 20, kSeconds = 2;
+  table.addSection("8. Contention: N owners take turns, " + std::to_string(kHoldMs) +
+                   " ms holds, 1 s limits, " + std::to_string(kSeconds) + " s each (real time)");
+  for (int members : {0, 4}) {
+    for (int contenders : {2, 8, 32}) {
+      const std::string what =
+          (members > 0 ? "group of " + std::to_string(members) : std::string("plain")) +
+          ", N = " + std::to_string(contenders);
+      std::cerr << "contention: " << what << "..." << std::endl;
+      const ContentionResult r = measureContention(contenders, members, kHoldMs, kSeconds);
+      const double goal = contenders >= 32 ? 0.05 : contenders >= 8 ? 0.02 : 0;
+      table.addText(what + ", process CPU", formatNumber(r.coreShare, 3) + " core", "one core",
+                    formatNumber(r.coreShare, 3),
+                    goal > 0 ? "<= " + formatNumber(goal, 2) : "report",
+                    goal > 0 ? (r.coreShare <= goal ? "yes" : "no") : "-");
+      table.addText(what + ", grants", formatNumber(r.grantsPerSecond, 1) + " /s",
+                    "handover max " + formatNumber(r.maxHandoverMs, 1) + " ms, " +
+                        std::to_string(r.errors) + " timeouts",
+                    formatNumber(r.maxHandoverMs / period, 2), "<= 210 ms",
+                    r.maxHandoverMs <= period + 10 ? "yes" : "no");
+    }
+  }
+}
+
 void addMemoryRows(ResultTable& table) {
   table.addSection("7. Memory: bytes requested from operator new (calls)");
   const MemoryFootprint footprint = measureFootprints();
@@ -171,12 +202,25 @@ void addMemoryRows(ResultTable& table) {
 
 int main(int argc, char** argv) {
   using namespace zubench;
+  // --rows=LIST picks the parts of the table to measure, from micro, waiting,
+  // contention, memory and fleet (default: all of them; fleet only where the
+  // fleet library is built).
+  std::string rows = "micro,waiting,contention,memory,fleet";
   std::vector<char*> args{argv[0]};
   std::string defaults[] = {"--benchmark_repetitions=5",
                             "--benchmark_enable_random_interleaving=true",
                             "--benchmark_min_time=0.1"};
   for (std::string& option : defaults) args.push_back(&option[0]);
-  args.insert(args.end(), argv + 1, argv + argc);
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg.compare(0, 7, "--rows=") == 0)
+      rows = arg.substr(7);
+    else
+      args.push_back(argv[i]);
+  }
+  auto wanted = [&rows](const std::string& part) {
+    return ("," + rows + ",").find("," + part + ",") != std::string::npos;
+  };
   int count = static_cast<int>(args.size());
   benchmark::Initialize(&count, args.data());
   if (benchmark::ReportUnrecognizedArguments(count, args.data())) return 2;
@@ -184,15 +228,19 @@ int main(int argc, char** argv) {
   registerCycleBenchmarks();
   registerGroupBenchmarks();
   registerReportBenchmarks();
+#ifdef ZUBENCH_OBSERVE
+  registerObserveBenchmarks();
+#endif
   FastestRunReporter times;
-  benchmark::RunSpecifiedBenchmarks(&times);
+  if (wanted("micro")) benchmark::RunSpecifiedBenchmarks(&times);
 
   ResultTable table;
-  addMicroRows(table, times);
-  addWaitingRows(table);
-  addMemoryRows(table);
+  if (wanted("micro")) addMicroRows(table, times);
+  if (wanted("waiting")) addWaitingRows(table);
+  if (wanted("memory")) addMemoryRows(table);
+  if (wanted("contention")) addContentionRows(table);
 #ifdef ZUBENCH_FLEET
-  addFleetRows(table);
+  if (wanted("fleet")) addFleetRows(table);
 #endif
   std::cout << "\n";
   table.print(std::cout);

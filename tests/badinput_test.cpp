@@ -17,11 +17,11 @@
 #include <zuresource/zuresourcelist.h>
 #include <zuresource/zuresourcestate.h>
 
+#include "support/asyncrun.h"
 #include "support/guardedthread.h"
 #include "support/recordingmodule.h"
 #include "support/resourcehelpers.h"
 #include "support/stillworks.h"
-#include "support/waitforrun.h"
 
 namespace {
 
@@ -41,9 +41,8 @@ std::string errorText(const std::function<void()>& action) {
   auto e = errorOf(action);
   return e ? e->getModule() + "." + e->getMethod() + ": " + e->getDescription() : "";
 }
-std::string timedOut(const std::string& name) {
-  return std::string(ZU::contract::kWaitErrorModule) + "." + ZU::contract::kWaitErrorMethod + ": " +
-         ZU::contract::waitTimedOut(name);
+::testing::AssertionResult timesOut(const std::function<void()>& action, const std::string& name) {
+  return zutest::isWaitError(errorOf(action), ZU::contract::waitTimedOut(name));
 }
 
 // A plain resource, an activated state resource and a group of two plain ones.
@@ -63,7 +62,7 @@ class BadInputTest : public ::testing::Test {
   boost::shared_ptr<ZU::ZUOwner> a = makeOwner("a", "A");
 };
 
-TEST_F(BadInputTest, EmptyOwnerHandlesAndRequestersAreRefusedOrIgnored) {
+TEST_F(BadInputTest, EmptyOwnerHandlesAreRefusedOrIgnored) {
   const std::pair<ResourcePtr, std::string> kinds[] = {
       {r, "ZUResource"}, {s, "ZUResourceState"}, {g, "ZUResourceList"}};
   for (const auto& [resource, kind] : kinds) {
@@ -78,21 +77,6 @@ TEST_F(BadInputTest, EmptyOwnerHandlesAndRequestersAreRefusedOrIgnored) {
         << kind;
     resource->release(a);
   }
-  // A strong owner refuses an empty requester, a weak one declines it.
-  auto b = makeOwner("b", "B");
-  ASSERT_TRUE(r->waitFor(b, "", 0, {}).empty());
-  EXPECT_EQ(errorText([&] { b->conflict("R", nullptr, 0); }),
-            "ZUOwnerStrong.conflict: empty requester owner handle");
-  auto strong = boost::dynamic_pointer_cast<ZU::ZUOwnerStrong>(b);
-  EXPECT_EQ(errorText([&] { strong->addWaiter(nullptr, 0); }),
-            "ZUOwnerStrong.addWaiter: empty requester owner handle");
-  EXPECT_FALSE(r->emptyOwner->conflict("R", nullptr, 0));
-  EXPECT_FALSE(b->isParent(nullptr));
-  b->setParentOwner(nullptr, "R");
-  EXPECT_FALSE(b->getParentOwner("R"));
-  EXPECT_EQ(b->copyWaiters().size(), 0u);
-  EXPECT_FALSE(b->resourceFreed);
-  r->release(b);
   expectAllStillWork();
 }
 
@@ -133,7 +117,7 @@ TEST_F(BadInputTest, NulBytesKeepNamesApart) {
   ASSERT_TRUE(arm->waitFor(ab, "", 0, {}).empty());
   EXPECT_EQ(arm->waitFor(ac, "", 0, {"Arm", armName}), Names{armName});
   // Neither the holder nor its descendant, and "Arm" is not its name: it waits.
-  EXPECT_EQ(errorText([&] { arm->waitFor(ac, "", 0, {"Arm"}); }), timedOut(armName));
+  EXPECT_TRUE(timesOut([&] { arm->waitFor(ac, "", 0, {"Arm"}); }, armName));
   EXPECT_TRUE(arm->isResourceOwned("AB"));
   arm->release(ab);
   // "a" is a byte prefix of "a\0b": the ancestor hands it down.
@@ -159,8 +143,7 @@ TEST(BadInputOddNames, PassByteForByteThroughAcquisitionNotificationAndReports) 
     holder->setParentBroker(broker);
     ASSERT_TRUE(resource->waitFor(holder, "", 0, {}).empty());
     EXPECT_TRUE(resource->isResourceOwned(name));
-    EXPECT_EQ(errorText([&] { resource->waitFor(makeOwner("o", "O"), "", 0, {}); }),
-              timedOut(name));
+    EXPECT_TRUE(timesOut([&] { resource->waitFor(makeOwner("o", "O"), "", 0, {}); }, name));
     module.waitIdle();
     EXPECT_EQ(module.calls(), Names{name});
     EXPECT_EQ(resource->httpGet(0), "---" + name + " -> " + name + " eStrong [] 0<br />");
@@ -247,7 +230,7 @@ TEST_F(BadInputTest, DeactivationWhileRequestsWaitLeavesThemWaitingForTheNextAct
   WaitForRun noLimit(s, w1, INT_MIN), limited(s, w2, 30);
   msleep(250);
   // The holder is told again and does not let go in time.
-  EXPECT_EQ(errorText([&] { s->releaseState(); }), timedOut("S"));
+  EXPECT_TRUE(timesOut([&] { s->releaseState(); }, "S"));
   s->setState(false);
   EXPECT_TRUE(noLimit.running());
   EXPECT_TRUE(limited.running());
@@ -272,7 +255,7 @@ TEST_F(BadInputTest, OwnersDroppedByTheManagerWhileTheyWaitOrAreWaitedOnLiveOnUn
   a.reset();
   granted.reset();
   refused.reset();
-  EXPECT_TRUE(zutest::waitFailedWith(limited.wait(), ZU::contract::waitTimedOut("R")));
+  EXPECT_TRUE(zutest::waitFailed(limited.wait(), ZU::contract::waitTimedOut("R")));
   EXPECT_TRUE(refusedWatch.expired());
   msleep(250);
   EXPECT_TRUE(noLimit.running());

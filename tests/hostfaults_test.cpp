@@ -20,19 +20,19 @@
 #include <zuresource/zucontract.h>
 #include <zuresource/zuresourcelist.h>
 
+#include "support/asyncrun.h"
 #include "support/guardedthread.h"
 #include "support/latch.h"
 #include "support/onexit.h"
 #include "support/recordingmodule.h"
 #include "support/resourcehelpers.h"
-#include "support/waitforrun.h"
 
 namespace {
 
 using ResourcePtr = boost::shared_ptr<ZU::ZUResource>;
 using zutest::makeOwner;
 using zutest::makePlain;
-using zutest::waitFailedWith;
+using zutest::waitFailed;
 using zutest::WaitForRun;
 using zutest::waitReturned;
 using zutest::waitUntil;
@@ -74,8 +74,8 @@ TEST_F(HostFaultTest, OnResourceThatThrowsLeavesTheWaitsAndTheModuleGoing) {
   ASSERT_TRUE(waitUntil([&] { return module.calls().size() == 2; }));
   r[1]->release(h[1]);
   EXPECT_TRUE(waitReturned(unlimited->wait()));
-  EXPECT_TRUE(waitFailedWith(limited->wait(), waitTimedOut("R0")));
-  EXPECT_TRUE(waitFailedWith(waitOn(2, 0)->wait(), waitTimedOut("R2")));
+  EXPECT_TRUE(waitFailed(limited->wait(), waitTimedOut("R0")));
+  EXPECT_TRUE(waitFailed(waitOn(2, 0)->wait(), waitTimedOut("R2")));
   module.waitIdle();  // and the module took that notification as before
   EXPECT_EQ(module.calls().back(), "R2");
   EXPECT_EQ(waitersLeft(), 0u);
@@ -89,7 +89,7 @@ TEST_F(HostFaultTest, OnResourceThatNeverReturnsDelaysNoWait) {
   auto limited = waitOn(0, 1), unlimited = waitOn(1, INT_MIN);
   ASSERT_TRUE(waitUntil([&] { return module.module()->startedTasks() == 2; }));
   const zutest::WaitForOutcome outcome = limited->wait();
-  EXPECT_TRUE(waitFailedWith(outcome, waitTimedOut("R0")));
+  EXPECT_TRUE(waitFailed(outcome, waitTimedOut("R0")));
   EXPECT_GE(outcome.elapsedMs, 980);  // first poll after the deadline, as always
   EXPECT_LE(outcome.elapsedMs, 1200 + zutest::lateToleranceMs());
   r[1]->release(h[1]);
@@ -128,7 +128,7 @@ TEST_F(HostFaultTest, BrokerDestroyedWhileAWaitOnOneOfItsOwnersRuns) {
   r[0]->release(h[0]);
   EXPECT_TRUE(waitReturned(waiting->wait()));
   // A new wait on an owner of the gone broker notifies nobody and runs as usual.
-  EXPECT_TRUE(waitFailedWith(waitOn(1, 0)->wait(), waitTimedOut("R1")));
+  EXPECT_TRUE(waitFailed(waitOn(1, 0)->wait(), waitTimedOut("R1")));
 }
 
 TEST(HostFaults, BrokerDestroyedWhileNotificationsAreUnderWay) {
@@ -147,7 +147,7 @@ TEST(HostFaults, BrokerDestroyedWhileNotificationsAreUnderWay) {
   }
   broker.reset();  // while the waits look the module up and start their calls
   for (int i = 0; i < 16; ++i)
-    EXPECT_TRUE(waitFailedWith(waits[i]->wait(), waitTimedOut("R" + std::to_string(i))));
+    EXPECT_TRUE(waitFailed(waits[i]->wait(), waitTimedOut("R" + std::to_string(i))));
   EXPECT_EQ(holder->copyWaiters().size(), 0u);
 }
 
@@ -171,8 +171,8 @@ TEST_F(HostFaultTest, ModuleDestroyedWithTasksQueued) {
   gate.countDown();
   ASSERT_TRUE(destroyer.joinFor(5000));
   EXPECT_EQ(calls, 1);  // the two queued calls were dropped
-  EXPECT_TRUE(waitFailedWith(first->wait(), waitTimedOut("R0")));
-  EXPECT_TRUE(waitFailedWith(second->wait(), waitTimedOut("R1")));
+  EXPECT_TRUE(waitFailed(first->wait(), waitTimedOut("R0")));
+  EXPECT_TRUE(waitFailed(second->wait(), waitTimedOut("R1")));
   r[2]->release(h[2]);
   EXPECT_TRUE(waitReturned(unlimited->wait()));
   EXPECT_EQ(waitersLeft(), 0u);

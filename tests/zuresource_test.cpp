@@ -12,9 +12,9 @@
 #include <zuresource/zuresource.h>
 #include <zuresource/zuresourcelist.h>
 
+#include "support/asyncrun.h"
 #include "support/resourcehelpers.h"
 #include "support/scriptedowner.h"
-#include "support/waitforrun.h"
 
 namespace {
 

@@ -8,12 +8,15 @@
 #include <gtest/gtest.h>
 
 #include <zuresource/zucontract.h>
+#include <zuresource/zuexplain.h>
 #include <zuresource/zuresourcelist.h>
 #include <zuresource/zuresourcestate.h>
+#include <zuresource/zustalewaitchecker.h>
 
 #include "support/guardedthread.h"
 #include "support/recordingresource.h"
 #include "support/resourcehelpers.h"
+#include "support/smallstack.h"
 
 namespace {
 
@@ -184,3 +187,36 @@ TEST(GroupLockTest, ReleaseAfterAFailedWaitReentersTheReadLockWhileAWriterWaits)
 }
 
 }  // namespace
+
+// A chain of groups far deeper than a small stack would take by recursion: the
+// status text, explain (its text) and the stale-wait check walk it on a thread with a
+// 256 KB stack.
+TEST(GroupDepthTest, DeepChainIsReportedExplainedAndCheckedWithoutRecursion) {
+  const int depth = 20000;
+  std::vector<boost::shared_ptr<ZU::ZUResourceList>> chain;
+  for (int i = 0; i < depth; ++i) {
+    chain.push_back(makeGroup("G" + std::to_string(i), {}));
+    if (i > 0) chain[i - 1]->addResource(chain[i]);  // top down: each addition stays shallow
+  }
+  chain.back()->addResource(makePlain("Head"));
+  boost::shared_ptr<ZU::ZUOwner> owner = makeOwner("a", "A");
+  std::string text;
+  std::string explained;
+  std::size_t stale = 1;
+  zutest::runOnSmallStack(256 * 1024, [&] {
+    text = chain[depth - 3000]->httpGet(0);  // the text grows with the square of the depth
+    ZU::ZUExplanation e = ZU::explain(chain.front(), owner);
+    explained = e.toString();
+    ZU::ZUStaleWaitChecker checker;
+    stale = checker.check({chain.front()}).size();
+  });
+  EXPECT_EQ(text.substr(0, 24), "---G17000<br />------G17");
+  const std::string head = std::string(3 * 3001, '-') + "Head<br />";
+  EXPECT_EQ(text.substr(text.size() - head.size() - 6), "<br />" + head);
+  EXPECT_EQ(explained.substr(0, 40), "G0: group, no wait {G1: group, no wait {");
+  const std::string end = "Head: free; a would take it" + std::string(depth, '}');
+  EXPECT_EQ(explained.substr(explained.size() - end.size()), end);
+  EXPECT_EQ(stale, 0u);
+  // Taken apart bottom up: a chain's last handle would otherwise be let go by recursion.
+  for (int i = depth - 1; i > 0; --i) chain[i - 1]->deleteResource(chain[i]->name);
+}

@@ -11,10 +11,10 @@
 #include <zuresource/zucontract.h>
 #include <zuresource/zuresourcestate.h>
 
+#include "support/asyncrun.h"
 #include "support/recordingmodule.h"
 #include "support/resourcehelpers.h"
 #include "support/stopwatch.h"
-#include "support/waitforrun.h"
 
 namespace {
 

@@ -8,9 +8,8 @@
 #include <zuresource/zustalewaitchecker.h>
 #include <zuresource/zuwaitregistry.h>
 
-#include "support/conflictrun.h"
+#include "support/asyncrun.h"
 #include "support/resourcehelpers.h"
-#include "support/waitforrun.h"
 
 using namespace ZU;
 using zutest::makeGroup;

@@ -10,9 +10,8 @@
 #include <zuresource/zuresourcelist.h>
 #include <zuresource/zuwaitregistry.h>
 
-#include "support/conflictrun.h"
+#include "support/asyncrun.h"
 #include "support/resourcehelpers.h"
-#include "support/waitforrun.h"
 
 using namespace ZU;
 using zutest::errorOf;
@@ -58,46 +57,6 @@ class ZUWaitRegistryTest : public ::testing::Test {
   std::vector<boost::shared_ptr<ZUResource> > resources_;
   std::vector<std::unique_ptr<zutest::GuardedThread> > threads_;  // last: joined first
 };
-
-TEST_F(ZUWaitRegistryTest, EntryLastsExactlyAsLongAsTheWaitOnEveryWayOut) {
-  struct Way {
-    const char* name;
-    int timeout;
-    std::function<void(boost::shared_ptr<ZUOwner>& holder, ZUOwner& waiter)> end;
-  };
-  const Way ways[] = {
-      {"holder released", -1, [](auto& holder, auto&) { holder->freeResource(); }},
-      {"waiter stopped", -1, [](auto&, auto& waiter) { waiter.freeResource(); }},
-      {"time limit", 0, [](auto&, auto&) {}},
-      {"holder destroyed", -1, [](auto& holder, auto&) { holder.reset(); }},
-  };
-  for (const Way& way : ways) {
-    SCOPED_TRACE(way.name);
-    auto holder = makeOwner("holder", "Holder");
-    auto waiter = makeOwner("waiter", "Waiter");
-    zutest::ConflictRun run(*holder, "Arm", waiter, way.timeout);
-    ASSERT_TRUE(waitUntil([] { return recorded(1); }));
-    const ZUWait wait = ZUWaitRegistry::snapshot().front();
-    EXPECT_EQ(0u, wait.toString().find("waiter (Waiter) waits on holder (Holder) for Arm, "));
-    EXPECT_EQ(holder, wait.holderOwner.lock());
-    EXPECT_EQ(waiter, wait.waiterOwner.lock());
-
-    boost::weak_ptr<ZUOwner> watched = holder;
-    way.end(holder, *waiter);
-    run.wait();
-    EXPECT_TRUE(recorded(0));
-    EXPECT_EQ(!holder, watched.expired());  // the record kept no holder alive
-  }
-
-  // Error paths (an unknown module, no requester) and a hand-down leave nothing.
-  auto holder = makeOwner("holder", "Holder");
-  auto broker = boost::make_shared<ZUBroker>();  // the owner keeps no handle on it
-  holder->setParentBroker(broker);
-  EXPECT_TRUE(errorOf([&] { holder->conflict("Arm", makeOwner("waiter", "Waiter"), -1); }));
-  EXPECT_TRUE(errorOf([&] { holder->conflict("Arm", nullptr, -1); }));
-  EXPECT_TRUE(holder->conflict("Arm", makeOwner("holder/child", "Child"), -1));
-  EXPECT_TRUE(recorded(0));
-}
 
 TEST_F(ZUWaitRegistryTest, TwoGroupsInOppositeOrderMakeATwoOwnerCycle) {
   // Each owner has taken the first member of its group, as two walks side by side would.

@@ -41,10 +41,10 @@ int LiveServer::start(int port) {
   });
   server_->Get("/explain", [this](const httplib::Request& request, httplib::Response& response) {
     int status = 200;
-    std::string html =
+    std::string text =
         explainPage(request.get_param_value("owner"), request.get_param_value("resource"), status);
     response.status = status;
-    response.set_content(html, "text/html; charset=utf-8");
+    response.set_content(text, "text/plain; charset=utf-8");
   });
   int bound = port == 0 ? server_->bind_to_any_port("127.0.0.1")
                         : (server_->bind_to_port("127.0.0.1", port) ? port : -1);
@@ -107,10 +107,7 @@ std::string LiveServer::explainPage(const std::string& owner, const std::string&
       answer = e.what();
     }
   }
-  return "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\"><title>explain: " +
-         escapeHtml(owner) + " on " + escapeHtml(resource) + "</title><style>" + kStyle +
-         "</style></head><body>\n<p id=\"answer\">" + escapeHtml(answer) +
-         "</p>\n<p><a href=\"/\">back to the live page</a></p>\n</body></html>\n";
+  return answer + "\n";
 }
 
 }  // namespace zusim

@@ -21,7 +21,7 @@ namespace zusim {
 /// resource's status line as the library renders it (as text: markup in a
 /// name shows as markup characters, never as markup), the waits running now
 /// with any deadlock and stale wait among them, and the latest events; and
-/// "/explain?owner=NAME&resource=NAME": what waitFor would do now, as text
+/// "/explain?owner=NAME&resource=NAME": what waitFor would do now, as plain text
 /// (404 for an unknown owner or resource, 400 when either is missing).
 ///
 /// Thread safety: start(), finished() and stop() are called from one thread;
@@ -44,8 +44,8 @@ class LiveServer {
 
   /// The page as it is now.
   std::string page();
-  /// The answer to an explain query, as a page; `status` is set to the HTTP
-  /// status.
+  /// The answer to an explain query, as plain text (names as they are, no
+  /// entities); `status` is set to the HTTP status.
   std::string explainPage(const std::string& owner, const std::string& resource, int& status);
 
  private:

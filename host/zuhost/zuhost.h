@@ -8,3 +8,4 @@
 #include <zuhost/zumutex.h>
 #include <zuhost/zuos.h>
 #include <zuhost/zuvalue.h>
+#include <zuhost/zuwaitpoint.h>

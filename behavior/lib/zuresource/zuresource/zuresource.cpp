@@ -19,6 +19,23 @@ bool isPlaceholder(const ZUOwner& owner) {
   static const std::string placeholderName = contract::kPlaceholderName;
   return owner.name == placeholderName;
 }
+
+// Wakes the passes sleeping on a wait point as it goes out of scope, once
+// armed.
+class WakeOnExit {
+ public:
+  explicit WakeOnExit(ZUWaitPoint& point) : point_(point) {}
+  ~WakeOnExit() {
+    if (armed_) point_.wake();
+  }
+  WakeOnExit(const WakeOnExit&) = delete;
+  WakeOnExit& operator=(const WakeOnExit&) = delete;
+  void arm() { armed_ = true; }
+
+ private:
+  ZUWaitPoint& point_;
+  bool armed_ = false;
+};
 }  // namespace
 
 // --- Holder handle -------------------------------------------------------------
@@ -128,22 +145,28 @@ std::vector<std::string> ZUResource::waitFor(boost::shared_ptr<ZUOwner> owner,
   }
 
   ZUPendingEvent granted;  // delivered once the locks below are let go
-  bool busy = false;
   for (;;) {
+    const unsigned ticket = passEnded.ticket();  // before waitMutex and the holder
+    bool busy = false;
     {
+      WakeOnExit wake(passEnded);  // destroyed last: after waitMutex is let go
       ZUCriticalTrueIfLocked pass(waitMutex, busy);
+      if (!busy) wake.arm();
 
       // Already held by an owner of that name (the very same object, the usual
       // case, is told by address).
-      bool held = currentOwner.is(owner);
-      boost::shared_ptr<ZUOwner> copy;
-      if (!held) held = owner->name == currentOwner.loadOr(emptyOwner, copy)->name;
-      if (held) {
+      if (currentOwner.is(owner)) {
         if (ZUObservers::active())
           eventsite::granted(granted, name, *owner, ZUEvent::Grant::AlreadyHeld, nullptr);
         return std::vector<std::string>();
       }
-      const boost::shared_ptr<ZUOwner>& holder = copy ? copy : emptyOwner;
+      boost::shared_ptr<ZUOwner> copy;
+      const boost::shared_ptr<ZUOwner>& holder = currentOwner.loadOr(emptyOwner, copy);
+      if (owner->name == holder->name) {
+        if (ZUObservers::active())
+          eventsite::granted(granted, name, *owner, ZUEvent::Grant::AlreadyHeld, nullptr);
+        return std::vector<std::string>();
+      }
 
       // Ask the holder: this may wait up to the time limit, or throw. Our own
       // placeholder is a weak owner, whose answer is always a plain no.
@@ -153,6 +176,7 @@ std::vector<std::string> ZUResource::waitFor(boost::shared_ptr<ZUOwner> owner,
           if (ZUObservers::active())
             eventsite::granted(granted, name, *owner, ZUEvent::Grant::HandedDown, holder.get());
           currentOwner.store(std::move(owner));  // handed down to a descendant
+          wake.arm();
           return std::vector<std::string>();
         }
       }
@@ -167,12 +191,17 @@ std::vector<std::string> ZUResource::waitFor(boost::shared_ptr<ZUOwner> owner,
             eventsite::granted(granted, name, *owner, ZUEvent::Grant::WasFree, nullptr);
           return std::vector<std::string>();
         }
-        busy = true;
       }
     }
-    // Another caller holds waitMutex or took the resource first: retry at
-    // once, only yielding the processor so that the other caller can go on.
-    std::this_thread::yield();
+    if (busy && isFree()) {
+      // Free, but another pass holds waitMutex and is the one to take it: wait
+      // until that pass ends or the holder changes, then look again.
+      passEnded.park(ticket, ZUOwnerStrong::kPollPeriodMs);
+    } else {
+      // Held by an owner (taken meanwhile, or kept): ask it again at once; its
+      // conflict wait is what waits.
+      std::this_thread::yield();
+    }
   }
 }
 
@@ -180,6 +209,7 @@ void ZUResource::switchOwner(boost::shared_ptr<ZUOwner> owner, const std::string
                              int /*timeout*/) {
   requireOwner(owner, "ZUResource", "switchOwner");
   currentOwner.store(owner);
+  passEnded.wake();
   if (ZUObservers::active()) eventsite::emit(ZUEvent::Kind::Switched, name, owner.get());
 }
 
@@ -198,6 +228,7 @@ void ZUResource::release(boost::shared_ptr<ZUOwner> owner) {
       if (ZUObservers::active())
         eventsite::keep(released, ZUEvent::Kind::HandedBack, name, owner.get(), yielder.get());
       currentOwner.store(std::move(yielder));  // back to the owner that handed it down
+      passEnded.wake();
     } else {
       if (ZUObservers::active())
         eventsite::keep(released, ZUEvent::Kind::Released, name, owner.get());

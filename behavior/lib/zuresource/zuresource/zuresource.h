@@ -11,6 +11,7 @@
 #include <zuhost/zuhierarchyowner.h>
 #include <zuhost/zumutex.h>
 #include <zuhost/zuvalue.h>
+#include <zuhost/zuwaitpoint.h>
 
 #include <zuresource/zuowner.h>
 #include <zuresource/zuownerstrong.h>
@@ -70,7 +71,8 @@ class ZUHolderHandle {
 ///
 /// Thread safety: thread safe; several operations may run at once on one
 /// resource. Lock order within a resource: waitMutex, then currentOwnerMutex,
-/// then an owner's ownerMutex. Owners are told apart by name, never by object.
+/// then an owner's ownerMutex (the whole library's order: docs/design.md).
+/// Owners are told apart by name, never by object.
 class ZUResource {
  public:
   // --- Fields, in declaration order. --------------------------------------
@@ -111,13 +113,15 @@ class ZUResource {
   /// Throws ZUError (nothing changed) for an empty `owner`.
   /// Takes: per pass, waitMutex by try-lock (the holder's conflict runs under
   /// it when taken); to take a free resource, currentOwnerMutex (write) and
-  /// inside it the owner's ownerMutex.
+  /// inside it the owner's ownerMutex. Between passes, a pass that did not get
+  /// waitMutex and left the resource free sleeps on passEnded, holding none of
+  /// the resource's locks (see there).
   virtual std::vector<std::string> waitFor(boost::shared_ptr<ZUOwner> owner,
                                            const std::string& label, int timeout,
                                            const std::vector<std::string>& noWaitList);
   /// Makes `owner` the holder unconditionally; tells nobody. `label` and
   /// `timeout` are not used. Throws ZUError (nothing changed) for an empty
-  /// `owner`. Takes no lock.
+  /// `owner`. Takes no lock of the resource (wakes passEnded).
   virtual void switchOwner(boost::shared_ptr<ZUOwner> owner, const std::string& label, int timeout);
   /// Gives the resource back when `owner` holds it (by name): to the owner
   /// that handed it down to `owner`, if it still exists, else to the
@@ -182,6 +186,27 @@ class ZUResource {
 
   ZUResource(const ZUResource&) = delete;
   ZUResource& operator=(const ZUResource&) = delete;
+
+ private:
+  /// Atomic (a wait point). Where waitFor's passes wait for their turn: a pass
+  /// that did not get waitMutex and found the resource free may not take it,
+  /// and instead of retrying at once it sleeps here, holding none of the
+  /// resource's locks, until either
+  /// - a pass that held waitMutex ends (by any way out, after letting it go:
+  ///   the freed waitMutex may now be taken, or the holder it took asked), or
+  /// - the holder is replaced other than by such a pass or by a release to the
+  ///   placeholder (hand-down by a pass without waitMutex, switchOwner, a
+  ///   release back to the owner that handed the resource down), or
+  /// - one polling period has passed: a sleeping pass retries at least that
+  ///   often, so a holder stored into the public handle from outside is seen
+  ///   as late as a conflict wait sees a release, and a pass goes on retrying
+  ///   like before until the waitMutex holder's own time limit or release
+  ///   flag ends that holder's pass.
+  /// Each pass takes its ticket before it tries waitMutex and looks at the
+  /// holder, and each of those events wakes after it is done, so an event
+  /// after the look always ends the sleep (see ZUWaitPoint). A release to the
+  /// placeholder wakes nobody: a sleeping pass already saw the resource free.
+  ZUWaitPoint passEnded;
 };
 
 }  // namespace ZU
