@@ -21,6 +21,12 @@ const std::chrono::milliseconds kPoll(ZUOwnerStrong::kPollPeriodMs);
 /// robot that asks after the grant goes untold.
 const int kWatchStartMs = 2000;
 
+/// The end of a wait of `timeout` seconds from now (negative: none).
+std::chrono::steady_clock::time_point deadlineOf(int timeout) {
+  return timeout < 0 ? std::chrono::steady_clock::time_point::max()
+                     : std::chrono::steady_clock::now() + std::chrono::seconds(timeout);
+}
+
 ZUError waitError(const std::string& description, unsigned line) {
   return ZUError(contract::kWaitErrorModule, contract::kWaitErrorMethod, description, kFile, line);
 }
@@ -57,8 +63,7 @@ std::vector<std::string> ZUResourceFleet::waitFor(boost::shared_ptr<ZUOwner> own
                                                   const std::string& label, int timeout,
                                                   const std::vector<std::string>& noWaitList) {
   requireOwner(owner, "ZUResourceFleet", "waitFor");
-  const Clock::time_point deadline =
-      timeout < 0 ? Clock::time_point::max() : Clock::now() + std::chrono::seconds(timeout);
+  const Clock::time_point deadline = deadlineOf(timeout);
   std::vector<std::string> result = ZUResource::waitFor(owner, label, timeout, noWaitList);
   if (!result.empty()) return result;
   const bool noWait = std::find(noWaitList.begin(), noWaitList.end(), name) != noWaitList.end();
@@ -68,9 +73,8 @@ std::vector<std::string> ZUResourceFleet::waitFor(boost::shared_ptr<ZUOwner> own
 
 void ZUResourceFleet::switchOwner(boost::shared_ptr<ZUOwner> owner, const std::string& label,
                                   int timeout) {
+  const Clock::time_point deadline = deadlineOf(timeout);
   ZUResource::switchOwner(owner, label, timeout);
-  const Clock::time_point deadline =
-      timeout < 0 ? Clock::time_point::max() : Clock::now() + std::chrono::seconds(timeout);
   acquireFleet(owner, deadline, false);
 }
 
