@@ -181,6 +181,9 @@ TEST_F(BadInputTest, AddAndDeleteResourceRefuseBadMembersAndKeepTheLists) {
             "ZUResource.addResource: Add resource only in resource list");
   EXPECT_EQ(errorText([&] { r->deleteResource("R"); }),
             "ZUResource.deleteResource: Delete resource only in resource list");
+  EXPECT_EQ(errorOf([&] { r->addResource(r1); })->getLine(), ZU::contract::kAddResourceErrorLine);
+  EXPECT_EQ(errorOf([&] { r->deleteResource("R"); })->getLine(),
+            ZU::contract::kDeleteResourceErrorLine);
   EXPECT_EQ(memberNames(*g), (Names{"R1", "R2", "H"}));
   EXPECT_EQ(memberNames(*inner), (Names{"R", "K"}));
   EXPECT_TRUE(memberNames(*innermost).empty());

@@ -119,12 +119,6 @@ int runOne(const std::string& path, const zusim::Options& options, zusim::SuiteR
               << scenario.expectations.size() << " expectations: accepted" << std::endl;
     return ExitStatus::kAllHeld;
   }
-  if (options.checkOnly) {
-    *text << scenario.file << ": " << scenario.resources.size() << " resources, "
-          << scenario.owners.size() << " owners, " << scenario.actions.size() << " actions, "
-          << scenario.expectations.size() << " expectations: accepted" << std::endl;
-    return ExitStatus::kAllHeld;
-  }
   if (!options.quiet) {
     std::cout << "Scenario: " << zusim::escapeControls(scenario.title, false)
               << (scenario.title == scenario.file ? "" : " (" + scenario.file + ")") << std::endl;
