@@ -192,7 +192,9 @@ class ZUResource {
   /// and instead of retrying at once it sleeps here, holding none of the
   /// resource's locks, until either
   /// - a pass that held waitMutex ends (by any way out, after letting it go:
-  ///   the freed waitMutex may now be taken, or the holder it took asked), or
+  ///   the freed waitMutex may now be taken, or the holder it took asked);
+  ///   a pass that found its owner already holding the resource wakes only
+  ///   when the holder is no longer that owner as it ends, or
   /// - the holder is replaced other than by such a pass or by a release to the
   ///   placeholder (hand-down by a pass without waitMutex, switchOwner, a
   ///   release back to the owner that handed the resource down), or
@@ -201,9 +203,14 @@ class ZUResource {
   ///   as late as a conflict wait sees a release, and a pass goes on retrying
   ///   like before until the waitMutex holder's own time limit or release
   ///   flag ends that holder's pass.
-  /// Each pass takes its ticket before it tries waitMutex and looks at the
-  /// holder, and each of those events wakes after it is done, so an event
-  /// after the look always ends the sleep (see ZUWaitPoint). A release to the
+  /// No wakeup is lost. Each pass takes its ticket before it tries waitMutex
+  /// and looks at the holder, each waking event wakes after it is done, and an
+  /// event after the look ends the sleep (see ZUWaitPoint). A pass that is
+  /// about to sleep first tries waitMutex once more and looks again at once
+  /// when it gets it, so the waitMutex holder that wakes nobody has either let
+  /// go before that try, or lets go after it and sees then whether the holder
+  /// is still its owner: if so, whatever made that owner the holder again
+  /// after the sleeper saw the resource free has woken it. A release to the
   /// placeholder wakes nobody: a sleeping pass already saw the resource free.
   ZUWaitPoint passEnded;
 };
