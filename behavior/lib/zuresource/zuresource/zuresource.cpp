@@ -152,7 +152,6 @@ std::vector<std::string> ZUResource::waitFor(boost::shared_ptr<ZUOwner> owner,
 
   ZUPendingEvent granted;  // delivered once the locks below are let go
   for (;;) {
-    const unsigned ticket = passEnded.ticket();  // before waitMutex and the holder
     bool busy = false;
     {
       WakeOnExit wake(passEnded);  // destroyed last: after waitMutex is let go
@@ -199,8 +198,10 @@ std::vector<std::string> ZUResource::waitFor(boost::shared_ptr<ZUOwner> owner,
     }
     if (busy && isFree()) {
       // Free, but another pass holds waitMutex and is the one to take it: wait
-      // until that pass ends or the holder changes, then look again. When
-      // that pass has ended already, look again at once.
+      // until that pass ends or the holder changes, then look again; at once
+      // when either happened already.
+      const unsigned ticket = passEnded.ticket();  // then look again
+      if (!isFree()) continue;
       if (waitMutex->tryLock()) {
         waitMutex->unlock();
         passEnded.wake();

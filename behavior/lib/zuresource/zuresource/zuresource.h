@@ -114,7 +114,8 @@ class ZUResource {
   /// it when taken); to take a free resource, currentOwnerMutex (write) and
   /// inside it the owner's ownerMutex. Between passes, a pass that did not get
   /// waitMutex and left the resource free sleeps on passEnded, holding none of
-  /// the resource's locks (see there).
+  /// the resource's locks (see there), after one more try-lock of waitMutex
+  /// (let go at once when taken).
   virtual std::vector<std::string> waitFor(boost::shared_ptr<ZUOwner> owner,
                                            const std::string& label, int timeout,
                                            const std::vector<std::string>& noWaitList);
@@ -203,15 +204,17 @@ class ZUResource {
   ///   as late as a conflict wait sees a release, and a pass goes on retrying
   ///   like before until the waitMutex holder's own time limit or release
   ///   flag ends that holder's pass.
-  /// No wakeup is lost. Each pass takes its ticket before it tries waitMutex
-  /// and looks at the holder, each waking event wakes after it is done, and an
-  /// event after the look ends the sleep (see ZUWaitPoint). A pass that is
-  /// about to sleep first tries waitMutex once more and looks again at once
-  /// when it gets it, so the waitMutex holder that wakes nobody has either let
-  /// go before that try, or lets go after it and sees then whether the holder
-  /// is still its owner: if so, whatever made that owner the holder again
-  /// after the sleeper saw the resource free has woken it. A release to the
-  /// placeholder wakes nobody: a sleeping pass already saw the resource free.
+  /// No wakeup is lost. A pass about to sleep takes its ticket, then looks
+  /// again: it goes on at once when the resource is no longer free, or when
+  /// it gets waitMutex (which it lets go at once, waking the others).
+  /// Otherwise another pass holds waitMutex and lets go after the ticket was
+  /// taken; every waking event wakes after it is done, so each one after the
+  /// ticket ends the sleep (see ZUWaitPoint). The one waitMutex holder that
+  /// may wake nobody, a pass that found its owner already holding the
+  /// resource, looks after letting go whether the holder is still its owner:
+  /// if so, whatever made that owner the holder again after the sleeper saw
+  /// the resource free has woken the sleeper. A release to the placeholder
+  /// wakes nobody: a sleeping pass already saw the resource free.
   ZUWaitPoint passEnded;
 };
 
