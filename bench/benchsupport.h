@@ -42,5 +42,6 @@ class ResourceTree {
 void registerCycleBenchmarks();
 void registerGroupBenchmarks();
 void registerReportBenchmarks();
+void registerObserveBenchmarks();
 
 }  // namespace zubench

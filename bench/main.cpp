@@ -19,6 +19,9 @@
 
 #include "benchsupport.h"
 #include "contention.h"
+#ifdef ZUBENCH_FLEET
+#include "fleetbench.h"
+#endif
 #include "memory.h"
 #include "resulttable.h"
 #include "waiting.h"
@@ -78,7 +81,11 @@ void addMicroRows(ResultTable& table, const FastestRunReporter& times) {
       {"cycle", "cycle/plain", "floor", "floor/cycle", 1.5},
       {"cycle", "cycle/plain", "floor + handle counting", "floor/cycle+handles", 0},
       {"cycle", "cycle/plain", "std::timed_mutex try_lock_for+unlock", "baseline/timed_mutex", 0},
-      {"cycle", "cycle/plain", "std::mutex lock+unlock", "baseline/mutex", 0}};
+      {"cycle", "cycle/plain", "std::mutex lock+unlock", "baseline/mutex", 0},
+      {"cycle, counting observer", "cycle/observed/counting", "cycle, no observer", "cycle/plain",
+       0},
+      {"cycle, JSON-lines recorder", "cycle/observed/recorder", "cycle, no observer", "cycle/plain",
+       0}};
   const Comparison single[] = {
       {"waitFor, already held", "held/waitFor", "floor", "floor/held", 0},
       {"isResourceFree", "query/isResourceFree", "floor", "floor/isResourceFree", 0},
@@ -196,8 +203,9 @@ void addMemoryRows(ResultTable& table) {
 int main(int argc, char** argv) {
   using namespace zubench;
   // --rows=LIST picks the parts of the table to measure, from micro, waiting,
-  // contention and memory (default: all of them).
-  std::string rows = "micro,waiting,contention,memory";
+  // contention, memory and fleet (default: all of them; fleet only where the
+  // fleet library is built).
+  std::string rows = "micro,waiting,contention,memory,fleet";
   std::vector<char*> args{argv[0]};
   std::string defaults[] = {"--benchmark_repetitions=5",
                             "--benchmark_enable_random_interleaving=true",
@@ -220,6 +228,9 @@ int main(int argc, char** argv) {
   registerCycleBenchmarks();
   registerGroupBenchmarks();
   registerReportBenchmarks();
+#ifdef ZUBENCH_OBSERVE
+  registerObserveBenchmarks();
+#endif
   FastestRunReporter times;
   if (wanted("micro")) benchmark::RunSpecifiedBenchmarks(&times);
 
@@ -228,6 +239,9 @@ int main(int argc, char** argv) {
   if (wanted("waiting")) addWaitingRows(table);
   if (wanted("memory")) addMemoryRows(table);
   if (wanted("contention")) addContentionRows(table);
+#ifdef ZUBENCH_FLEET
+  if (wanted("fleet")) addFleetRows(table);
+#endif
   std::cout << "\n";
   table.print(std::cout);
   const int failures = table.failures();

@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # Installs the Debian packages this project needs, skipping those already
 # present. Runs `apt-get update` once, and only when something is missing.
-#   scripts/deps.sh            build, test and demo
+#   scripts/deps.sh            build, demo and the whole test suite (the
+#                              simulator's page tests drive Chromium and curl)
 #   scripts/deps.sh --m32      also the 32-bit toolchain and qemu-i386
-#   scripts/deps.sh --browser  also the browser for the simulator's page test
 #   scripts/deps.sh --ci       everything .ci/run needs
 set -euo pipefail
 
@@ -11,17 +11,17 @@ set -euo pipefail
 BASE_PACKAGES=(cmake g++ make pkg-config
                libboost-dev libboost-date-time-dev
                libgtest-dev libgmock-dev googletest libbenchmark-dev
-               nlohmann-json3-dev libcpp-httplib-dev)
+               nlohmann-json3-dev libcpp-httplib-dev python3-jsonschema
+               pybind11-dev python3-dev python3-pytest
+               etcd-server etcd-client
+               chromium curl)
 M32_PACKAGES=(g++-multilib qemu-user)
-BROWSER_PACKAGES=(chromium)
 
 packages=("${BASE_PACKAGES[@]}")
 for arg in "$@"; do
   case "$arg" in
-    --m32) packages+=("${M32_PACKAGES[@]}") ;;
-    --browser) packages+=("${BROWSER_PACKAGES[@]}") ;;
-    --ci) packages+=("${M32_PACKAGES[@]}" "${BROWSER_PACKAGES[@]}") ;;
-    *) echo "usage: $0 [--m32] [--browser] [--ci]" >&2; exit 2 ;;
+    --m32 | --ci) packages+=("${M32_PACKAGES[@]}") ;;
+    *) echo "usage: $0 [--m32] [--ci]" >&2; exit 2 ;;
   esac
 done
 

@@ -1,7 +1,6 @@
 // Bad input, one test per row of the README's bad-input table; afterwards the
 // objects serve as before.
 
-#include <algorithm>
 #include <atomic>
 #include <climits>
 #include <string>
@@ -17,11 +16,11 @@
 #include <zuresource/zuresourcelist.h>
 #include <zuresource/zuresourcestate.h>
 
+#include "support/asyncrun.h"
 #include "support/guardedthread.h"
 #include "support/recordingmodule.h"
 #include "support/resourcehelpers.h"
 #include "support/stillworks.h"
-#include "support/waitforrun.h"
 
 namespace {
 
@@ -41,9 +40,8 @@ std::string errorText(const std::function<void()>& action) {
   auto e = errorOf(action);
   return e ? e->getModule() + "." + e->getMethod() + ": " + e->getDescription() : "";
 }
-std::string timedOut(const std::string& name) {
-  return std::string(ZU::contract::kWaitErrorModule) + "." + ZU::contract::kWaitErrorMethod + ": " +
-         ZU::contract::waitTimedOut(name);
+::testing::AssertionResult timesOut(const std::function<void()>& action, const std::string& name) {
+  return zutest::isWaitError(errorOf(action), ZU::contract::waitTimedOut(name));
 }
 
 // A plain resource, an activated state resource and a group of two plain ones.
@@ -63,7 +61,7 @@ class BadInputTest : public ::testing::Test {
   boost::shared_ptr<ZU::ZUOwner> a = makeOwner("a", "A");
 };
 
-TEST_F(BadInputTest, EmptyOwnerHandlesAndRequestersAreRefusedOrIgnored) {
+TEST_F(BadInputTest, EmptyOwnerHandlesAreRefusedOrIgnored) {
   const std::pair<ResourcePtr, std::string> kinds[] = {
       {r, "ZUResource"}, {s, "ZUResourceState"}, {g, "ZUResourceList"}};
   for (const auto& [resource, kind] : kinds) {
@@ -78,25 +76,10 @@ TEST_F(BadInputTest, EmptyOwnerHandlesAndRequestersAreRefusedOrIgnored) {
         << kind;
     resource->release(a);
   }
-  // A strong owner refuses an empty requester, a weak one declines it.
-  auto b = makeOwner("b", "B");
-  ASSERT_TRUE(r->waitFor(b, "", 0, {}).empty());
-  EXPECT_EQ(errorText([&] { b->conflict("R", nullptr, 0); }),
-            "ZUOwnerStrong.conflict: empty requester owner handle");
-  auto strong = boost::dynamic_pointer_cast<ZU::ZUOwnerStrong>(b);
-  EXPECT_EQ(errorText([&] { strong->addWaiter(nullptr, 0); }),
-            "ZUOwnerStrong.addWaiter: empty requester owner handle");
-  EXPECT_FALSE(r->emptyOwner->conflict("R", nullptr, 0));
-  EXPECT_FALSE(b->isParent(nullptr));
-  b->setParentOwner(nullptr, "R");
-  EXPECT_FALSE(b->getParentOwner("R"));
-  EXPECT_EQ(b->copyWaiters().size(), 0u);
-  EXPECT_FALSE(b->resourceFreed);
-  r->release(b);
   expectAllStillWork();
 }
 
-TEST_F(BadInputTest, EmptyNamesWorkAndAnEmptyOwnerNameIsEveryonesAncestor) {
+TEST_F(BadInputTest, EmptyNamesWork) {
   auto unnamed = boost::make_shared<ZU::ZUResource>("", nullptr);
   auto silent = makeOwner("silent", "");  // no module name
   ASSERT_TRUE(unnamed->waitFor(silent, "", 0, {}).empty());
@@ -108,19 +91,6 @@ TEST_F(BadInputTest, EmptyNamesWorkAndAnEmptyOwnerNameIsEveryonesAncestor) {
   EXPECT_TRUE(group->isInGroup(""));
   group->deleteResource("");
   EXPECT_EQ(memberNames(*group), Names{"R"});
-  // An owner named "" is the ancestor of every named owner.
-  auto root = makeOwner("", "Root");
-  ASSERT_TRUE(r->waitFor(root, "", 0, {}).empty());
-  ASSERT_TRUE(r->waitFor(a, "", 0, {}).empty());
-  EXPECT_EQ(a->getParentOwner("R"), root);
-  r->release(a);
-  EXPECT_TRUE(r->isResourceOwned("Root"));
-  r->release(root);
-  // A state resource named "" likewise grants every named request.
-  auto unnamedState = boost::make_shared<ZU::ZUResourceState>("", nullptr);
-  EXPECT_TRUE(unnamedState->waitFor(a, "", 0, {}).empty());
-  EXPECT_EQ(zutest::holderNames(*unnamedState), Names{"a"});
-  unnamedState->release(a);
   for (const ResourcePtr& resource : {unnamed, r, ResourcePtr(group)})
     EXPECT_TRUE(stillWorks(resource));
 }
@@ -133,15 +103,9 @@ TEST_F(BadInputTest, NulBytesKeepNamesApart) {
   ASSERT_TRUE(arm->waitFor(ab, "", 0, {}).empty());
   EXPECT_EQ(arm->waitFor(ac, "", 0, {"Arm", armName}), Names{armName});
   // Neither the holder nor its descendant, and "Arm" is not its name: it waits.
-  EXPECT_EQ(errorText([&] { arm->waitFor(ac, "", 0, {"Arm"}); }), timedOut(armName));
+  EXPECT_TRUE(timesOut([&] { arm->waitFor(ac, "", 0, {"Arm"}); }, armName));
   EXPECT_TRUE(arm->isResourceOwned("AB"));
   arm->release(ab);
-  // "a" is a byte prefix of "a\0b": the ancestor hands it down.
-  ASSERT_TRUE(arm->waitFor(a, "", 0, {}).empty());
-  ASSERT_TRUE(arm->waitFor(ab, "", 0, {}).empty());
-  EXPECT_EQ(ab->getParentOwner(armName), a);
-  arm->release(ab);
-  arm->release(a);
   EXPECT_TRUE(stillWorks(arm));
 }
 
@@ -159,8 +123,7 @@ TEST(BadInputOddNames, PassByteForByteThroughAcquisitionNotificationAndReports) 
     holder->setParentBroker(broker);
     ASSERT_TRUE(resource->waitFor(holder, "", 0, {}).empty());
     EXPECT_TRUE(resource->isResourceOwned(name));
-    EXPECT_EQ(errorText([&] { resource->waitFor(makeOwner("o", "O"), "", 0, {}); }),
-              timedOut(name));
+    EXPECT_TRUE(timesOut([&] { resource->waitFor(makeOwner("o", "O"), "", 0, {}); }, name));
     module.waitIdle();
     EXPECT_EQ(module.calls(), Names{name});
     EXPECT_EQ(resource->httpGet(0), "---" + name + " -> " + name + " eStrong [] 0<br />");
@@ -198,6 +161,9 @@ TEST_F(BadInputTest, AddAndDeleteResourceRefuseBadMembersAndKeepTheLists) {
             "ZUResource.addResource: Add resource only in resource list");
   EXPECT_EQ(errorText([&] { r->deleteResource("R"); }),
             "ZUResource.deleteResource: Delete resource only in resource list");
+  EXPECT_EQ(errorOf([&] { r->addResource(r1); })->getLine(), ZU::contract::kAddResourceErrorLine);
+  EXPECT_EQ(errorOf([&] { r->deleteResource("R"); })->getLine(),
+            ZU::contract::kDeleteResourceErrorLine);
   EXPECT_EQ(memberNames(*g), (Names{"R1", "R2", "H"}));
   EXPECT_EQ(memberNames(*inner), (Names{"R", "K"}));
   EXPECT_TRUE(memberNames(*innermost).empty());
@@ -240,29 +206,6 @@ TEST_F(BadInputTest, TimeoutsOfIntMaxAndIntMinWaitUntilTheHolderLetsGo) {
   expectAllStillWork();
 }
 
-TEST_F(BadInputTest, DeactivationWhileRequestsWaitLeavesThemWaitingForTheNextActivation) {
-  ASSERT_TRUE(s->waitFor(a, "", 0, {}).empty());  // a strong holder that never lets go
-  s->setState(false);                             // it is told; its error is dropped
-  auto w1 = makeOwner("w1", "W1"), w2 = makeOwner("w2", "W2");
-  WaitForRun noLimit(s, w1, INT_MIN), limited(s, w2, 30);
-  msleep(250);
-  // The holder is told again and does not let go in time.
-  EXPECT_EQ(errorText([&] { s->releaseState(); }), timedOut("S"));
-  s->setState(false);
-  EXPECT_TRUE(noLimit.running());
-  EXPECT_TRUE(limited.running());
-  s->setState(true);
-  EXPECT_TRUE(waitReturned(noLimit.wait()));
-  EXPECT_TRUE(waitReturned(limited.wait()));
-  Names holders = zutest::holderNames(*s);
-  std::sort(holders.begin() + 1, holders.end());
-  EXPECT_EQ(holders, (Names{"a", "w1", "w2"}));
-  for (const auto& owner : {a, w1, w2}) s->release(owner);
-  EXPECT_TRUE(zutest::holderNames(*s).empty());
-  EXPECT_EQ(s->stateOwner->copyWaiters().size(), 0u);
-  EXPECT_TRUE(stillWorks(s));
-}
-
 // An owner object of the same name releases a holder the manager dropped.
 TEST_F(BadInputTest, OwnersDroppedByTheManagerWhileTheyWaitOrAreWaitedOnLiveOnUntilReleased) {
   ASSERT_TRUE(r->waitFor(a, "", 0, {}).empty());
@@ -272,7 +215,7 @@ TEST_F(BadInputTest, OwnersDroppedByTheManagerWhileTheyWaitOrAreWaitedOnLiveOnUn
   a.reset();
   granted.reset();
   refused.reset();
-  EXPECT_TRUE(zutest::waitFailedWith(limited.wait(), ZU::contract::waitTimedOut("R")));
+  EXPECT_TRUE(zutest::waitFailed(limited.wait(), ZU::contract::waitTimedOut("R")));
   EXPECT_TRUE(refusedWatch.expired());
   msleep(250);
   EXPECT_TRUE(noLimit.running());

@@ -1,5 +1,7 @@
 // The in-process broker: lookup, asynchronous calls run in order in the
-// module's own thread, and refused calls start no task.
+// module's own thread, refused calls start no task, and a module may drop
+// the last handle on itself inside its own call.
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -46,6 +48,25 @@ TEST(Broker, PCallReturnsAtOnceRunsTasksInOrderInTheModuleThreadAndRefusesWrongC
   EXPECT_EQ(module->startedTasks(), 2);  // none for the refused calls
   EXPECT_THAT(threads, ElementsAre(threads[0], threads[0]));
   EXPECT_NE(threads[0], std::this_thread::get_id());
+}
+
+// The module's thread cannot join itself: when the last handle goes inside
+// its own task, the thread is let go and ends after that task.
+TEST(Broker, ModuleThatDropsItsLastHandleInsideItsOwnCallEndsAfterIt) {
+  ZU::ZUBroker broker;
+  auto called = std::make_shared<zutest::Latch>(), left = std::make_shared<zutest::Latch>();
+  auto module = boost::make_shared<ZU::ZUModule>("M");
+  module->bindMethod<std::string>("leave", [&broker, called, left](const std::string&) {
+    called->wait();            // until the caller's handles are gone
+    broker.removeModule("M");  // the broker's handle was the last one
+    left->countDown();
+  });
+  broker.addModule(module);
+  module.reset();
+  broker.getProxy("M", 0)->pCall<std::string>("leave", "");
+  called->countDown();
+  EXPECT_TRUE(left->waitFor(5000));
+  EXPECT_FALSE(broker.getModule("M"));
 }
 
 }  // namespace

@@ -9,6 +9,8 @@
 #include <zuhost/zuos.h>
 #include <zuhost/zuvalue.h>
 
+#include <zuresource/zuvalues.h>
+
 #include "support/logcapture.h"
 
 using ZU::ZUValue;
@@ -16,9 +18,7 @@ using ZU::ZUValue;
 namespace {
 
 ZUValue array(std::initializer_list<ZUValue> elements) {
-  ZUValue value;
-  value.arrayPush(ZUValue());
-  value.arrayPopFront();  // an empty array, not an invalid value
+  ZUValue value = ZU::emptyArrayValue();
   for (const ZUValue& e : elements) value.arrayPush(e);
   return value;
 }
@@ -36,16 +36,6 @@ TEST(Value, TextFormIsQuotedEscapedAndUnambiguous) {
   EXPECT_NE(ZUValue(""), ZUValue());
   EXPECT_NE(ZUValue(), array({}));
   EXPECT_EQ(ZU::DecToString(INT_MIN) + ZU::DecToString(INT_MAX), "-21474836482147483647");
-}
-
-TEST(Value, PopFrontIsHarmlessAndOnlyArraysTakePushes) {
-  ZUValue value, text("t");
-  value.arrayPopFront();
-  EXPECT_FALSE(value.isValid());
-  for (const char* element : {"first", "second"}) value.arrayPush(ZUValue(element));
-  value.arrayPopFront();
-  EXPECT_EQ(value, array({ZUValue("second")}));
-  EXPECT_THROW(text.arrayPush(ZUValue("x")), ZU::ZUError);
 }
 
 TEST(Log, StreamLogsOnceAtTheEndOfItsScopeAndTheDefaultWritesStandardError) {

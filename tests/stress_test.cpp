@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <map>
-#include <memory>
 #include <mutex>
 #include <random>
 #include <set>
@@ -24,8 +23,8 @@
 #include <zuresource/zucontract.h>
 #include <zuresource/zuresourcelist.h>
 #include <zuresource/zuresourcestate.h>
+#include <zuresource/zuwaitregistry.h>
 
-#include "support/holdlog.h"
 #include "support/resourcehelpers.h"
 
 namespace {
@@ -43,10 +42,6 @@ int envInt(const char* name, int fallback) {
 }
 bool contains(const Names& names, const std::string& name) {
   return std::find(names.begin(), names.end(), name) != names.end();
-}
-long msSince(Clock::time_point start) {
-  return static_cast<long>(
-      std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count());
 }
 
 // A resource that an owner may ask for, with the leaves it stands for.
@@ -69,14 +64,20 @@ struct Target {
   }
 };
 
+// When an owner held a plain resource: from `got` (after its wait returned) to
+// `released` (before its release was called).
+struct Hold {
+  std::string owner;
+  Clock::time_point got, released;
+};
+
 // Everything the families share. Thread safe: the containers are filled before
 // the threads start and never change (their resources are thread safe), the
-// counters are atomic, each hold log locks itself, `failures` is guarded by
-// failuresMutex.
+// counters are atomic, `holds` and `failures` are guarded by mutex. Every holder is of module "M",
+// whose notifications do nothing.
 struct World {
-  explicit World(unsigned seed) : seed(seed), broker(boost::make_shared<ZU::ZUBroker>()) {
-    for (int i = 0; i < 12; ++i)
-      plains.push_back(boost::make_shared<ZU::ZUResource>("R" + std::to_string(i), nullptr));
+  explicit World(unsigned seed) : seed(seed) {
+    for (int i = 0; i < 12; ++i) plains.push_back(zutest::makePlain("R" + std::to_string(i)));
     for (int i = 0; i < 3; ++i)
       states.push_back(boost::make_shared<ZU::ZUResourceState>("S" + std::to_string(i), nullptr));
     states[0]->setState(true);
@@ -102,44 +103,48 @@ struct World {
       targets.push_back(Target{resource, {}, {}, {}});
       targets.back().collect(resource);
     }
-    for (const ResourcePtr& plain : plains) holdLogs[plain->name];  // built before sharing
+    module->bindMethod<std::string>("__onResource__", [](const std::string&) {});
+    broker->addModule(module);
   }
+  ~World() { broker->removeModule("M"); }
 
   void fail(const std::string& what) {
-    std::lock_guard<std::mutex> lock(failuresMutex);
+    std::lock_guard<std::mutex> lock(mutex);
     if (failures.size() < 20) failures.push_back(what);
+  }
+  void held(const ResourcePtr& plain, const std::string& owner, Clock::time_point got) {
+    std::lock_guard<std::mutex> lock(mutex);
+    holds[plain->name].push_back(Hold{owner, got, Clock::now()});
+  }
+  void progress() {
+    lastProgressMs =
+        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
   }
 
   const unsigned seed;
   const Clock::time_point start = Clock::now();
-  boost::shared_ptr<ZU::ZUBroker> broker;
+  boost::shared_ptr<ZU::ZUBroker> broker = boost::make_shared<ZU::ZUBroker>();
+  boost::shared_ptr<ZU::ZUModule> module = boost::make_shared<ZU::ZUModule>("M");
   std::vector<ResourcePtr> plains;
   std::vector<StatePtr> states;
   std::vector<boost::shared_ptr<ZU::ZUResourceList>> groups;
-  std::vector<Target> targets;                      // plains, then states, then groups
-  std::map<std::string, zutest::HoldLog> holdLogs;  // the map itself is immutable
+  std::vector<Target> targets;  // plains, then states, then groups
   std::atomic<long> lastProgressMs{0};
   std::atomic<bool> stopping{false};
   std::atomic<int> granted{0};
-  std::mutex failuresMutex;
-  Names failures;  // guarded by failuresMutex
+  std::mutex mutex;
+  std::map<std::string, std::vector<Hold>> holds;  // by resource; guarded by mutex
+  Names failures;                                  // guarded by mutex
 };
 
 // One owner family, driven by one thread: a stack of owners, each the
-// descendant of the one below it, the top one acting. Not shared between
-// threads; its module's task only touches the world's atomic counter.
+// descendant of the one below it, the top one acting. Not shared between threads.
 class Family {
  public:
   Family(World& world, int index)
       : world_(world),
         rootName_("F" + std::string(index < 10 ? "0" : "") + std::to_string(index)),
-        moduleName_("M" + rootName_),
-        rng_(world.seed * 7919u + static_cast<unsigned>(index)),
-        module_(boost::make_shared<ZU::ZUModule>(moduleName_)) {
-    module_->bindMethod<std::string>("__onResource__", [](const std::string&) {});
-    world_.broker->addModule(module_);
-  }
-  ~Family() { world_.broker->removeModule(moduleName_); }  // while the counters live
+        rng_(world.seed * 7919u + static_cast<unsigned>(index)) {}
 
   void run(Clock::time_point deadline) {
     while (Clock::now() < deadline) {
@@ -154,12 +159,9 @@ class Family {
         push();
       else
         pop();
-      world_.lastProgressMs = msSince(world_.start);
+      world_.progress();
     }
-    while (!stack_.empty()) {  // descendants before their ancestors
-      pop();
-      world_.lastProgressMs = msSince(world_.start);
-    }
+    for (; !stack_.empty(); world_.progress()) pop();  // descendants before their ancestors
   }
 
  private:
@@ -174,12 +176,15 @@ class Family {
     return std::uniform_int_distribution<int>(0, static_cast<int>(n) - 1)(rng_);
   }
   const Target& anyTarget() { return world_.targets[pick(world_.targets.size())]; }
+  void fail(const OwnerPtr& owner, const std::string& what) {
+    world_.fail(owner->name + " " + what);
+  }
 
   void push() {
     Frame frame;
     frame.owner = ZU::ZUResource::createOwner(
-        0, stack_.empty() ? rootName_ : stack_.back().owner->name + "." + char('a' + pick(2)),
-        moduleName_, nullptr);
+        0, stack_.empty() ? rootName_ : stack_.back().owner->name + "." + char('a' + pick(2)), "M",
+        nullptr);
     frame.owner->setParentBroker(world_.broker);
     // Now and then a release of something the new owner does not hold: its
     // next contested wait then fails with "box stop while waiting".
@@ -207,34 +212,33 @@ class Family {
 
   void acquire(Frame& frame, const Target& target) {
     const OwnerPtr& owner = frame.owner;
-    const std::string what = owner->name + " waiting for " + target.resource->name;
-    Names noWait;
+    const std::string what = "waiting for " + target.resource->name + ": ";
+    Names noWait, result;
     if (pick(100) < 30)
       for (int i = pick(3); i >= 0; --i) noWait.push_back(anyTarget().resource->name);
     frame.target = &target;
-    Names result;
     try {
       result = target.resource->waitFor(owner, owner->name, pick(2), noWait);
     } catch (const ZU::ZUError& error) {
-      if (!documented(error, target)) world_.fail(what + ": undocumented " + error.toString());
+      if (!documented(error, target)) fail(owner, what + "undocumented " + error.toString());
       expectHoldsNothing(owner, target, "after a failed wait");
       return;
     }
     frame.got = Clock::now();
+    ++world_.granted;
     for (const std::string& name : result)
       if (!target.leafNames.count(name) || !contains(noWait, name))
-        world_.fail(what + ": result names " + name + ", which it may not give up");
-    ++world_.granted;
+        fail(owner, what + "result names " + name + ", which it may not give up");
     for (const ResourcePtr& plain : target.plainLeaves) {
       if (contains(result, plain->name)) continue;
       const std::string holder = plain->currentOwner.load()->name;
       if (holder != owner->name)
-        world_.fail(what + ": granted, but " + holder + " holds " + plain->name);
+        fail(owner, what + "granted, but " + holder + " holds " + plain->name);
       frame.heldPlain.push_back(plain);
     }
     for (const StatePtr& state : target.stateLeaves)
       if (!contains(result, state->name) && !contains(holderNames(*state), owner->name))
-        world_.fail(what + ": granted, but not a holder of " + state->name);
+        fail(owner, what + "granted, but not a holder of " + state->name);
   }
 
   // The two documented errors: a timeout on one of the target's leaves, or a box stop.
@@ -250,17 +254,15 @@ class Family {
   void expectHoldsNothing(const OwnerPtr& owner, const Target& target, const char* when) {
     for (const ResourcePtr& plain : target.plainLeaves)
       if (plain->currentOwner.load()->name == owner->name)
-        world_.fail(owner->name + " still holds " + plain->name + " " + when);
+        fail(owner, "still holds " + plain->name + " " + when);
     for (const StatePtr& state : target.stateLeaves)
       if (contains(holderNames(*state), owner->name))
-        world_.fail(owner->name + " is still a holder of " + state->name + " " + when);
+        fail(owner, "is still a holder of " + state->name + " " + when);
   }
 
   void pop() {
     const Frame& top = stack_.back();
-    const Clock::time_point released = Clock::now();
-    for (const ResourcePtr& plain : top.heldPlain)
-      world_.holdLogs.at(plain->name).add(top.owner->name, top.got, released);
+    for (const ResourcePtr& plain : top.heldPlain) world_.held(plain, top.owner->name, top.got);
     top.target->resource->release(top.owner);
     expectHoldsNothing(top.owner, *top.target, "after its release");
     stack_.pop_back();
@@ -273,10 +275,10 @@ class Family {
     const auto it = top.heldPlain.begin() + pick(top.heldPlain.size());
     const ResourcePtr plain = *it;
     top.heldPlain.erase(it);
-    world_.holdLogs.at(plain->name).add(top.owner->name, top.got, Clock::now());
+    world_.held(plain, top.owner->name, top.got);
     plain->release(top.owner);
     if (plain->currentOwner.load()->name == top.owner->name)
-      world_.fail(top.owner->name + " still holds " + plain->name + " after its release");
+      fail(top.owner, "still holds " + plain->name + " after its release");
     std::this_thread::sleep_for(std::chrono::milliseconds(pick(250)));
   }
 
@@ -292,19 +294,21 @@ class Family {
     }
   }
 
+  // Status lines, holder values and the record of running waits, read while they change.
   void report() {
     const ResourcePtr& resource = anyTarget().resource;
     const std::string line = resource->httpGet(0);
     if (line.find(resource->name) == std::string::npos || line.rfind("<br />") + 6 != line.size())
       world_.fail("bad status line: " + line);
     resource->ownersGet();
+    for (const ZU::ZUWait& wait : ZU::ZUWaitRegistry::snapshot())
+      if (wait.waiter.empty() || wait.resource.empty()) world_.fail("torn wait record");
+    ZU::ZUWaitRegistry::cycles();
   }
 
   World& world_;
   const std::string rootName_;  // fixed width: no family name extends another
-  const std::string moduleName_;
   std::mt19937 rng_;
-  boost::shared_ptr<ZU::ZUModule> module_;
   std::vector<Frame> stack_;
 };
 
@@ -313,7 +317,10 @@ class Family {
 void watch(World& world) {
   while (!world.stopping) {
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    if (msSince(world.start) - world.lastProgressMs > 10000) {
+    const long idle =
+        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - world.start).count() -
+        world.lastProgressMs;
+    if (idle > 10000) {
       std::fprintf(stderr, "stress: no operation completed for 10 s (seed %u): deadlock?\n",
                    world.seed);
       std::abort();
@@ -332,22 +339,31 @@ TEST(Stress, ContendedTreeKeepsItsInvariants) {
   std::fflush(stdout);
 
   World world(seed);
-  {
-    std::vector<std::unique_ptr<Family>> families;
-    for (int i = 0; i < threads; ++i) families.push_back(std::make_unique<Family>(world, i));
-    const Clock::time_point deadline = Clock::now() + std::chrono::seconds(seconds);
-    std::thread watchdog(watch, std::ref(world));
-    std::vector<std::thread> running;
-    for (auto& family : families)
-      running.emplace_back([&family, deadline] { family->run(deadline); });
-    for (std::thread& thread : running) thread.join();
-    world.stopping = true;
-    watchdog.join();
-  }  // the modules go with their families
+  std::vector<Family> families;
+  families.reserve(threads);
+  for (int i = 0; i < threads; ++i) families.emplace_back(world, i);
+  const Clock::time_point deadline = Clock::now() + std::chrono::seconds(seconds);
+  std::thread watchdog(watch, std::ref(world));
+  std::vector<std::thread> running;
+  for (Family& family : families)
+    running.emplace_back([&family, deadline] { family.run(deadline); });
+  for (std::thread& thread : running) thread.join();
+  world.stopping = true;
+  watchdog.join();
 
   for (const std::string& failure : world.failures) ADD_FAILURE() << failure;
-  for (const auto& [name, log] : world.holdLogs)
-    for (const std::string& overlap : log.overlaps()) ADD_FAILURE() << name << ": " << overlap;
+  // Holds that overlap are only allowed between an owner and its descendant.
+  auto related = [](const std::string& a, const std::string& b) {
+    return a.compare(0, b.size(), b) == 0 || b.compare(0, a.size(), a) == 0;
+  };
+  for (auto& [name, holds] : world.holds) {
+    std::sort(holds.begin(), holds.end(),
+              [](const Hold& x, const Hold& y) { return x.got < y.got; });
+    for (std::size_t i = 0; i < holds.size(); ++i)
+      for (std::size_t j = i + 1; j < holds.size() && holds[j].got < holds[i].released; ++j)
+        if (!related(holds[i].owner, holds[j].owner))
+          ADD_FAILURE() << name << ": " << holds[i].owner << " overlaps " << holds[j].owner;
+  }
   for (const ResourcePtr& plain : world.plains)
     EXPECT_TRUE(plain->isResourceFree()) << plain->httpGet(0);
   for (const StatePtr& state : world.states) {
@@ -356,6 +372,7 @@ TEST(Stress, ContendedTreeKeepsItsInvariants) {
     EXPECT_EQ(state->stateOwner->copyWaiters().size(), 0u) << state->httpGet(0);
   }
   for (const auto& group : world.groups) EXPECT_TRUE(group->isResourceFree()) << group->httpGet(0);
+  EXPECT_TRUE(ZU::ZUWaitRegistry::snapshot().empty()) << "a wait that ended is still recorded";
   EXPECT_GT(world.granted, 0);
   std::printf("stress: seed %u: %d waits granted\n", seed, world.granted.load());
 }

@@ -10,9 +10,9 @@
 #include <zuresource/zuexplain.h>
 #include <zuresource/zuwaitregistry.h>
 
+#include "support/asyncrun.h"
 #include "support/recordingmodule.h"
 #include "support/resourcehelpers.h"
-#include "support/waitforrun.h"
 
 using namespace ZU;
 using Answer = ZUExplanation::Answer;

@@ -1,5 +1,5 @@
-// Conflict notifications through a real in-process broker, and the two
-// editor hooks. A missing holder module or a gone broker are host-fault tests.
+// Conflict notifications through a real in-process broker. A missing holder
+// module or a gone broker are host-fault tests.
 #include <algorithm>
 
 #include <boost/make_shared.hpp>
@@ -9,8 +9,7 @@
 #include <zuresource/zucontract.h>
 #include <zuresource/zuownerstrong.h>
 
-#include "support/conflictrun.h"
-#include "support/logcapture.h"
+#include "support/asyncrun.h"
 #include "support/recordingmodule.h"
 
 using ::testing::ElementsAre;
@@ -63,18 +62,6 @@ TEST_F(NotifyTest, ARefusedNotificationPrintsOneLineAndTheWaitGoesOnToItsLimit) 
   EXPECT_THAT(out, HasSubstr("When trying to call module 'IntModule' function '__onResource__' "
                              "parameter #1 is of type string instead of type int"));
   EXPECT_EQ(intModule->startedTasks(), 0);
-}
-
-TEST_F(NotifyTest, EditorHooksLogOneRecordEach) {
-  zutest::LogCapture capture;
-  holder->notifyConflictVantor(requester, 5);
-  holder->notifyEndConflictVantor(nullptr, -1);
-  const std::vector<ko::log::Record> r = capture.records();
-  ASSERT_EQ(r.size(), 2u);
-  EXPECT_EQ(r[0].message + r[1].message,
-            "unimplemented notifyConflictVantor\nunimplemented notifyEndConflictVantor");
-  EXPECT_EQ(r[1].level, 3);
-  EXPECT_EQ(r[1].category, ZU::contract::kLogCategory);
 }
 
 }  // namespace

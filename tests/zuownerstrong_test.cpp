@@ -1,5 +1,7 @@
-// Conflict arbitration of the strong owner: hand-down, the polled wait and
-// the ways it ends, the waiters list and the wait timer.
+// Conflict arbitration of the strong owner: hand-down, and the polled wait:
+// every way it ends, with its waiters list, its record and its timer.
+#include <functional>
+#include <string>
 #include <utility>
 
 #include <boost/make_shared.hpp>
@@ -9,8 +11,10 @@
 
 #include <zuresource/zucontract.h>
 #include <zuresource/zuownerstrong.h>
+#include <zuresource/zuwaitregistry.h>
 
-#include "support/conflictrun.h"
+#include "support/asyncrun.h"
+#include "support/guardedthread.h"
 #include "support/resourcehelpers.h"
 
 using ZU::ZUOwnerStrong;
@@ -27,26 +31,11 @@ const int kPoll = ZUOwnerStrong::kPollPeriodMs;
 boost::shared_ptr<ZUOwnerStrong> owner(const std::string& name) {
   return boost::make_shared<ZUOwnerStrong>(name, name + "-module", nullptr);
 }
-bool waitersReach(const ZUOwnerStrong& holder, std::size_t count) {
-  return waitUntil([&] { return holder.copyWaiters().size() == count; });
-}
-/// Frees `target` once `holder`'s wait timer reaches `ms` (polls, not wall
-/// time, so a loaded machine cannot shift it); returns the timer seen.
-int freeWhenTimerReaches(const ZUOwnerStrong& holder, int ms, ZU::ZUOwner& target) {
-  EXPECT_TRUE(waitUntil([&] { return holder.timeout >= ms; }, 20000));
-  const int seen = holder.timeout;
-  target.freeResource();
-  return seen;
-}
-void expectReleased(const zutest::ConflictOutcome& outcome) {
-  EXPECT_FALSE(outcome.result || outcome.error) << "not a plain release";
-}
-
 TEST(StrongOwner, HandsDownAtOnceOnlyToAProperByteDescendant) {
-  const std::pair<const char*, const char*> pairs[] = {
-      {"box/a", "box/a/b"}, {"ab", "abx"}, {"", "x"}};
+  const std::pair<std::string, std::string> pairs[] = {
+      {"box/a", "box/a/b"}, {"ab", "abx"}, {"", "x"}, {"a", std::string("a\0b", 3)}};
   for (const auto& names : pairs) {
-    SCOPED_TRACE(std::string(names.first) + " -> " + names.second);
+    SCOPED_TRACE(names.first + " -> " + names.second);
     auto holder = owner(names.first), requester = owner(names.second);
     holder->freeResource();
     EXPECT_TRUE(holder->conflict("R", requester, 0));
@@ -62,70 +51,76 @@ TEST(StrongOwner, HandsDownAtOnceOnlyToAProperByteDescendant) {
   EXPECT_EQ(holder->copyWaiters().serializeToText(), "[]");
 }
 
-// Every way out of a wait, each on a holder of its own, all at once.
-TEST(StrongOwner, AWaitEndsByEitherReleaseOrAtTheFirstPollAfterTheTimeLimit) {
-  auto freedBefore = owner("h1"), freedDuring = owner("h2"), oneSecond = owner("h3"),
-       stopped = owner("h4"), stoppedBefore = owner("h5"), released = owner("h6");
-  auto stoppedRequester = owner("q4"), stoppedBeforeRequester = owner("q5");
-  // A wait clears its holder's flag but not its requester's; a stop beats a
-  // deadline passed in the same sleep.
-  freedBefore->freeResource();
-  stoppedBeforeRequester->freeResource();
-  ConflictRun before(*freedBefore, "R", owner("q1"), 0), during(*freedDuring, "R", owner("q2"), 0),
-      second(*oneSecond, "R", owner("q3"), 1), stop(*stopped, "R", stoppedRequester, -1),
-      staleStop(*stoppedBefore, "R", stoppedBeforeRequester, 0),
-      release(*released, "R", owner("q6"), -1);
-  // Into the only sleep of a timeout-0 wait: seen too late, as before it.
-  ko::os::msleep(150);
-  freedDuring->freeResource();
-  const int stopAt = freeWhenTimerReaches(*stopped, 200, *stoppedRequester);
-  const int releaseAt = freeWhenTimerReaches(*released, 1000, *released);
+bool recorded(std::size_t waits) { return ZU::ZUWaitRegistry::snapshot().size() == waits; }
 
-  EXPECT_TRUE(waitFailed(before.wait(), kTimedOut));
-  EXPECT_TRUE(waitFailed(during.wait(), kTimedOut));
-  EXPECT_EQ(freedBefore->timeout, kPoll);  // exactly one sleep
-  const zutest::ConflictOutcome timedOut = second.wait();
-  EXPECT_TRUE(waitFailed(timedOut, kTimedOut));
-  EXPECT_ELAPSED_NEAR(timedOut.elapsedMs, 1000);
-  EXPECT_TRUE(waitFailed(stop.wait(), kStop));
-  EXPECT_LE(stopped->timeout, stopAt + kPoll);
-  EXPECT_TRUE(waitFailed(staleStop.wait(), kStop));
-  expectReleased(release.wait());
-  EXPECT_TRUE(released->timeout >= releaseAt && released->timeout <= releaseAt + kPoll);
-  EXPECT_EQ(released->getTimeout(), "1");  // whole seconds, kept after the end
+// Every way a wait on a strong holder ends, one row each. Each row runs on a
+// fresh holder whose waiters list already holds an earlier entry and whose
+// timer holds a leftover: the end must remove the oldest entry (leaving the
+// requester's), drop the wait's record (which kept no holder alive), and the
+// timer must count this wait's polls only.
+TEST(StrongOwner, EveryWayAWaitEnds) {
+  using Holder = boost::shared_ptr<ZUOwnerStrong>;
+  enum When { kBefore, kInTheOnlySleep, kAtTimer200, kAtTimer1000, kNever };
+  struct Row {
+    const char* name;
+    int limit;  // seconds
+    When when;
+    std::function<void(Holder& holder, ZU::ZUOwner& requester)> trigger;
+    const char* error;       // nullptr: conflict() returns false
+    int timerMin, timerMax;  // the holder's timer at the end, ms, past its value at a timed trigger
+  };
+  auto letGo = [](Holder& holder, ZU::ZUOwner&) { holder->freeResource(); };
+  auto stop = [](Holder&, ZU::ZUOwner& requester) { requester.freeResource(); };
+  // Found and fixed: a wait kept a handle on its holder, so dropping the last
+  // outside handle left it polling, and its own handle then ran the destructor:
+  //   test: holder.reset()          count 2 -> 1, the release flag is never set
+  //   wait: ends, drops its handle  ~ZUOwnerStrong takes conflictMutex (write)
+  //                                 while this thread holds it (read): hang.
+  auto destroy = [](Holder& holder, ZU::ZUOwner&) {
+    zutest::GuardedThread destroyer([&holder] { holder.reset(); });
+    EXPECT_TRUE(destroyer.joinFor(5000)) << "the destructor did not complete";
+  };
+  const Row rows[] = {
+      {"holder lets go", -1, kAtTimer1000, letGo, nullptr, 0, kPoll},
+      {"holder let go before the wait", 0, kBefore, letGo, kTimedOut.c_str(), kPoll, kPoll},
+      {"holder lets go in the only sleep", 0, kInTheOnlySleep, letGo, kTimedOut.c_str(), kPoll,
+       kPoll},
+      {"time limit", 1, kNever, nullptr, kTimedOut.c_str(), 1000, 1000 + kPoll},
+      {"requester stopped", -1, kAtTimer200, stop, kStop, 0, kPoll},
+      {"requester stopped before, limit passed too", 0, kBefore, stop, kStop, kPoll, kPoll},
+      {"holder destroyed (the destroyed-holder race)", -1, kAtTimer200, destroy, nullptr, 0, 0},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    Holder holder = owner("h");
+    auto requester = owner("q");
+    holder->addWaiter(owner("e"), 0);
+    holder->timeout = 100;  // left over from an earlier wait
+    const boost::weak_ptr<ZU::ZUOwner> watched = holder;
+    if (row.when == kBefore) row.trigger(holder, *requester);
+    ConflictRun run(*holder, "R", requester, row.limit);
+    ASSERT_TRUE(waitUntil([] { return recorded(1); }));
+    EXPECT_EQ(ZU::ZUWaitRegistry::snapshot().front().waiterOwner.lock(), requester);
+    if (row.when == kInTheOnlySleep) ko::os::msleep(150);
+    int base = 0;  // the timer when the trigger came
+    if (row.when == kAtTimer200 || row.when == kAtTimer1000) {
+      const int at = row.when == kAtTimer200 ? 200 : 1000;
+      ASSERT_TRUE(waitUntil([&] { return holder->timeout >= at; }, 20000));
+      base = holder->timeout;
+    }
+    if (row.when != kBefore && row.trigger) row.trigger(holder, *requester);
 
-  ConflictRun next(*released, "R", owner("q7"), 0);  // the next wait starts over
-  EXPECT_TRUE(waitFailed(next.wait(), kTimedOut));
-  EXPECT_EQ(released->getTimeout(), "0");
-}
-
-TEST(StrongOwner, EachEndOfAWaitRemovesTheOldestWaiter) {
-  auto holder = owner("box/h");
-  ConflictRun first(*holder, "R", owner("box/a"), -1);
-  ASSERT_TRUE(waitersReach(*holder, 1));
-  ConflictRun second(*holder, "R", owner("box/b"), 1);
-  ASSERT_TRUE(waitersReach(*holder, 2));
-  EXPECT_EQ(holder->copyWaiters().serializeToText(), R"(["box/a-module","box/b-module"])");
-  EXPECT_TRUE(waitFailed(second.wait(), kTimedOut));
-  EXPECT_EQ(holder->copyWaiters().serializeToText(),
-            R"(["box/b-module"])");  // the oldest went, not b's
-  holder->freeResource();
-  expectReleased(first.wait());
-  EXPECT_EQ(holder->copyWaiters().serializeToText(), "[]");
-}
-
-// Found and fixed: a wait kept a handle on its holder, so dropping the last
-// outside handle left it polling, and its own handle then ran the destructor:
-//   test: holder.reset()          count 2 -> 1, the release flag is never set
-//   wait: ends, drops its handle  ~ZUOwnerStrong takes conflictMutex (write)
-//                                 while this thread holds it (read): hang.
-TEST(StrongOwner, DestroyingTheHolderEndsItsWaitsFirst) {
-  auto holder = owner("box/h");
-  ConflictRun run(*holder, "R", owner("box/q"), -1);
-  ASSERT_TRUE(waitersReach(*holder, 1));
-  zutest::GuardedThread destroyer([&holder] { holder.reset(); });
-  expectReleased(run.wait());
-  EXPECT_TRUE(destroyer.joinFor(5000)) << "the destructor did not complete";
+    const zutest::ConflictOutcome outcome = run.wait();
+    EXPECT_TRUE(row.error ? waitFailed(outcome, row.error) : zutest::waitReturned(outcome, false));
+    if (row.limit > 0) EXPECT_ELAPSED_NEAR(outcome.elapsedMs, row.limit * 1000);
+    EXPECT_TRUE(recorded(0));
+    EXPECT_EQ(!holder, watched.expired());
+    if (!holder) continue;
+    EXPECT_EQ(holder->copyWaiters().serializeToText(), R"(["q-module"])");
+    EXPECT_GE(holder->timeout, base + row.timerMin);
+    EXPECT_LE(holder->timeout, base + row.timerMax);
+    EXPECT_EQ(holder->getTimeout(), std::to_string(holder->timeout / 1000));  // whole seconds
+  }
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 // The state resource: activation, shared holding, deactivation and reports.
 
+#include <climits>
 #include <string>
 #include <vector>
 
@@ -11,10 +12,10 @@
 #include <zuresource/zucontract.h>
 #include <zuresource/zuresourcestate.h>
 
+#include "support/asyncrun.h"
 #include "support/recordingmodule.h"
 #include "support/resourcehelpers.h"
 #include "support/stopwatch.h"
-#include "support/waitforrun.h"
 
 namespace {
 
@@ -94,6 +95,8 @@ TEST_F(StateResourceTest, DeactivationTellsHoldersUntilAStrongOneHoldsOnAndKeeps
   EXPECT_EQ(s->httpGet(0),
             "---S -> W eWeak null 0 -> MA eStrong [] 0 -> MB eStrong null 0 Waiter: null<br />");
 
+  // Requests that wait meanwhile, with no limit or a short one, wait for the next activation.
+  zutest::WaitForRun noLimit(s, makeOwner("x", "X"), INT_MIN), limited(s, makeOwner("y", "Y"), 30);
   auto error = errorOf([&] { s->releaseState(); });
   ASSERT_TRUE(error);
   EXPECT_EQ(error->getDescription(), ZU::contract::waitTimedOut("S"));
@@ -101,6 +104,12 @@ TEST_F(StateResourceTest, DeactivationTellsHoldersUntilAStrongOneHoldsOnAndKeeps
   moduleB.waitIdle();
   EXPECT_EQ(moduleA.calls(), (Names{"S", "S"}));
   EXPECT_TRUE(moduleB.calls().empty());
+  s->setState(false);
+  EXPECT_TRUE(noLimit.running() && limited.running());
+  s->setState(true);
+  EXPECT_TRUE(zutest::waitReturned(noLimit.wait()));
+  EXPECT_TRUE(zutest::waitReturned(limited.wait()));
+  EXPECT_EQ(s->stateOwner->copyWaiters().size(), 0u);
 }
 
 }  // namespace

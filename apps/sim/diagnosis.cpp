@@ -2,9 +2,17 @@
 
 #include <algorithm>
 
+#include <zuresource/zuownerstrong.h>
+#include <zuresource/zustalewaitchecker.h>
+
 namespace zusim {
 
 namespace {
+
+/// A restarted wait's cycle is reported formed again at its first poll, one
+/// polling period after the break; the margin is for the thread to be
+/// scheduled.
+const long kRestartMs = 2 * ZU::ZUOwnerStrong::kPollPeriodMs;
 
 /// `names` sorted, each once.
 std::vector<std::string> distinct(std::vector<std::string> names) {
@@ -13,41 +21,57 @@ std::vector<std::string> distinct(std::vector<std::string> names) {
   return names;
 }
 
-}  // namespace
-
-void Diagnosis::findDeadlocks() {
-  for (const ZU::ZUWaitCycle& cycle : ZU::ZUWaitRegistry::findCycles(ourWaits())) {
-    std::vector<std::uint64_t> ids;
-    std::vector<std::string> owners;
-    Finding found;
-    for (const ZU::ZUWait& w : cycle.edges) {
-      ids.push_back(w.id);
-      owners.push_back(w.waiter);
-      found.resources.push_back(w.resource);
-    }
-    if (!cyclesSeen_.insert(ids).second) continue;
-    found.owners = distinct(owners);
-    found.text = describe(cycle);
-    std::lock_guard<std::mutex> lock(mutex_);
-    found.ms = log_.now();
-    deadlocks_.push_back(found);
-    log_.add(EventKind::Deadlock, cycle.edges.front().waiter, cycle.edges.front().resource,
-             found.text);
-  }
+long msBetween(std::chrono::steady_clock::time_point from,
+               std::chrono::steady_clock::time_point to) {
+  return static_cast<long>(
+      std::chrono::duration_cast<std::chrono::milliseconds>(to - from).count());
 }
 
-void Diagnosis::findStaleWaits() {
-  std::vector<ZU::ZUStaleWait> stale = staleChecker_.check(stage_.roots());
-  std::lock_guard<std::mutex> lock(mutex_);
-  staleNow_.clear();
-  for (const ZU::ZUStaleWait& s : stale) {
-    if (stage_.ownerNumber(s.wait.waiterOwner.lock()) < 0) continue;
-    staleNow_.push_back(s.toString());
-    if (!s.firstReport) continue;
-    staleWaits_.push_back(
-        {log_.now(), distinct({s.wait.waiter, s.wait.holder}), {s.wait.resource}, s.toString()});
-    log_.add(EventKind::StaleWait, s.wait.waiter, s.wait.resource, s.toString());
+}  // namespace
+
+bool Diagnosis::ours(const std::vector<ZU::ZUWait>& waits) const {
+  return !waits.empty() && std::all_of(waits.begin(), waits.end(), [this](const ZU::ZUWait& w) {
+    return stage_.ownerNumber(w.waiter) >= 0;
+  });
+}
+
+void Diagnosis::record(const ZU::ZUEvent& e, long ms) {
+  if (!ours(e.waits)) return;
+  if (e.kind == ZU::ZUEvent::Kind::StaleWait) {
+    const ZU::ZUWait& w = e.waits.front();
+    ZU::ZUStaleWait s{w, msBetween(e.since, e.time), true};
+    std::lock_guard<std::mutex> lock(mutex_);
+    stale_.push_back({w.id, w, e.since});
+    staleWaits_.push_back({ms, distinct({w.waiter, w.holder}), {w.resource}, s.toString()});
+    log_.add(ms, EventKind::StaleWait, w.waiter, w.resource, s.toString());
+    return;
   }
+  std::vector<std::string> key;
+  for (const ZU::ZUWait& w : e.waits) key.push_back(w.waiter + '\n' + w.holder + '\n' + w.resource);
+  std::sort(key.begin(), key.end());
+  std::lock_guard<std::mutex> lock(mutex_);
+  auto known = cycles_.find(key);
+  if (e.kind == ZU::ZUEvent::Kind::DeadlockBroken) {
+    if (known != cycles_.end()) known->second = Cycle{false, ms};
+    return;
+  }
+  if (known != cycles_.end() &&
+      (known->second.standing || ms - known->second.brokenMs <= kRestartMs)) {
+    known->second.standing = true;
+    return;
+  }
+  cycles_[key] = Cycle{true, 0};
+  Finding found;
+  found.ms = ms;
+  std::vector<std::string> owners;
+  for (const ZU::ZUWait& w : e.waits) {
+    owners.push_back(w.waiter);
+    found.resources.push_back(w.resource);
+  }
+  found.owners = distinct(owners);
+  found.text = describe(e.waits, e.since);
+  deadlocks_.push_back(found);
+  log_.add(ms, EventKind::Deadlock, e.waits.front().waiter, e.waits.front().resource, found.text);
 }
 
 std::vector<Finding> Diagnosis::deadlocks() const {
@@ -64,10 +88,17 @@ Diagnostics Diagnosis::now() const {
   Diagnostics d;
   std::vector<ZU::ZUWait> waits = ourWaits();
   for (const ZU::ZUWait& w : waits) d.waits.push_back(w.toString());
-  for (const ZU::ZUWaitCycle& c : ZU::ZUWaitRegistry::findCycles(waits))
-    d.deadlocks.push_back(describe(c));
+  for (const ZU::ZUWaitCycle& c : ZU::ZUWaitRegistry::findCycles(waits)) {
+    std::chrono::steady_clock::time_point formed;
+    for (const ZU::ZUWait& w : c.edges) formed = std::max(formed, w.since);
+    d.deadlocks.push_back(describe(c.edges, formed));
+  }
+  std::chrono::steady_clock::time_point at = std::chrono::steady_clock::now();
   std::lock_guard<std::mutex> lock(mutex_);
-  d.staleWaits = staleNow_;
+  for (const Stale& s : stale_)
+    if (std::any_of(waits.begin(), waits.end(),
+                    [&](const ZU::ZUWait& w) { return w.id == s.waitId; }))
+      d.staleWaits.push_back(ZU::ZUStaleWait{s.wait, msBetween(s.since, at), false}.toString());
   return d;
 }
 
@@ -81,13 +112,12 @@ std::vector<ZU::ZUWait> Diagnosis::ourWaits() const {
   return waits;
 }
 
-std::string Diagnosis::describe(const ZU::ZUWaitCycle& cycle) const {
+std::string Diagnosis::describe(const std::vector<ZU::ZUWait>& edges,
+                                std::chrono::steady_clock::time_point formed) const {
   std::string text = "deadlock: ";
-  EventLog::Clock::time_point formed;
-  for (std::size_t i = 0; i < cycle.edges.size(); ++i) {
-    const ZU::ZUWait& w = cycle.edges[i];
+  for (std::size_t i = 0; i < edges.size(); ++i) {
+    const ZU::ZUWait& w = edges[i];
     text += (i ? ", " : "") + w.waiter + " -> " + w.holder + " (" + w.resource + ")";
-    formed = std::max(formed, w.since);
   }
   return text + "; formed at " + std::to_string(log_.msOf(formed)) + " ms";
 }

@@ -3,13 +3,14 @@
 // Diagnosis of a run's waits: the deadlocks among them, the stale ones, and
 // how to word them.
 
+#include <chrono>
 #include <cstdint>
+#include <map>
 #include <mutex>
-#include <set>
 #include <string>
 #include <vector>
 
-#include <zuresource/zustalewaitchecker.h>
+#include <zuresource/zuobserver.h>
 #include <zuresource/zuwaitregistry.h>
 
 #include "eventlog.h"
@@ -19,46 +20,59 @@
 
 namespace zusim {
 
-/// Finds the deadlocks and stale waits among the waits of one stage's
-/// owners, logs each once, and keeps them for the expectations and the live
-/// page. The wait record is the process's: a test may run several stages.
+/// Logs each deadlock and each stale wait among the waits of one stage's
+/// owners once, from the library's events, and keeps them for the
+/// expectations and the live page.
 ///
-/// Thread safety: thread safe. findDeadlocks() and findStaleWaits() are
-/// called by one thread at a time. Lock order: the library's locks (the wait
-/// record's, the checker's reads), then mutex_, then the event log's.
+/// A deadlock is one cycle for as long as the same waiter -> holder
+/// (resource) edges stand, reported once with the time it first formed: a
+/// waiter whose wait restarts (its holder let go of something else, which
+/// sets the holder's release flag) makes the library report the cycle broken
+/// and, at the new wait's first poll, formed again.
+///
+/// Thread safety: thread safe. Lock order: the library's locks (the wait
+/// record's, in now()), then mutex_, then the event log's.
 class Diagnosis {
  public:
   /// `stage` and `log` must outlive the diagnosis.
   Diagnosis(const Stage& stage, EventLog& log) : stage_(stage), log_(log) {}
 
-  /// Logs each cycle of waits the first time it is seen.
-  void findDeadlocks();
-  /// Runs the stale-wait check and logs each stale wait once.
-  void findStaleWaits();
+  /// A DeadlockFormed, DeadlockBroken or StaleWait event of the library,
+  /// which happened at `ms`. Events of other stages' owners are ignored.
+  void record(const ZU::ZUEvent& event, long ms);
 
   std::vector<Finding> deadlocks() const;
   std::vector<Finding> staleWaits() const;
-  /// The waits running now, the cycles among them, the last check's stale waits.
+  /// The waits running now, the cycles among them, the stale ones.
   Diagnostics now() const;
 
  private:
+  struct Cycle {
+    bool standing = false;
+    long brokenMs = 0;
+  };
+  struct Stale {
+    std::uint64_t waitId;
+    ZU::ZUWait wait;
+    std::chrono::steady_clock::time_point since;
+  };
+
   /// The waits of this stage's owners running now. The wait record's mutex.
   std::vector<ZU::ZUWait> ourWaits() const;
+  bool ours(const std::vector<ZU::ZUWait>& waits) const;
   /// "deadlock: a -> b (R), b -> a (L); formed at 402 ms".
-  std::string describe(const ZU::ZUWaitCycle& cycle) const;
+  std::string describe(const std::vector<ZU::ZUWait>& edges,
+                       std::chrono::steady_clock::time_point formed) const;
 
   const Stage& stage_;
   EventLog& log_;
-  // Used by the finding thread only: the cycles logged so far, by their
-  // waits' ids, and the checker, which remembers what it saw.
-  std::set<std::vector<std::uint64_t>> cyclesSeen_;
-  ZU::ZUStaleWaitChecker staleChecker_;
 
   mutable std::mutex mutex_;
   // Guarded by mutex_.
+  std::map<std::vector<std::string>, Cycle> cycles_;  // by their edges, sorted
   std::vector<Finding> deadlocks_;
   std::vector<Finding> staleWaits_;
-  std::vector<std::string> staleNow_;  // the stale waits of the last check
+  std::vector<Stale> stale_;  // every stale wait reported, to show those still running
 };
 
 }  // namespace zusim

@@ -3,6 +3,8 @@
 #include <iomanip>
 #include <ostream>
 
+#include "scenario.h"
+
 namespace zusim {
 
 const char* kindName(EventKind kind) {
@@ -63,15 +65,22 @@ long EventLog::msOf(Clock::time_point moment) const {
 
 void EventLog::add(EventKind kind, const std::string& owner, const std::string& resource,
                    const std::string& text) {
+  add(now(), kind, owner, resource, text);
+}
+
+void EventLog::add(long ms, EventKind kind, const std::string& owner, const std::string& resource,
+                   const std::string& text) {
   std::lock_guard<std::mutex> lock(mutex_);
-  Event e{now(), kind, owner, resource, text};
+  Event e{ms, kind, owner, resource, text};
   events_.push_back(e);
-  if (out_) *out_ << std::setw(6) << e.ms << " ms  " << text << std::endl;
+  // A name may hold a newline or a terminal escape: the terminal gets one
+  // line, escaped; the report gets the text as it is, made safe as HTML.
+  if (out_) *out_ << std::setw(6) << e.ms << " ms  " << escapeControls(text, false) << std::endl;
 }
 
 void EventLog::print(const std::string& line) {
   std::lock_guard<std::mutex> lock(mutex_);
-  if (out_) *out_ << line << std::endl;
+  if (out_) *out_ << escapeControls(line, false) << std::endl;
 }
 
 std::vector<Event> EventLog::events() const {

@@ -65,6 +65,10 @@ class EventLog {
 
   void add(EventKind kind, const std::string& owner, const std::string& resource,
            const std::string& text);
+  /// The same, for something that happened at `ms` (a library event is
+  /// logged at the time the library stamped it).
+  void add(long ms, EventKind kind, const std::string& owner, const std::string& resource,
+           const std::string& text);
   /// Prints a line that is not an event (headings, the status page).
   void print(const std::string& line);
 

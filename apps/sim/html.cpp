@@ -37,7 +37,7 @@ std::vector<std::string> statusPageLines(const std::vector<std::string>& roots) 
     while (from < text.size()) {
       std::size_t end = text.find(kEnd, from);
       std::size_t next = end == std::string::npos ? text.size() : end + kEnd.size();
-      lines.push_back(text.substr(from, next - from));
+      lines.push_back(text.substr(from, (end == std::string::npos ? text.size() : end) - from));
       from = next;
     }
   }

@@ -11,8 +11,9 @@ namespace zusim {
 /// entities, so that markup in a name shows as text.
 std::string escapeHtml(const std::string& text);
 
-/// The status page as lines: each root resource's text cut after every
-/// "<br />" that ends a line, the "<br />" kept, exactly as rendered.
+/// The status page as lines: each root resource's text cut at every "<br />"
+/// the library ends a line with; the "<br />" itself is the line break and
+/// is not kept, so that it never shows as literal markup.
 std::vector<std::string> statusPageLines(const std::vector<std::string>& roots);
 
 }  // namespace zusim

@@ -1,24 +1,36 @@
 // zuresource-sim: plays the host middleware around the resource library. It
-// reads a scenario (resources, modules, owners, a timeline of actions and
-// expectations), runs it for real with one thread per owner, prints the event
-// log and the final status page, and exits 0 when every expectation held,
-// 1 when one failed, 2 when the scenario was refused.
+// reads scenarios (resources, modules, owners, a timeline of actions and
+// expectations), runs each for real with one thread per owner, prints the
+// event log, the final status page, the expectations and a summary line, and
+// exits 0 when every expectation held, 1 when one failed, 2 when a scenario
+// was refused (the worst of them).
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
-#include <cstdio>
+#include <cmath>
 #include <fstream>
 #include <iostream>
 #include <memory>
 #include <sstream>
-#include <stdexcept>
 #include <string>
 #include <thread>
 
-#include <sys/stat.h>
+#include <boost/make_shared.hpp>
 
+#include <zuresource/zuobserver.h>
+#include <zuresource/zusnapshot.h>
+
+#include <zuobserve/zujson.h>
+#include <zuobserve/zurecorder.h>
+
+#include "cli.h"
 #include "eventlog.h"
+#include "feed.h"
+#include "junit.h"
+#include "lint.h"
+#include "replay.h"
 #include "report.h"
 #include "scenario.h"
 #include "server.h"
@@ -26,29 +38,13 @@
 
 namespace {
 
-const char kUsage[] =
-    "usage: zuresource-sim [SCENARIO.json] [--report FILE.html] [--serve PORT [--linger SECONDS]]\n"
-    "  SCENARIO.json   the scenario to run (default: the bundled examples/humanoid.json)\n"
-    "  --report FILE   write a self-contained HTML report with a timeline chart\n"
-    "  --serve PORT    serve the live status page on http://127.0.0.1:PORT/ while the\n"
-    "                  scenario runs (PORT 0: any free port, printed at the start)\n"
-    "  --linger S      keep serving the final page S seconds after the end\n"
-    "exit status: 0 every expectation held, 1 some failed, 2 bad scenario or arguments\n";
+using zusim::ExitStatus;
 
-/// A mistake on the command line, as opposed to one in the scenario.
-class CommandLineError : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
+// How standard input is named in messages.
+const char kStandardInputName[] = "(standard input)";
 
-const int kLastPort = 65535;
-
-struct Options {
-  std::string scenario;
-  std::string report;
-  int port = -1;
-  int lingerSeconds = 0;
-};
+// Where the text goes: standard output, unless the JSON lines go there.
+std::ostream* text = &std::cout;
 
 bool exists(const std::string& path) { return access(path.c_str(), R_OK) == 0; }
 
@@ -70,122 +66,132 @@ std::string defaultScenario() {
   return std::string(ZUSIM_SOURCE_DIR) + "/" + name;
 }
 
-/// The whole of `text` as a number from 0 to `most`.
-int number(const std::string& text, const std::string& option, int most) {
-  std::size_t used = 0;
-  long value = -1;
-  try {
-    value = std::stol(text, &used);
-  } catch (const std::exception&) {
-  }
-  if (used != text.size() || value < 0 || value > most)
-    throw CommandLineError(option + " needs a number from 0 to " + std::to_string(most) +
-                           ", not \"" + text + "\"");
-  return static_cast<int>(value);
-}
-
-/// Refuses a report path that cannot be written, before anything runs. An
-/// existing file is left as it is until the report replaces it.
-void checkWritable(const std::string& path) {
-  struct stat st;
-  bool existed = stat(path.c_str(), &st) == 0;
-  if (existed && !S_ISREG(st.st_mode))
-    throw CommandLineError("--report " + path + ": not a regular file");
-  bool writable = static_cast<bool>(std::ofstream(path, std::ios::app));
-  if (!existed) std::remove(path.c_str());
-  if (!writable) throw CommandLineError("--report " + path + ": cannot be written");
-}
-
-Options parse(int argc, char** argv) {
-  Options o;
-  for (int i = 1; i < argc; ++i) {
-    std::string arg = argv[i];
-    auto value = [&]() -> std::string {
-      if (i + 1 >= argc) throw CommandLineError(arg + " needs a value");
-      return argv[++i];
-    };
-    if (arg == "--report")
-      o.report = value();
-    else if (arg == "--serve")
-      o.port = number(value(), arg, kLastPort);
-    else if (arg == "--linger")
-      o.lingerSeconds = number(value(), arg, 24 * 3600);
-    else if (arg.compare(0, 1, "-") == 0)
-      throw CommandLineError("unknown option " + arg);
-    else if (o.scenario.empty())
-      o.scenario = arg;
-    else
-      throw CommandLineError("one scenario at a time (" + o.scenario + ", " + arg + ")");
-  }
-  if (!o.report.empty()) checkWritable(o.report);
-  if (o.scenario.empty()) o.scenario = defaultScenario();
-  return o;
-}
-
 void printStatus(const std::vector<std::string>& roots) {
-  std::cout << "Status page:" << std::endl;
+  *text << "Status page:" << std::endl;
   for (const std::string& line : zusim::statusPageLines(roots))
-    std::cout << "  " << line << std::endl;
+    *text << "  " << zusim::escapeControls(line, false) << std::endl;
 }
 
-int printResults(const zusim::RunRecord& record) {
-  int failed = 0;
-  for (const zusim::ExpectResult& r : record.results) failed += r.held ? 0 : 1;
-  std::cout << "Expectations: " << record.results.size() - failed << " held, " << failed
-            << " failed" << std::endl;
+/// Prints the expectations' tally (not when quiet) and each failed one.
+void printResults(const zusim::RunRecord& record, const zusim::Options& options,
+                  const std::string& file) {
+  std::size_t failed = std::count_if(record.results.begin(), record.results.end(),
+                                     [](const zusim::ExpectResult& r) { return !r.held; });
+  if (!options.quiet)
+    *text << "Expectations: " << record.results.size() - failed << " held, " << failed << " failed"
+          << std::endl;
   for (const zusim::ExpectResult& r : record.results)
-    if (!r.held) std::cout << "  FAILED " << r.entry << ": " << r.text << std::endl;
-  return failed ? 1 : 0;
+    if (!r.held)
+      *text << "  FAILED " << (options.quiet ? file + ": " : "") << r.entry << ": "
+            << zusim::escapeControls(r.text, false) << std::endl;
 }
 
-}  // namespace
+bool writeFile(const std::string& path, const std::string& text) {
+  std::ofstream file(path);
+  file << text;
+  return static_cast<bool>(file);
+}
 
-int main(int argc, char** argv) {
-  Options options;
+/// Reads and checks a scenario, from a file or standard input; with
+/// --strict, warnings refuse it. Throws ScenarioError.
+zusim::Scenario load(const std::string& path, const zusim::Options& options) {
+  zusim::Scenario scenario;
+  if (path == zusim::kStandardInput) {
+    std::ostringstream text;
+    text << std::cin.rdbuf();
+    scenario = zusim::parseScenario(text.str(), kStandardInputName);
+  } else {
+    scenario = zusim::loadScenario(path);
+  }
+  std::vector<zusim::Warning> warnings = zusim::lint(scenario);
+  if (!options.quiet || options.strict)
+    for (const zusim::Warning& w : warnings)
+      std::cerr << (options.strict ? "zuresource-sim: " : "warning: ") << scenario.file << ": "
+                << w.entry << ": " << w.text << std::endl;
+  if (options.strict && !warnings.empty())
+    throw zusim::ScenarioError(scenario.file + ": " + std::to_string(warnings.size()) +
+                               " warning(s), refused under --strict");
+  return scenario;
+}
+
+/// Runs one scenario; fills in its suite and returns its exit status.
+int runOne(const std::string& path, const zusim::Options& options, zusim::SuiteResult& suite) {
+  suite.file = path == zusim::kStandardInput ? kStandardInputName : path;
+  auto began = std::chrono::steady_clock::now();
   zusim::Scenario scenario;
   try {
-    for (int i = 1; i < argc; ++i)
-      if (std::string(argv[i]) == "--help" || std::string(argv[i]) == "-h") {
-        std::cout << kUsage;
-        return 0;
-      }
-    options = parse(argc, argv);
-  } catch (const CommandLineError& e) {
-    std::cerr << "zuresource-sim: " << e.what() << std::endl << kUsage;
-    return 2;
-  }
-  try {
-    scenario = zusim::loadScenario(options.scenario);
+    scenario = load(path, options);
   } catch (const zusim::ScenarioError& e) {
     std::cerr << "zuresource-sim: " << e.what() << std::endl;
-    return 2;
+    suite.refused = e.what();
+    return ExitStatus::kRefused;
   }
-
-  std::cout << "Scenario: " << scenario.title
-            << (scenario.title == scenario.file ? "" : " (" + scenario.file + ")") << std::endl;
-  if (!scenario.description.empty()) std::cout << scenario.description << std::endl;
-  zusim::EventLog log(&std::cout);
+  suite.title = scenario.title;
+  if (options.checkOnly) {
+    *text << scenario.file << ": " << scenario.resources.size() << " resources, "
+          << scenario.owners.size() << " owners, " << scenario.actions.size() << " actions, "
+          << scenario.expectations.size() << " expectations: accepted" << std::endl;
+    return ExitStatus::kAllHeld;
+  }
+  if (!options.quiet) {
+    *text << "Scenario: " << zusim::escapeControls(scenario.title, false)
+          << (scenario.title == scenario.file ? "" : " (" + scenario.file + ")") << std::endl;
+    if (!scenario.description.empty())
+      *text << zusim::escapeControls(scenario.description, false) << std::endl;
+  }
+  zusim::EventLog log(options.quiet ? nullptr : text);
   zusim::Simulation simulation(scenario, log);
   std::unique_ptr<zusim::LiveServer> server;
+  auto feed = boost::make_shared<zusim::LiveFeed>();
   if (options.port >= 0) {
     server = std::make_unique<zusim::LiveServer>(scenario, simulation, log);
+    server->stream(*feed, [&simulation, &feed] {
+      return ZU::zujson::snapshotJson(ZU::takeSnapshot(simulation.roots()), feed->start()).dump();
+    });
     int port = server->start(options.port);
     if (port < 0) {
       std::cerr << "zuresource-sim: cannot serve on 127.0.0.1:" << options.port << std::endl;
-      return 2;
+      suite.refused = suite.file + ": cannot serve on 127.0.0.1:" + std::to_string(options.port);
+      return ExitStatus::kRefused;
     }
-    std::cout << "Live status page: http://127.0.0.1:" << port << "/" << std::endl;
+    *text << "Live status page: http://127.0.0.1:" << port << "/" << std::endl;
   }
 
+  // Observers of the library's events: a recording, JSON lines, the live
+  // page's stream. Each is registered for the run only.
+  std::vector<boost::shared_ptr<ZU::ZUObserver>> observers;
+  boost::shared_ptr<ZU::ZURecorder> recording;
+  try {
+    if (!options.record.empty()) {
+      recording = boost::make_shared<ZU::ZURecorder>(options.record);
+      recording->record(ZU::takeSnapshot(simulation.roots()));
+      observers.push_back(recording);
+    }
+    if (options.jsonl == zusim::kStandardInput)
+      observers.push_back(boost::make_shared<ZU::ZURecorder>(std::cout));
+    else if (!options.jsonl.empty())
+      observers.push_back(boost::make_shared<ZU::ZURecorder>(options.jsonl));
+  } catch (const ZU::ZUError& e) {
+    suite.refused = e.getDescription();
+    std::cerr << "zuresource-sim: " << suite.refused << std::endl;
+    return ExitStatus::kRefused;
+  }
+  if (server) observers.push_back(feed);
+  for (const auto& o : observers) ZU::ZUObservers::add(o);
   zusim::RunRecord record = simulation.run();
-  printStatus(record.finalStatus);
-  int status = printResults(record);
+  if (recording) recording->record(ZU::takeSnapshot(simulation.roots()));
+  for (const auto& o : observers) ZU::ZUObservers::remove(o);
+  suite.results = record.results;
+  suite.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
+  if (!options.quiet) printStatus(record.finalStatus);
+  printResults(record, options, scenario.file);
+  int status = record.allHeld() ? ExitStatus::kAllHeld : ExitStatus::kSomeFailed;
   if (!options.report.empty()) {
-    if (!zusim::writeReport(options.report, scenario, log.events(), record)) {
+    if (!writeFile(options.report, zusim::renderReport(scenario, log.events(), record))) {
       std::cerr << "zuresource-sim: cannot write " << options.report << std::endl;
-      status = 2;
-    } else {
-      std::cout << "Report: " << options.report << std::endl;
+      status = ExitStatus::kRefused;
+    } else if (!options.quiet) {
+      *text << "Report: " << options.report << std::endl;
     }
   }
   if (server) {
@@ -194,4 +200,89 @@ int main(int argc, char** argv) {
     server->stop();
   }
   return status;
+}
+
+/// Replays a recording: 0 when the decisions agree, 1 at the first
+/// divergence, 2 when it cannot be read or made a scenario.
+int replayRecording(const zusim::Options& options) {
+  try {
+    zusim::Recording recording = zusim::Recording::read(options.replay);
+    nlohmann::ordered_json document = recording.toScenario();
+    if (!options.toScenario.empty()) {
+      if (!writeFile(options.toScenario, document.dump(2) + "\n"))
+        throw zusim::ScenarioError(options.toScenario + ": cannot be written");
+      *text << "Scenario written: " << options.toScenario << std::endl;
+    }
+    zusim::Scenario scenario =
+        zusim::parseScenario(document.dump(), options.replay + " (as a scenario)");
+    if (recording.cut)
+      *text << "The recording is cut at line " << recording.cutLine << ", after "
+            << std::lround(recording.cutMs) << " ms: replayed up to there" << std::endl;
+    zusim::EventLog log(options.quiet ? nullptr : text);
+    zusim::RunRecord record;
+    std::vector<zusim::RecordedEvent> replayed = zusim::replay(scenario, log, record);
+    if (!options.quiet) printStatus(record.finalStatus);
+    printResults(record, options, options.replay);
+    if (!options.report.empty() &&
+        !writeFile(options.report, zusim::renderReport(scenario, log.events(), record)))
+      throw zusim::ScenarioError(options.report + ": cannot be written");
+    std::string divergence = zusim::firstDivergence(recording, replayed);
+    if (divergence.empty()) {
+      *text << "Replay agrees with " << options.replay << std::endl;
+      return ExitStatus::kAllHeld;
+    }
+    *text << "Replay diverges from " << options.replay << " " << divergence << std::endl;
+    return ExitStatus::kSomeFailed;
+  } catch (const zusim::ScenarioError& e) {
+    std::cerr << "zuresource-sim: " << e.what() << std::endl;
+    return ExitStatus::kRefused;
+  }
+}
+
+/// "ok      examples/groups.json: 11 expectations held"
+std::string summaryLine(const zusim::SuiteResult& suite, int status, bool checkOnly) {
+  std::size_t failed = std::count_if(suite.results.begin(), suite.results.end(),
+                                     [](const zusim::ExpectResult& r) { return !r.held; });
+  if (!suite.refused.empty()) return "REFUSED " + suite.refused;  // it names the file
+  if (checkOnly) return "ok      " + suite.file + ": accepted";
+  std::string tally = failed ? std::to_string(failed) + " of " +
+                                   std::to_string(suite.results.size()) + " expectations failed"
+                             : std::to_string(suite.results.size()) + " expectations held";
+  return std::string(status == ExitStatus::kAllHeld ? "ok      " : "FAILED  ") + suite.file + ": " +
+         tally;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  zusim::Options options;
+  try {
+    options =
+        zusim::parseCommandLine(std::vector<std::string>(argv + 1, argv + argc), defaultScenario());
+  } catch (const zusim::CommandLineError& e) {
+    std::cerr << "zuresource-sim: " << e.what() << std::endl << zusim::usage();
+    return ExitStatus::kRefused;
+  }
+  if (options.help || options.version) {
+    std::cout << (options.help ? zusim::usage() : zusim::versionLine() + "\n");
+    return ExitStatus::kAllHeld;
+  }
+  if (options.jsonl == zusim::kStandardInput) text = &std::cerr;
+  if (!options.replay.empty()) return replayRecording(options);
+  int worst = ExitStatus::kAllHeld;
+  std::vector<zusim::SuiteResult> suites(options.scenarios.size());
+  std::vector<int> statuses;
+  for (std::size_t i = 0; i < options.scenarios.size(); ++i) {
+    if (i > 0 && !options.quiet) *text << std::endl;
+    statuses.push_back(runOne(options.scenarios[i], options, suites[i]));
+    worst = std::max(worst, statuses.back());
+  }
+  if (!options.quiet) *text << std::endl;
+  for (std::size_t i = 0; i < suites.size(); ++i)
+    *text << summaryLine(suites[i], statuses[i], options.checkOnly) << std::endl;
+  if (!options.junit.empty() && !writeFile(options.junit, zusim::renderJUnit(suites))) {
+    std::cerr << "zuresource-sim: cannot write " << options.junit << std::endl;
+    worst = ExitStatus::kRefused;
+  }
+  return worst;
 }

@@ -13,17 +13,20 @@
 
 namespace zusim {
 
-/// The whole report as one self-contained HTML document.
+/// The whole report as one self-contained HTML document: it fetches nothing.
+/// Owners are told apart by colour and, past the palette's first twelve, a
+/// pattern; past 30 owners the legend is a searchable list. Hovering a bar
+/// or a legend entry picks out all of that owner's bars.
 std::string renderReport(const Scenario& scenario, const std::vector<Event>& events,
                          const RunRecord& record);
 /// The timeline alone: one lane per plain or state resource, a bar per
 /// holding coloured by owner, a paler dashed bar per wait, marks for
 /// notifications, hand-overs, give-ups, timeouts and stops, and a dashed line
-/// across the lanes when a deadlock or a stale wait is reported.
+/// across the lanes when a deadlock or a stale wait is reported. Holdings that
+/// overlap (a state resource's holders) and waits that overlap are stacked in
+/// sub-lanes of their lane, never drawn over each other. The lane labels stay
+/// put while the time axis zooms (renderReport's script).
 std::string renderTimeline(const Scenario& scenario, const std::vector<Event>& events,
                            const RunRecord& record);
-/// Writes renderReport() to `path`; false when the file cannot be written.
-bool writeReport(const std::string& path, const Scenario& scenario,
-                 const std::vector<Event>& events, const RunRecord& record);
 
 }  // namespace zusim

@@ -1,12 +1,14 @@
 #include "scenario.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <fstream>
 #include <functional>
-#include <set>
 #include <sstream>
+#include <unordered_set>
 
 #include <nlohmann/json.hpp>
+#include <sys/stat.h>
 
 namespace zusim {
 
@@ -33,7 +35,7 @@ class Entry {
   void allow(std::initializer_list<const char*> known) const {
     for (auto it = value_.begin(); it != value_.end(); ++it) {
       if (std::none_of(known.begin(), known.end(), [&](const char* k) { return it.key() == k; }))
-        fail("unknown field \"" + it.key() + "\"");
+        fail("unknown field " + quoteName(it.key()));
     }
   }
   bool has(const char* key) const { return value_.contains(key); }
@@ -48,22 +50,37 @@ class Entry {
     if (!v.is_string()) fail(std::string("\"") + key + "\" must be a string");
     return v.get<std::string>();
   }
+  /// A name: a string that is not empty.
+  std::string name(const char* key, const char* what) const {
+    std::string n = text(key);
+    if (n.empty()) fail(std::string("empty ") + what + " name");
+    return n;
+  }
   std::string optionalText(const char* key) const { return text(key, "", false); }
 
-  int integer(const char* key, int fallback, bool required = false) const {
+  /// An integer from `least` (0 or below) to `most`, checked as written: a number the
+  /// program cannot hold is refused, never wrapped.
+  long integer(const char* key, long fallback, long least, long most, bool required = false) const {
     if (!has(key)) {
       if (required) fail(std::string("missing field \"") + key + "\"");
       return fallback;
     }
     const json& v = value_.at(key);
-    if (!v.is_number_integer()) fail(std::string("\"") + key + "\" must be an integer");
-    return v.get<int>();
+    // The reader keeps an integer of 0 or more unsigned, a negative one
+    // signed, and one too large for either as a float.
+    bool inRange = v.is_number_unsigned()
+                       ? v.get<std::uint64_t>() <= static_cast<std::uint64_t>(most) && least <= 0
+                   : v.is_number_integer()
+                       ? v.get<std::int64_t>() >= least && v.get<std::int64_t>() <= most
+                       : false;
+    if (!inRange)
+      fail(std::string("\"") + key + "\" must be an integer from " + std::to_string(least) +
+           " to " + std::to_string(most) + ", not " + v.dump());
+    return static_cast<long>(v.get<std::int64_t>());
   }
-  /// A time in ms: an integer, 0 or more.
-  int time(const char* key, int fallback, bool required = false) const {
-    int ms = integer(key, fallback, required);
-    if (ms < 0) fail(std::string("negative time \"") + key + "\": " + std::to_string(ms));
-    return ms;
+  /// A time in ms, from 0 to kMaxMs.
+  long time(const char* key, long fallback, bool required = false) const {
+    return integer(key, fallback, 0, kMaxMs, required);
   }
   bool boolean(const char* key) const {
     if (!has(key)) fail(std::string("missing field \"") + key + "\"");
@@ -99,17 +116,20 @@ void forEach(const json& top, const char* key, const std::string& file,
     each(Entry(list[i], file, std::string(key) + "[" + std::to_string(i) + "]"));
 }
 
+/// Appends `item` to `items` and indexes it by name; refuses a name declared
+/// before.
 template <typename T>
-bool hasName(const std::vector<T>& items, const std::string& name) {
-  return std::any_of(items.begin(), items.end(), [&](const T& item) { return item.name == name; });
+void declare(const Entry& e, const char* what, T item, std::vector<T>& items,
+             std::unordered_map<std::string, std::size_t>& index) {
+  if (!index.emplace(item.name, items.size()).second)
+    e.fail(std::string(what) + " " + quoteName(item.name) + " declared twice");
+  items.push_back(std::move(item));
 }
 
 void parseResource(const Entry& e, Scenario& s) {
   e.allow({"name", "kind", "activated", "members"});
   ResourceEntry r;
-  r.name = e.text("name");
-  if (r.name.empty()) e.fail("empty resource name");
-  if (hasName(s.resources, r.name)) e.fail("resource \"" + r.name + "\" declared twice");
+  r.name = e.name("name", "resource");
   std::string kind = e.text("kind", "plain", false);
   if (kind == "plain") {
     r.kind = ResourceKind::Plain;
@@ -119,20 +139,22 @@ void parseResource(const Entry& e, Scenario& s) {
   } else if (kind == "group") {
     r.kind = ResourceKind::Group;
     r.members = e.texts("members");
+    std::unordered_set<std::string> listed;
+    for (const std::string& m : r.members)
+      if (!listed.insert(m).second) e.fail("group lists " + quoteName(m) + " twice");
   } else {
-    e.fail("unknown kind \"" + kind + "\" (plain, state or group)");
+    e.fail("unknown kind " + quoteName(kind) + " (plain, state or group)");
   }
   if (r.kind != ResourceKind::Group && e.has("members")) e.fail("only a group has \"members\"");
   if (r.kind != ResourceKind::State && e.has("activated"))
     e.fail("only a state resource has \"activated\"");
-  s.resources.push_back(r);
+  declare(e, "resource", std::move(r), s.resources, s.resourceIndex);
 }
 
 void parseModule(const Entry& e, Scenario& s) {
   e.allow({"name", "onResource", "delay"});
   ModuleEntry m;
-  m.name = e.text("name");
-  if (hasName(s.modules, m.name)) e.fail("module \"" + m.name + "\" declared twice");
+  m.name = e.name("name", "module");
   std::string answer = e.text("onResource", "release", false);
   if (answer == "release") {
     m.releases = true;
@@ -140,31 +162,29 @@ void parseModule(const Entry& e, Scenario& s) {
   } else if (answer == "ignore") {
     if (e.has("delay")) e.fail("a module that ignores \"__onResource__\" has no \"delay\"");
   } else {
-    e.fail("\"onResource\" must be \"release\" or \"ignore\", not \"" + answer + "\"");
+    e.fail("\"onResource\" must be \"release\" or \"ignore\", not " + quoteName(answer));
   }
-  s.modules.push_back(m);
+  declare(e, "module", std::move(m), s.modules, s.moduleIndex);
 }
 
 void parseOwner(const Entry& e, Scenario& s) {
   e.allow({"name", "module"});
   OwnerEntry o;
-  o.name = e.text("name");
+  o.name = e.name("name", "owner");
   o.module = e.text("module");
-  if (o.name.empty()) e.fail("empty owner name");
   if (o.name == "emptyOwner") e.fail("\"emptyOwner\" is the placeholder's name");
-  if (hasName(s.owners, o.name)) e.fail("owner \"" + o.name + "\" declared twice");
-  if (!s.findModule(o.module)) e.fail("unknown module \"" + o.module + "\"");
-  s.owners.push_back(o);
+  if (!s.findModule(o.module)) e.fail("unknown module " + quoteName(o.module));
+  declare(e, "owner", std::move(o), s.owners, s.ownerIndex);
 }
 
 const ResourceEntry& knownResource(const Entry& e, const Scenario& s, const std::string& name) {
   const ResourceEntry* r = s.findResource(name);
-  if (!r) e.fail("unknown resource \"" + name + "\"");
+  if (!r) e.fail("unknown resource " + quoteName(name));
   return *r;
 }
 
 void knownOwner(const Entry& e, const Scenario& s, const std::string& name) {
-  if (!s.findOwner(name)) e.fail("unknown owner \"" + name + "\"");
+  if (!s.findOwner(name)) e.fail("unknown owner " + quoteName(name));
 }
 
 void parseAction(const Entry& e, Scenario& s) {
@@ -181,8 +201,8 @@ void parseAction(const Entry& e, Scenario& s) {
       std::find_if(std::begin(kKinds), std::end(kKinds),
                    [&](const std::pair<const char*, ActionKind>& k) { return what == k.first; });
   if (kind == std::end(kKinds))
-    e.fail("unknown action \"" + what +
-           "\" (waitFor, release, switchOwner, setState, releaseState, stop)");
+    e.fail("unknown action " + quoteName(what) +
+           " (waitFor, release, switchOwner, setState, releaseState, stop)");
   a.kind = kind->second;
   a.resource = e.text("resource");
   const ResourceEntry& r = knownResource(e, s, a.resource);
@@ -190,7 +210,7 @@ void parseAction(const Entry& e, Scenario& s) {
   if (managerAction) {
     if (e.has("owner")) e.fail("\"" + what + "\" is the manager's; it has no \"owner\"");
     if (r.kind != ResourceKind::State)
-      e.fail("\"" + what + "\" needs a state resource; \"" + a.resource + "\" is not one");
+      e.fail("\"" + what + "\" needs a state resource; " + quoteName(a.resource) + " is not one");
   } else {
     a.owner = e.text("owner");
     knownOwner(e, s, a.owner);
@@ -204,7 +224,7 @@ void parseAction(const Entry& e, Scenario& s) {
     e.fail("only \"waitFor\" and \"switchOwner\" take \"timeout\" and \"label\"");
   if (a.kind != ActionKind::WaitFor && e.has("noWait")) e.fail("only \"waitFor\" takes \"noWait\"");
   a.label = e.optionalText("label");
-  a.timeout = e.integer("timeout", -1);
+  a.timeout = static_cast<int>(e.integer("timeout", -1, -1, kMaxTimeoutSeconds));
   a.noWait = e.texts("noWait");
   for (const std::string& n : a.noWait) knownResource(e, s, n);
   s.actions.push_back(a);
@@ -222,7 +242,7 @@ void parseDiagnosis(const Entry& e, const Scenario& s, ExpectEntry& x) {
   for (const std::string& n : x.names) knownOwner(e, s, n);
   x.resource = e.optionalText("resource");
   if (!x.resource.empty() && knownResource(e, s, x.resource).kind == ResourceKind::Group)
-    e.fail("waits are on plain and state resources; \"" + x.resource + "\" is a group");
+    e.fail("waits are on plain and state resources; " + quoteName(x.resource) + " is a group");
 }
 
 void parseExpectation(const Entry& e, Scenario& s) {
@@ -270,7 +290,7 @@ void parseExpectation(const Entry& e, Scenario& s) {
   } else if (e.has("notified")) {
     x.kind = ExpectKind::Notified;
     x.module = e.text("module");
-    if (!s.findModule(x.module)) e.fail("unknown module \"" + x.module + "\"");
+    if (!s.findModule(x.module)) e.fail("unknown module " + quoteName(x.module));
     x.names = e.texts("notified");
     for (const std::string& n : x.names) knownResource(e, s, n);
   } else if (e.has("deadlock") || e.has("staleWait")) {
@@ -285,27 +305,80 @@ void parseExpectation(const Entry& e, Scenario& s) {
   s.expectations.push_back(x);
 }
 
-/// Refuses a group that contains itself, directly or through other groups.
-void checkCycles(const Scenario& s) {
-  std::set<std::string> done;
-  std::vector<std::string> path;
-  std::function<void(const ResourceEntry&)> visit = [&](const ResourceEntry& r) {
-    if (done.count(r.name)) return;
-    auto again = std::find(path.begin(), path.end(), r.name);
-    if (again != path.end()) {
-      std::string cycle;
-      for (auto it = again; it != path.end(); ++it) cycle += *it + " -> ";
-      throw ScenarioError(s.file + ": resource \"" + r.name + "\": group cycle " + cycle + r.name);
-    }
-    path.push_back(r.name);
-    for (const std::string& m : r.members) visit(*s.findResource(m));
-    path.pop_back();
-    done.insert(r.name);
+/// Refuses a group that contains itself, directly or through other groups,
+/// and groups nested deeper than kMaxNesting. Walks without recursion, so
+/// that any file is refused with a message, never with a crash.
+void checkNesting(const Scenario& s) {
+  // Per resource: 0 not seen, -1 on the walk's path, else its depth (a plain
+  // or state resource 0, a group one more than its deepest member).
+  std::vector<int> depth(s.resources.size(), 0);
+  struct Step {
+    std::size_t resource;
+    std::size_t next;  // the next member to look at
   };
-  for (const ResourceEntry& r : s.resources) visit(r);
+  std::vector<Step> path;
+  for (std::size_t root = 0; root < s.resources.size(); ++root) {
+    if (depth[root] != 0 || s.resources[root].kind != ResourceKind::Group) continue;
+    path.push_back({root, 0});
+    depth[root] = -1;
+    while (!path.empty()) {
+      Step& top = path.back();
+      const ResourceEntry& group = s.resources[top.resource];
+      if (top.next == group.members.size()) {
+        int deepest = 0;
+        for (const std::string& m : group.members)
+          deepest = std::max(deepest, depth[s.resourceIndex.at(m)]);
+        depth[top.resource] = deepest + 1;
+        if (depth[top.resource] > kMaxNesting)
+          throw ScenarioError(s.file + ": resource " + quoteName(group.name) + ": groups nest " +
+                              "deeper than " + std::to_string(kMaxNesting) + " levels");
+        path.pop_back();
+        continue;
+      }
+      std::size_t member = s.resourceIndex.at(group.members[top.next++]);
+      if (depth[member] == -1) {
+        std::string cycle;
+        auto again = std::find_if(path.begin(), path.end(),
+                                  [&](const Step& p) { return p.resource == member; });
+        for (auto it = again; it != path.end(); ++it)
+          cycle += s.resources[it->resource].name + " -> ";
+        throw ScenarioError(s.file + ": resource " + quoteName(s.resources[member].name) +
+                            ": group cycle " + cycle + s.resources[member].name);
+      }
+      if (depth[member] == 0 && s.resources[member].kind == ResourceKind::Group) {
+        depth[member] = -1;
+        path.push_back({member, 0});
+      }
+    }
+  }
 }
 
 }  // namespace
+
+std::string quoteName(const std::string& name) { return "\"" + escapeControls(name, true) + "\""; }
+
+std::string escapeControls(const std::string& name, bool quotes) {
+  static const char kHex[] = "0123456789abcdef";
+  std::string out;
+  for (char c : name) {
+    unsigned char u = static_cast<unsigned char>(c);
+    if (quotes && (c == '"' || c == '\\')) {
+      out += '\\';
+      out += c;
+    } else if (c == '\n') {
+      out += "\\n";
+    } else if (c == '\t') {
+      out += "\\t";
+    } else if (u < 0x20 || u == 0x7f) {
+      out += "\\x";
+      out += kHex[u >> 4];
+      out += kHex[u & 15];
+    } else {
+      out += c;
+    }
+  }
+  return out;
+}
 
 const char* outcomeName(OutcomeKind kind) {
   switch (kind) {
@@ -323,40 +396,48 @@ const char* outcomeName(OutcomeKind kind) {
   return "?";
 }
 
+namespace {
+
+template <typename T>
+const T* find(const std::vector<T>& items,
+              const std::unordered_map<std::string, std::size_t>& index, const std::string& name) {
+  auto it = index.find(name);
+  return it == index.end() ? nullptr : &items[it->second];
+}
+
+}  // namespace
+
 const ResourceEntry* Scenario::findResource(const std::string& name) const {
-  for (const ResourceEntry& r : resources)
-    if (r.name == name) return &r;
-  return nullptr;
+  return find(resources, resourceIndex, name);
 }
 
 const OwnerEntry* Scenario::findOwner(const std::string& name) const {
-  for (const OwnerEntry& o : owners)
-    if (o.name == name) return &o;
-  return nullptr;
+  return find(owners, ownerIndex, name);
 }
 
 const ModuleEntry* Scenario::findModule(const std::string& name) const {
-  for (const ModuleEntry& m : modules)
-    if (m.name == name) return &m;
-  return nullptr;
+  return find(modules, moduleIndex, name);
 }
 
 std::vector<std::string> Scenario::leavesOf(const std::string& name) const {
   std::vector<std::string> out;
-  std::function<void(const std::string&)> walk = [&](const std::string& n) {
+  std::unordered_set<std::string> seen;
+  std::vector<const std::string*> todo{&name};  // the members still to walk, last first
+  while (!todo.empty()) {
+    const std::string& n = *todo.back();
+    todo.pop_back();
     const ResourceEntry* r = findResource(n);
     if (r->kind != ResourceKind::Group) {
-      if (std::find(out.begin(), out.end(), n) == out.end()) out.push_back(n);
-      return;
+      if (seen.insert(n).second) out.push_back(n);
+      continue;
     }
-    for (const std::string& m : r->members) walk(m);
-  };
-  walk(name);
+    for (auto m = r->members.rbegin(); m != r->members.rend(); ++m) todo.push_back(&*m);
+  }
   return out;
 }
 
 std::vector<std::string> Scenario::roots() const {
-  std::set<std::string> members;
+  std::unordered_set<std::string> members;
   for (const ResourceEntry& r : resources) members.insert(r.members.begin(), r.members.end());
   std::vector<std::string> out;
   for (const ResourceEntry& r : resources)
@@ -364,13 +445,85 @@ std::vector<std::string> Scenario::roots() const {
   return out;
 }
 
-Scenario parseScenario(const std::string& text, const std::string& file) {
-  json top;
+namespace {
+
+/// Reads through a JSON text without building it, refusing an object that
+/// has one key twice: the later one would silently win. Names the entry
+/// ("actions[3]") where it can.
+class DuplicateKeys : public nlohmann::json_sax<json> {
+ public:
+  explicit DuplicateKeys(const std::string& file) : file_(file) {}
+
+  bool null() override { return value(); }
+  bool boolean(bool) override { return value(); }
+  bool number_integer(number_integer_t) override { return value(); }
+  bool number_unsigned(number_unsigned_t) override { return value(); }
+  bool number_float(number_float_t, const string_t&) override { return value(); }
+  bool string(string_t&) override { return value(); }
+  bool binary(binary_t&) override { return value(); }
+  bool start_object(std::size_t) override { return open(false); }
+  bool start_array(std::size_t) override { return open(true); }
+  bool end_object() override { return close(); }
+  bool end_array() override { return close(); }
+  bool key(string_t& key) override {
+    Level& object = levels_.back();
+    object.key = key;
+    if (!object.keys.insert(key).second)
+      throw ScenarioError(file_ + ": " + where() + ": key " + quoteName(key) + " given twice");
+    return true;
+  }
+  bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception&) override {
+    return false;  // the parse that builds the value reports it
+  }
+
+ private:
+  struct Level {
+    bool array = false;
+    std::size_t elements = 0;  // arrays: the elements begun so far
+    std::string key;           // objects: the latest key
+    std::unordered_set<std::string> keys;
+  };
+
+  bool value() {
+    if (!levels_.empty() && levels_.back().array) ++levels_.back().elements;
+    return true;
+  }
+  bool open(bool array) {
+    value();
+    levels_.push_back(Level{array, 0, std::string(), {}});
+    return true;
+  }
+  bool close() {
+    levels_.pop_back();
+    return true;
+  }
+  /// "actions[3]" for the object being read; "scenario" for the whole.
+  std::string where() const {
+    std::string path;
+    for (std::size_t i = 0; i + 1 < levels_.size(); ++i)
+      path += levels_[i].array ? "[" + std::to_string(levels_[i].elements - 1) + "]"
+                               : (path.empty() ? "" : ".") + levels_[i].key;
+    return path.empty() ? std::string("scenario") : path;
+  }
+
+  const std::string& file_;
+  std::vector<Level> levels_;
+};
+
+json parseJson(const std::string& text, const std::string& file) {
+  DuplicateKeys duplicates(file);
+  json::sax_parse(text, &duplicates);
   try {
-    top = json::parse(text);
+    return json::parse(text);
   } catch (const json::parse_error& e) {
     throw ScenarioError(file + ": not JSON: " + e.what());
   }
+}
+
+}  // namespace
+
+Scenario parseScenario(const std::string& text, const std::string& file) {
+  json top = parseJson(text, file);
   Entry whole(top, file, "scenario");
   whole.allow(
       {"title", "description", "stopAt", "resources", "modules", "owners", "actions", "expect"});
@@ -383,19 +536,24 @@ Scenario parseScenario(const std::string& text, const std::string& file) {
     Entry e(top.at("resources")[i], file, "resources[" + std::to_string(i) + "]");
     for (const std::string& m : s.resources[i].members) knownResource(e, s, m);
   }
-  checkCycles(s);
+  checkNesting(s);
   forEach(top, "modules", file, [&](const Entry& e) { parseModule(e, s); });
   forEach(top, "owners", file, [&](const Entry& e) { parseOwner(e, s); });
   forEach(top, "actions", file, [&](const Entry& e) { parseAction(e, s); });
   forEach(top, "expect", file, [&](const Entry& e) { parseExpectation(e, s); });
   if (s.resources.empty()) whole.fail("declares no resource");
-  int last = 0;
+  // stopAt is the end: nothing may be scheduled after it.
+  long last = 0;
   for (const ActionEntry& a : s.actions) last = std::max(last, a.atMs);
+  for (const ExpectEntry& x : s.expectations) last = std::max(last, x.atMs);
   s.stopAtMs = whole.time("stopAt", last + 10000);
-  for (const ActionEntry& a : s.actions)
-    if (a.atMs > s.stopAtMs)
-      throw ScenarioError(file + ": " + a.entry + ": at " + std::to_string(a.atMs) +
+  auto late = [&](const std::string& entry, long atMs) {
+    if (atMs > s.stopAtMs)
+      throw ScenarioError(file + ": " + entry + ": at " + std::to_string(atMs) +
                           " ms, after \"stopAt\" (" + std::to_string(s.stopAtMs) + " ms)");
+  };
+  for (const ActionEntry& a : s.actions) late(a.entry, a.atMs);
+  for (const ExpectEntry& x : s.expectations) late(x.entry, x.atMs);
   // Actions of one thread run in time order, whatever order the file has.
   std::stable_sort(s.actions.begin(), s.actions.end(),
                    [](const ActionEntry& a, const ActionEntry& b) { return a.atMs < b.atMs; });
@@ -403,11 +561,16 @@ Scenario parseScenario(const std::string& text, const std::string& file) {
 }
 
 Scenario loadScenario(const std::string& path) {
-  std::ifstream in(path);
-  if (!in) throw ScenarioError(path + ": cannot be read");
+  // A folder or a device is refused before it is opened: reading /dev/zero
+  // would never end.
+  struct stat st;
+  if (stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode))
+    throw ScenarioError(escapeControls(path, false) + ": cannot be read (not a regular file)");
+  std::ifstream in(path, std::ios::binary);
+  if (!in) throw ScenarioError(escapeControls(path, false) + ": cannot be read");
   std::ostringstream text;
   text << in.rdbuf();
-  return parseScenario(text.str(), path);
+  return parseScenario(text.str(), escapeControls(path, false));
 }
 
 }  // namespace zusim

@@ -3,11 +3,31 @@
 // The scenario model: what a scenario file declares, checked as a whole
 // before anything runs.
 
+#include <cstddef>
 #include <stdexcept>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace zusim {
+
+/// The latest time a scenario may name, in ms (one hour): `at`, `stopAt`,
+/// `delay` and an expectation's `at`.
+const long kMaxMs = 3600 * 1000;
+/// The longest time limit of a request, in seconds (one hour); -1 is none.
+const long kMaxTimeoutSeconds = 3600;
+/// How deep groups may nest: a group of plain resources is one level. Each
+/// level is a lock held while a request walks it, and the thread sanitizer
+/// follows at most 64 locks held by one thread.
+const int kMaxNesting = 32;
+
+/// `name` as messages quote it: between double quotes, with a quote, a
+/// backslash and every control character escaped, so that a message stays on
+/// one line and never drives the terminal.
+std::string quoteName(const std::string& name);
+/// `text` with its control characters escaped as quoteName() does; with
+/// `quotes`, also its double quotes and backslashes.
+std::string escapeControls(const std::string& text, bool quotes);
 
 enum class ResourceKind { Plain, State, Group };
 
@@ -23,7 +43,7 @@ struct ResourceEntry {
 struct ModuleEntry {
   std::string name;
   bool releases = false;
-  int delayMs = 0;
+  long delayMs = 0;
 };
 
 struct OwnerEntry {
@@ -38,12 +58,12 @@ enum class ActionKind { WaitFor, Release, SwitchOwner, SetState, ReleaseState, S
 /// owner give the resource up, ending its wait) run in the manager's thread.
 struct ActionEntry {
   std::string entry;  // "actions[3]", for messages
-  int atMs = 0;
+  long atMs = 0;
   ActionKind kind = ActionKind::WaitFor;
   std::string owner;  // empty for SetState and ReleaseState
   std::string resource;
   std::string label;
-  int timeout = -1;  // seconds, negative: no limit
+  int timeout = -1;  // seconds, -1: no limit
   std::vector<std::string> noWait;
   bool activated = false;  // SetState
 };
@@ -62,7 +82,7 @@ enum class ExpectKind { Holder, Holders, Activated, Outcome, Notified, Deadlock,
 /// reported by then (at any time of the run when checked at the end).
 struct ExpectEntry {
   std::string entry;  // "expect[2]"
-  int atMs = -1;
+  long atMs = -1;
   ExpectKind kind = ExpectKind::Holder;
   std::string resource;            // Holder, Holders, Activated; optional for the others
   std::string owner;               // Outcome
@@ -81,7 +101,7 @@ struct Scenario {
   std::string file;
   std::string title;
   std::string description;
-  int stopAtMs = 0;  // owners still waiting then are stopped by the manager
+  long stopAtMs = 0;  // owners still waiting then are stopped by the manager
   std::vector<ResourceEntry> resources;
   std::vector<ModuleEntry> modules;
   std::vector<OwnerEntry> owners;
@@ -96,6 +116,11 @@ struct Scenario {
   std::vector<std::string> leavesOf(const std::string& name) const;
   /// The resources that are no group's member, in declaration order.
   std::vector<std::string> roots() const;
+
+  // Name -> position in the lists above; filled in as entries are read.
+  std::unordered_map<std::string, std::size_t> resourceIndex;
+  std::unordered_map<std::string, std::size_t> moduleIndex;
+  std::unordered_map<std::string, std::size_t> ownerIndex;
 };
 
 /// A scenario refused before it runs; the message names the file, the entry
@@ -107,7 +132,7 @@ class ScenarioError : public std::runtime_error {
 
 /// Parses and checks `text`; `file` names it in messages. Throws ScenarioError.
 Scenario parseScenario(const std::string& text, const std::string& file);
-/// Reads and parses the file at `path`. Throws ScenarioError.
+/// Reads and parses the regular file at `path`. Throws ScenarioError.
 Scenario loadScenario(const std::string& path);
 
 }  // namespace zusim

@@ -4,9 +4,12 @@
 #include <stdexcept>
 #include <thread>
 
+#include <boost/make_shared.hpp>
+
 #include <zuhost/zumutex.h>
 
 #include <zuresource/zuexplain.h>
+#include <zuresource/zuownerstrong.h>
 
 namespace zusim {
 
@@ -15,11 +18,6 @@ namespace {
 const char kTimeoutError[] = "resource wait has timeouted on ";
 const char kStopError[] = "box stop while waiting";
 const char kFree[] = "emptyOwner";
-// Often enough to see a wait begin long before its first 200 ms poll.
-const std::chrono::milliseconds kWatchPeriod(5);
-// Well under a polling period, so that a stale wait is seen within about one
-// period of turning stale.
-const std::chrono::milliseconds kStaleCheckPeriod(100);
 // Changes this close together are taken as one step of the library.
 const std::chrono::milliseconds kSameMoment(50);
 
@@ -31,12 +29,6 @@ std::string join(const std::vector<std::string>& names) {
 
 bool contains(const std::vector<std::string>& names, const std::string& name) {
   return std::find(names.begin(), names.end(), name) != names.end();
-}
-
-std::vector<std::string> moduleNames(const ZU::ZUValue& waiters) {
-  std::vector<std::string> out;
-  for (std::size_t i = 0; i < waiters.size(); ++i) out.push_back(waiters[i].asString());
-  return out;
 }
 
 }  // namespace
@@ -56,8 +48,8 @@ struct Simulation::Owner {
   /// Held around the library calls made for this owner when it may be handed
   /// resources down: a hand-down records the giver in the owner's parent-owner
   /// map, which a release for it reads, and the library leaves it to the
-  /// caller to keep one owner's calls apart. A module's release for such an
-  /// owner therefore waits while the owner waits.
+  /// caller to keep one owner's calls apart. A release for such an owner
+  /// therefore waits while the owner waits, and the log says so.
   std::mutex calls;
 
   // Guarded by Simulation::mutex_.
@@ -65,18 +57,28 @@ struct Simulation::Owner {
   std::vector<std::string> pendingNoWait;  // and the names it will not wait for
   std::vector<std::string> acquired;       // what it asked for and holds, oldest first
   std::vector<Outcome> outcomes;
+  long lastReleaseMs = -1;     // its latest release, which may leave its release flag set
+  bool flagAtRequest = false;  // its release flag was set when its pending request began
+  bool stopRequested = false;  // the manager stopped its pending request
 
   Owner(const OwnerEntry& s, boost::shared_ptr<ZU::ZUOwner> o) : entry(s), owner(std::move(o)) {}
+};
 
-  std::unique_lock<std::mutex> serialise() {
-    return mayBeHandedDown ? std::unique_lock<std::mutex>(calls) : std::unique_lock<std::mutex>();
-  }
+/// Hands the library's events to the run.
+class Simulation::Events : public ZU::ZUObserver {
+ public:
+  explicit Events(Simulation& run) : run_(run) {}
+  void onEvent(const ZU::ZUEvent& event) override { run_.onEvent(event); }
+
+ private:
+  Simulation& run_;
 };
 
 Simulation::Simulation(const Scenario& scenario, EventLog& log)
     : scenario_(scenario),
       log_(log),
       stage_(scenario, [this](std::size_t m, const std::string& r) { onResource(m, r); }),
+      timeline_(scenario),
       diagnosis_(stage_, log),
       notified_(scenario.modules.size()) {
   std::vector<std::string> givers;
@@ -106,14 +108,14 @@ RunRecord Simulation::run() {
     (ownThread ? byOwner[a.owner] : managerActions).push_back(&a);
   }
   RunRecord record;
-  last_ = sample();
+  for (const ResourceEntry& r : scenario_.resources)
+    if (r.activated) timeline_.activated(r.name, true, 0);
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    observe(last_, 0);
     running_ = static_cast<int>(byOwner.size());
   }
-  watching_ = true;
-  std::thread watcher(&Simulation::watch, this);
+  boost::shared_ptr<Events> events = boost::make_shared<Events>(*this);
+  ZU::ZUObservers::add(events);
   std::thread checker(&Simulation::checkerThread, this, std::ref(record.results));
   std::thread manager(&Simulation::managerThread, this, managerActions);
   std::vector<std::thread> threads;
@@ -128,29 +130,20 @@ RunRecord Simulation::run() {
   }
   go_.notify_all();
 
-  // Owners still waiting when the scenario stops are stopped by the manager.
-  std::vector<Owner*> stuck;
+  bool ended;
   {
     std::unique_lock<std::mutex> lock(mutex_);
-    if (!ownersDone_.wait_until(lock, log_.at(scenario_.stopAtMs),
-                                [this] { return running_ == 0; }))
-      for (auto& o : owners_)
-        if (!o->pending.empty()) stuck.push_back(o.get());
+    ended =
+        ownersDone_.wait_until(lock, log_.at(scenario_.stopAtMs), [this] { return running_ == 0; });
   }
-  for (Owner* o : stuck) stopWaiting(*o, "the scenario stops");
+  if (!ended) stopEverything();
   for (std::thread& t : threads) t.join();
   manager.join();
   checker.join();
   stage_.waitIdle();
-  watching_ = false;
-  watcher.join();
+  ZU::ZUObservers::remove(events);
 
   record.endMs = log_.now();
-  Sample last = sample();
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    observe(last, record.endMs);
-  }
   timeline_.close(record.endMs, record);
   for (const ExpectEntry& x : scenario_.expectations)
     if (x.atMs < 0) record.results.push_back(check(x, *this));
@@ -167,6 +160,19 @@ void Simulation::ownerThread(Owner& o, const std::vector<const ActionEntry*>& ac
   awaitStart();
   for (const ActionEntry* a : actions) {
     std::this_thread::sleep_until(log_.at(a->atMs));
+    bool stopped;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      stopped = stopped_;
+    }
+    // A blocking request may delay an owner's later actions past stopAt.
+    if (stopped) {
+      log_.add(EventKind::Manager, o.entry.name, a->resource,
+               a->entry + " of " + o.entry.name + " (at " + std::to_string(a->atMs) +
+                   " ms) is dropped: the scenario stopped at " +
+                   std::to_string(scenario_.stopAtMs) + " ms");
+      continue;
+    }
     if (a->kind == ActionKind::WaitFor) waitFor(o, *a);
     if (a->kind == ActionKind::Release) release(o, a->resource, "");
     if (a->kind == ActionKind::SwitchOwner) switchOwner(o, *a);
@@ -183,7 +189,12 @@ void Simulation::managerThread(const std::vector<const ActionEntry*>& actions) {
     if (a->kind == ActionKind::Stop) {
       log_.add(EventKind::Manager, a->owner, a->resource,
                "the manager stops " + a->owner + " on " + a->resource);
-      release(ownerNamed(a->owner), a->resource, " (stopped by the manager)");
+      Owner& o = ownerNamed(a->owner);
+      {
+        std::lock_guard<std::mutex> lock(mutex_);
+        o.stopRequested = !o.pending.empty();
+      }
+      release(o, a->resource, " (stopped by the manager)");
     } else {
       setState(*a);
     }
@@ -215,10 +226,12 @@ void Simulation::waitFor(Owner& o, const ActionEntry& a) {
     std::lock_guard<std::mutex> lock(mutex_);
     o.pending = a.resource;
     o.pendingNoWait = a.noWait;
+    o.flagAtRequest = o.owner->resourceFreed;
+    o.stopRequested = false;
   }
   Outcome out;
   out.resource = a.resource;
-  std::unique_lock<std::mutex> calls = o.serialise();
+  std::unique_lock<std::mutex> calls = serialise(o, who + "'s request of " + a.resource);
   try {
     out.notObtained = stage_.resource(a.resource)->waitFor(o.owner, a.label, a.timeout, a.noWait);
     out.kind = out.notObtained.empty() ? OutcomeKind::Granted : OutcomeKind::NotObtained;
@@ -270,8 +283,14 @@ void Simulation::finish(Owner& o, const Outcome& result) {
   EventKind kind = out.kind == OutcomeKind::TimedOut  ? EventKind::TimedOut
                    : out.kind == OutcomeKind::Stopped ? EventKind::Stopped
                                                       : EventKind::Failed;
+  // A stop that nobody asked for: the owner's own release set its flag, and
+  // no wait on it has cleared the flag since.
+  std::string why;
+  if (out.kind == OutcomeKind::Stopped && !o.stopRequested && o.flagAtRequest &&
+      o.lastReleaseMs >= 0)
+    why = " (own release at " + std::to_string(o.lastReleaseMs) + " ms left the release flag set)";
   log_.add(kind, who, lane,
-           who + "'s wait for " + result.resource + " fails: \"" + out.error + "\"");
+           who + "'s wait for " + result.resource + " fails: \"" + out.error + "\"" + why);
   // What the owner held in the group until the failure, and no longer holds,
   // was given back by the group on the way out. A holding that ended well
   // before the failure was let go for another reason.
@@ -287,9 +306,13 @@ void Simulation::release(Owner& o, const std::string& name, const std::string& w
   std::vector<std::string> heldBefore;
   for (const std::string& l : leaves)
     if (stage_.holds(l, who)) heldBefore.push_back(l);
-  std::unique_lock<std::mutex> calls = o.serialise();
+  std::unique_lock<std::mutex> calls = serialise(o, who + "'s release of " + name);
   stage_.resource(name)->release(o.owner);
   if (calls) calls.unlock();
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    o.lastReleaseMs = log_.now();
+  }
   std::vector<std::string> released;
   for (const std::string& l : heldBefore) {
     std::string holder = stage_.stateResource(l) ? kFree : stage_.holderOf(l);
@@ -318,7 +341,8 @@ void Simulation::switchOwner(Owner& o, const ActionEntry& a) {
   std::string was;
   for (const auto& b : before)
     was += (was.empty() ? "" : ", ") + (before.size() == 1 ? b.second : b.first + ": " + b.second);
-  std::unique_lock<std::mutex> calls = o.serialise();
+  std::unique_lock<std::mutex> calls =
+      serialise(o, o.entry.name + "'s switchOwner of " + a.resource);
   stage_.resource(a.resource)->switchOwner(o.owner, a.label, a.timeout);
   if (calls) calls.unlock();
   log_.add(EventKind::Switched, o.entry.name, a.resource,
@@ -330,21 +354,55 @@ void Simulation::switchOwner(Owner& o, const ActionEntry& a) {
 
 void Simulation::setState(const ActionEntry& a) {
   ZU::ZUResourceState* state = stage_.stateResource(a.resource);
-  if (a.kind == ActionKind::SetState) {
-    log_.add(
-        EventKind::State, "", a.resource,
-        a.resource + (a.activated ? " is activated" : " is deactivated; its holders are told"));
-    state->setState(a.activated);
+  if (a.kind == ActionKind::SetState && a.activated) {
+    log_.add(EventKind::State, "", a.resource, a.resource + " is activated");
+    state->setState(true);
     return;
   }
-  log_.add(EventKind::State, "", a.resource,
-           a.resource + " is deactivated by releaseState; its holders are told");
-  try {
-    state->releaseState();
-  } catch (const ZU::ZUError& e) {
-    log_.add(EventKind::Failed, "", a.resource,
-             "releaseState on " + a.resource + " ends with \"" + e.getDescription() + "\"");
+  std::vector<std::string> holders = stage_.holdersOf(a.resource);
+  std::vector<std::size_t> toldBefore = notifications(a.resource);
+  if (a.kind == ActionKind::SetState) {
+    log_.add(EventKind::State, "", a.resource,
+             a.resource + " is deactivated; its holders are told");
+    state->setState(false);
+  } else {
+    log_.add(EventKind::State, "", a.resource,
+             a.resource + " is deactivated by releaseState; its holders are told");
+    try {
+      state->releaseState();
+    } catch (const ZU::ZUError& e) {
+      log_.add(EventKind::Failed, "", a.resource,
+               "releaseState on " + a.resource + " ends with \"" + e.getDescription() + "\"");
+    }
   }
+  // The holders are told in turn, each given one polling period to let go;
+  // the telling ends at the first that has not (a release of the state
+  // resource waits until the telling is over), and the rest are never told.
+  std::vector<std::size_t> toldAfter = notifications(a.resource);
+  std::string last;
+  std::vector<std::string> untold;
+  for (const std::string& h : holders) {
+    int n = stage_.ownerNumber(h);
+    std::size_t m = n < 0 ? 0 : scenario_.moduleIndex.at(ownerNamed(h).entry.module);
+    if (n >= 0 && toldAfter[m] > toldBefore[m])
+      last = h;
+    else
+      untold.push_back(h);
+  }
+  if (!last.empty() && !untold.empty())
+    log_.add(EventKind::State, "", a.resource,
+             "the deactivation of " + a.resource + " stopped at " + last +
+                 ", which had not let go within one polling period; " + join(untold) +
+                 (untold.size() == 1 ? " was" : " were") + " not told and still hold" +
+                 (untold.size() == 1 ? "s " : " ") + a.resource);
+}
+
+std::vector<std::size_t> Simulation::notifications(const std::string& resource) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::vector<std::size_t> out;
+  for (const std::vector<std::string>& told : notified_)
+    out.push_back(static_cast<std::size_t>(std::count(told.begin(), told.end(), resource)));
+  return out;
 }
 
 void Simulation::onResource(std::size_t module, const std::string& name) {
@@ -358,7 +416,18 @@ void Simulation::onResource(std::size_t module, const std::string& name) {
                (m.releases ? " and lets go in " + std::to_string(m.delayMs) + " ms"
                            : " and ignores it"));
   if (!m.releases) return;
-  std::this_thread::sleep_for(std::chrono::milliseconds(m.delayMs));
+  {
+    std::unique_lock<std::mutex> lock(mutex_);
+    EventLog::Clock::time_point until =
+        EventLog::Clock::now() + std::chrono::milliseconds(m.delayMs);
+    if (stopping_.wait_until(lock, until, [this] { return stopped_; })) {
+      lock.unlock();
+      log_.add(EventKind::Manager, "", name,
+               m.name + "'s release of " + name + " is dropped: the scenario stopped at " +
+                   std::to_string(scenario_.stopAtMs) + " ms");
+      return;
+    }
+  }
   for (auto& o : owners_) {
     if (o->entry.module != m.name || !stage_.holds(name, o->entry.name)) continue;
     // The owner gives up what it asked for that holds the wanted resource.
@@ -372,135 +441,76 @@ void Simulation::onResource(std::size_t module, const std::string& name) {
   }
 }
 
-void Simulation::stopWaiting(Owner& o, const std::string& why) {
-  std::string pending;
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    pending = o.pending;
-  }
-  if (pending.empty()) return;
-  log_.add(EventKind::Manager, o.entry.name, pending,
-           why + ": the manager stops " + o.entry.name + ", still waiting for " + pending);
-  release(o, pending, " (stopped by the manager)");
+void Simulation::stopEverything() {
+  std::vector<Owner*> logged;
+  std::unique_lock<std::mutex> lock(mutex_);
+  stopped_ = true;
+  stopping_.notify_all();
+  do {
+    for (auto& o : owners_) {
+      if (o->pending.empty()) continue;
+      // The release flag ends the wait at its next poll, whatever it waits on.
+      o->stopRequested = true;
+      o->owner->freeResource();
+      if (std::find(logged.begin(), logged.end(), o.get()) != logged.end()) continue;
+      logged.push_back(o.get());
+      log_.add(EventKind::Manager, o->entry.name, o->pending,
+               "the scenario stops: the manager stops " + o->entry.name + ", still waiting for " +
+                   o->pending);
+    }
+  } while (!ownersDone_.wait_for(lock, std::chrono::milliseconds(ZU::ZUOwnerStrong::kPollPeriodMs),
+                                 [this] { return running_ == 0; }));
 }
 
-// --- Observation. ---------------------------------------------------------------
+std::unique_lock<std::mutex> Simulation::serialise(Owner& o, const std::string& what) {
+  if (!o.mayBeHandedDown) return std::unique_lock<std::mutex>();
+  std::unique_lock<std::mutex> calls(o.calls, std::try_to_lock);
+  if (calls) return calls;
+  log_.add(EventKind::Manager, o.entry.name, "",
+           what + " waits for " + o.entry.name +
+               "'s running call: the simulator keeps one owner's calls apart, since a "
+               "hand-down records the giver where a release reads it");
+  calls.lock();
+  return calls;
+}
 
-void Simulation::watch() {
-  awaitStart();
-  EventLog::Clock::time_point nextStaleCheck = EventLog::Clock::now() + kStaleCheckPeriod;
-  while (watching_) {
-    std::this_thread::sleep_for(kWatchPeriod);
-    Sample now = sample();
+// --- The library's events. -------------------------------------------------------
+
+void Simulation::onEvent(const ZU::ZUEvent& e) {
+  using Kind = ZU::ZUEvent::Kind;
+  long ms = log_.msOf(e.time);
+  if (e.kind == Kind::DeadlockFormed || e.kind == Kind::DeadlockBroken ||
+      e.kind == Kind::StaleWait) {
+    diagnosis_.record(e, ms);
+    return;
+  }
+  const ResourceEntry* r = scenario_.findResource(e.resource);
+  bool deactivation = r && r->kind == ResourceKind::State && e.owner == e.resource;
+  if (!r || (!deactivation && stage_.ownerNumber(e.owner) < 0)) return;  // another run's
+  bool news = timeline_.record(e, ms);
+  if (e.kind == Kind::Waiting && news) {
+    if (deactivation)
+      log_.add(ms, EventKind::Waiting, "", e.resource,
+               "the deactivation of " + e.resource + " waits for " + e.holder + " to let go");
+    else if (e.holder == e.resource && r->kind == ResourceKind::State)
+      log_.add(ms, EventKind::Waiting, e.owner, e.resource,
+               e.owner + " waits for " + e.resource + " to be activated");
+    else
+      log_.add(ms, EventKind::Waiting, e.owner, e.resource,
+               e.owner + " waits for " + e.resource + ", held by " + e.holder);
+  } else if (e.kind == Kind::Granted && r->kind != ResourceKind::Group &&
+             e.grant != ZU::ZUEvent::Grant::AlreadyHeld) {
+    // A group's member taken on the way through the group's walk.
+    std::string pending;
     {
       std::lock_guard<std::mutex> lock(mutex_);
-      observe(now, log_.now());
+      pending = ownerNamed(e.owner).pending;
     }
-    diagnosis_.findDeadlocks();
-    if (EventLog::Clock::now() >= nextStaleCheck) {
-      diagnosis_.findStaleWaits();
-      nextStaleCheck = EventLog::Clock::now() + kStaleCheckPeriod;
-    }
+    if (!pending.empty() && pending != e.resource &&
+        scenario_.findResource(pending)->kind == ResourceKind::Group)
+      log_.add(ms, EventKind::Granted, e.owner, e.resource,
+               e.owner + " takes " + e.resource + ", a member of " + pending);
   }
-}
-
-Simulation::Sample Simulation::sample() {
-  Sample s = last_;  // a state resource busy telling its holders keeps its last holders
-  s.waiters.clear();
-  for (const ResourceEntry& r : scenario_.resources) {
-    if (r.kind == ResourceKind::Plain) s.holder[r.name] = stage_.holderOf(r.name);
-    if (r.kind != ResourceKind::State) continue;
-    ZU::ZUResourceState* state = stage_.stateResource(r.name);
-    s.activated[r.name] = state->state;
-    bool busy = false;
-    ZU::ZUCriticalTrueIfLocked lock(state->holdersMutex, busy);
-    if (!busy) {
-      s.holders[r.name].clear();
-      for (const auto& h : state->holders) s.holders[r.name].push_back(h->name);
-    }
-    s.waiters.push_back({r.name, true, moduleNames(state->stateOwner->copyWaiters())});
-  }
-  for (const auto& o : owners_)
-    s.waiters.push_back({o->entry.name, false, moduleNames(o->owner->copyWaiters())});
-  return s;
-}
-
-void Simulation::observe(const Sample& now, long ms) {
-  for (const auto& h : now.holder) {
-    std::string was = last_.holder.count(h.first) ? last_.holder.at(h.first) : kFree;
-    if (was == h.second) continue;
-    timeline_.letsGo(h.first, was, ms);
-    if (h.second == kFree) continue;
-    timeline_.holds(h.first, h.second, ms);
-    // A group's member taken on the way through the group's walk.
-    for (const auto& o : owners_)
-      if (o->entry.name == h.second && !o->pending.empty() && o->pending != h.first &&
-          contains(scenario_.leavesOf(o->pending), h.first))
-        log_.add(EventKind::Granted, h.second, h.first,
-                 h.second + " takes " + h.first + ", a member of " + o->pending);
-  }
-  for (const auto& h : now.holders) {
-    std::vector<std::string> was =
-        last_.holders.count(h.first) ? last_.holders.at(h.first) : std::vector<std::string>();
-    for (const std::string& name : was)
-      if (!contains(h.second, name)) timeline_.letsGo(h.first, name, ms);
-    for (const std::string& name : h.second)
-      if (!contains(was, name)) timeline_.holds(h.first, name, ms);
-  }
-  for (const auto& a : now.activated) {
-    bool was = last_.activated.count(a.first) && last_.activated.at(a.first);
-    if (a.second && (!was || ms == 0)) timeline_.activated(a.first, true, ms);
-    if (!a.second && was) timeline_.activated(a.first, false, ms);
-  }
-  for (std::size_t i = 0; i < now.waiters.size(); ++i) {
-    const Sample::Waiters& on = now.waiters[i];
-    std::vector<std::string> was =
-        i < last_.waiters.size() ? last_.waiters[i].modules : std::vector<std::string>();
-    std::map<std::string, int> change;
-    for (const std::string& m : on.modules) ++change[m];
-    for (const std::string& m : was) --change[m];
-    for (const auto& c : change) {
-      for (int k = 0; k < c.second; ++k) noticeWaiter(now, on, c.first, ms);
-      for (int k = 0; k > c.second; --k) endWaiter(on.holder, c.first, ms);
-    }
-  }
-  last_ = now;
-}
-
-void Simulation::noticeWaiter(const Sample& now, const Sample::Waiters& on,
-                              const std::string& module, long ms) {
-  // The waiter is an owner of that module whose request is running and takes
-  // in a resource that the holder holds; a group is walked in member order,
-  // so it is the first such member that the request does not skip. An owner
-  // never waits on itself.
-  for (const auto& o : owners_) {
-    if (o->entry.module != module || o->pending.empty() || o->entry.name == on.holder) continue;
-    for (const std::string& l : scenario_.leavesOf(o->pending)) {
-      if (contains(o->pendingNoWait, l)) continue;
-      // An activated state resource is granted at once, whoever else holds
-      // it: an owner waits on another owner for a plain resource only.
-      bool heldByIt = now.holder.count(l) && now.holder.at(l) == on.holder;
-      if (on.activation ? l != on.holder : !heldByIt) continue;
-      timeline_.waits(l, o->entry.name, on.holder, ms);
-      log_.add(EventKind::Waiting, o->entry.name, l,
-               o->entry.name + (on.activation ? " waits for " + l + " to be activated"
-                                              : " waits for " + l + ", held by " + on.holder));
-      return;
-    }
-  }
-  // A deactivation asks the holders of the state resource to let go.
-  if (!on.activation && scenario_.findResource(module)) {
-    timeline_.waits(module, "", on.holder, ms);
-    log_.add(EventKind::Waiting, "", module,
-             "the deactivation of " + module + " waits for " + on.holder + " to let go");
-  }
-}
-
-void Simulation::endWaiter(const std::string& holder, const std::string& module, long ms) {
-  timeline_.waitEnds(holder, ms, [&](const Span& w) {
-    const OwnerEntry* o = scenario_.findOwner(w.owner);
-    return o ? o->module == module : w.resource == module;
-  });
 }
 
 // --- Queries. --------------------------------------------------------------------
@@ -520,9 +530,10 @@ std::vector<std::string> Simulation::notifiedOf(const std::string& module) {
 }
 
 std::string Simulation::explain(const std::string& owner, const std::string& resourceName) {
-  if (stage_.ownerNumber(owner) < 0) throw std::invalid_argument("unknown owner \"" + owner + "\"");
+  if (stage_.ownerNumber(owner) < 0)
+    throw std::invalid_argument("unknown owner " + quoteName(owner));
   if (!stage_.hasResource(resourceName))
-    throw std::invalid_argument("unknown resource \"" + resourceName + "\"");
+    throw std::invalid_argument("unknown resource " + quoteName(resourceName));
   return ZU::explain(stage_.resource(resourceName), ownerNamed(owner).owner).toString();
 }
 

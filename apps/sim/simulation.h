@@ -2,13 +2,14 @@
 
 // The run: plays a scenario's timeline for real on its stage.
 
-#include <atomic>
 #include <condition_variable>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
+
+#include <zuresource/zuobserver.h>
 
 #include "diagnosis.h"
 #include "eventlog.h"
@@ -23,10 +24,10 @@ namespace zusim {
 /// Plays one scenario. Each owner's actions run in that owner's own thread, in
 /// time order, a blocking waitFor delaying the owner's later actions; the
 /// manager's actions (setState, releaseState, stop) run in a thread of their
-/// own, timed expectations in another, and a watcher samples the resources
-/// every few ms to see waits begin and to draw the timeline. The watcher also
-/// has the diagnosis look for deadlocks at each sample and for stale waits
-/// every 100 ms.
+/// own, timed expectations in another. What the library decides (waits,
+/// grants, releases, deadlocks, stale waits) reaches the run as the library's
+/// events, which draw the timeline and the diagnosis at the times the log
+/// prints.
 ///
 /// Thread safety: run() is called once, from one thread; the RunView and
 /// World queries may be called from any thread at any time, also during run().
@@ -45,6 +46,8 @@ class Simulation : public World, public RunView {
   std::vector<std::string> statusLines() override { return stage_.statusLines(); }
   Diagnostics diagnostics() override { return diagnosis_.now(); }
   std::string explain(const std::string& owner, const std::string& resource) override;
+  /// The scenario's resource trees, for snapshots. Immutable.
+  const std::vector<boost::shared_ptr<ZU::ZUResource>>& roots() const { return stage_.roots(); }
 
   std::string holderOf(const std::string& resource) override { return stage_.holderOf(resource); }
   std::vector<std::string> holdersOf(const std::string& resource) override {
@@ -58,18 +61,7 @@ class Simulation : public World, public RunView {
 
  private:
   struct Owner;
-  /// One look at every resource, taken by the watcher.
-  struct Sample {
-    std::map<std::string, std::string> holder;                // plain -> owner name
-    std::map<std::string, std::vector<std::string>> holders;  // state -> owner names
-    std::map<std::string, bool> activated;                    // state -> activated
-    struct Waiters {
-      std::string holder;       // an owner's name, or a state resource's
-      bool activation = false;  // the waits for a state resource's activation
-      std::vector<std::string> modules;
-    };
-    std::vector<Waiters> waiters;  // same order in every sample
-  };
+  class Events;
 
   // Actions. Each takes the library's locks through the library calls, the
   // owner's `calls` mutex around the calls made for an owner that may be
@@ -93,31 +85,27 @@ class Simulation : public World, public RunView {
   void switchOwner(Owner& owner, const ActionEntry& action);
   /// setState or releaseState, from the manager's thread.
   void setState(const ActionEntry& action);
+  /// How many times each module has been told "__onResource__" for `resource`.
+  std::vector<std::size_t> notifications(const std::string& resource);
   /// Module number `module`'s "__onResource__", in the module's task thread.
   void onResource(std::size_t module, const std::string& resource);
-  /// The manager stops `owner`'s pending wait by releasing what it waits for.
-  void stopWaiting(Owner& owner, const std::string& why);
+  /// At stopAt: logs the stop of every wait still running, then sets each
+  /// waiter's release flag again at every polling period until every owner's
+  /// thread is done (a new wait on a stopped owner clears its flag).
+  void stopEverything();
+  /// Takes `owner`'s calls lock when it must (see Owner::calls), logging why
+  /// when it has to wait for it; `what` names the call that waits.
+  std::unique_lock<std::mutex> serialise(Owner& owner, const std::string& what);
   /// Records and logs how a request ended; for a failed one, also the members
   /// it took on the way and gave back. Reads the holders first, then mutex_.
   void finish(Owner& owner, const Outcome& outcome);
 
-  // Observation.
-
-  /// The watcher's loop: sample, observe(), then the diagnosis.
-  void watch();
-  /// Reads every resource and every owner's waiters through the library (no
-  /// lock of ours; a state resource busy telling its holders keeps the
-  /// holders of the last sample, so that the watcher never waits).
-  Sample sample();
-  /// Turns the changes since the last sample into spans and waiting events.
-  /// Called by the thread that samples, with mutex_ held.
-  void observe(const Sample& now, long ms);
-  /// A new entry in a holder's waiters: finds whose wait it is. mutex_ held.
-  void noticeWaiter(const Sample& now, const Sample::Waiters& on, const std::string& module,
-                    long ms);
-  /// An entry left: ends the oldest open wait of that module on `holder`, as
-  /// the library removes the oldest entry. mutex_ held.
-  void endWaiter(const std::string& holder, const std::string& module, long ms);
+  /// One of the library's events, in the thread that caused it (see
+  /// ZUObserver for the library's locks it may hold): spans, waiting lines,
+  /// members taken on a group's walk, deadlocks and stale waits, each logged
+  /// at the time the library stamped it. mutex_ briefly, then the timeline's,
+  /// the diagnosis's, the log's.
+  void onEvent(const ZU::ZUEvent& event);
 
   Owner& ownerNamed(const std::string& name);
 
@@ -130,16 +118,15 @@ class Simulation : public World, public RunView {
   Timeline timeline_;
   Diagnosis diagnosis_;
 
-  std::atomic<bool> watching_{false};
-  Sample last_;  // the watcher's previous sample; only the thread that samples uses it
-
   mutable std::mutex mutex_;
   // Guarded by mutex_.
   std::vector<std::vector<std::string>> notified_;  // by module number
   int running_ = 0;                                 // owner threads not yet done
   bool started_ = false;                            // the run's threads may go
+  bool stopped_ = false;                            // stopAt has passed
   std::condition_variable ownersDone_;
   std::condition_variable go_;
+  std::condition_variable stopping_;  // notified when stopped_ is set
 };
 
 }  // namespace zusim

@@ -1,13 +1,16 @@
 #pragma once
 
 // The timeline's spans: holdings, waits and activations, opened and closed
-// as the run sees them happen.
+// by the library's events, at the times the library stamped them.
 
 #include <mutex>
 #include <string>
 #include <vector>
 
+#include <zuresource/zuobserver.h>
+
 #include "runrecord.h"
+#include "scenario.h"
 
 namespace zusim {
 
@@ -17,26 +20,16 @@ namespace zusim {
 /// which is taken after the library's locks and before the event log's.
 class Timeline {
  public:
-  /// `owner` begins to hold `resource`.
-  void holds(const std::string& resource, const std::string& owner, long ms);
-  /// `owner` no longer holds `resource`.
-  void letsGo(const std::string& resource, const std::string& owner, long ms);
+  /// `scenario` must outlive the timeline.
+  explicit Timeline(const Scenario& scenario) : scenario_(scenario) {}
+
+  /// Opens or closes the spans that `event`, of one of the scenario's
+  /// resources, stands for; `ms` is its time. A wait that restarts on the
+  /// same holder goes on; a plain resource has one holder at a time.
+  /// Returns false for a Waiting event of a wait that goes on.
+  bool record(const ZU::ZUEvent& event, long ms);
   /// A state resource is activated (`on`) or deactivated.
   void activated(const std::string& resource, bool on, long ms);
-  /// `owner` (empty: a deactivation of `resource`) begins to wait on `holder`.
-  void waits(const std::string& resource, const std::string& owner, const std::string& holder,
-             long ms);
-  /// Ends the oldest open wait on `holder` that `matches`; false when none.
-  template <typename Match>
-  bool waitEnds(const std::string& holder, long ms, Match matches) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    for (Span& w : waits_)
-      if (w.holder == holder && w.toMs < 0 && matches(w)) {
-        w.toMs = ms;
-        return true;
-      }
-    return false;
-  }
   /// Ends every open wait of `owner`; returns the resource of the last one,
   /// or `fallback` when none was open.
   std::string waitsEnd(const std::string& owner, long ms, const std::string& fallback);
@@ -47,9 +40,12 @@ class Timeline {
   void close(long endMs, RunRecord& record);
 
  private:
-  static void end(std::vector<Span>& spans, const std::string& resource, const std::string& owner,
-                  long ms);
+  /// Ends the open spans on `resource` of `owner`, or of anyone when `owner`
+  /// is null; of waits, only those on `holder` unless it is null. mutex_ held.
+  static void end(std::vector<Span>& spans, const std::string& resource, const std::string* owner,
+                  const std::string* holder, long ms);
 
+  const Scenario& scenario_;
   mutable std::mutex mutex_;
   // Guarded by mutex_.
   std::vector<Span> holdings_;

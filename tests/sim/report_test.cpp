@@ -1,5 +1,6 @@
 #include "report.h"
 
+#include <set>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -45,10 +46,11 @@ class Report : public ::testing::Test {
 
 TEST_F(Report, NamesShownAsTextAndTimelineHasALanePerHoldableResource) {
   std::string html = renderReport(scenario, events, record);
-  for (const char* markup : {"<script", "<b>", "<i>", "<h1>T</h1>"})
+  for (const char* markup : {"<script>alert", "<b>", "<i>", "<h1>T</h1>"})
     EXPECT_EQ(count(html, markup), 0u);
-  // The final status page keeps the library's line endings, as text.
-  EXPECT_EQ(count(html, "------&lt;b&gt;Eye&lt;/b&gt; -&gt; M eStrong [] 0&lt;br /&gt;\n"), 1u);
+  // The final status page: a line per library line, no literal line-end markup.
+  EXPECT_EQ(count(html, "------&lt;b&gt;Eye&lt;/b&gt; -&gt; M eStrong [] 0\n"), 1u);
+  EXPECT_EQ(count(html, "br /"), 0u);
   EXPECT_EQ(count(html, "FAILED expect[0]"), 1u);
   std::string svg = renderTimeline(scenario, events, record);
   EXPECT_EQ(count(svg, "font-weight=\"bold\">"), 3u);  // Eye, Head, Standing; no lane for Face
@@ -57,14 +59,37 @@ TEST_F(Report, NamesShownAsTextAndTimelineHasALanePerHoldableResource) {
   EXPECT_EQ(count(svg, "Standing activated from 200 to 800 ms"), 1u);
   EXPECT_EQ(count(svg, "class=\"mark\""), 2u);  // the group's event has no lane
   // Owners keep their colours: the first owner's two bars, the second's bar and wait.
-  EXPECT_EQ(count(svg, "fill=\"#4e79a7\""), 2u);
-  EXPECT_EQ(count(svg, "fill=\"#f28e2b\""), 2u);
+  EXPECT_EQ(count(svg, " c0\""), 2u);
+  EXPECT_EQ(count(svg, " c1\""), 2u);
+}
+
+TEST_F(Report, ACrowdIsStackedInSubLanesAndListedInASearchableLegend) {
+  std::string many = R"({"resources": [{"name": "S", "kind": "state"}], "modules": [{"name": "M"}],
+                         "owners": [)";
+  for (int i = 0; i < 40; ++i)
+    many += (i ? ", " : "") + std::string("{\"name\": \"o") + std::to_string(i) +
+            "\", \"module\": \"M\"}";
+  scenario = parseScenario(many + "]}", "crowd.json");
+  // o0 and o1 overlap, o2 starts as o0 ends: two sub-lanes.
+  record.holdings = {{"S", "o0", 0, 300, ""}, {"S", "o1", 100, 900, ""}, {"S", "o2", 300, 600, ""}};
+  record.waits = {};
+  std::string html = renderReport(scenario, {}, record);
+  std::set<std::string> ys;
+  for (std::size_t at = html.find("<rect x="); at != std::string::npos;
+       at = html.find("<rect x=", at + 1))
+    ys.insert(html.substr(html.find(" y=", at), 8));
+  EXPECT_EQ(ys.size(), 2u);
+  EXPECT_EQ(count(html, "<input type=\"search\""), 1u);
+  EXPECT_EQ(count(html, "<li data-o="), 40u);
+  // Past the first twelve colours, owners also carry a pattern.
+  EXPECT_EQ(count(html, "<i class=\"c12\"><i class=\"p1\">"), 1u);
+  EXPECT_EQ(count(html, "<i class=\"c11\"></i>"), 1u);
 }
 
 TEST_F(Report, DeadlockIsALineAcrossTheLanesWithItsTextEscaped) {
   events.push_back({650, EventKind::Deadlock, "b", "Head", "deadlock: b -> <i>c</i> (Head)"});
   std::string svg = renderTimeline(scenario, events, record);
   EXPECT_EQ(count(svg, "<line class=\"alarm\""), 1u);
-  EXPECT_EQ(count(svg, "650 ms: deadlock: b -&gt; &lt;i&gt;c&lt;/i&gt; (Head)</title>"), 1u);
+  EXPECT_EQ(count(svg, "650 ms: deadlock: b -&gt; &lt;i&gt;c&lt;/i&gt; (Head)\""), 1u);
   EXPECT_EQ(count(svg, "class=\"mark\""), 2u);  // no mark of its own on the lane
 }

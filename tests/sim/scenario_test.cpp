@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+using zusim::kMaxNesting;
 using zusim::parseScenario;
 using zusim::Scenario;
 using zusim::ScenarioError;
@@ -55,23 +56,90 @@ TEST(Scenario, ActionsRunInTimeOrderKeepingFileOrderForEqualTimes) {
   EXPECT_EQ(s.stopAtMs, 300 + 10000);
 }
 
-// The faults that the command-line refusals do not already show.
+/// `depth` groups, each holding the next, the last holding Head.
+std::string chain(int depth) {
+  std::string groups;
+  for (int i = 0; i < depth; ++i)
+    groups += R"(, {"name": "G)" + std::to_string(i) + R"(", "kind": "group", "members": [")" +
+              (i + 1 < depth ? "G" + std::to_string(i + 1) : std::string("Head")) + "\"]}";
+  return R"({"resources": [{"name": "Head"})" + groups + "]}";
+}
+
+// Every refusal names the file, the entry and what is wrong, on one line.
 TEST(Scenario, RefusesFaultsNamingFileEntryAndWhat) {
+  const std::string cast = "{" + kCast + ", ";
   const std::pair<std::string, std::string> cases[] = {
-      {R"("actions": [{"at": 0, "owner": "a", "do": "waitFor", "resource": "Head", "tiemout": 1}])",
+      {"{\"title\": \"broken\", \"resources\": [", "s.json: not JSON: "},
+      {cast + R"("actions": [{"at": 0, "owner": "a", "do": "waitFor", "resource": "Hand"}]})",
+       "s.json: actions[0]: unknown resource \"Hand\""},
+      {cast + R"("actions": [{"at": 0, "owner": "ghost", "do": "waitFor", "resource": "Head"}]})",
+       "s.json: actions[0]: unknown owner \"ghost\""},
+      {R"({"resources": [{"name": "H"}], "owners": [{"name": "a", "module": "Missing"}]})",
+       "s.json: owners[0]: unknown module \"Missing\""},
+      {R"({"resources": [{"name": "Head"}, {"name": "Upper", "kind": "group", "members": ["Head", "Whole"]},
+          {"name": "Whole", "kind": "group", "members": ["Upper"]}]})",
+       "s.json: resource \"Upper\": group cycle Upper -> Whole -> Upper"},
+      {cast + R"("expect": [{"at": 500, "deadlock": "yes"}]})",
+       "s.json: expect[0]: \"deadlock\" must be true or false"},
+      {cast +
+           R"("actions": [{"at": 0, "owner": "a", "do": "waitFor", "resource": "Head", "tiemout": 1}]})",
        "s.json: actions[0]: unknown field \"tiemout\""},
-      {R"("actions": [{"at": 0, "do": "setState", "resource": "Head", "activated": true}])",
+      {cast + R"("actions": [{"at": 0, "do": "setState", "resource": "Head", "activated": true}]})",
        "s.json: actions[0]: \"setState\" needs a state resource; \"Head\" is not one"},
-      {R"("expect": [{"resource": "Arms", "holder": "a"}])",
+      {cast + R"("expect": [{"resource": "Arms", "holder": "a"}]})",
        "s.json: expect[0]: \"holder\" needs a plain resource"},
-      {R"("expect": [{"staleWait": true, "resource": "Arms"}])",
+      {cast + R"("expect": [{"staleWait": true, "resource": "Arms"}]})",
        "s.json: expect[0]: waits are on plain and state resources; \"Arms\" is a group"},
-      {R"("stopAt": 50, "actions": [{"at": 60, "owner": "a", "do": "release", "resource": "Head"}])",
+      // Numbers are checked where they are read, never wrapped.
+      {cast + R"("actions": [{"at": -5, "owner": "a", "do": "release", "resource": "Head"}]})",
+       "s.json: actions[0]: \"at\" must be an integer from 0 to 3600000, not -5"},
+      {cast +
+           R"("actions": [{"at": 4294967396, "owner": "a", "do": "release", "resource": "Head"}]})",
+       "s.json: actions[0]: \"at\" must be an integer from 0 to 3600000, not 4294967396"},
+      {cast +
+           R"("actions": [{"at": 0, "owner": "a", "do": "waitFor", "resource": "Head", "timeout": 99999999999999999999}]})",
+       "s.json: actions[0]: \"timeout\" must be an integer from -1 to 3600, not 1e+20"},
+      {cast + R"("expect": [{"at": 1.5, "resource": "Head", "holder": "a"}]})",
+       "s.json: expect[0]: \"at\" must be an integer from 0 to 3600000, not 1.5"},
+      {R"({"resources": [{"name": "H"}], "modules": [{"name": "M", "delay": 18446744073709551615}]})",
+       "s.json: modules[0]: \"delay\" must be an integer from 0 to 3600000, not "
+       "18446744073709551615"},
+      // stopAt is the end: nothing is scheduled after it.
+      {cast +
+           R"("stopAt": 50, "actions": [{"at": 60, "owner": "a", "do": "release", "resource": "Head"}]})",
        "s.json: actions[0]: at 60 ms, after \"stopAt\" (50 ms)"},
+      {cast + R"("stopAt": 50, "expect": [{"at": 60, "resource": "Head", "holder": "a"}]})",
+       "s.json: expect[0]: at 60 ms, after \"stopAt\" (50 ms)"},
+      // What JSON allows but would silently lose or confuse.
+      {cast +
+           R"("actions": [{"at": 0, "at": 100, "owner": "a", "do": "release", "resource": "Head"}]})",
+       "s.json: actions[0]: key \"at\" given twice"},
+      {R"({"resources": [{"name": "H"}], "resources": []})",
+       "s.json: scenario: key \"resources\" given twice"},
+      {R"({"resources": [{"name": "H"}, {"name": "G", "kind": "group", "members": ["H", "H"]}]})",
+       "s.json: resources[1]: group lists \"H\" twice"},
+      {R"({"resources": [{"name": ""}]})", "s.json: resources[0]: empty resource name"},
+      {R"({"resources": [{"name": "H"}], "modules": [{"name": ""}]})",
+       "s.json: modules[0]: empty module name"},
+      // A name is quoted with its control characters escaped: one line, no terminal escape.
+      {cast +
+           R"("actions": [{"at": 0, "owner": "a\nb\u0000\u001b[2J", "do": "release", "resource": "Head"}]})",
+       "s.json: actions[0]: unknown owner \"a\\nb\\x00\\x1b[2J\""},
+      {chain(kMaxNesting + 1), "s.json: resource \"G0\": groups nest deeper than 32 levels"},
   };
   for (const auto& c : cases) {
-    std::string message = refusal("{" + kCast + ", " + c.first + "}");
+    std::string message = refusal(c.first);
     EXPECT_EQ(message.compare(0, c.second.size(), c.second), 0)
         << c.first << "\n  gave: " << message;
+    EXPECT_EQ(message.find('\n'), std::string::npos) << message;
+  }
+  EXPECT_NO_THROW(parseScenario(chain(kMaxNesting), "s.json"));
+  for (const char* unreadable : {"/dev/zero", "/", "no_such_scenario.json"}) {
+    try {
+      zusim::loadScenario(unreadable);
+      ADD_FAILURE() << unreadable;
+    } catch (const ScenarioError& e) {
+      EXPECT_EQ(std::string(e.what()).find(": cannot be read"), std::string(unreadable).size());
+    }
   }
 }

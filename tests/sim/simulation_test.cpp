@@ -37,23 +37,31 @@ Played play(const std::string& json) {
 
 }  // namespace
 
-// Two owners of one module wait at once, each on the holder of its own request.
-TEST(Simulation, WaitsAreToldOfTheRequesterWhoseResourceTheHolderHolds) {
+// Two owners of one module wait at once, each on the holder of its own request,
+// though x's group also holds the resource y waits for.
+TEST(Simulation, WaitsAreToldOfTheRequesterNotOfTheModule) {
   Played run = play(R"({
-    "resources": [{"name": "Head"}, {"name": "Arm"}],
+    "resources": [{"name": "Head"}, {"name": "Arm"},
+                  {"name": "Both", "kind": "group", "members": ["Head", "Arm"]}],
     "modules": [{"name": "Shared", "onResource": "ignore"}, {"name": "Busy", "onResource": "ignore"}],
     "owners": [{"name": "h1", "module": "Busy"}, {"name": "h2", "module": "Busy"},
                {"name": "x", "module": "Shared"}, {"name": "y", "module": "Shared"}],
     "actions": [
       {"at": 0, "owner": "h1", "do": "waitFor", "resource": "Head"},
       {"at": 0, "owner": "h2", "do": "waitFor", "resource": "Arm"},
-      {"at": 100, "owner": "y", "do": "waitFor", "resource": "Arm", "timeout": 0},
-      {"at": 100, "owner": "x", "do": "waitFor", "resource": "Head", "timeout": 0}]})");
+      {"at": 100, "owner": "x", "do": "waitFor", "resource": "Both", "timeout": 0},
+      {"at": 100, "owner": "y", "do": "waitFor", "resource": "Arm", "timeout": 0}]})");
   std::vector<std::string> waits = run.texts(EventKind::Waiting);
   std::sort(waits.begin(), waits.end());
   EXPECT_EQ(waits, (std::vector<std::string>{"x waits for Head, held by h1",
                                              "y waits for Arm, held by h2"}));
   EXPECT_EQ(run.texts(EventKind::TimedOut).size(), 2u);
+  // The chart is drawn from the same events as the log, at the times it prints.
+  for (const Event& e : run.events)
+    if (e.kind == EventKind::Waiting)
+      EXPECT_TRUE(std::any_of(run.record.waits.begin(), run.record.waits.end(), [&](const Span& w) {
+        return w.owner == e.owner && w.resource == e.resource && w.fromMs == e.ms;
+      })) << e.text;
 }
 
 // A descendant's later grant of the free resource is no hand-down, though its release hands back.
@@ -107,6 +115,28 @@ TEST(Simulation, DeadlockIsLoggedOnceNamingEveryEdge) {
   EXPECT_TRUE(run.record.allHeld());
 }
 
+// b's wait restarts when a's release flag is set by a stop on another resource:
+// the library reports the cycle broken and formed again; it is one deadlock.
+TEST(Simulation, DeadlockIsReportedOnceWhileItsEdgesStand) {
+  Played run = play(R"({
+    "resources": [{"name": "L"}, {"name": "R"}, {"name": "X"}],
+    "modules": [{"name": "M", "onResource": "ignore"}],
+    "owners": [{"name": "a", "module": "M"}, {"name": "b", "module": "M"}],
+    "stopAt": 1500,
+    "actions": [
+      {"at": 0, "owner": "a", "do": "waitFor", "resource": "L"},
+      {"at": 0, "owner": "a", "do": "waitFor", "resource": "X"},
+      {"at": 0, "owner": "b", "do": "waitFor", "resource": "R"},
+      {"at": 100, "owner": "b", "do": "waitFor", "resource": "L"},
+      {"at": 150, "owner": "a", "do": "waitFor", "resource": "R"},
+      {"at": 400, "do": "stop", "owner": "a", "resource": "X"}]})");
+  std::vector<std::string> deadlocks = run.texts(EventKind::Deadlock);
+  ASSERT_EQ(deadlocks.size(), 1u);
+  EXPECT_EQ(deadlocks[0].rfind("deadlock: a -> b (R), b -> a (L); formed at 1", 0), 0u)
+      << deadlocks[0];
+  EXPECT_EQ(run.texts(EventKind::Waiting).size(), 2u);
+}
+
 // switchOwner takes Head silently: the speaker's wait on the tracker goes stale, logged once.
 TEST(Simulation, StaleWaitIsLoggedOnce) {
   Played run = play(R"({
@@ -126,5 +156,70 @@ TEST(Simulation, StaleWaitIsLoggedOnce) {
   EXPECT_EQ(stale[0].rfind(
                 "stale wait: speaker waits on tracker for Head, which it has not held for ", 0),
             0u);
+  EXPECT_TRUE(run.record.allHeld());
+}
+
+namespace {
+
+bool has(const std::vector<std::string>& texts, const std::string& text) {
+  return std::find(texts.begin(), texts.end(), text) != texts.end();
+}
+
+}  // namespace
+
+// A deadlock with requests queued behind it, a wait that clears the stopped owner's
+// flag, and a module's long delay: everything ends within a poll or two of stopAt.
+TEST(Simulation, RunEndsShortlyAfterStopAt) {
+  Played run = play(R"({
+    "resources": [{"name": "L"}, {"name": "R"}, {"name": "Z"}],
+    "modules": [{"name": "M", "onResource": "ignore"},
+                {"name": "Slow", "onResource": "release", "delay": 100000}],
+    "owners": [{"name": "a", "module": "M"}, {"name": "b", "module": "M"},
+               {"name": "c", "module": "Slow"}, {"name": "d", "module": "M"}],
+    "stopAt": 1000,
+    "actions": [
+      {"at": 0, "owner": "a", "do": "waitFor", "resource": "L"},
+      {"at": 0, "owner": "b", "do": "waitFor", "resource": "R"},
+      {"at": 0, "owner": "c", "do": "waitFor", "resource": "Z"},
+      {"at": 100, "owner": "a", "do": "waitFor", "resource": "R"},
+      {"at": 100, "owner": "b", "do": "waitFor", "resource": "L"},
+      {"at": 200, "owner": "a", "do": "waitFor", "resource": "R"},
+      {"at": 200, "owner": "b", "do": "waitFor", "resource": "L"},
+      {"at": 400, "owner": "d", "do": "waitFor", "resource": "Z"}],
+    "expect": [{"owner": "a", "outcome": "stopped"}, {"owner": "d", "outcome": "stopped"}]})");
+  EXPECT_LT(run.record.endMs, 1000 + 3 * 200);
+  std::vector<std::string> manager = run.texts(EventKind::Manager);
+  for (const char* line :
+       {"actions[5] of a (at 200 ms) is dropped: the scenario stopped at 1000 ms",
+        "Slow's release of Z is dropped: the scenario stopped at 1000 ms",
+        "the scenario stops: the manager stops d, still waiting for Z"})
+    EXPECT_TRUE(has(manager, line)) << line;
+  EXPECT_TRUE(run.record.allHeld());
+}
+
+// Why a stop nobody asked for happened, and why a deactivation left holders behind.
+TEST(Simulation, ExplainsAStopOfItsOwnAndADeactivationThatStoppedEarly) {
+  Played run = play(R"({
+    "resources": [{"name": "X"}, {"name": "Y"}, {"name": "S", "kind": "state", "activated": true}],
+    "modules": [{"name": "M", "onResource": "ignore"},
+                {"name": "Quick", "onResource": "release", "delay": 0}],
+    "owners": [{"name": "a", "module": "M"}, {"name": "b", "module": "M"},
+               {"name": "q", "module": "Quick"}, {"name": "r", "module": "M"}],
+    "actions": [
+      {"at": 0, "owner": "a", "do": "waitFor", "resource": "X"},
+      {"at": 0, "owner": "b", "do": "waitFor", "resource": "Y"},
+      {"at": 0, "owner": "q", "do": "waitFor", "resource": "S"},
+      {"at": 50, "owner": "r", "do": "waitFor", "resource": "S"},
+      {"at": 100, "owner": "a", "do": "release", "resource": "X"},
+      {"at": 200, "owner": "a", "do": "waitFor", "resource": "Y", "timeout": 2},
+      {"at": 1000, "do": "setState", "resource": "S", "activated": false}],
+    "expect": [{"owner": "a", "outcome": "stopped"}, {"resource": "S", "holders": ["r"]}]})");
+  std::vector<std::string> stopped = run.texts(EventKind::Stopped);
+  ASSERT_EQ(stopped.size(), 1u);
+  EXPECT_NE(stopped[0].find("\" (own release at 1"), std::string::npos) << stopped[0];
+  EXPECT_NE(stopped[0].find(" ms left the release flag set)"), std::string::npos) << stopped[0];
+  EXPECT_TRUE(has(run.texts(EventKind::State),
+                  "the deactivation of S stopped at q, which had not let go within one polling "
+                  "period; r was not told and still holds S"));
   EXPECT_TRUE(run.record.allHeld());
 }

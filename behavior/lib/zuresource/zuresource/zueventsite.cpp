@@ -26,6 +26,9 @@ struct Reports {
   std::map<std::vector<std::uint64_t>, ZUEvent> cycles;
   // Guarded by mutex. By wait id: each stale wait reported.
   std::map<std::uint64_t, ZUEvent> stale;
+  // Guarded by mutex. (owner, resource) -> the owner that handed it down,
+  // from the hand-downs seen while observers were registered.
+  std::map<std::pair<std::string, std::string>, std::string> parents;
   // Atomic: cycles.size() + stale.size(), so that a wait that ends looks no
   // further when nothing is reported.
   std::atomic<int> count{0};
@@ -82,7 +85,12 @@ void granted(ZUPendingEvent& pending, const std::string& resource, const ZUOwner
   try {
     ZUEvent event = ZUEvent::make(ZUEvent::Kind::Granted, resource, &owner);
     event.grant = grant;
-    if (parent) event.parent = parent->name;
+    if (parent) {
+      event.parent = parent->name;
+      Reports& r = reports();
+      std::lock_guard<std::mutex> lock(r.mutex);
+      r.parents[std::make_pair(owner.name, resource)] = parent->name;
+    }
     pending.set(std::move(event));
   } catch (...) {
     ZUObservers::noteFailure();
@@ -94,6 +102,11 @@ void keep(ZUPendingEvent& pending, ZUEvent::Kind kind, const std::string& resour
   try {
     ZUEvent event = ZUEvent::make(kind, resource, owner);
     if (parent) event.parent = parent->name;
+    if (owner) {
+      Reports& r = reports();
+      std::lock_guard<std::mutex> lock(r.mutex);
+      r.parents.erase(std::make_pair(owner->name, resource));
+    }
     pending.set(std::move(event));
   } catch (...) {
     ZUObservers::noteFailure();
@@ -238,9 +251,11 @@ WaitWatch::~WaitWatch() {
 
 }  // namespace eventsite
 
-void currentDiagnostics(std::vector<ZUEvent>& cycles, std::vector<ZUEvent>& staleWaits) {
+void currentDiagnostics(std::vector<ZUEvent>& cycles, std::vector<ZUEvent>& staleWaits,
+                        std::map<std::pair<std::string, std::string>, std::string>& parents) {
   Reports& r = reports();
   std::lock_guard<std::mutex> lock(r.mutex);
+  parents = r.parents;
   for (const auto& entry : r.cycles) cycles.push_back(entry.second);
   for (const auto& entry : r.stale) staleWaits.push_back(entry.second);
 }

@@ -6,8 +6,10 @@
 // Not installed: for the library's sources only.
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <zuresource/zuobserver.h>
@@ -80,8 +82,10 @@ class WaitWatch {
 
 }  // namespace eventsite
 
-/// The cycles and stale waits reported so far that still stand.
-/// Takes: the reports' own mutex.
-void currentDiagnostics(std::vector<ZUEvent>& cycles, std::vector<ZUEvent>& staleWaits);
+/// The cycles and stale waits reported so far that still stand, and the
+/// hand-downs seen while observers were registered: (owner, resource) ->
+/// the owner that handed it down. Takes: the reports' own mutex.
+void currentDiagnostics(std::vector<ZUEvent>& cycles, std::vector<ZUEvent>& staleWaits,
+                        std::map<std::pair<std::string, std::string>, std::string>& parents);
 
 }  // namespace ZU

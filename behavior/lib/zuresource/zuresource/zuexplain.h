@@ -78,6 +78,14 @@ struct ZUExplanation {
   /// `waiters` as an array, `firstWait` as its index ("-1" for none),
   /// `members` as an array of member values.
   ZUValue toValue() const;
+
+  // A tree of any depth is built, read and destroyed without recursion.
+  ZUExplanation() = default;
+  ZUExplanation(const ZUExplanation&) = default;
+  ZUExplanation(ZUExplanation&&) = default;
+  ZUExplanation& operator=(const ZUExplanation&) = default;
+  ZUExplanation& operator=(ZUExplanation&&) = default;
+  ~ZUExplanation();
 };
 
 /// The name of `answer` as toValue writes it ("takes", "alreadyHeld", …).
@@ -89,8 +97,8 @@ const char* answerName(ZUExplanation::Answer answer);
 /// ZUResourceList, exactly) are explained by their rules; a resource of any
 /// other class gives ResourceDecides. Never waits for a wait in progress.
 /// Throws ZUError for an empty `resource` or `owner`.
-/// Takes the locks of the status reports, in their order: a group's
-/// resourceListMutex (read) while walking its members; a plain resource's
+/// Takes the locks of the status reports, one at a time: a group's
+/// resourceListMutex (read) while copying its members; a plain resource's
 /// currentOwnerMutex (read) while copying the holder; a state resource's
 /// holdersMutex while counting holders; the holder's waitersMutex (read)
 /// while copying its waiters. Never waitMutex.

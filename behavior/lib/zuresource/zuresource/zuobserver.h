@@ -107,16 +107,19 @@ const char* causeName(ZUEvent::Cause cause);
 /// it reports waits for it, so it should be quick.
 ///
 /// Contract of the calls: an observer is called with no lock of the library
-/// that a report, a snapshot or a request takes, so it may call back into the
-/// library (httpGet, a snapshot, even waitFor). The events of a
-/// running conflict wait (Waiting, Notified, TimedOut, Stopped, DeadlockFormed,
+/// held that a report or a snapshot takes, so it may call back into the
+/// library (httpGet, ownersGet, takeSnapshot). The events of a running
+/// conflict wait (Waiting, Notified, TimedOut, Stopped, DeadlockFormed,
 /// DeadlockBroken, StaleWait) are delivered from inside that wait, whose
-/// thread holds the resource's waitMutex (only waitFor passes try it) and the
-/// holder's conflictMutex shared (only the holder's destructor takes it
-/// exclusively: an observer must not drop the last handle of that holder),
-/// and, for a member of a group, the group's resourceListMutex shared (an
-/// observer must not change that group). An exception thrown by onEvent is
-/// caught and counted (ZUObservers::failures), never passed on.
+/// thread holds what the wait holds throughout: the resource's waitMutex
+/// (taken only by waitFor: an observer must not wait for that resource), the
+/// holder's conflictMutex shared (taken exclusively only by the holder's
+/// destructor: an observer must not drop the last handle of that holder) and,
+/// for a member of a group, the group's resourceListMutex shared (an observer
+/// must not change that group). Events caused under a state resource's own
+/// locks (its deactivation tells the holders) are delivered once they are let
+/// go. An exception thrown by onEvent is caught and counted
+/// (ZUObservers::failures), never passed on.
 class ZUObserver {
  public:
   virtual ~ZUObserver() = default;

@@ -160,16 +160,19 @@ std::vector<std::string> ZUResource::waitFor(boost::shared_ptr<ZUOwner> owner,
 
       // Already held by an owner of that name (the very same object, the usual
       // case, is told by address).
-      bool held = currentOwner.is(owner);
-      boost::shared_ptr<ZUOwner> copy;
-      if (!held) held = owner->name == currentOwner.loadOr(emptyOwner, copy)->name;
-      if (held) {
+      if (currentOwner.is(owner)) {
         wake.keptBy(currentOwner, owner);  // nothing changed unless it was let go meanwhile
         if (ZUObservers::active())
           eventsite::granted(granted, name, *owner, ZUEvent::Grant::AlreadyHeld, nullptr);
         return std::vector<std::string>();
       }
-      const boost::shared_ptr<ZUOwner>& holder = copy ? copy : emptyOwner;
+      boost::shared_ptr<ZUOwner> copy;
+      const boost::shared_ptr<ZUOwner>& holder = currentOwner.loadOr(emptyOwner, copy);
+      if (owner->name == holder->name) {
+        if (ZUObservers::active())
+          eventsite::granted(granted, name, *owner, ZUEvent::Grant::AlreadyHeld, nullptr);
+        return std::vector<std::string>();
+      }
 
       // Ask the holder: this may wait up to the time limit, or throw. Our own
       // placeholder is a weak owner, whose answer is always a plain no.

@@ -71,7 +71,8 @@ class ZUHolderHandle {
 ///
 /// Thread safety: thread safe; several operations may run at once on one
 /// resource. Lock order within a resource: waitMutex, then currentOwnerMutex,
-/// then an owner's ownerMutex. Owners are told apart by name, never by object.
+/// then an owner's ownerMutex (the whole library's order: docs/design.md).
+/// Owners are told apart by name, never by object.
 class ZUResource {
  public:
   // --- Fields, in declaration order. --------------------------------------

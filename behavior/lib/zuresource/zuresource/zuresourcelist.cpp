@@ -1,5 +1,8 @@
+#include <memory>
 #include <mutex>
+#include <typeinfo>
 #include <utility>
+#include <vector>
 
 #include <zuresource/zueventsite.h>
 #include <zuresource/zuresourcelist.h>
@@ -96,19 +99,37 @@ bool ZUResourceList::isResourceFree() {
 // --- Reports ---------------------------------------------------------------------
 
 std::string ZUResourceList::httpGet(int depth) {
-  ZUCriticalSectionRead lock(resourceListMutex);
-  // The members' lines first, so that the text is allocated once at its full
-  // size instead of growing (and being copied again) member by member.
-  std::vector<std::string> memberLines;
-  memberLines.reserve(resourceList.size());
+  // The whole tree is written into one text, depth first, with a list of the
+  // open groups instead of recursion: a text built level by level would be
+  // copied once more at every level of nesting. Each open group's
+  // resourceListMutex is held (read) until its last member is written, as a
+  // nested call would hold it.
+  struct Open {
+    ZUResourceList* group;
+    std::unique_ptr<ZUCriticalSectionRead> lock;
+    std::size_t next;
+    int depth;
+  };
+  std::vector<Open> open;
   std::string text = ZUResource::httpGet(depth);
-  std::size_t size = text.size();
-  for (const boost::shared_ptr<ZUResource>& member : resourceList) {
-    memberLines.push_back(member->httpGet(depth + 1));
-    size += memberLines.back().size();
+  open.push_back(Open{this, std::make_unique<ZUCriticalSectionRead>(resourceListMutex), 0, depth});
+  while (!open.empty()) {
+    Open& top = open.back();
+    if (top.next == top.group->resourceList.size()) {
+      open.pop_back();
+      continue;
+    }
+    ZUResource* member = top.group->resourceList[top.next++].get();
+    const int memberDepth = top.depth + 1;
+    if (typeid(*member) != typeid(ZUResourceList)) {
+      text += member->httpGet(memberDepth);
+      continue;
+    }
+    ZUResourceList* group = static_cast<ZUResourceList*>(member);
+    text += group->ZUResource::httpGet(memberDepth);
+    open.push_back(Open{group, std::make_unique<ZUCriticalSectionRead>(group->resourceListMutex), 0,
+                        memberDepth});
   }
-  text.reserve(size);
-  for (const std::string& line : memberLines) text += line;
   return text;
 }
 

@@ -20,7 +20,7 @@ namespace ZU {
 /// Thread safety: thread safe. Lock order: stateMutex, then holdersMutex; an
 /// owner's ownerMutex before holdersMutex. Holders' conflicts are called
 /// under holdersMutex (deactivation); no other lock of this class is held
-/// while an owner's code runs.
+/// while an owner's code runs. The whole library's order: docs/design.md.
 class ZUResourceState : public ZUResource {
  public:
   // --- Fields, in declaration order (after ZUResource's). ------------------

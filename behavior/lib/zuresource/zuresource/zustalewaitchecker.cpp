@@ -1,5 +1,6 @@
 #include <set>
 #include <string>
+#include <vector>
 
 #include <zuresource/zuresourcelist.h>
 #include <zuresource/zuresourcestate.h>
@@ -13,21 +14,33 @@ namespace {
 // Resource name -> names of the owners that hold it now.
 using Holders = std::map<std::string, std::set<std::string> >;
 
-void collectHolders(const boost::shared_ptr<ZUResource>& resource, Holders& holders) {
-  if (ZUResourceList* group = dynamic_cast<ZUResourceList*>(resource.get())) {
-    for (const boost::shared_ptr<ZUResource>& member : group->getResourceList())
-      collectHolders(member, holders);
-    return;
-  }
-  std::set<std::string>& names = holders[resource->name];
-  if (ZUResourceState* state = dynamic_cast<ZUResourceState*>(resource.get())) {
+// Adds the current holders of a plain or state resource.
+void collectLeafHolders(ZUResource& resource, Holders& holders) {
+  std::set<std::string>& names = holders[resource.name];
+  if (ZUResourceState* state = dynamic_cast<ZUResourceState*>(&resource)) {
     if (!state->state) names.insert(state->stateOwner->name);
     ZUCriticalSection lock(state->holdersMutex);
     for (const boost::shared_ptr<ZUOwner>& holder : state->holders) names.insert(holder->name);
     return;
   }
-  ZUCriticalSectionRead lock(resource->currentOwnerMutex);
-  names.insert(resource->currentOwner.load()->name);
+  ZUCriticalSectionRead lock(resource.currentOwnerMutex);
+  names.insert(resource.currentOwner.load()->name);
+}
+
+// The holders of every plain and state resource in the tree under `root`.
+// Walks with a list of its own, not by recursion: a tree of any depth fits.
+void collectHolders(const boost::shared_ptr<ZUResource>& root, Holders& holders) {
+  std::vector<boost::shared_ptr<ZUResource> > todo(1, root);
+  while (!todo.empty()) {
+    boost::shared_ptr<ZUResource> resource = std::move(todo.back());
+    todo.pop_back();
+    if (ZUResourceList* group = dynamic_cast<ZUResourceList*>(resource.get())) {
+      const std::vector<boost::shared_ptr<ZUResource> > members = group->getResourceList();
+      todo.insert(todo.end(), members.rbegin(), members.rend());
+    } else {
+      collectLeafHolders(*resource, holders);
+    }
+  }
 }
 
 }  // namespace

@@ -32,6 +32,8 @@ struct ZUWait {
   boost::weak_ptr<ZUOwner> holderOwner;
   /// When the wait started (steady clock).
   std::chrono::steady_clock::time_point since;
+  /// The wait's time limit in seconds, negative for none.
+  int timeout = -1;
 
   /// Milliseconds from `since` to `now`.
   long ageMs(std::chrono::steady_clock::time_point now = std::chrono::steady_clock::now()) const;
@@ -75,8 +77,8 @@ class ZUWaitRegistry {
   /// Takes: the registry's mutex, briefly, in the constructor and destructor.
   class Record {
    public:
-    Record(const boost::shared_ptr<ZUOwner>& waiter, ZUOwner& holder,
-           const std::string& resource) noexcept;
+    Record(const boost::shared_ptr<ZUOwner>& waiter, ZUOwner& holder, const std::string& resource,
+           int timeout = -1) noexcept;
     ~Record();
     Record(const Record&) = delete;
     /// The recorded wait's id, 0 when nothing was recorded.

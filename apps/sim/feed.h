@@ -1,0 +1,51 @@
+#pragma once
+
+// The arbitration's events as JSON lines, kept in memory for the live page's
+// event stream.
+
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <zuresource/zuobserver.h>
+
+namespace zusim {
+
+/// An observer that turns every event into its JSON line (the recorder's
+/// format, times in ms since the feed was made) and keeps the lines, so that
+/// any number of readers can follow them from any point.
+///
+/// Thread safety: thread safe. mutex_ guards the lines and `closed_`; onEvent
+/// takes it only to append, after the line is made.
+class LiveFeed : public ZU::ZUObserver {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  LiveFeed();
+
+  void onEvent(const ZU::ZUEvent& event) override;
+
+  /// Appends a line of its own (the run's end, say). mutex_.
+  void add(const std::string& line);
+  /// No line follows: readers waiting are woken and told so. mutex_.
+  void close();
+
+  /// The lines from `from` on, waiting up to `patience` for one when there
+  /// is none yet. `closed` tells whether more may come. mutex_.
+  std::vector<std::string> linesFrom(std::size_t from, std::chrono::milliseconds patience,
+                                     bool& closed);
+  /// When the feed was made: its lines count their ms from it. Immutable.
+  Clock::time_point start() const { return start_; }
+
+ private:
+  const Clock::time_point start_;
+  std::mutex mutex_;
+  std::condition_variable grown_;
+  std::vector<std::string> lines_;  // guarded by mutex_
+  bool closed_ = false;             // guarded by mutex_
+};
+
+}  // namespace zusim

@@ -1,0 +1,316 @@
+#include <condition_variable>
+#include <cstdio>
+#include <deque>
+#include <iostream>
+#include <map>
+#include <mutex>
+
+#include <zufleet/zufleetsession.h>
+#include <zufleet/zuresourcefleet.h>
+
+namespace ZU {
+
+namespace {
+const char* const kFile = "fleet/zufleet/zufleetsession";
+/// A watch that hears nothing for this long is opened again.
+const int kWatchIdleMs = 5000;
+/// Pause before a failed watch is opened again.
+const int kWatchRetryMs = 200;
+/// The key that a closing session writes to end its own watch at once.
+const char* const kWakeKey = "~wake/";
+/// How many of the latest deletions a session remembers.
+const std::size_t kRecentDeletions = 256;
+
+// Resource names may hold any byte; in keys '/', '%' and unprintable bytes
+// are escaped, so that no name's prefix is another name's prefix (and no
+// name is the session's own "~wake").
+std::string escapeName(const std::string& name) {
+  std::string out;
+  for (unsigned char c : name) {
+    if (c == '/' || c == '%' || c == '~' || c < 0x21 || c > 0x7e) {
+      char hex[4];
+      std::snprintf(hex, sizeof hex, "%%%02X", c);
+      out += hex;
+    } else {
+      out += static_cast<char>(c);
+    }
+  }
+  return out;
+}
+}  // namespace
+
+/// The state shared by a session and its two threads.
+struct ZUFleetSession::Core {
+  /// Immutable.
+  const ZUFleetConfig config;
+  /// Thread safe.
+  ZUEtcdClient client;
+
+  /// Guards every field below.
+  std::mutex mutex;
+  std::condition_variable changed;
+  bool stopping = false;
+  /// The robot's lease, 0 while it has none.
+  std::int64_t lease = 0;
+  /// When etcd last confirmed the lease.
+  std::chrono::steady_clock::time_point confirmed;
+  /// Keys whose deletion failed, and leases given up while etcd was away.
+  std::vector<std::string> toErase;
+  std::vector<std::int64_t> toRevoke;
+  /// Deletions seen by the watch: how many so far, and the latest keys with
+  /// their numbers, so that a waiter learns of a deletion that came between
+  /// its read of the queue and its wait.
+  std::uint64_t deletions = 0;
+  /// Whether the watch has started: from then on it misses no change, since
+  /// it resumes after the last revision it saw whenever it breaks.
+  bool watching = false;
+  std::deque<std::pair<std::uint64_t, std::string>> recentDeletions;
+  /// Escaped resource name -> fleet resource.
+  std::map<std::string, boost::weak_ptr<ZUResourceFleet>> resources;
+
+  explicit Core(ZUFleetConfig c)
+      : config(std::move(c)), client(config.endpoints, config.callTimeoutMs) {}
+
+  /// Sleeps up to `ms`, or until stopping. False when stopping.
+  bool pause(int ms) {
+    std::unique_lock<std::mutex> lock(mutex);
+    changed.wait_for(lock, std::chrono::milliseconds(ms), [this] { return stopping; });
+    return !stopping;
+  }
+
+  std::vector<boost::shared_ptr<ZUResourceFleet>> liveResources() {
+    std::vector<boost::shared_ptr<ZUResourceFleet>> live;
+    std::lock_guard<std::mutex> lock(mutex);
+    for (const auto& entry : resources)
+      if (auto resource = entry.second.lock()) live.push_back(resource);
+    return live;
+  }
+
+  /// The lease `lost` is gone: every resource gives up what it had under it.
+  void loseLease(std::int64_t lost, const std::string& reason, bool revokeLater) {
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      if (lease != lost) return;
+      lease = 0;
+      if (revokeLater) toRevoke.push_back(lost);
+      changed.notify_all();
+    }
+    for (const auto& resource : liveResources()) resource->leaseLost(lost, reason);
+  }
+
+  /// Retries the deletions and revocations that failed; stops at a failure.
+  void settleLeftovers() {
+    std::vector<std::string> keys;
+    std::vector<std::int64_t> leases;
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      keys.swap(toErase);
+      leases.swap(toRevoke);
+    }
+    try {
+      while (!keys.empty()) {
+        client.erase(keys.back());
+        keys.pop_back();
+      }
+      while (!leases.empty()) {
+        client.revoke(leases.back());
+        leases.pop_back();
+      }
+    } catch (const ZUEtcdError&) {
+      std::lock_guard<std::mutex> lock(mutex);
+      toErase.insert(toErase.end(), keys.begin(), keys.end());
+      toRevoke.insert(toRevoke.end(), leases.begin(), leases.end());
+    }
+  }
+
+  /// Renews the lease a third of its TTL after the last renewal. A refusal
+  /// means it expired; silence for longer than the TTL means it may have.
+  void keepAliveLoop() {
+    const int periodMs = std::max(100, config.ttlSeconds * 1000 / 3);
+    while (pause(periodMs)) {
+      std::int64_t current;
+      std::chrono::steady_clock::time_point since;
+      {
+        std::lock_guard<std::mutex> lock(mutex);
+        current = lease;
+        since = confirmed;
+      }
+      if (current == 0) {
+        settleLeftovers();
+        continue;
+      }
+      try {
+        if (client.keepAlive(current) > 0) {
+          std::lock_guard<std::mutex> lock(mutex);
+          if (lease == current) confirmed = std::chrono::steady_clock::now();
+        } else {
+          loseLease(current, "lease expired", false);
+        }
+        settleLeftovers();
+      } catch (const ZUEtcdError& e) {
+        if (std::chrono::steady_clock::now() - since > std::chrono::seconds(config.ttlSeconds))
+          loseLease(current,
+                    "etcd unreachable for longer than the lease's TTL of " +
+                        std::to_string(config.ttlSeconds) + " s (" + e.getDescription() + ")",
+                    true);
+      }
+    }
+  }
+
+  /// Follows every change under the fleet's prefix, resuming after the last
+  /// revision seen whenever the stream breaks.
+  void watchLoop() {
+    const std::string end = ZUEtcdClient::prefixEnd(config.prefix);
+    std::int64_t seen = 0;
+    auto onEvents = [&](const std::vector<ZUEtcdEvent>& events, std::int64_t revision) {
+      if (seen == 0 || revision > seen) seen = revision;
+      for (const ZUEtcdEvent& event : events) dispatch(event);
+      std::lock_guard<std::mutex> lock(mutex);
+      if (!watching) {
+        watching = true;
+        changed.notify_all();
+      }
+      return !stopping;
+    };
+    for (;;) {
+      {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (stopping) return;
+      }
+      try {
+        client.watch(config.prefix, end, seen == 0 ? 0 : seen + 1, kWatchIdleMs, onEvents);
+      } catch (const ZUEtcdError&) {
+        if (!pause(kWatchRetryMs)) return;
+      }
+    }
+  }
+
+  void dispatch(const ZUEtcdEvent& event) {
+    if (event.deleted) {
+      std::lock_guard<std::mutex> lock(mutex);
+      recentDeletions.emplace_back(++deletions, event.kv.key);
+      if (recentDeletions.size() > kRecentDeletions) recentDeletions.pop_front();
+      changed.notify_all();
+      return;
+    }
+    // A key created under a resource's prefix: another contender.
+    const std::string rest = event.kv.key.substr(config.prefix.size());
+    const std::size_t slash = rest.rfind('/');
+    if (event.kv.createRevision == 0 || slash == std::string::npos) return;
+    boost::shared_ptr<ZUResourceFleet> resource;
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      auto found = resources.find(rest.substr(0, slash));
+      if (found != resources.end()) resource = found->second.lock();
+    }
+    if (resource) resource->contenderArrived(event.kv);
+  }
+};
+
+ZUFleetSession::ZUFleetSession(ZUFleetConfig config) {
+  if (config.endpoints.empty() || config.robot.empty() || config.ttlSeconds < 1)
+    throw ZUError("ZUFleetSession", "ZUFleetSession",
+                  "a fleet session needs endpoints, a robot name and a TTL of 1 s or more", kFile,
+                  __LINE__);
+  core_ = std::make_shared<Core>(std::move(config));
+  std::shared_ptr<Core> core = core_;
+  keepAlive_ = std::thread([core] { core->keepAliveLoop(); });
+  watch_ = std::thread([core] { core->watchLoop(); });
+}
+
+ZUFleetSession::~ZUFleetSession() {
+  {
+    std::lock_guard<std::mutex> lock(core_->mutex);
+    core_->stopping = true;
+    core_->changed.notify_all();
+  }
+  // A write under the prefix ends our own watch's wait for news.
+  try {
+    const std::string wake = core_->config.prefix + kWakeKey + core_->config.robot;
+    core_->client.put(wake, "", 0);
+    core_->client.erase(wake);
+  } catch (const ZUEtcdError&) {
+    // Unreachable: the watch ends at its idle limit.
+  }
+  for (std::thread* thread : {&keepAlive_, &watch_}) {
+    if (thread->get_id() == std::this_thread::get_id())
+      thread->detach();  // the core lives on with it
+    else
+      thread->join();
+  }
+}
+
+const ZUFleetConfig& ZUFleetSession::config() const { return core_->config; }
+
+ZUEtcdClient& ZUFleetSession::client() { return core_->client; }
+
+std::int64_t ZUFleetSession::lease() {
+  {
+    std::lock_guard<std::mutex> lock(core_->mutex);
+    if (core_->lease != 0) return core_->lease;
+  }
+  const std::int64_t granted = core_->client.grant(core_->config.ttlSeconds);
+  std::lock_guard<std::mutex> lock(core_->mutex);
+  if (core_->lease != 0) {
+    core_->toRevoke.push_back(granted);  // another wait was quicker
+  } else {
+    core_->lease = granted;
+    core_->confirmed = std::chrono::steady_clock::now();
+  }
+  return core_->lease;
+}
+
+std::string ZUFleetSession::resourcePrefix(const std::string& name) const {
+  return core_->config.prefix + escapeName(name) + "/";
+}
+
+std::string ZUFleetSession::keyOf(const std::string& name, std::int64_t lease) const {
+  char hex[20];
+  std::snprintf(hex, sizeof hex, "%016llx", static_cast<unsigned long long>(lease));
+  return resourcePrefix(name) + hex;
+}
+
+bool ZUFleetSession::awaitWatch(std::chrono::steady_clock::time_point until) {
+  std::unique_lock<std::mutex> lock(core_->mutex);
+  return core_->changed.wait_until(lock, until, [&] { return core_->watching || core_->stopping; });
+}
+
+std::uint64_t ZUFleetSession::deletions() const {
+  std::lock_guard<std::mutex> lock(core_->mutex);
+  return core_->deletions;
+}
+
+bool ZUFleetSession::awaitDeletion(const std::string& key, std::uint64_t since, std::int64_t lease,
+                                   std::chrono::steady_clock::time_point until) {
+  std::unique_lock<std::mutex> lock(core_->mutex);
+  auto deleted = [&] {
+    const auto& recent = core_->recentDeletions;
+    for (auto it = recent.rbegin(); it != recent.rend() && it->first > since; ++it)
+      if (it->second == key) return true;
+    return false;
+  };
+  core_->changed.wait_until(lock, until,
+                            [&] { return deleted() || core_->stopping || core_->lease != lease; });
+  return deleted();
+}
+
+void ZUFleetSession::erase(const std::string& key) {
+  try {
+    core_->client.erase(key);
+  } catch (const ZUEtcdError&) {
+    std::lock_guard<std::mutex> lock(core_->mutex);
+    core_->toErase.push_back(key);
+  }
+}
+
+void ZUFleetSession::attach(const boost::shared_ptr<ZUResourceFleet>& resource) {
+  std::lock_guard<std::mutex> lock(core_->mutex);
+  core_->resources[escapeName(resource->name)] = resource;
+}
+
+void ZUFleetSession::detach(const std::string& name) {
+  std::lock_guard<std::mutex> lock(core_->mutex);
+  core_->resources.erase(escapeName(name));
+}
+
+}  // namespace ZU

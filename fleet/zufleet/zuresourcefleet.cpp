@@ -1,0 +1,296 @@
+#include <algorithm>
+#include <iostream>
+#include <optional>
+
+#include <zuresource/zuobserver.h>
+#include <zuresource/zuownerstrong.h>
+
+#include <zufleet/zuresourcefleet.h>
+
+namespace ZU {
+
+namespace {
+const char* const kFile = "fleet/zufleet/zuresourcefleet";
+const char* const kLineEnd = "<br />";
+/// The queue is read again this often even when the watch brought no news, in
+/// case the stream was down when the key ahead went.
+const std::chrono::milliseconds kRecheck(1000);
+const std::chrono::milliseconds kPoll(ZUOwnerStrong::kPollPeriodMs);
+/// How long a new grant waits for the robot's watch to start, so that no
+/// robot that asks after the grant goes untold.
+const int kWatchStartMs = 2000;
+
+ZUError waitError(const std::string& description, unsigned line) {
+  return ZUError("ResourceManager", "waitResource", description, kFile, line);
+}
+}  // namespace
+
+boost::shared_ptr<ZUResourceFleet> ZUResourceFleet::create(
+    const std::string& name, boost::shared_ptr<ZUResource> parent,
+    boost::shared_ptr<ZUFleetSession> session) {
+  boost::shared_ptr<ZUResourceFleet> resource(new ZUResourceFleet(name, parent, session));
+  session->attach(resource);
+  return resource;
+}
+
+ZUResourceFleet::ZUResourceFleet(const std::string& name, boost::shared_ptr<ZUResource> parent,
+                                 boost::shared_ptr<ZUFleetSession> session)
+    : session_(session) {
+  if (!session_)
+    throw ZUError("ZUResourceFleet", "ZUResourceFleet", "empty fleet session handle", kFile,
+                  __LINE__);
+  init(name, parent);
+}
+
+ZUResourceFleet::~ZUResourceFleet() {
+  session_->detach(name);
+  if (!key_.empty()) session_->erase(key_);
+}
+
+std::int64_t ZUResourceFleet::fencingToken() const {
+  std::lock_guard<std::mutex> lock(claimMutex_);
+  return claim_ == Claim::held ? token_ : 0;
+}
+
+std::vector<std::string> ZUResourceFleet::waitFor(boost::shared_ptr<ZUOwner> owner,
+                                                  const std::string& label, int timeout,
+                                                  const std::vector<std::string>& noWaitList) {
+  requireOwner(owner, "ZUResourceFleet", "waitFor");
+  const Clock::time_point deadline =
+      timeout < 0 ? Clock::time_point::max() : Clock::now() + std::chrono::seconds(timeout);
+  std::vector<std::string> result = ZUResource::waitFor(owner, label, timeout, noWaitList);
+  if (!result.empty()) return result;
+  const bool noWait = std::find(noWaitList.begin(), noWaitList.end(), name) != noWaitList.end();
+  if (!acquireFleet(owner, deadline, noWait)) result.push_back(name);
+  return result;
+}
+
+void ZUResourceFleet::switchOwner(boost::shared_ptr<ZUOwner> owner, const std::string& label,
+                                  int timeout) {
+  ZUResource::switchOwner(owner, label, timeout);
+  const Clock::time_point deadline =
+      timeout < 0 ? Clock::time_point::max() : Clock::now() + std::chrono::seconds(timeout);
+  acquireFleet(owner, deadline, false);
+}
+
+void ZUResourceFleet::release(boost::shared_ptr<ZUOwner> owner) {
+  std::string key;
+  {
+    ZUEventDeferral deferral;  // the release's event goes out after claimMutex
+    std::lock_guard<std::mutex> lock(claimMutex_);
+    ZUResource::release(owner);
+    if (claim_ == Claim::held && isFree()) {
+      key.swap(key_);
+      claim_ = Claim::none;
+      lease_ = token_ = 0;
+      claimChanged_.notify_all();
+    }
+  }
+  if (!key.empty()) session_->erase(key);
+}
+
+std::string ZUResourceFleet::httpGet(int depth) {
+  std::string line = ZUResource::httpGet(depth);
+  std::string fleet;
+  {
+    std::lock_guard<std::mutex> lock(claimMutex_);
+    if (claim_ == Claim::held) fleet = " fleet token " + std::to_string(token_);
+    if (claim_ == Claim::waiting && token_ != 0) fleet = " fleet waiting";
+  }
+  line.insert(line.size() - std::char_traits<char>::length(kLineEnd), fleet);
+  return line;
+}
+
+bool ZUResourceFleet::acquireFleet(const boost::shared_ptr<ZUOwner>& owner,
+                                   Clock::time_point deadline, bool noWait) {
+  std::unique_lock<std::mutex> lock(claimMutex_);
+  // The holder before a hand-down may be waiting for the lock already: its
+  // wait serves the descendant too.
+  while (claim_ == Claim::waiting && Clock::now() < deadline)
+    claimChanged_.wait_until(lock, std::min(deadline, Clock::now() + kPoll));
+  if (claim_ == Claim::held) return true;
+  if (claim_ == Claim::waiting) {
+    lock.unlock();
+    abandon(owner);
+    throw waitError("resource wait has timeouted on " + name, __LINE__);
+  }
+  claim_ = Claim::waiting;
+  token_ = 0;
+  lock.unlock();
+
+  try {
+    std::int64_t lease = 0, token = 0;
+    std::string key;
+    for (;;) {
+      try {
+        lease = session_->lease();
+        key = session_->keyOf(name, lease);
+        {
+          std::lock_guard<std::mutex> relock(claimMutex_);
+          if (claim_ == Claim::lost) throw waitError("fleet lease lost: " + lostReason_, __LINE__);
+          lease_ = lease;
+          key_ = key;
+        }
+        token = session_->client().put(key, session_->config().robot, lease);
+        std::lock_guard<std::mutex> relock(claimMutex_);
+        if (claim_ == Claim::waiting) token_ = token;  // queued
+        break;
+      } catch (const ZUEtcdError& e) {
+        // Refused: nothing listens there. Otherwise etcd may answer in time.
+        if (e.refused() || Clock::now() + kPoll >= deadline)
+          throw ZUError("ZUResourceFleet", "waitFor",
+                        "etcd unreachable while asking for " + name + ": " + e.getDescription(),
+                        kFile, __LINE__);
+        std::this_thread::sleep_for(kPoll);
+      }
+    }
+    if (!awaitTurn(lease, token, deadline, noWait)) {
+      abandon(owner);
+      return false;
+    }
+    lock.lock();
+    if (claim_ == Claim::lost) throw waitError("fleet lease lost: " + lostReason_, __LINE__);
+    if (isFree()) throw waitError("box stop while waiting", __LINE__);
+    claim_ = Claim::held;
+    token_ = token;
+    claimChanged_.notify_all();
+    lock.unlock();
+    // The grant is the robot's: when the manager released `owner` and another
+    // local owner took the resource meanwhile, that owner keeps the grant and
+    // this wait ends as a stopped one.
+    boost::shared_ptr<ZUOwner> holder = copyOwner();
+    if (!holder || (holder->name != owner->name && !holder->isParent(owner)))
+      throw waitError("box stop while waiting", __LINE__);
+  } catch (...) {
+    if (lock.owns_lock()) lock.unlock();
+    abandon(owner);
+    throw;
+  }
+
+  // Robots that asked before the watch can tell of them are waiting now.
+  session_->awaitWatch(Clock::now() + std::chrono::milliseconds(kWatchStartMs));
+  try {
+    const std::string prefix = session_->resourcePrefix(name);
+    if (session_->client().count(prefix, ZUEtcdClient::prefixEnd(prefix), fencingToken() + 1) > 0)
+      tell(copyOwner());
+  } catch (const ZUEtcdError&) {
+    // The watch tells of those that come later; these go untold.
+  }
+  return true;
+}
+
+bool ZUResourceFleet::awaitTurn(std::int64_t lease, std::int64_t token, Clock::time_point deadline,
+                                bool noWait) {
+  const std::string prefix = session_->resourcePrefix(name);
+  const std::string end = ZUEtcdClient::prefixEnd(prefix);
+  std::string ahead;
+  std::optional<ZUEtcdError> unreachable;
+  Clock::time_point lastRead;
+  bool mustRead = true;
+  std::uint64_t since = 0;
+  for (;;) {
+    if (mustRead) {
+      since = session_->deletions();
+      try {
+        const std::vector<ZUEtcdKeyValue> keys =
+            session_->client().range(prefix, end, token - 1, 1);
+        unreachable.reset();
+        lastRead = Clock::now();
+        if (keys.empty()) return true;
+        ahead = keys.front().key;
+        if (noWait) return false;
+      } catch (const ZUEtcdError& e) {
+        unreachable = e;
+      }
+    }
+    {
+      std::lock_guard<std::mutex> lock(claimMutex_);
+      if (claim_ == Claim::lost) throw waitError("fleet lease lost: " + lostReason_, __LINE__);
+    }
+    if (isFree()) throw waitError("box stop while waiting", __LINE__);
+    const Clock::time_point now = Clock::now();
+    if (now >= deadline) {
+      if (unreachable)
+        throw ZUError(
+            "ZUResourceFleet", "waitFor",
+            "etcd unreachable while waiting for " + name + ": " + unreachable->getDescription(),
+            kFile, __LINE__);
+      throw waitError("resource wait has timeouted on " + name, __LINE__);
+    }
+    const Clock::time_point until = std::min(deadline, now + kPoll);
+    bool deleted = false;
+    if (ahead.empty())
+      std::this_thread::sleep_until(until);
+    else
+      deleted = session_->awaitDeletion(ahead, since, lease, until);
+    mustRead = deleted || unreachable || Clock::now() - lastRead >= kRecheck;
+  }
+}
+
+void ZUResourceFleet::abandon(const boost::shared_ptr<ZUOwner>& owner) {
+  std::string key;
+  {
+    std::lock_guard<std::mutex> lock(claimMutex_);
+    if (claim_ == Claim::waiting || claim_ == Claim::lost) {
+      key.swap(key_);
+      claim_ = Claim::none;
+      lease_ = token_ = 0;
+      claimChanged_.notify_all();
+    }
+  }
+  if (!key.empty()) session_->erase(key);
+  boost::shared_ptr<ZUOwner> holder = copyOwner();
+  if (holder && holder->name == owner->name) release(owner);
+}
+
+void ZUResourceFleet::tell(const boost::shared_ptr<ZUOwner>& holder) {
+  auto strong = boost::dynamic_pointer_cast<ZUOwnerStrong>(holder);
+  if (!strong) return;
+  try {
+    strong->notifyConflictOwner(name, holder, 0);
+  } catch (const ZUError& e) {
+    std::cout << e.toString() << std::endl;
+  }
+}
+
+void ZUResourceFleet::contenderArrived(const ZUEtcdKeyValue& kv) {
+  {
+    std::lock_guard<std::mutex> lock(claimMutex_);
+    if (claim_ != Claim::held || kv.createRevision <= token_ || kv.lease == lease_) return;
+  }
+  tell(copyOwner());
+}
+
+void ZUResourceFleet::leaseLost(std::int64_t lease, const std::string& reason) {
+  boost::shared_ptr<ZUOwner> holder;
+  {
+    std::lock_guard<std::mutex> lock(claimMutex_);
+    if ((claim_ != Claim::waiting && claim_ != Claim::held) || lease_ != lease) return;
+    const bool held = claim_ == Claim::held;
+    // A wait learns of the loss from the claim and fails; a grant is taken
+    // back here.
+    claim_ = held ? Claim::none : Claim::lost;
+    lostReason_ = reason;
+    key_.clear();
+    lease_ = token_ = 0;
+    claimChanged_.notify_all();
+    if (held) holder = copyOwner();
+    if (holder) {
+      { ZUCriticalSection settle(holder->ownerMutex); }
+      {
+        ZUCriticalSectionRead ownerLock(currentOwnerMutex);
+        currentOwner.store(emptyOwner);
+      }
+      holder->freeResource();
+    }
+  }
+  if (!holder) return;
+  tell(holder);
+  if (ZUObservers::active()) {
+    ZUEvent lost = ZUEvent::make(ZUEvent::Kind::Lost, name, holder.get());
+    lost.reason = reason;
+    ZUObservers::emit(std::move(lost));
+  }
+}
+
+}  // namespace ZU

@@ -1,0 +1,108 @@
+#include <ostream>
+#include <utility>
+#include <vector>
+
+#include <zuhost/zuerror.h>
+
+#include <zuobserve/zujson.h>
+#include <zuobserve/zurecorder.h>
+
+namespace ZU {
+
+namespace {
+const char* const kFile = "observe/zuobserve/zurecorder";
+}  // namespace
+
+ZURecorder::ZURecorder(const std::string& path, std::size_t queueLimit)
+    : file_(path, std::ios::out | std::ios::trunc),
+      out_(file_),
+      limit_(queueLimit),
+      start_(std::chrono::steady_clock::now()) {
+  if (!file_)
+    throw ZUError("ZURecorder", "open", "cannot open " + path + " for writing", kFile, __LINE__);
+  startWriting();
+}
+
+ZURecorder::ZURecorder(std::ostream& out, std::size_t queueLimit)
+    : out_(out), limit_(queueLimit), start_(std::chrono::steady_clock::now()) {
+  startWriting();
+}
+
+void ZURecorder::startWriting() {
+  out_ << zujson::startJson(zujson::wallClockNow()).dump() << '\n';
+  out_.flush();
+  writer_ = std::thread(&ZURecorder::run, this);
+}
+
+ZURecorder::~ZURecorder() {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    stopping_ = true;
+  }
+  changed_.notify_all();
+  writer_.join();
+}
+
+void ZURecorder::push(Item&& item) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (queue_.size() >= limit_) {
+      ++droppedTotal_;
+      ++droppedUnsaid_;
+      return;
+    }
+    queue_.push_back(std::move(item));
+    ++queued_;
+  }
+  changed_.notify_all();
+}
+
+void ZURecorder::onEvent(const ZUEvent& event) { push(Item{event, nullptr}); }
+
+void ZURecorder::record(const ZUSnapshot& snapshot) {
+  push(Item{ZUEvent(), std::make_shared<const ZUSnapshot>(snapshot)});
+}
+
+void ZURecorder::flush() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  const std::uint64_t target = queued_;
+  changed_.wait(lock, [this, target] { return written_ >= target && droppedUnsaid_ == 0; });
+}
+
+std::uint64_t ZURecorder::dropped() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return droppedTotal_;
+}
+
+void ZURecorder::run() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  for (;;) {
+    changed_.wait(lock, [this] { return stopping_ || !queue_.empty() || droppedUnsaid_ != 0; });
+    if (queue_.empty() && droppedUnsaid_ == 0 && stopping_) return;
+    std::deque<Item> batch;
+    batch.swap(queue_);
+    // The drops came after the events queued before them: said after those.
+    const std::uint64_t drops = droppedUnsaid_;
+    droppedUnsaid_ = 0;
+    lock.unlock();
+
+    for (const Item& item : batch) {
+      const nlohmann::ordered_json line = item.snapshot
+                                              ? zujson::snapshotJson(*item.snapshot, start_)
+                                              : zujson::eventJson(item.event, start_);
+      out_ << line.dump() << '\n';
+      out_.flush();
+    }
+    if (drops != 0) {
+      const double ms = zujson::msSince(start_, std::chrono::steady_clock::now());
+      out_ << zujson::droppedJson(drops, ms).dump() << '\n';
+      out_.flush();
+    }
+
+    lock.lock();
+    written_ += batch.size();
+    changed_.notify_all();
+  }
+}
+
+}  // namespace ZU

@@ -1,0 +1,87 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <fstream>
+#include <iosfwd>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include <zuresource/zuobserver.h>
+#include <zuresource/zusnapshot.h>
+
+namespace ZU {
+
+/// An observer that records every event, one JSON object per line, to a file
+/// or a stream (the format: docs/observe-format.md). The first line gives the
+/// wall-clock time at the start; every time after it is in milliseconds since
+/// the start. A thread of its own writes and flushes each line, so that a slow
+/// disk never holds up arbitration: onEvent only queues a copy of the event.
+/// When the queue is full, events are dropped and a line
+/// {"type":"dropped","count":N} says how many, where they would have been.
+///
+/// Thread safety: thread safe. `mutex_` guards the queue and the counts; the
+/// stream is the writer thread's alone (and the constructor's, before it
+/// starts). onEvent takes `mutex_` only, briefly.
+class ZURecorder : public ZUObserver {
+ public:
+  /// How many events may wait for the writer by default.
+  static constexpr std::size_t kDefaultQueueLimit = 4096;
+
+  /// Records to the file `path`, created or emptied. Throws ZUError
+  /// ("ZURecorder", "open") when it cannot be opened for writing.
+  explicit ZURecorder(const std::string& path, std::size_t queueLimit = kDefaultQueueLimit);
+  /// Records to `out`, which must outlive the recorder.
+  explicit ZURecorder(std::ostream& out, std::size_t queueLimit = kDefaultQueueLimit);
+  /// Writes what is queued, then stops the writer. Unregister the recorder
+  /// first (ZUObservers::remove), or events may arrive while it ends.
+  ~ZURecorder() override;
+  ZURecorder(const ZURecorder&) = delete;
+  ZURecorder& operator=(const ZURecorder&) = delete;
+
+  /// Queues a copy of `event`, or counts it as dropped when the queue is full.
+  void onEvent(const ZUEvent& event) override;
+  /// Queues `snapshot` as a line of its own (dropped like an event when full).
+  void record(const ZUSnapshot& snapshot);
+  /// Waits until every line queued before the call is written and flushed.
+  void flush();
+
+  /// Events and snapshots dropped so far.
+  std::uint64_t dropped() const;
+  /// The start, as every time in the recording counts from it.
+  std::chrono::steady_clock::time_point start() const { return start_; }
+
+ private:
+  /// An event, or a snapshot when `snapshot` is set.
+  struct Item {
+    ZUEvent event;
+    std::shared_ptr<const ZUSnapshot> snapshot;
+  };
+  void startWriting();
+  void push(Item&& item);
+  void run();
+
+  std::ofstream file_;       // the writer's; unused when recording to a stream
+  std::ostream& out_;        // the writer's
+  const std::size_t limit_;  // immutable
+  const std::chrono::steady_clock::time_point start_;  // immutable
+
+  mutable std::mutex mutex_;
+  std::condition_variable changed_;
+  std::deque<Item> queue_;           // guarded by mutex_
+  std::uint64_t droppedTotal_ = 0;   // guarded by mutex_
+  std::uint64_t droppedUnsaid_ = 0;  // guarded by mutex_: not yet written in a line
+  std::uint64_t queued_ = 0;         // guarded by mutex_: items ever queued
+  std::uint64_t written_ = 0;        // guarded by mutex_: items ever written
+  bool stopping_ = false;            // guarded by mutex_
+
+  std::thread writer_;  // started last, joined by the destructor
+};
+
+}  // namespace ZU

@@ -1,0 +1,94 @@
+#pragma once
+
+// Calls from threads of the library and the broker into Python, and the
+// lifetimes that cross between Python and those threads.
+
+#include <string>
+
+#include <boost/shared_ptr.hpp>
+#include <pybind11/pybind11.h>
+
+#include <zuhost/zubroker.h>
+
+#include <zuresource/zuobserver.h>
+
+namespace zupy {
+
+/// Marks the interpreter as exiting: from then on no call enters Python from
+/// another thread, and the calls already inside it are waited for (with the
+/// GIL let go), so that none of them meets a finalising interpreter.
+/// Called once, from Python's atexit, with the GIL held.
+void stopCallsIntoPython();
+
+/// A Python callable that any thread may call and drop. Thread safe: the
+/// callable is touched only with the GIL held. The last handle on it may go
+/// in any thread (a task thread, or a Python thread that let the GIL go), so
+/// it takes the GIL to drop the callable; once the interpreter exits, it
+/// leaves it alone.
+class PyCallable {
+ public:
+  explicit PyCallable(pybind11::object fn) : fn_(std::move(fn)) {}
+  ~PyCallable();
+  PyCallable(const PyCallable&) = delete;
+  PyCallable& operator=(const PyCallable&) = delete;
+
+  /// Calls the callable with `makeArgument()`, both with the GIL taken for
+  /// the call only; nothing once the interpreter exits. An exception of the
+  /// call is printed as unraisable and dropped. Takes: the GIL.
+  template <typename MakeArgument>
+  void call(MakeArgument makeArgument) const;
+
+ private:
+  /// Whether a call may enter Python now; counts it until callEnded().
+  static bool callStarts();
+  static void callEnded();
+
+  pybind11::object fn_;  // guarded by the GIL
+};
+
+template <typename MakeArgument>
+void PyCallable::call(MakeArgument makeArgument) const {
+  if (!callStarts()) return;
+  struct Ended {
+    ~Ended() { callEnded(); }
+  } ended;
+  pybind11::gil_scoped_acquire gil;  // let go before `ended`
+  try {
+    fn_(makeArgument());
+  } catch (pybind11::error_already_set& e) {
+    e.discard_as_unraisable(fn_);
+  }
+}
+
+/// A module named `name` whose "__onResource__" calls `handler(resourceName)`
+/// in the module's task thread, with the GIL taken for the call only. A
+/// handler that raises has its exception printed as unraisable and dropped;
+/// the module goes on. `handler` may be None: then the module offers no
+/// method. The handle's deleter lets the GIL go while the module stops,
+/// because stopping waits for a running call, which may wait for the GIL.
+/// Called with the GIL held.
+boost::shared_ptr<ZU::ZUModule> makeModule(const std::string& name, pybind11::object handler);
+
+/// An observer that calls `callback(event)` with each event as a dict, in the
+/// thread that caused it, with the GIL taken for the call only.
+///
+/// Thread safety: thread safe (its one field is a PyCallable).
+class PyObserver : public ZU::ZUObserver {
+ public:
+  explicit PyObserver(pybind11::object callback) : callback_(std::move(callback)) {}
+  void onEvent(const ZU::ZUEvent& event) override;
+
+ private:
+  const PyCallable callback_;
+};
+
+/// The event as a dict: kind, sequence, time (seconds on time.monotonic()'s
+/// clock), resource, owner, owner_module, holder, holder_module, parent,
+/// label, timeout, no_wait, grant, cause, reason, waits, since (or None).
+/// Called with the GIL held.
+pybind11::dict toPython(const ZU::ZUEvent& event);
+/// One wait as a dict: waiter, waiter_module, holder, holder_module,
+/// resource, age_ms, text. Called with the GIL held.
+pybind11::dict toPython(const ZU::ZUWait& wait);
+
+}  // namespace zupy

@@ -1,0 +1,79 @@
+"""The module's surface: one row per call, on a fresh tree each time."""
+import types
+
+import pytest
+import zuresource as zr
+
+
+@pytest.fixture
+def w():
+    broker = zr.Broker()
+    w = types.SimpleNamespace(head=zr.Resource("Head"), arm=zr.Resource("Arm"), stand=zr.StateResource("Stand"),
+                              broker=broker)  # owners hold their broker weakly
+    w.body = zr.Group("Body", [w.head, w.stand])
+    w.a, w.b = zr.Owner("a", "A", broker), zr.Owner("b", "B", broker)
+    broker.add_module("A", None)
+    return w
+
+
+def held(w, resource, *then):
+    resource.wait_for(w.a)
+    return [step() for step in then]
+
+
+def acquired_then_raise(w):
+    with pytest.raises(KeyError), w.head.acquired(w.a, timeout=0) as got:
+        assert got is w.head and w.head.holder == "a"
+        raise KeyError
+    return w.head.holder
+
+
+ROWS = [
+    ("free", lambda w: (w.head.wait_for(w.a), w.head.holder, w.head.is_resource_owned("A")), ([], "a", True)),
+    ("no-wait", lambda w: held(w, w.head, lambda: w.body.wait_for(w.b, no_wait=["Head", "Stand"])), [["Head", "Stand"]]),
+    ("switch_owner, release", lambda w: held(w, w.head, lambda: w.head.switch_owner(w.b), lambda: w.head.release(w.b),
+                                            w.head.is_resource_free, lambda: w.b.stopped), [None, None, True, True]),
+    ("reports", lambda w: held(w, w.head, lambda: w.body.http_get(1), w.body.owners_get, lambda: w.b.waiters),
+     ["------Body<br />---------Head -> A eStrong null 0<br />---------Stand Waiter: null<br />",
+      [["Body"], [["Head", "A", None], ["Stand"]]], None]),
+    ("explain", lambda w: held(w, w.head, lambda: {k: v for k, v in w.body.explain(w.b).items()
+                                                   if k in ("answer", "first_wait", "would_wait")},
+                                 lambda: [(m["answer"], m["holder"], m["notifies"]) for m in w.body.explain(w.b)["members"]]),
+     [{"answer": "group", "first_wait": 0, "would_wait": True}, [("waits", "a", True), ("awaitsActivation", "Stand", False)]]),
+    ("state", lambda w: (w.stand.set_state(True), w.stand.wait_for(w.a), w.stand.wait_for(w.b), w.stand.holders,
+                         w.stand.release(w.a), w.stand.holders, w.stand.activated), (None, [], [], ["a", "b"], None, ["b"], True)),
+    ("members keep their class", lambda w: [type(m) for m in w.body.members], [zr.Resource, zr.StateResource]),
+    ("context manager releases on an exception", acquired_then_raise, "emptyOwner"),
+]
+
+
+@pytest.mark.parametrize("call,expected", [r[1:] for r in ROWS], ids=[r[0] for r in ROWS])
+def test_call(w, call, expected):
+    assert call(w) == expected
+
+
+ERRORS = [
+    ("empty owner", lambda w: w.head.wait_for(None), ("ZUResource", "waitFor", "empty owner handle")),
+    ("time limit", lambda w: held(w, w.head, lambda: w.head.wait_for(w.b, timeout=0)),
+     ("ResourceManager", "waitResource", "resource wait has timeouted on Head")),
+    ("stopped requester", lambda w: held(w, w.head, w.b.free_resource, lambda: w.head.wait_for(w.b, timeout=5)),
+     ("ResourceManager", "waitResource", "box stop while waiting")),
+    ("unknown member", lambda w: w.body.delete_resource("Leg"), ("ZUResourceList", "deleteResource", "Resource not found Leg")),
+]
+
+
+@pytest.mark.parametrize("call,expected", [r[1:] for r in ERRORS], ids=[r[0] for r in ERRORS])
+def test_error(w, call, expected):
+    with pytest.raises(zr.Error) as raised:
+        call(w)
+    e = raised.value
+    assert (e.module, e.method, e.description) == expected
+    assert str(e).startswith(f"ZUError: {e.module}::{e.method}: {e.description} (behavior/lib/")
+
+
+def test_not_obtained_gives_everything_back(w):
+    w.arm.wait_for(w.b)
+    with pytest.raises(zr.NotObtained) as raised, zr.Group("Both", [w.head, w.arm]).acquired(w.a, no_wait=["Arm"]):
+        pytest.fail("the body ran without the arm")
+    assert raised.value.names == ["Arm"] and isinstance(raised.value, zr.Error)
+    assert (w.head.holder, w.arm.holder) == ("emptyOwner", "b")

@@ -1,0 +1,199 @@
+"""Arbitration of a robot's resources between behaviours: resources, owners,
+and an in-process broker whose modules are told "__onResource__"."""
+
+from types import TracebackType
+from typing import Any, Callable, Dict, List, Optional, Protocol, Sequence, Type, Union
+
+class Error(Exception):
+    """An error of the library or the host layer. str() is the library's own
+    text; `module`, `method` and `description` are its parts."""
+
+    module: str
+    method: str
+    description: str
+
+class NotObtained(Error):
+    """Raised by `with resource.acquired(...)` when some resources were not
+    obtained (they were on the no-wait list); `names` lists them."""
+
+    names: List[str]
+
+class _OnResource(Protocol):
+    def on_resource(self, resource: str) -> None: ...
+
+Handler = Union[Callable[[str], None], _OnResource, None]
+
+class Module:
+    """A module on a broker; made by Broker.add_module."""
+
+    @property
+    def name(self) -> str: ...
+    @property
+    def started_tasks(self) -> int:
+        """Number of calls started so far."""
+    def wait_idle(self) -> None:
+        """Blocks until no call is queued or running."""
+
+class Broker:
+    """An in-process broker: the modules by name."""
+
+    def __init__(self) -> None: ...
+    def add_module(self, name: str, handler: Handler) -> Module:
+        """Registers a module named `name` (replacing one of that name) and
+        returns it. `handler(resource_name)`, or
+        `handler.on_resource(resource_name)`, runs in the module's own thread
+        each time an owner of the module is asked for a resource it holds.
+        None makes a module without that method. The broker keeps the module
+        until it is removed or the broker goes."""
+    def remove_module(self, name: str) -> None:
+        """Unregisters the module of that name (nothing when there is none).
+        Once no one holds it, it stops: queued calls are dropped, a running
+        one is waited for."""
+    def module(self, name: str) -> Optional[Module]:
+        """The module registered under `name`, or None."""
+
+class Owner:
+    """A party that holds and requests resources: a behaviour, named
+    hierarchically (an owner whose name extends another's is its descendant
+    and is handed the resource at once), and the module that stands for it."""
+
+    def __init__(self, name: str, module: str, broker: Optional[Broker] = None) -> None:
+        """A strong owner from the library's factory, linked to `broker` (its
+        module is told "__onResource__" there). The owner holds the broker
+        weakly: once the broker is gone, nobody is told."""
+    @property
+    def name(self) -> str: ...
+    @property
+    def module(self) -> str: ...
+    @property
+    def owner_type(self) -> str: ...
+    @property
+    def waiters(self) -> Optional[List[str]]:
+        """The modules of the owners waiting on this owner, oldest first (or None)."""
+    @property
+    def stopped(self) -> bool:
+        """The release flag: set when the owner let go of a resource or was
+        stopped; while set, a wait of this owner on a busy resource fails at
+        its first poll."""
+    def free_resource(self) -> None:
+        """Stops the owner: waits on it end, and its own wait fails, at the next poll."""
+    def is_parent(self, other: Optional[Owner]) -> bool:
+        """Whether `other` is an ancestor."""
+
+Status = Union[str, List["Status"], None]
+Explanation = Dict[str, Any]
+Wait = Dict[str, Any]
+
+class _ContextManager:
+    def __exit__(
+        self,
+        exc_type: Optional[Type[BaseException]],
+        exc: Optional[BaseException],
+        tb: Optional[TracebackType],
+    ) -> bool: ...
+
+class Acquisition(_ContextManager):
+    """The context manager of Resource.acquired: acquires on entering (and
+    returns the resource), releases on leaving."""
+
+    def __enter__(self) -> Resource: ...
+
+class Resource:
+    """A plain resource, held by one owner at a time; also the base of
+    StateResource and Group, whose operations are these."""
+
+    def __init__(self, name: str, parent: Optional[Resource] = None) -> None: ...
+    @property
+    def name(self) -> str: ...
+    @property
+    def holder(self) -> str:
+        """The name of the holder; "emptyOwner" when free."""
+    def wait_for(
+        self, owner: Optional[Owner], timeout: int = -1, no_wait: Sequence[str] = ..., label: str = ""
+    ) -> List[str]:
+        """Acquires the resource for `owner`, waiting up to `timeout` seconds
+        (negative: no limit) while the holder's module is told
+        "__onResource__". Returns the names not obtained: empty when the owner
+        holds everything it asked for; a busy resource named in `no_wait` is
+        given up at once. Raises Error when the time limit passes or the owner
+        is stopped. Other threads run meanwhile."""
+    def release(self, owner: Optional[Owner]) -> None:
+        """Gives the resource back from `owner` (to the owner that handed it
+        down, if any) and sets the owner's release flag."""
+    def switch_owner(self, owner: Optional[Owner], label: str = "", timeout: int = -1) -> None:
+        """Makes `owner` the holder at once, telling nobody."""
+    def is_resource_free(self) -> bool: ...
+    def is_resource_owned(self, module: str) -> bool:
+        """Whether the holder's module (every member's, for a group) is `module`."""
+    def http_get(self, depth: int = 0) -> str:
+        """The status line(s), each ending in "<br />"."""
+    def owners_get(self) -> Status:
+        """The status value as nested lists of str: [name] when free, [name,
+        module, waiters] when held; a group adds a list of its members' values."""
+    def explain(self, owner: Optional[Owner], no_wait: Sequence[str] = ...) -> Explanation:
+        """What wait_for(owner, no_wait=...) would do now, without doing it, as a
+        dict: resource, answer, owner, holder, holder_module, waiters, notifies,
+        owner_stopped, holders, members (dicts), first_wait, would_wait, text."""
+    def acquired(
+        self, owner: Optional[Owner], timeout: int = -1, no_wait: Sequence[str] = ..., label: str = ""
+    ) -> Acquisition:
+        """A context manager: `with head.acquired(owner, timeout=5):` acquires
+        as wait_for does and releases on leaving, also on an exception. Raises
+        NotObtained (after giving back what it got) when some were not obtained."""
+
+class StateResource(Resource):
+    """A condition: while activated any number of owners hold it; while not,
+    requests wait for activation."""
+
+    @property
+    def activated(self) -> bool: ...
+    @property
+    def holders(self) -> List[str]:
+        """The holders' names, in the order they were granted."""
+    def set_state(self, activated: bool) -> None:
+        """Activates (waiting requests go through within one polling period) or
+        deactivates (each holder is asked to let go)."""
+    def release_state(self) -> None:
+        """Deactivates and asks each holder to let go; raises Error when a
+        holder did not within one polling period."""
+
+class Group(Resource):
+    """An ordered list of member resources, acquired member by member."""
+
+    def __init__(
+        self, name: str, members: Sequence[Resource] = ..., parent: Optional[Resource] = None
+    ) -> None: ...
+    @property
+    def members(self) -> List[Resource]: ...
+    def add_resource(self, resource: Optional[Resource]) -> None:
+        """Appends a member; raises Error for one that would make a cycle."""
+    def delete_resource(self, name: str) -> None:
+        """Removes the first direct member of that name; raises Error when none."""
+    def is_in_group(self, name: str) -> bool: ...
+    def set_abort_requested(self, requested: bool) -> None:
+        """While set, waits on the group stop before their next member and give
+        the owner back from the whole group."""
+
+def waits() -> List[Wait]:
+    """The waits running now in the process, oldest first, as dicts: waiter,
+    waiter_module, holder, holder_module, resource, age_ms, text."""
+
+def deadlocks() -> List[List[Wait]]:
+    """The cycles among the waits running now, each a list of waits (dicts)."""
+
+Event = Dict[str, Any]
+
+class Observer(_ContextManager):
+    """Registers `callback(event)` for the events of the arbitration
+    (requested, waiting, notified, granted, released, timedOut,
+    deadlockFormed, ...), until closed or dropped. Each event is a dict: kind,
+    sequence, time (seconds on time.monotonic()'s clock), resource, owner,
+    owner_module, holder, holder_module, parent, label, timeout, no_wait,
+    grant, cause, reason, waits (dicts), since (or None). The callback runs in
+    the thread that caused the event, which waits for it: keep it quick.
+    Usable as a context manager."""
+
+    def __init__(self, callback: Callable[[Event], None]) -> None: ...
+    def close(self) -> None:
+        """Unregisters; the deliveries running in other threads have ended on return."""
+    def __enter__(self) -> Observer: ...

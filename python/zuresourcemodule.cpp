@@ -1,0 +1,423 @@
+// The Python module `zuresource`: the resource tree, owners, an in-process
+// broker whose modules are Python callables, and the queries, as thin as
+// possible over the library and the host layer.
+//
+// The GIL is let go around every call into the library: a wait may last its
+// whole time limit, and any lock of the library may be held for a polling
+// period by a wait or a deactivation. It is taken again only to convert
+// arguments and results, and by the broker's task threads to call a module's
+// Python handler.
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <boost/make_shared.hpp>
+#include <boost/shared_ptr.hpp>
+#include <pybind11/pybind11.h>
+#include <pybind11/stl.h>
+
+#include <zuhost/zubroker.h>
+#include <zuhost/zuerror.h>
+#include <zuhost/zuvalue.h>
+
+#include <zuresource/zuexplain.h>
+#include <zuresource/zuobserver.h>
+#include <zuresource/zuownerstrong.h>
+#include <zuresource/zuresource.h>
+#include <zuresource/zuresourcelist.h>
+#include <zuresource/zuresourcestate.h>
+#include <zuresource/zuwaitregistry.h>
+
+#include "pyhandlers.h"
+
+PYBIND11_DECLARE_HOLDER_TYPE(T, boost::shared_ptr<T>)
+
+namespace py = pybind11;
+using namespace pybind11::literals;
+
+namespace {
+
+// Python sees strong owners only (the library's factory makes nothing else;
+// weak owners are the resources' own placeholders).
+using OwnerHandle = boost::shared_ptr<ZU::ZUOwnerStrong>;
+using ResourceHandle = boost::shared_ptr<ZU::ZUResource>;
+using Names = std::vector<std::string>;
+using NoGil = py::call_guard<py::gil_scoped_release>;
+
+// The exception types; created once and kept for the life of the process
+// (never released, so that nothing touches them after the interpreter ends).
+PyObject* errorType = nullptr;
+PyObject* notObtainedType = nullptr;
+
+py::object makeError(PyObject* type, const std::string& message, const std::string& module,
+                     const std::string& method, const std::string& description) {
+  py::object error = py::reinterpret_borrow<py::object>(type)(message);
+  error.attr("module") = module;
+  error.attr("method") = method;
+  error.attr("description") = description;
+  return error;
+}
+
+/// `f()`, with the GIL let go meanwhile; the result is converted after.
+template <typename F>
+auto withoutGil(F f) {
+  py::gil_scoped_release nogil;
+  return f();
+}
+
+py::object toPython(const ZU::ZUValue& value) {
+  if (value.isString()) return py::str(value.asString());
+  if (!value.isArray()) return py::none();
+  py::list list;
+  for (std::size_t i = 0; i < value.size(); ++i) list.append(toPython(value[i]));
+  return std::move(list);
+}
+
+py::dict toPython(const ZU::ZUExplanation& e) {
+  py::list members;
+  for (const ZU::ZUExplanation& member : e.members) members.append(toPython(member));
+  return py::dict("resource"_a = e.resource, "answer"_a = ZU::answerName(e.answer),
+                  "owner"_a = e.owner, "holder"_a = e.holder, "holder_module"_a = e.holderModule,
+                  "waiters"_a = e.waiters, "notifies"_a = e.notifies,
+                  "owner_stopped"_a = e.ownerStopped, "holders"_a = e.holders,
+                  "members"_a = members, "first_wait"_a = e.firstWait,
+                  "would_wait"_a = e.wouldWait(), "text"_a = e.toString());
+}
+
+/// What `with resource.acquired(owner, ...)` holds: acquires on entering,
+/// releases on leaving. Used by one thread at a time, like the owner.
+struct Acquisition {
+  ResourceHandle resource;
+  OwnerHandle owner;
+  int timeout;
+  Names noWait;
+  std::string label;
+
+  ResourceHandle enter() {
+    const Names missing = withoutGil([this] {
+      Names missing = resource->waitFor(owner, label, timeout, noWait);
+      // Whatever was obtained goes back: the body does not run without all of it.
+      if (!missing.empty()) resource->release(owner);
+      return missing;
+    });
+    if (missing.empty()) return resource;
+    std::string text = "not obtained:";
+    for (const std::string& name : missing) text += " " + name;
+    py::object error = makeError(notObtainedType, text, "zuresource", "acquired", text);
+    error.attr("names") = missing;
+    PyErr_SetObject(notObtainedType, error.ptr());
+    throw py::error_already_set();
+  }
+  void exit() {
+    py::gil_scoped_release nogil;
+    resource->release(owner);
+  }
+};
+
+/// A Python observer's registration: registered while it lives, until closed.
+/// Used under the GIL.
+class ObserverRegistration {
+ public:
+  explicit ObserverRegistration(py::object callback) {
+    if (!PyCallable_Check(callback.ptr())) throw py::type_error("an observer is a callable");
+    observer_ = boost::make_shared<zupy::PyObserver>(std::move(callback));
+    ZU::ZUObservers::add(observer_);
+  }
+  ~ObserverRegistration() { close(); }
+  ObserverRegistration(const ObserverRegistration&) = delete;
+  ObserverRegistration& operator=(const ObserverRegistration&) = delete;
+
+  /// Unregisters; on return no event reaches the callback, and the deliveries
+  /// that were running in other threads have ended. Lets the GIL go while it
+  /// waits for them, as they take it.
+  void close() {
+    boost::shared_ptr<zupy::PyObserver> observer;
+    observer.swap(observer_);
+    if (!observer) return;
+    py::gil_scoped_release nogil;
+    ZU::ZUObservers::remove(observer);
+  }
+
+ private:
+  boost::shared_ptr<zupy::PyObserver> observer_;
+};
+
+std::string repr(const char* cls, const std::string& name) {
+  return "<zuresource." + std::string(cls) + " " + py::repr(py::str(name)).cast<std::string>() +
+         ">";
+}
+
+}  // namespace
+
+PYBIND11_MODULE(zuresource, m) {
+  m.doc() =
+      "Arbitration of a robot's resources between behaviours: resources, owners,\n"
+      "and an in-process broker whose modules are told \"__onResource__\".";
+
+  errorType = PyErr_NewExceptionWithDoc(
+      "zuresource.Error",
+      "An error of the library or the host layer. str() is the library's own text;\n"
+      "`module`, `method` and `description` are its parts.",
+      PyExc_Exception, nullptr);
+  notObtainedType = PyErr_NewExceptionWithDoc(
+      "zuresource.NotObtained",
+      "Raised by `with resource.acquired(...)` when some resources were not\n"
+      "obtained (they were on the no-wait list); `names` lists them.",
+      errorType, nullptr);
+  m.add_object("Error", py::handle(errorType));
+  m.add_object("NotObtained", py::handle(notObtainedType));
+  py::register_exception_translator([](std::exception_ptr p) {
+    try {
+      if (p) std::rethrow_exception(p);
+    } catch (const ZU::ZUError& e) {
+      py::object error =
+          makeError(errorType, e.what(), e.getModule(), e.getMethod(), e.getDescription());
+      PyErr_SetObject(errorType, error.ptr());
+    }
+  });
+  py::module_::import("atexit").attr("register")(py::cpp_function(&zupy::stopCallsIntoPython));
+
+  py::class_<ZU::ZUModule, boost::shared_ptr<ZU::ZUModule>>(
+      m, "Module", "A module on a broker; made by Broker.add_module.")
+      .def_property_readonly("name", &ZU::ZUModule::getName)
+      .def_property_readonly("started_tasks", &ZU::ZUModule::startedTasks,
+                             "Number of calls started so far.")
+      .def("wait_idle", &ZU::ZUModule::waitIdle, NoGil(),
+           "Blocks until no call is queued or running.")
+      .def("__repr__", [](const ZU::ZUModule& mod) { return repr("Module", mod.getName()); });
+
+  py::class_<ZU::ZUBroker, boost::shared_ptr<ZU::ZUBroker>>(
+      m, "Broker", "An in-process broker: the modules by name.")
+      .def(py::init([] { return boost::make_shared<ZU::ZUBroker>(); }))
+      .def(
+          "add_module",
+          [](ZU::ZUBroker& broker, const std::string& name, py::object handler) {
+            boost::shared_ptr<ZU::ZUModule> module = zupy::makeModule(name, std::move(handler));
+            broker.addModule(module);
+            return module;
+          },
+          "name"_a, "handler"_a,
+          "Registers a module named `name` (replacing one of that name) and returns it.\n"
+          "`handler(resource_name)`, or `handler.on_resource(resource_name)`, runs in the\n"
+          "module's own thread each time an owner of the module is asked for a resource\n"
+          "it holds. None makes a module without that method. The broker keeps the\n"
+          "module until it is removed or the broker goes.")
+      .def("remove_module", &ZU::ZUBroker::removeModule, "name"_a, NoGil(),
+           "Unregisters the module of that name (nothing when there is none). Once no\n"
+           "one holds it, it stops: queued calls are dropped, a running one is waited for.")
+      .def("module", &ZU::ZUBroker::getModule, "name"_a,
+           "The module registered under `name`, or None.");
+
+  py::class_<ZU::ZUOwnerStrong, OwnerHandle>(
+      m, "Owner",
+      "A party that holds and requests resources: a behaviour, named hierarchically\n"
+      "(an owner whose name extends another's is its descendant and is handed the\n"
+      "resource at once), and the module that stands for it.")
+      .def(py::init([](const std::string& name, const std::string& module,
+                       boost::shared_ptr<ZU::ZUBroker> broker) {
+             OwnerHandle owner = boost::static_pointer_cast<ZU::ZUOwnerStrong>(
+                 ZU::ZUResource::createOwner(0, name, module, nullptr));
+             if (broker) owner->setParentBroker(broker);
+             return owner;
+           }),
+           "name"_a, "module"_a, "broker"_a = py::none(),
+           "A strong owner from the library's factory, linked to `broker` (its module\n"
+           "is told \"__onResource__\" there). The owner holds the broker weakly: once\n"
+           "the broker is gone, nobody is told.")
+      .def_property_readonly("name", [](const ZU::ZUOwnerStrong& o) { return o.name; })
+      .def_property_readonly("module", [](const ZU::ZUOwnerStrong& o) { return o.moduleName; })
+      .def_property_readonly("owner_type", [](const ZU::ZUOwnerStrong& o) { return o.ownerType; })
+      .def_property_readonly(
+          "waiters",
+          [](const ZU::ZUOwnerStrong& o) {
+            return toPython(withoutGil([&o] { return o.copyWaiters(); }));
+          },
+          "The modules of the owners waiting on this owner, oldest first (or None).")
+      .def_property_readonly(
+          "stopped", [](const ZU::ZUOwnerStrong& o) { return o.resourceFreed.load(); },
+          "The release flag: set when the owner let go of a resource or was stopped;\n"
+          "while set, a wait of this owner on a busy resource fails at its first poll.")
+      .def("free_resource", &ZU::ZUOwnerStrong::freeResource, NoGil(),
+           "Stops the owner: waits on it end, and its own wait fails, at the next poll.")
+      .def(
+          "is_parent",
+          [](ZU::ZUOwnerStrong& o, const OwnerHandle& other) { return o.isParent(other); },
+          "other"_a, "Whether `other` is an ancestor.")
+      .def("__repr__", [](const ZU::ZUOwnerStrong& o) { return repr("Owner", o.name); });
+
+  py::class_<Acquisition>(m, "Acquisition",
+                          "The context manager of Resource.acquired: acquires on entering\n"
+                          "(and returns the resource), releases on leaving.")
+      .def("__enter__", &Acquisition::enter)
+      .def("__exit__", [](Acquisition& a, py::args) {
+        a.exit();
+        return false;
+      });
+
+  py::class_<ZU::ZUResource, ResourceHandle>(
+      m, "Resource",
+      "A plain resource, held by one owner at a time; also the base of StateResource\n"
+      "and Group, whose operations are these.")
+      .def(py::init([](const std::string& name, ResourceHandle parent) {
+             return boost::make_shared<ZU::ZUResource>(name, parent);
+           }),
+           "name"_a, "parent"_a = py::none())
+      .def_property_readonly("name", [](const ZU::ZUResource& r) { return r.name; })
+      .def_property_readonly(
+          "holder", [](const ZU::ZUResource& r) { return r.currentOwner.load()->name; },
+          "The name of the holder; \"emptyOwner\" when free.")
+      .def(
+          "wait_for",
+          [](ZU::ZUResource& r, const OwnerHandle& owner, int timeout, const Names& noWait,
+             const std::string& label) { return r.waitFor(owner, label, timeout, noWait); },
+          "owner"_a, "timeout"_a = -1, "no_wait"_a = Names(), "label"_a = "", NoGil(),
+          "Acquires the resource for `owner`, waiting up to `timeout` seconds (negative:\n"
+          "no limit) while the holder's module is told \"__onResource__\". Returns the\n"
+          "names not obtained: empty when the owner holds everything it asked for; a\n"
+          "busy resource named in `no_wait` is given up at once. Raises Error when the\n"
+          "time limit passes or the owner is stopped. Other threads run meanwhile.")
+      .def(
+          "release", [](ZU::ZUResource& r, const OwnerHandle& owner) { r.release(owner); },
+          "owner"_a, NoGil(),
+          "Gives the resource back from `owner` (to the owner that handed it down, if\n"
+          "any) and sets the owner's release flag.")
+      .def(
+          "switch_owner",
+          [](ZU::ZUResource& r, const OwnerHandle& owner, const std::string& label, int timeout) {
+            r.switchOwner(owner, label, timeout);
+          },
+          "owner"_a, "label"_a = "", "timeout"_a = -1, NoGil(),
+          "Makes `owner` the holder at once, telling nobody.")
+      .def("is_resource_free", &ZU::ZUResource::isResourceFree, NoGil())
+      .def("is_resource_owned", &ZU::ZUResource::isResourceOwned, "module"_a, NoGil(),
+           "Whether the holder's module (every member's, for a group) is `module`.")
+      .def("http_get", &ZU::ZUResource::httpGet, "depth"_a = 0, NoGil(),
+           "The status line(s), each ending in \"<br />\".")
+      .def(
+          "owners_get",
+          [](ZU::ZUResource& r) { return toPython(withoutGil([&r] { return r.ownersGet(); })); },
+          "The status value as nested lists of str: [name] when free, [name, module,\n"
+          "waiters] when held; a group adds a list of its members' values.")
+      .def(
+          "explain",
+          [](const ResourceHandle& r, const OwnerHandle& owner, const Names& noWait) {
+            return toPython(withoutGil([&] { return ZU::explain(r, owner, noWait); }));
+          },
+          "owner"_a, "no_wait"_a = Names(),
+          "What wait_for(owner, no_wait=...) would do now, without doing it, as a dict:\n"
+          "resource, answer, owner, holder, holder_module, waiters, notifies,\n"
+          "owner_stopped, holders, members (dicts), first_wait, would_wait, text.")
+      .def(
+          "acquired",
+          [](const ResourceHandle& r, const OwnerHandle& owner, int timeout, const Names& noWait,
+             const std::string& label) {
+            return Acquisition{r, owner, timeout, noWait, label};
+          },
+          "owner"_a, "timeout"_a = -1, "no_wait"_a = Names(), "label"_a = "",
+          "A context manager: `with head.acquired(owner, timeout=5):` acquires as\n"
+          "wait_for does and releases on leaving, also on an exception. Raises\n"
+          "NotObtained (after giving back what it got) when some were not obtained.")
+      .def("__repr__", [](const ZU::ZUResource& r) { return repr("Resource", r.name); });
+
+  py::class_<ZU::ZUResourceState, ZU::ZUResource, boost::shared_ptr<ZU::ZUResourceState>>(
+      m, "StateResource",
+      "A condition: while activated any number of owners hold it; while not,\n"
+      "requests wait for activation.")
+      .def(py::init([](const std::string& name, ResourceHandle parent) {
+             return boost::make_shared<ZU::ZUResourceState>(name, parent);
+           }),
+           "name"_a, "parent"_a = py::none())
+      .def_property_readonly("activated",
+                             [](const ZU::ZUResourceState& r) { return r.state.load(); })
+      .def_property_readonly(
+          "holders",
+          [](ZU::ZUResourceState& r) {
+            return withoutGil([&r] {
+              Names names;
+              ZU::ZUCriticalSection lock(r.holdersMutex);
+              for (const auto& holder : r.holders) names.push_back(holder->name);
+              return names;
+            });
+          },
+          "The holders' names, in the order they were granted.")
+      .def("set_state", &ZU::ZUResourceState::setState, "activated"_a, NoGil(),
+           "Activates (waiting requests go through within one polling period) or\n"
+           "deactivates (each holder is asked to let go).")
+      .def("release_state", &ZU::ZUResourceState::releaseState, NoGil(),
+           "Deactivates and asks each holder to let go; raises Error when a holder did\n"
+           "not within one polling period.")
+      .def("__repr__", [](const ZU::ZUResource& r) { return repr("StateResource", r.name); });
+
+  py::class_<ZU::ZUResourceList, ZU::ZUResource, boost::shared_ptr<ZU::ZUResourceList>>(
+      m, "Group", "An ordered list of member resources, acquired member by member.")
+      .def(py::init([](const std::string& name, const std::vector<ResourceHandle>& members,
+                       ResourceHandle parent) {
+             auto group = boost::make_shared<ZU::ZUResourceList>(name, parent);
+             withoutGil([&] {
+               for (const ResourceHandle& member : members) group->addResource(member);
+             });
+             return group;
+           }),
+           "name"_a, "members"_a = std::vector<ResourceHandle>(), "parent"_a = py::none())
+      .def_property_readonly("members", &ZU::ZUResourceList::getResourceList, NoGil())
+      .def("add_resource", &ZU::ZUResourceList::addResource, "resource"_a, NoGil(),
+           "Appends a member; raises Error for one that would make a cycle.")
+      .def("delete_resource", &ZU::ZUResourceList::deleteResource, "name"_a, NoGil(),
+           "Removes the first direct member of that name; raises Error when none.")
+      .def("is_in_group", &ZU::ZUResourceList::isInGroup, "name"_a, NoGil())
+      .def("set_abort_requested", &ZU::ZUResourceList::setAbortRequested, "requested"_a,
+           "While set, waits on the group stop before their next member and give\n"
+           "the owner back from the whole group.")
+      .def("__repr__", [](const ZU::ZUResource& r) { return repr("Group", r.name); });
+
+  py::class_<ObserverRegistration>(
+      m, "Observer",
+      "Registers `callback(event)` for the events of the arbitration (requested,\n"
+      "waiting, notified, granted, released, timedOut, deadlockFormed, ...), each a\n"
+      "dict, until closed or dropped. The callback runs in the thread that caused the\n"
+      "event, which waits for it: keep it quick. Usable as a context manager.")
+      .def(py::init<py::object>(), "callback"_a)
+      .def("close", &ObserverRegistration::close,
+           "Unregisters; the deliveries running in other threads have ended on return.")
+      .def("__enter__", [](py::object self) { return self; })
+      .def("__exit__", [](ObserverRegistration& r, py::args) {
+        r.close();
+        return false;
+      });
+
+  m.def(
+      "waits",
+      [] {
+        py::list list;
+        for (const ZU::ZUWait& w : ZU::ZUWaitRegistry::snapshot()) list.append(zupy::toPython(w));
+        return list;
+      },
+      "The waits running now in the process, oldest first, as dicts: waiter,\n"
+      "waiter_module, holder, holder_module, resource, age_ms, text.");
+  m.def(
+      "deadlocks",
+      [] {
+        py::list cycles;
+        for (const ZU::ZUWaitCycle& c : ZU::ZUWaitRegistry::cycles()) {
+          py::list edges;
+          for (const ZU::ZUWait& w : c.edges) edges.append(zupy::toPython(w));
+          cycles.append(edges);
+        }
+        return cycles;
+      },
+      "The cycles among the waits running now, each a list of waits (dicts).");
+
+  m.def(
+      "_cycle_in_cpp",
+      [](ZU::ZUResource& r, const OwnerHandle& owner, int cycles) {
+        const Names none;
+        for (int i = 0; i < cycles; ++i) {
+          r.waitFor(owner, "", -1, none);
+          r.release(owner);
+        }
+      },
+      "resource"_a, "owner"_a, "cycles"_a, NoGil(),
+      "The uncontended cycle (wait_for on a free resource, then release), run\n"
+      "`cycles` times in C++: the baseline of the Python cycle's benchmark.");
+}

@@ -1,0 +1,334 @@
+// Observers: the decisions each scenario reports, and the observer's own
+// contract (no lock held, exceptions contained, removal while events flow).
+#include <atomic>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <zuresource/zuobserver.h>
+#include <zuresource/zusnapshot.h>
+
+#include "support/guardedthread.h"
+#include "support/resourcehelpers.h"
+
+namespace {
+
+using ZU::ZUEvent;
+using Kind = ZU::ZUEvent::Kind;
+using zutest::GuardedThread;
+using zutest::makeOwner;
+using zutest::makePlain;
+using zutest::waitUntil;
+
+/// Keeps every event it receives.
+class Recording : public ZU::ZUObserver {
+ public:
+  void onEvent(const ZUEvent& event) override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    events_.push_back(event);
+  }
+  std::vector<ZUEvent> events() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return events_;
+  }
+  /// "kind owner resource [detail]" of each event but Requested, in sequence
+  /// order; detail: the grant, the cause, the holder waited on or the parent.
+  std::vector<std::string> decisions() const {
+    std::vector<ZUEvent> all = events();
+    std::sort(all.begin(), all.end(),
+              [](const ZUEvent& a, const ZUEvent& b) { return a.sequence < b.sequence; });
+    std::vector<std::string> lines;
+    for (const ZUEvent& e : all) {
+      if (e.kind == Kind::Requested) continue;
+      std::string line = std::string(ZU::kindName(e.kind)) + " " + e.owner + " " + e.resource;
+      if (e.kind == Kind::Granted) line += std::string(" ") + ZU::grantName(e.grant);
+      if (e.kind == Kind::Stopped) line += std::string(" ") + ZU::causeName(e.cause);
+      if (!e.parent.empty()) line += " " + e.parent;
+      if (e.kind == Kind::Waiting || e.kind == Kind::NotObtained) line += " " + e.holder;
+      if (e.kind == Kind::DeadlockFormed || e.kind == Kind::DeadlockBroken)
+        line += " " + std::to_string(e.waits.size());
+      lines.push_back(line);
+    }
+    return lines;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<ZUEvent> events_;
+};
+
+/// Registers an observer for the life of the object.
+struct Registered {
+  explicit Registered(boost::shared_ptr<ZU::ZUObserver> o) : observer(std::move(o)) {
+    ZU::ZUObservers::add(observer);
+  }
+  ~Registered() { ZU::ZUObservers::remove(observer); }
+  boost::shared_ptr<ZU::ZUObserver> observer;
+};
+
+const std::vector<std::string> kAll;  // the no-wait list that waits for everything
+
+void waitAsync(std::vector<std::unique_ptr<GuardedThread>>& threads,
+               boost::shared_ptr<ZU::ZUResource> r, boost::shared_ptr<ZU::ZUOwner> o, int timeout) {
+  threads.push_back(std::make_unique<GuardedThread>([r, o, timeout] {
+    try {
+      r->waitFor(o, "", timeout, kAll);
+    } catch (const ZU::ZUError&) {
+    }
+  }));
+}
+
+struct Scenario {
+  const char* name;
+  std::function<void(std::vector<std::unique_ptr<GuardedThread>>&)> run;
+  std::vector<std::string> decisions;
+};
+
+// Waits run in threads of their own; each scenario waits until a wait is
+// seen before it goes on, so that the order of the decisions is fixed.
+bool waiting(const ZU::ZUOwner& holder) { return holder.copyWaiters().size() > 0; }
+
+const Scenario kScenarios[] = {
+    {"free, held again, busy for another, released, switched",
+     [](auto&) {
+       auto r = makePlain("Arm");
+       auto a = makeOwner("a", "A"), b = makeOwner("b", "B");
+       r->waitFor(a, "", -1, kAll);
+       r->waitFor(a, "", -1, kAll);
+       r->waitFor(b, "", -1, {"Arm"});
+       r->release(a);
+       r->switchOwner(b, "", 0);
+     },
+     {"granted a Arm wasFree", "granted a Arm alreadyHeld", "notObtained b Arm a", "released a Arm",
+      "switched b Arm"}},
+    {"handed down and back",
+     [](auto&) {
+       auto r = makePlain("Arm");
+       auto a = makeOwner("a", "A"), child = makeOwner("a/x", "X");
+       r->waitFor(a, "", -1, kAll);
+       r->waitFor(child, "", -1, kAll);
+       const ZU::ZUSnapshot snapshot = ZU::takeSnapshot({r});
+       EXPECT_EQ(snapshot.resources[0].holders, std::vector<std::string>{"a/x"});
+       EXPECT_EQ(snapshot.owners[0].parentOwners,
+                 (std::vector<std::pair<std::string, std::string>>{{"Arm", "a"}}));
+       r->release(child);
+     },
+     {"granted a Arm wasFree", "granted a/x Arm handedDown a", "handedBack a/x Arm a"}},
+    {"waits until the holder lets go",
+     [](auto& threads) {
+       auto r = makePlain("Arm");
+       auto a = makeOwner("a", "A"), b = makeOwner("b", "B");
+       r->waitFor(a, "", -1, kAll);
+       waitAsync(threads, r, b, -1);
+       ASSERT_TRUE(waitUntil([&] { return waiting(*a); }));
+       const ZU::ZUSnapshot snapshot = ZU::takeSnapshot({r});
+       ASSERT_EQ(snapshot.waits.size(), 1u);
+       EXPECT_EQ(snapshot.waits[0].waiter + ">" + snapshot.waits[0].holder, "b>a");
+       EXPECT_EQ(snapshot.owners.size(), 2u);  // the holder, then the waiter
+       r->release(a);
+       ASSERT_TRUE(threads.back()->joinFor(5000));
+     },
+     {"granted a Arm wasFree", "waiting b Arm a", "released a Arm", "granted b Arm wasFree"}},
+    {"stopped by the manager, or already stopped",
+     [](auto& threads) {
+       auto r = makePlain("Arm");
+       auto a = makeOwner("a", "A"), b = makeOwner("b", "B");
+       r->waitFor(a, "", -1, kAll);
+       waitAsync(threads, r, b, -1);
+       ASSERT_TRUE(waitUntil([&] { return waiting(*a); }));
+       r->release(b);  // b does not hold it: its wait ends
+       ASSERT_TRUE(threads.back()->joinFor(5000));
+       EXPECT_THROW(r->waitFor(b, "", -1, kAll), ZU::ZUError);  // its flag is still set
+     },
+     {"granted a Arm wasFree", "waiting b Arm a", "stopped b Arm managerStop", "waiting b Arm a",
+      "stopped b Arm ownRelease"}},
+    {"state: waits for activation, deactivated",
+     [](auto& threads) {
+       auto s = boost::make_shared<ZU::ZUResourceState>("Standing", nullptr);
+       auto a = makeOwner("a", "A");
+       waitAsync(threads, s, a, -1);
+       ASSERT_TRUE(waitUntil([&] { return waiting(*s->stateOwner); }));
+       s->setState(true);
+       ASSERT_TRUE(threads.back()->joinFor(5000));
+       s->setState(false);
+       s->release(a);
+     },
+     {"waiting a Standing Standing", "stateActivated  Standing",
+      "granted a Standing stateActivated", "stateDeactivated  Standing",
+      "waiting Standing Standing a", "timedOut Standing Standing", "released a Standing"}},
+    {"group: a member times out, the owner is given back",
+     [](auto&) {
+       auto arm = makePlain("Arm"), leg = makePlain("Leg");
+       auto body = zutest::makeGroup("Body", {arm, leg});
+       auto a = makeOwner("a", "A"), b = makeOwner("b", "B");
+       leg->waitFor(b, "", -1, kAll);
+       EXPECT_THROW(body->waitFor(a, "", 0, kAll), ZU::ZUError);
+     },
+     {"granted b Leg wasFree", "granted a Arm wasFree", "waiting a Leg b", "timedOut a Leg",
+      "released a Arm", "givenBack a Body"}},
+    {"a wait whose holder no longer holds is reported stale",
+     [](auto& threads) {
+       auto s = boost::make_shared<ZU::ZUResourceState>("Standing", nullptr);
+       auto a = makeOwner("a", "A");
+       waitAsync(threads, s, a, -1);
+       ASSERT_TRUE(waitUntil([&] { return waiting(*s->stateOwner); }));
+       s->state = true;  // activated without freeing its owner: nothing ends the wait
+       ASSERT_TRUE(waitUntil([&] { return !ZU::takeSnapshot({s}).staleWaits.empty(); }));
+       s->stateOwner->freeResource();
+       ASSERT_TRUE(threads.back()->joinFor(5000));
+     },
+     {"waiting a Standing Standing", "staleWait a Standing", "granted a Standing stateActivated"}},
+    {"two owners wait on each other: the cycle is reported once, then broken",
+     [](auto& threads) {
+       auto r1 = makePlain("R1"), r2 = makePlain("R2");
+       auto a = makeOwner("a", "A"), b = makeOwner("b", "B");
+       r1->waitFor(a, "", -1, kAll);
+       r2->waitFor(b, "", -1, kAll);
+       waitAsync(threads, r2, a, -1);
+       ASSERT_TRUE(waitUntil([&] { return waiting(*b); }));
+       EXPECT_THROW(r1->waitFor(b, "", 1, kAll), ZU::ZUError);  // polls a few times
+       r2->release(a);                                          // a's wait ends too
+       ASSERT_TRUE(threads.back()->joinFor(5000));
+     },
+     {"granted a R1 wasFree", "granted b R2 wasFree", "waiting a R2 b", "waiting b R1 a",
+      "deadlockFormed a R2 2", "timedOut b R1", "deadlockBroken a R2 2",
+      "stopped a R2 managerStop"}},
+};
+
+void PrintTo(const Scenario& scenario, std::ostream* out) { *out << scenario.name; }
+
+class Decisions : public ::testing::TestWithParam<Scenario> {};
+
+TEST_P(Decisions, AreReportedInOrder) {
+  auto recording = boost::make_shared<Recording>();
+  Registered registered(recording);
+  std::vector<std::unique_ptr<GuardedThread>> threads;
+  GetParam().run(threads);
+  EXPECT_EQ(recording->decisions(), GetParam().decisions);
+  for (const ZUEvent& e : recording->events()) {
+    EXPECT_NE(e.sequence, 0u);
+    EXPECT_NE(e.thread, std::thread::id());
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Scenarios, Decisions, ::testing::ValuesIn(kScenarios),
+                         [](const ::testing::TestParamInfo<Scenario>& info) {
+                           std::string name;
+                           for (const char* c = info.param.name; *c; ++c)
+                             if (std::isalnum(static_cast<unsigned char>(*c))) name += *c;
+                           return name;
+                         });
+
+/// Calls back into the library from every event: reports and a snapshot take
+/// the locks a decision might hold.
+class CallsBack : public ZU::ZUObserver {
+ public:
+  explicit CallsBack(std::vector<boost::shared_ptr<ZU::ZUResource>> roots)
+      : roots_(std::move(roots)) {}
+  void onEvent(const ZUEvent&) override {
+    for (const auto& root : roots_) {
+      root->httpGet(0);
+      root->ownersGet();
+      root->isResourceFree();
+    }
+    ZU::snapshotValue(roots_);
+    ++calls;
+  }
+  std::atomic<int> calls{0};
+
+ private:
+  std::vector<boost::shared_ptr<ZU::ZUResource>> roots_;
+};
+
+TEST(ObserverContract, CallsBackIntoTheLibraryWithoutDeadlock) {
+  auto arm = makePlain("Arm");
+  auto standing = boost::make_shared<ZU::ZUResourceState>("Standing", nullptr);
+  auto body = zutest::makeGroup("Body", {arm, standing});
+  auto observer = boost::make_shared<CallsBack>(
+      std::vector<boost::shared_ptr<ZU::ZUResource>>{body, arm, standing});
+  Registered registered(observer);
+  GuardedThread run([&] {
+    auto a = makeOwner("a", "A"), child = makeOwner("a/x", "X");
+    standing->setState(true);
+    body->waitFor(a, "", -1, kAll);
+    body->waitFor(child, "", -1, kAll);
+    body->release(child);
+    standing->setState(false);  // tells the holders under the holders' lock
+    body->release(a);
+  });
+  ASSERT_TRUE(run.joinFor(20000)) << "an observer calling back deadlocked";
+  EXPECT_GT(observer->calls.load(), 5);
+}
+
+class Throws : public ZU::ZUObserver {
+ public:
+  void onEvent(const ZUEvent&) override { throw std::runtime_error("observer fault"); }
+};
+
+TEST(ObserverContract, ExceptionsAreCountedAndChangeNothing) {
+  auto thrower = boost::make_shared<Throws>();
+  auto recording = boost::make_shared<Recording>();
+  Registered first(thrower), second(recording);
+  const std::uint64_t before = ZU::ZUObservers::failures();
+  auto r = makePlain("Arm");
+  auto a = makeOwner("a", "A"), b = makeOwner("b", "B");
+  EXPECT_TRUE(r->waitFor(a, "", -1, kAll).empty());
+  EXPECT_EQ(r->waitFor(b, "", -1, {"Arm"}), std::vector<std::string>{"Arm"});
+  r->release(a);
+  EXPECT_TRUE(r->isResourceFree());
+  const std::size_t delivered = recording->events().size();
+  EXPECT_EQ(delivered, 5u);  // the later observer still gets every event
+  EXPECT_EQ(ZU::ZUObservers::failures() - before, delivered);
+}
+
+/// Counts its calls; may remove itself from inside its first call.
+class Counting : public ZU::ZUObserver {
+ public:
+  void onEvent(const ZUEvent&) override {
+    ++calls;
+    if (removeSelf.exchange(false)) {
+      ZU::ZUObservers::remove(self.lock());  // waits for the other threads' calls
+      removedItself = true;
+    }
+  }
+  std::atomic<long> calls{0};
+  std::atomic<bool> removeSelf{false};
+  std::atomic<bool> removedItself{false};
+  boost::weak_ptr<ZU::ZUObserver> self;
+};
+
+TEST(ObserverContract, RemovalWhileEventsFlowEndsEveryDelivery) {
+  std::atomic<bool> stop{false};
+  std::vector<std::unique_ptr<GuardedThread>> workers;
+  for (int t = 0; t < 3; ++t)
+    workers.push_back(std::make_unique<GuardedThread>([&stop, t] {
+      auto r = makePlain("R" + std::to_string(t));
+      auto o = makeOwner("o" + std::to_string(t), "O");
+      while (!stop) {
+        r->waitFor(o, "", -1, kAll);
+        r->release(o);
+      }
+    }));
+  for (int round = 0; round < 200; ++round) {
+    auto counting = boost::make_shared<Counting>();
+    counting->self = counting;
+    counting->removeSelf = round % 2 == 1;  // odd rounds: it removes itself
+    ZU::ZUObservers::add(counting);
+    ASSERT_TRUE(waitUntil([&] { return counting->calls > 0; }));
+    if (round % 2 == 1) {
+      ASSERT_TRUE(waitUntil([&] { return counting->removedItself.load(); }));
+    }
+    ZU::ZUObservers::remove(counting);  // false when it removed itself: still safe
+    const long after = counting->calls;
+    std::this_thread::yield();
+    EXPECT_EQ(counting->calls.load(), after) << "a call reached a removed observer";
+  }
+  stop = true;
+  for (auto& w : workers) ASSERT_TRUE(w->joinFor(5000));
+  EXPECT_FALSE(ZU::ZUObservers::active());
+}
+
+}  // namespace
