@@ -107,4 +107,32 @@ py::dict toPython(const ZU::ZUEvent& e) {
                   "reason"_a = e.reason, "waits"_a = waits, "since"_a = seconds(e.since));
 }
 
+py::list toPython(const ZU::ZUWaitCycle& cycle) {
+  py::list edges;
+  for (const ZU::ZUWait& w : cycle.edges) edges.append(toPython(w));
+  return edges;
+}
+
+py::dict toPython(const ZU::ZUSnapshot& s) {
+  py::list resources, owners, waits, cycles, staleWaits;
+  for (const ZU::ZUSnapshot::Resource& r : s.resources)
+    resources.append(py::dict("name"_a = r.name, "kind"_a = r.kind, "holders"_a = r.holders,
+                              "activated"_a = r.activated, "members"_a = r.members));
+  for (const ZU::ZUSnapshot::Owner& o : s.owners) {
+    py::dict parents;
+    for (const auto& parent : o.parentOwners) parents[py::str(parent.first)] = parent.second;
+    owners.append(py::dict("name"_a = o.name, "module"_a = o.module, "parent_owners"_a = parents,
+                           "release_flag"_a = o.releaseFlag));
+  }
+  for (const ZU::ZUWait& w : s.waits) waits.append(toPython(w));
+  for (const ZU::ZUWaitCycle& c : s.cycles) cycles.append(toPython(c));
+  for (const ZU::ZUStaleWait& stale : s.staleWaits) {
+    py::dict wait = toPython(stale.wait);
+    wait["stale_ms"] = stale.ageMs;
+    staleWaits.append(wait);
+  }
+  return py::dict("taken"_a = seconds(s.taken), "resources"_a = resources, "owners"_a = owners,
+                  "waits"_a = waits, "cycles"_a = cycles, "stale_waits"_a = staleWaits);
+}
+
 }  // namespace zupy

@@ -11,6 +11,7 @@
 #include <zuhost/zubroker.h>
 
 #include <zuresource/zuobserver.h>
+#include <zuresource/zusnapshot.h>
 
 namespace zupy {
 
@@ -90,5 +91,12 @@ pybind11::dict toPython(const ZU::ZUEvent& event);
 /// One wait as a dict: waiter, waiter_module, holder, holder_module,
 /// resource, age_ms, text. Called with the GIL held.
 pybind11::dict toPython(const ZU::ZUWait& wait);
+/// A cycle of waits as a list of wait dicts. Called with the GIL held.
+pybind11::list toPython(const ZU::ZUWaitCycle& cycle);
+/// The snapshot as a dict: taken (seconds on time.monotonic()'s clock);
+/// resources (name, kind, holders, activated, members); owners (name, module,
+/// parent_owners as {resource: owner}, release_flag); waits; cycles;
+/// stale_waits (each a wait dict with stale_ms). Called with the GIL held.
+pybind11::dict toPython(const ZU::ZUSnapshot& snapshot);
 
 }  // namespace zupy

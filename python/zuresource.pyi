@@ -21,7 +21,7 @@ class NotObtained(Error):
 class _OnResource(Protocol):
     def on_resource(self, resource: str) -> None: ...
 
-Handler = Union[Callable[[str], None], _OnResource, None]
+_Handler = Union[Callable[[str], None], _OnResource, None]
 
 class Module:
     """A module on a broker; made by Broker.add_module."""
@@ -38,7 +38,7 @@ class Broker:
     """An in-process broker: the modules by name."""
 
     def __init__(self) -> None: ...
-    def add_module(self, name: str, handler: Handler) -> Module:
+    def add_module(self, name: str, handler: _Handler) -> Module:
         """Registers a module named `name` (replacing one of that name) and
         returns it. `handler(resource_name)`, or
         `handler.on_resource(resource_name)`, runs in the module's own thread
@@ -80,9 +80,9 @@ class Owner:
     def is_parent(self, other: Optional[Owner]) -> bool:
         """Whether `other` is an ancestor."""
 
-Status = Union[str, List["Status"], None]
-Explanation = Dict[str, Any]
-Wait = Dict[str, Any]
+_Status = Union[str, List["_Status"], None]
+_Explanation = Dict[str, Any]
+_Wait = Dict[str, Any]
 
 class _ContextManager:
     def __exit__(
@@ -127,10 +127,10 @@ class Resource:
         """Whether the holder's module (every member's, for a group) is `module`."""
     def http_get(self, depth: int = 0) -> str:
         """The status line(s), each ending in "<br />"."""
-    def owners_get(self) -> Status:
+    def owners_get(self) -> _Status:
         """The status value as nested lists of str: [name] when free, [name,
         module, waiters] when held; a group adds a list of its members' values."""
-    def explain(self, owner: Optional[Owner], no_wait: Sequence[str] = ...) -> Explanation:
+    def explain(self, owner: Optional[Owner], no_wait: Sequence[str] = ...) -> _Explanation:
         """What wait_for(owner, no_wait=...) would do now, without doing it, as a
         dict: resource, answer, owner, holder, holder_module, waiters, notifies,
         owner_stopped, holders, members (dicts), first_wait, would_wait, text."""
@@ -174,14 +174,22 @@ class Group(Resource):
         """While set, waits on the group stop before their next member and give
         the owner back from the whole group."""
 
-def waits() -> List[Wait]:
+def waits() -> List[_Wait]:
     """The waits running now in the process, oldest first, as dicts: waiter,
     waiter_module, holder, holder_module, resource, age_ms, text."""
 
-def deadlocks() -> List[List[Wait]]:
+def deadlocks() -> List[List[_Wait]]:
     """The cycles among the waits running now, each a list of waits (dicts)."""
 
-Event = Dict[str, Any]
+def snapshot(roots: Sequence[Resource]) -> Dict[str, Any]:
+    """A picture of the arbitration now, as a dict: taken (seconds on
+    time.monotonic()'s clock); the resources of the trees `roots` (name,
+    kind, holders, activated, members); the owners that hold or wait (name,
+    module, parent_owners as {resource: owner}, release_flag); the running
+    waits, their cycles and the stale waits (with stale_ms). Each resource is
+    read whole; two may be read a moment apart."""
+
+_Event = Dict[str, Any]
 
 class Observer(_ContextManager):
     """Registers `callback(event)` for the events of the arbitration
@@ -193,7 +201,7 @@ class Observer(_ContextManager):
     the thread that caused the event, which waits for it: keep it quick.
     Usable as a context manager."""
 
-    def __init__(self, callback: Callable[[Event], None]) -> None: ...
+    def __init__(self, callback: Callable[[_Event], None]) -> None: ...
     def close(self) -> None:
         """Unregisters; the deliveries running in other threads have ended on return."""
     def __enter__(self) -> Observer: ...

@@ -27,6 +27,7 @@
 #include <zuresource/zuresource.h>
 #include <zuresource/zuresourcelist.h>
 #include <zuresource/zuresourcestate.h>
+#include <zuresource/zusnapshot.h>
 #include <zuresource/zuwaitregistry.h>
 
 #include "pyhandlers.h"
@@ -142,6 +143,14 @@ class ObserverRegistration {
  private:
   boost::shared_ptr<zupy::PyObserver> observer_;
 };
+
+/// The constructor of a resource of class T: (name, parent).
+template <typename T>
+auto resourceInit() {
+  return py::init([](const std::string& name, ResourceHandle parent) {
+    return boost::make_shared<T>(name, parent);
+  });
+}
 
 std::string repr(const char* cls, const std::string& name) {
   return "<zuresource." + std::string(cls) + " " + py::repr(py::str(name)).cast<std::string>() +
@@ -259,10 +268,7 @@ PYBIND11_MODULE(zuresource, m) {
       m, "Resource",
       "A plain resource, held by one owner at a time; also the base of StateResource\n"
       "and Group, whose operations are these.")
-      .def(py::init([](const std::string& name, ResourceHandle parent) {
-             return boost::make_shared<ZU::ZUResource>(name, parent);
-           }),
-           "name"_a, "parent"_a = py::none())
+      .def(resourceInit<ZU::ZUResource>(), "name"_a, "parent"_a = py::none())
       .def_property_readonly("name", [](const ZU::ZUResource& r) { return r.name; })
       .def_property_readonly(
           "holder", [](const ZU::ZUResource& r) { return r.currentOwner.load()->name; },
@@ -324,10 +330,7 @@ PYBIND11_MODULE(zuresource, m) {
       m, "StateResource",
       "A condition: while activated any number of owners hold it; while not,\n"
       "requests wait for activation.")
-      .def(py::init([](const std::string& name, ResourceHandle parent) {
-             return boost::make_shared<ZU::ZUResourceState>(name, parent);
-           }),
-           "name"_a, "parent"_a = py::none())
+      .def(resourceInit<ZU::ZUResourceState>(), "name"_a, "parent"_a = py::none())
       .def_property_readonly("activated",
                              [](const ZU::ZUResourceState& r) { return r.state.load(); })
       .def_property_readonly(
@@ -390,7 +393,8 @@ PYBIND11_MODULE(zuresource, m) {
       "waits",
       [] {
         py::list list;
-        for (const ZU::ZUWait& w : ZU::ZUWaitRegistry::snapshot()) list.append(zupy::toPython(w));
+        for (const ZU::ZUWait& w : withoutGil(ZU::ZUWaitRegistry::snapshot))
+          list.append(zupy::toPython(w));
         return list;
       },
       "The waits running now in the process, oldest first, as dicts: waiter,\n"
@@ -399,15 +403,23 @@ PYBIND11_MODULE(zuresource, m) {
       "deadlocks",
       [] {
         py::list cycles;
-        for (const ZU::ZUWaitCycle& c : ZU::ZUWaitRegistry::cycles()) {
-          py::list edges;
-          for (const ZU::ZUWait& w : c.edges) edges.append(zupy::toPython(w));
-          cycles.append(edges);
-        }
+        for (const ZU::ZUWaitCycle& c : withoutGil(ZU::ZUWaitRegistry::cycles))
+          cycles.append(zupy::toPython(c));
         return cycles;
       },
       "The cycles among the waits running now, each a list of waits (dicts).");
-
+  m.def(
+      "snapshot",
+      [](const std::vector<ResourceHandle>& roots) {
+        return zupy::toPython(withoutGil([&roots] { return ZU::takeSnapshot(roots); }));
+      },
+      "roots"_a,
+      "A picture of the arbitration now, as a dict: taken (seconds on the clock of\n"
+      "time.monotonic()), the resources of the trees\n"
+      "`roots` (name, kind, holders, activated, members), the owners that hold or\n"
+      "wait (name, module, parent_owners, release_flag), the running waits, their\n"
+      "cycles and the stale waits. Each resource is read whole; two may be read a\n"
+      "moment apart.");
   m.def(
       "_cycle_in_cpp",
       [](ZU::ZUResource& r, const OwnerHandle& owner, int cycles) {

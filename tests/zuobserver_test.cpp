@@ -300,6 +300,10 @@ class Counting : public ZU::ZUObserver {
   boost::weak_ptr<ZU::ZUObserver> self;
 };
 
+// Odd rounds: the observer removes itself from inside a call in worker 1
+// while worker 2's call to it is in flight; worker 1 waits for worker 2's call
+// only (not its own), so worker 2 leaving must wake it even though the count
+// of calls in flight falls to 1, not 0 (it once hung there).
 TEST(ObserverContract, RemovalWhileEventsFlowEndsEveryDelivery) {
   std::atomic<bool> stop{false};
   std::vector<std::unique_ptr<GuardedThread>> workers;

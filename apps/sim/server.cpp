@@ -2,8 +2,11 @@
 
 #include <httplib.h>
 
+#include <condition_variable>
+#include <mutex>
 #include <sstream>
 #include <stdexcept>
+#include <thread>
 
 #include "feed.h"
 #include "html.h"
@@ -21,6 +24,41 @@ const char kStyle[] =
 // How long an event stream waits for a line before it sends a comment, so
 // that a reader that went away is noticed and stop() is never held up long.
 const std::chrono::milliseconds kStreamPatience(250);
+// A connection that sends nothing for this long is closed.
+const int kReadTimeoutSeconds = 1;
+// Connections served at once; more wait for one of them to end.
+const int kMaxConnections = 256;
+
+// Serves each connection on a thread of its own, up to kMaxConnections at once,
+// so that clients that connect and go quiet, or event streams that stay open,
+// never hold up the page (a fixed pool of a few threads would queue it behind
+// them). Thread safety: thread safe; mutex_ guards running_ and shutdown_.
+class ConnectionThreads : public httplib::TaskQueue {
+ public:
+  void enqueue(std::function<void()> serve) override {
+    std::unique_lock<std::mutex> lock(mutex_);
+    room_.wait(lock, [this] { return running_ < kMaxConnections || shutdown_; });
+    ++running_;
+    std::thread([this, serve = std::move(serve)] {
+      serve();
+      std::lock_guard<std::mutex> done(mutex_);
+      --running_;
+      room_.notify_all();
+    }).detach();
+  }
+  // Waits for every connection's thread to finish with this queue.
+  void shutdown() override {
+    std::unique_lock<std::mutex> lock(mutex_);
+    shutdown_ = true;
+    room_.wait(lock, [this] { return running_ == 0; });
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable room_;
+  int running_ = 0;
+  bool shutdown_ = false;
+};
 
 // Follows /events: each event appends a line to the stream's list and asks
 // for the page again (at most every 200 ms) to replace its sections. When the
@@ -106,6 +144,9 @@ bool LiveServer::sendEvents(std::size_t& next, httplib::DataSink& sink) {
 
 int LiveServer::start(int port) {
   server_ = std::make_unique<httplib::Server>();
+  server_->new_task_queue = [] { return new ConnectionThreads; };
+  server_->set_read_timeout(kReadTimeoutSeconds, 0);
+  server_->set_keep_alive_timeout(kReadTimeoutSeconds);
   server_->Get("/", [this](const httplib::Request&, httplib::Response& response) {
     response.set_content(page(), "text/html; charset=utf-8");
   });

@@ -31,8 +31,10 @@ namespace zusim {
 ///
 /// Thread safety: run() is called once, from one thread; the RunView and
 /// World queries may be called from any thread at any time, also during run().
-/// Lock order: the library's locks, then an owner's `calls`, then mutex_, then
-/// the timeline's and the diagnosis's, then the event log's.
+/// Lock order: an owner's `calls`, then the library's locks (the library's
+/// events arrive with some of them held), then mutex_, then the timeline's
+/// and the diagnosis's, then the event log's. No library call is made with
+/// mutex_ held (setting a release flag is an atomic store).
 class Simulation : public World, public RunView {
  public:
   /// Builds the stage. `scenario` and `log` must outlive the simulation.

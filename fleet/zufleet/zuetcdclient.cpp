@@ -1,5 +1,6 @@
 #include <httplib.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <memory>
@@ -93,8 +94,11 @@ std::unique_ptr<httplib::Client> connect(const std::string& endpoint, int timeou
 }
 }  // namespace
 
-ZUEtcdError::ZUEtcdError(const std::string& method, const std::string& description, bool refused)
-    : ZUError("ZUEtcdClient", method, description, kFile, 0), refused_(refused) {}
+ZUEtcdError::ZUEtcdError(const std::string& method, const std::string& description, bool refused,
+                         bool answered)
+    : ZUError("ZUEtcdClient", method, description, kFile, 0),
+      refused_(refused),
+      answered_(answered) {}
 
 ZUEtcdClient::ZUEtcdClient(std::vector<std::string> endpoints, int timeoutMs)
     : endpoints_(std::move(endpoints)), timeoutMs_(timeoutMs) {
@@ -123,7 +127,7 @@ std::string ZUEtcdClient::prefixEnd(std::string prefix) {
 
 std::string ZUEtcdClient::call(const std::string& path, const std::string& body, bool write) {
   std::string failures;
-  bool allRefused = true;
+  bool allRefused = true, answered = false;
   const std::size_t first = preferred_.load();
   for (std::size_t n = 0; n < endpoints_.size(); ++n) {
     const std::size_t index = (first + n) % endpoints_.size();
@@ -140,6 +144,7 @@ std::string ZUEtcdClient::call(const std::string& path, const std::string& body,
         return res->body;
       }
       allRefused = false;
+      answered = true;
       failures += " " + endpoints_[index] + ": HTTP " + std::to_string(res->status) + " " +
                   res->body.substr(0, 200) + ";";
       continue;
@@ -151,7 +156,8 @@ std::string ZUEtcdClient::call(const std::string& path, const std::string& body,
                 ";";
   }
   failures.pop_back();
-  throw ZUEtcdError(path, "etcd unreachable:" + failures, allRefused);
+  throw ZUEtcdError(path, (answered ? "etcd refused the request:" : "etcd unreachable:") + failures,
+                    allRefused, answered);
 }
 
 std::int64_t ZUEtcdClient::grant(int ttlSeconds) {
@@ -209,7 +215,7 @@ void ZUEtcdClient::erase(const std::string& key) {
   call("/v3/kv/deleterange", json{{"key", encode64(key)}}.dump(), true);
 }
 
-void ZUEtcdClient::watch(
+std::int64_t ZUEtcdClient::watch(
     const std::string& key, const std::string& rangeEnd, std::int64_t startRevision, int idleMs,
     const std::function<bool(const std::vector<ZUEtcdEvent>&, std::int64_t)>& onEvents) {
   const json create{{"create_request",
@@ -227,6 +233,7 @@ void ZUEtcdClient::watch(
   request.body = create.dump();
   request.set_header("Content-Type", "application/json");
   std::string pending;
+  std::int64_t canceled = 0;
   request.content_receiver = [&](const char* data, std::size_t size, std::uint64_t, std::uint64_t) {
     bytes_ += size;
     pending.append(data, size);
@@ -235,7 +242,11 @@ void ZUEtcdClient::watch(
       pending.erase(0, end + 1);
       if (message.is_discarded() || !message.contains("result")) return false;
       const json& result = message["result"];
-      if (result.value("canceled", false)) return false;
+      if (result.value("canceled", false)) {
+        canceled = std::max<std::int64_t>(number(result, "compact_revision"), -1);
+        if (canceled == 0) canceled = -1;
+        return false;
+      }
       std::vector<ZUEtcdEvent> events;
       for (const json& event : result.value("events", json::array())) {
         ZUEtcdEvent e;
@@ -257,7 +268,8 @@ void ZUEtcdClient::watch(
   if (!res && res.error() != httplib::Error::Canceled) preferred_ = next;
   if (!res && res.error() == httplib::Error::Connection)
     throw ZUEtcdError("/v3/watch", "etcd unreachable: " + endpoints_[index],
-                      wasRefused(res.error(), start, timeoutMs_));
+                      wasRefused(res.error(), start, timeoutMs_), false);
+  return canceled;
 }
 
 }  // namespace ZU

@@ -12,14 +12,18 @@ namespace ZU {
 
 /// A failed call to etcd: no endpoint answered, or one answered with an error.
 /// `refused()` is true when every endpoint refused the connection outright (no
-/// etcd listens there), as opposed to a time-out or an error reply.
+/// etcd listens there); `answered()` when etcd replied and turned the request
+/// down (asking again would not help).
 class ZUEtcdError : public ZUError {
  public:
-  ZUEtcdError(const std::string& method, const std::string& description, bool refused);
+  ZUEtcdError(const std::string& method, const std::string& description, bool refused,
+              bool answered);
   bool refused() const { return refused_; }
+  bool answered() const { return answered_; }
 
  private:
   bool refused_;
+  bool answered_;
 };
 
 /// One key of etcd with the revisions a lock needs.
@@ -84,10 +88,12 @@ class ZUEtcdClient {
   /// Streams the changes of [`key`, `rangeEnd`) from `startRevision` on to
   /// `onEvents` (the events of one revision batch, and the revision the
   /// server had then) until `onEvents` returns false, or the stream ends or
-  /// stays silent for `idleMs`. Throws ZUEtcdError when it cannot connect.
-  void watch(const std::string& key, const std::string& rangeEnd, std::int64_t startRevision,
-             int idleMs,
-             const std::function<bool(const std::vector<ZUEtcdEvent>&, std::int64_t)>& onEvents);
+  /// stays silent for `idleMs`. Returns 0, or, when etcd canceled the watch,
+  /// the oldest revision it still keeps (after a compaction) or -1. Throws
+  /// ZUEtcdError when it cannot connect.
+  std::int64_t watch(
+      const std::string& key, const std::string& rangeEnd, std::int64_t startRevision, int idleMs,
+      const std::function<bool(const std::vector<ZUEtcdEvent>&, std::int64_t)>& onEvents);
 
   ZUEtcdTraffic traffic() const;
 

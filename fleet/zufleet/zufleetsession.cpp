@@ -14,7 +14,7 @@ namespace {
 const char* const kFile = "fleet/zufleet/zufleetsession";
 /// A watch that hears nothing for this long is opened again.
 const int kWatchIdleMs = 5000;
-/// Pause before a failed watch is opened again.
+/// Pause before a watch that ended is opened again.
 const int kWatchRetryMs = 200;
 /// The key that a closing session writes to end its own watch at once.
 const char* const kWakeKey = "~wake/";
@@ -98,7 +98,8 @@ struct ZUFleetSession::Core {
     for (const auto& resource : liveResources()) resource->leaseLost(lost, reason);
   }
 
-  /// Retries the deletions and revocations that failed; stops at a failure.
+  /// Retries the deletions and revocations that failed; stops when etcd is
+  /// unreachable, drops what etcd turns down (a lease that expired meanwhile).
   void settleLeftovers() {
     std::vector<std::string> keys;
     std::vector<std::int64_t> leases;
@@ -108,18 +109,22 @@ struct ZUFleetSession::Core {
       leases.swap(toRevoke);
     }
     try {
-      while (!keys.empty()) {
-        client.erase(keys.back());
-        keys.pop_back();
-      }
-      while (!leases.empty()) {
-        client.revoke(leases.back());
-        leases.pop_back();
-      }
+      for (; !keys.empty(); keys.pop_back()) attempt([&] { client.erase(keys.back()); });
+      for (; !leases.empty(); leases.pop_back()) attempt([&] { client.revoke(leases.back()); });
     } catch (const ZUEtcdError&) {
       std::lock_guard<std::mutex> lock(mutex);
       toErase.insert(toErase.end(), keys.begin(), keys.end());
       toRevoke.insert(toRevoke.end(), leases.begin(), leases.end());
+    }
+  }
+
+  /// Runs `call`; passes on the error only when etcd could not be reached.
+  template <typename Call>
+  static void attempt(Call call) {
+    try {
+      call();
+    } catch (const ZUEtcdError& e) {
+      if (!e.answered()) throw;
     }
   }
 
@@ -178,10 +183,17 @@ struct ZUFleetSession::Core {
         if (stopping) return;
       }
       try {
-        client.watch(config.prefix, end, seen == 0 ? 0 : seen + 1, kWatchIdleMs, onEvents);
+        const std::int64_t canceled =
+            client.watch(config.prefix, end, seen == 0 ? 0 : seen + 1, kWatchIdleMs, onEvents);
+        // Canceled after a compaction: resume from the oldest revision etcd
+        // still keeps (what came before is lost; waiters read again anyway).
+        if (canceled > 0) seen = canceled - 1;
       } catch (const ZUEtcdError&) {
-        if (!pause(kWatchRetryMs)) return;
+        // Unreachable: try again (the next endpoint) after a pause.
       }
+      // No stream is opened again at once: the one that ended may have been
+      // refused at once, and the pause loses nothing (we resume after `seen`).
+      if (!pause(kWatchRetryMs)) return;
     }
   }
 

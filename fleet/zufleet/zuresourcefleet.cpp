@@ -2,6 +2,7 @@
 #include <iostream>
 #include <optional>
 
+#include <zuresource/zucontract.h>
 #include <zuresource/zuobserver.h>
 #include <zuresource/zuownerstrong.h>
 
@@ -20,8 +21,14 @@ const std::chrono::milliseconds kPoll(ZUOwnerStrong::kPollPeriodMs);
 /// robot that asks after the grant goes untold.
 const int kWatchStartMs = 2000;
 
+/// The end of a wait of `timeout` seconds from now (negative: none).
+std::chrono::steady_clock::time_point deadlineOf(int timeout) {
+  return timeout < 0 ? std::chrono::steady_clock::time_point::max()
+                     : std::chrono::steady_clock::now() + std::chrono::seconds(timeout);
+}
+
 ZUError waitError(const std::string& description, unsigned line) {
-  return ZUError("ResourceManager", "waitResource", description, kFile, line);
+  return ZUError(contract::kWaitErrorModule, contract::kWaitErrorMethod, description, kFile, line);
 }
 }  // namespace
 
@@ -56,8 +63,7 @@ std::vector<std::string> ZUResourceFleet::waitFor(boost::shared_ptr<ZUOwner> own
                                                   const std::string& label, int timeout,
                                                   const std::vector<std::string>& noWaitList) {
   requireOwner(owner, "ZUResourceFleet", "waitFor");
-  const Clock::time_point deadline =
-      timeout < 0 ? Clock::time_point::max() : Clock::now() + std::chrono::seconds(timeout);
+  const Clock::time_point deadline = deadlineOf(timeout);
   std::vector<std::string> result = ZUResource::waitFor(owner, label, timeout, noWaitList);
   if (!result.empty()) return result;
   const bool noWait = std::find(noWaitList.begin(), noWaitList.end(), name) != noWaitList.end();
@@ -67,9 +73,8 @@ std::vector<std::string> ZUResourceFleet::waitFor(boost::shared_ptr<ZUOwner> own
 
 void ZUResourceFleet::switchOwner(boost::shared_ptr<ZUOwner> owner, const std::string& label,
                                   int timeout) {
+  const Clock::time_point deadline = deadlineOf(timeout);
   ZUResource::switchOwner(owner, label, timeout);
-  const Clock::time_point deadline =
-      timeout < 0 ? Clock::time_point::max() : Clock::now() + std::chrono::seconds(timeout);
   acquireFleet(owner, deadline, false);
 }
 
@@ -112,7 +117,7 @@ bool ZUResourceFleet::acquireFleet(const boost::shared_ptr<ZUOwner>& owner,
   if (claim_ == Claim::waiting) {
     lock.unlock();
     abandon(owner);
-    throw waitError("resource wait has timeouted on " + name, __LINE__);
+    throw waitError(contract::waitTimedOut(name), __LINE__);
   }
   claim_ = Claim::waiting;
   token_ = 0;
@@ -150,7 +155,7 @@ bool ZUResourceFleet::acquireFleet(const boost::shared_ptr<ZUOwner>& owner,
     }
     lock.lock();
     if (claim_ == Claim::lost) throw waitError("fleet lease lost: " + lostReason_, __LINE__);
-    if (isFree()) throw waitError("box stop while waiting", __LINE__);
+    if (isFree()) throw waitError(contract::kStopWhileWaiting, __LINE__);
     claim_ = Claim::held;
     token_ = token;
     claimChanged_.notify_all();
@@ -160,7 +165,7 @@ bool ZUResourceFleet::acquireFleet(const boost::shared_ptr<ZUOwner>& owner,
     // this wait ends as a stopped one.
     boost::shared_ptr<ZUOwner> holder = copyOwner();
     if (!holder || (holder->name != owner->name && !holder->isParent(owner)))
-      throw waitError("box stop while waiting", __LINE__);
+      throw waitError(contract::kStopWhileWaiting, __LINE__);
   } catch (...) {
     if (lock.owns_lock()) lock.unlock();
     abandon(owner);
@@ -207,7 +212,7 @@ bool ZUResourceFleet::awaitTurn(std::int64_t lease, std::int64_t token, Clock::t
       std::lock_guard<std::mutex> lock(claimMutex_);
       if (claim_ == Claim::lost) throw waitError("fleet lease lost: " + lostReason_, __LINE__);
     }
-    if (isFree()) throw waitError("box stop while waiting", __LINE__);
+    if (isFree()) throw waitError(contract::kStopWhileWaiting, __LINE__);
     const Clock::time_point now = Clock::now();
     if (now >= deadline) {
       if (unreachable)
@@ -215,7 +220,7 @@ bool ZUResourceFleet::awaitTurn(std::int64_t lease, std::int64_t token, Clock::t
             "ZUResourceFleet", "waitFor",
             "etcd unreachable while waiting for " + name + ": " + unreachable->getDescription(),
             kFile, __LINE__);
-      throw waitError("resource wait has timeouted on " + name, __LINE__);
+      throw waitError(contract::waitTimedOut(name), __LINE__);
     }
     const Clock::time_point until = std::min(deadline, now + kPoll);
     bool deleted = false;

@@ -66,6 +66,7 @@ void ZURecorder::record(const ZUSnapshot& snapshot) {
 void ZURecorder::flush() {
   std::unique_lock<std::mutex> lock(mutex_);
   const std::uint64_t target = queued_;
+  changed_.notify_all();  // a drop alone does not wake the writer
   changed_.wait(lock, [this, target] { return written_ >= target && droppedUnsaid_ == 0; });
 }
 

@@ -42,6 +42,10 @@ ROWS = [
      [{"answer": "group", "first_wait": 0, "would_wait": True}, [("waits", "a", True), ("awaitsActivation", "Stand", False)]]),
     ("state", lambda w: (w.stand.set_state(True), w.stand.wait_for(w.a), w.stand.wait_for(w.b), w.stand.holders,
                          w.stand.release(w.a), w.stand.holders, w.stand.activated), (None, [], [], ["a", "b"], None, ["b"], True)),
+    ("snapshot", lambda w: held(w, w.head, lambda: [(r["name"], r["kind"], r["holders"]) for r in zr.snapshot([w.body])["resources"]],
+                                lambda: zr.snapshot([w.head])["owners"]),
+     [[("Body", "group", []), ("Head", "plain", ["a"]), ("Stand", "state", [])],
+      [{"name": "a", "module": "A", "parent_owners": {}, "release_flag": False}]]),
     ("members keep their class", lambda w: [type(m) for m in w.body.members], [zr.Resource, zr.StateResource]),
     ("context manager releases on an exception", acquired_then_raise, "emptyOwner"),
 ]

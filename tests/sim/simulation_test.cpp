@@ -57,11 +57,12 @@ TEST(Simulation, WaitsAreToldOfTheRequesterNotOfTheModule) {
                                              "y waits for Arm, held by h2"}));
   EXPECT_EQ(run.texts(EventKind::TimedOut).size(), 2u);
   // The chart is drawn from the same events as the log, at the times it prints.
-  for (const Event& e : run.events)
-    if (e.kind == EventKind::Waiting)
-      EXPECT_TRUE(std::any_of(run.record.waits.begin(), run.record.waits.end(), [&](const Span& w) {
-        return w.owner == e.owner && w.resource == e.resource && w.fromMs == e.ms;
-      })) << e.text;
+  for (const Event& e : run.events) {
+    if (e.kind != EventKind::Waiting) continue;
+    EXPECT_TRUE(std::any_of(run.record.waits.begin(), run.record.waits.end(), [&](const Span& w) {
+      return w.owner == e.owner && w.resource == e.resource && w.fromMs == e.ms;
+    })) << e.text;
+  }
 }
 
 // A descendant's later grant of the free resource is no hand-down, though its release hands back.
@@ -221,5 +222,26 @@ TEST(Simulation, ExplainsAStopOfItsOwnAndADeactivationThatStoppedEarly) {
   EXPECT_TRUE(has(run.texts(EventKind::State),
                   "the deactivation of S stopped at q, which had not let go within one polling "
                   "period; r was not told and still holds S"));
+  EXPECT_TRUE(run.record.allHeld());
+}
+
+// The one wait the simulator adds, around calls for an owner that may be handed
+// resources down, is logged with its reason.
+TEST(Simulation, ACallKeptApartFromTheOwnersRunningCallSaysSo) {
+  Played run = play(R"({
+    "resources": [{"name": "Head"}, {"name": "Arm"}],
+    "modules": [{"name": "M", "onResource": "release"}, {"name": "Q", "onResource": "ignore"}],
+    "owners": [{"name": "a", "module": "Q"}, {"name": "a/b", "module": "M"},
+               {"name": "c", "module": "Q"}, {"name": "d", "module": "Q"}],
+    "actions": [
+      {"at": 0, "owner": "c", "do": "waitFor", "resource": "Head"},
+      {"at": 0, "owner": "a/b", "do": "waitFor", "resource": "Arm"},
+      {"at": 100, "owner": "a/b", "do": "waitFor", "resource": "Head", "timeout": 1},
+      {"at": 200, "owner": "d", "do": "waitFor", "resource": "Arm", "timeout": 3}],
+    "expect": [{"owner": "d", "outcome": "granted"}]})");
+  EXPECT_TRUE(has(run.texts(EventKind::Manager),
+                  "a/b's release of Arm waits for a/b's running call: the simulator keeps one "
+                  "owner's calls apart, since a hand-down records the giver where a release reads "
+                  "it"));
   EXPECT_TRUE(run.record.allHeld());
 }

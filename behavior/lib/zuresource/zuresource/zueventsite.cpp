@@ -8,6 +8,7 @@
 #include <zuresource/zueventsite.h>
 #include <zuresource/zuowner.h>
 #include <zuresource/zuresource.h>
+#include <zuresource/zuresourcestate.h>
 #include <zuresource/zustalewaitchecker.h>
 #include <zuresource/zuwaitregistry.h>
 
@@ -43,6 +44,18 @@ void setOwner(std::string& name, std::string& module, const ZUOwner* owner) {
   if (!owner) return;
   name = owner->name;
   module = owner->moduleName;
+}
+
+// Whether `holder` still holds `resource`, by the rules of the stale-wait
+// checker: a plain resource's holder; a state resource's own owner while it is
+// not activated (the waits through waitFor on a state are on that owner). Read
+// without the resource's locks (the holder handle and the state flag are
+// atomic): a poll runs inside the wait, with the holder's conflictMutex held,
+// and must not order the resource's locks after it.
+bool stillHolds(const ZUResource& resource, const ZUOwner& holder) {
+  if (const ZUResourceState* state = dynamic_cast<const ZUResourceState*>(&resource))
+    return holder.name != state->stateOwner->name || !state->state;
+  return resource.currentOwner.load()->name == holder.name;
 }
 
 std::vector<std::uint64_t> cycleKey(const ZUWaitCycle& cycle) {
@@ -163,7 +176,8 @@ WaitingOn::~WaitingOn() {
 
 // --- WaitWatch ---------------------------------------------------------------------
 
-WaitWatch::WaitWatch(std::uint64_t waitId) : waitId_(waitId), resource_(tWaitingOn) {
+WaitWatch::WaitWatch(std::uint64_t waitId, const ZUOwner& holder)
+    : waitId_(waitId), holder_(holder), resource_(tWaitingOn) {
   tWaitingOn = nullptr;  // for this wait only, not for waits it may cause
 }
 
@@ -197,24 +211,29 @@ void WaitWatch::poll() noexcept {
 
     // Gone stale: its holder has not held the resource for a while.
     if (resource_ && !stale_) {
-      if (!checker_) checker_.reset(new ZUStaleWaitChecker);
-      // The resource outlives the wait, which runs inside its waitFor.
-      const boost::shared_ptr<ZUResource> root(resource_, [](ZUResource*) {});
-      for (const ZUStaleWait& s : checker_->check({root})) {
-        if (s.wait.id != waitId_) continue;
-        ZUEvent event = ZUEvent::make(ZUEvent::Kind::StaleWait, s.wait.resource, nullptr);
-        event.owner = s.wait.waiter;
-        event.ownerModule = s.wait.waiterModule;
-        event.holder = s.wait.holder;
-        event.holderModule = s.wait.holderModule;
-        event.since = std::chrono::steady_clock::now() - std::chrono::milliseconds(s.ageMs);
-        event.waits.push_back(s.wait);
-        Reports& r = reports();
-        std::lock_guard<std::mutex> lock(r.mutex);
-        r.stale.emplace(waitId_, event);
-        r.count.fetch_add(1);
+      const std::chrono::steady_clock::time_point now = std::chrono::steady_clock::now();
+      if (stillHolds(*resource_, holder_)) {
+        notHoldingSince_ = std::chrono::steady_clock::time_point();
+      } else if (notHoldingSince_ == std::chrono::steady_clock::time_point()) {
+        notHoldingSince_ = now;
+      } else if (now - notHoldingSince_ >
+                 std::chrono::milliseconds(ZUStaleWaitChecker::kStaleAfterMs)) {
+        for (const ZUWait& wait : waits) {
+          if (wait.id != waitId_) continue;
+          ZUEvent event = ZUEvent::make(ZUEvent::Kind::StaleWait, wait.resource, nullptr);
+          event.owner = wait.waiter;
+          event.ownerModule = wait.waiterModule;
+          event.holder = wait.holder;
+          event.holderModule = wait.holderModule;
+          event.since = notHoldingSince_;
+          event.waits.push_back(wait);
+          Reports& r = reports();
+          std::lock_guard<std::mutex> lock(r.mutex);
+          r.stale.emplace(waitId_, event);
+          r.count.fetch_add(1);
+          found.push_back(std::move(event));
+        }
         stale_ = true;
-        found.push_back(std::move(event));
       }
     }
     for (ZUEvent& event : found) ZUObservers::emit(std::move(event));

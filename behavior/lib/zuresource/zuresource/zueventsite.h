@@ -5,6 +5,7 @@
 // dropped and counted as a failure. Call them only when ZUObservers::active().
 // Not installed: for the library's sources only.
 
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -17,7 +18,6 @@
 namespace ZU {
 
 class ZUResource;
-class ZUStaleWaitChecker;
 
 namespace eventsite {
 
@@ -65,7 +65,8 @@ class WaitingOn {
 /// broken. Lives in the waiting thread, inside the wait's registry record.
 class WaitWatch {
  public:
-  explicit WaitWatch(std::uint64_t waitId);
+  /// Watches the wait `waitId` (0: unrecorded, nothing to watch) on `holder`.
+  WaitWatch(std::uint64_t waitId, const ZUOwner& holder);
   ~WaitWatch();
   WaitWatch(const WaitWatch&) = delete;
   WaitWatch& operator=(const WaitWatch&) = delete;
@@ -75,9 +76,12 @@ class WaitWatch {
 
  private:
   const std::uint64_t waitId_;  // 0 when the wait went unrecorded
+  const ZUOwner& holder_;       // alive: the wait runs inside its conflict()
   ZUResource* resource_;        // from WaitingOn; may be null
-  std::unique_ptr<ZUStaleWaitChecker> checker_;
-  bool stale_ = false;
+  /// When a poll first saw the holder not holding the resource, since the
+  /// last poll that saw it holding; empty while it holds.
+  std::chrono::steady_clock::time_point notHoldingSince_;
+  bool stale_ = false;  // reported
 };
 
 }  // namespace eventsite

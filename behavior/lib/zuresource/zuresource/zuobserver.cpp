@@ -11,15 +11,30 @@ namespace ZU {
 
 namespace {
 
-// One registration. Its mutex guards `inFlight` and `removed`.
+// One registration. A delivery counts itself in `inFlight`, then looks at
+// `removed`; remove() sets `removed`, then looks at `inFlight` (both in the
+// single total order of sequentially consistent operations): either the
+// delivery sees the removal and calls nothing, or remove() sees the call and
+// waits for it. A call that leaves after a removal wakes remove() under
+// `mutex`, which remove() holds while it tests, so no wake-up is lost.
 struct Registration {
   explicit Registration(const boost::shared_ptr<ZUObserver>& o) : observer(o) {}
   boost::shared_ptr<ZUObserver> observer;  // immutable
-  std::mutex mutex;
+  std::atomic<int> inFlight{0};            // atomic: calls running now
+  std::atomic<bool> removed{false};        // atomic: no call starts once set
+  std::mutex mutex;                        // guards nothing; pairs with `idle`
   std::condition_variable idle;
-  int inFlight = 0;      // guarded by mutex: calls running now
-  bool removed = false;  // guarded by mutex: no call starts once set
 };
+
+// Every call that leaves after a removal wakes remove(): one called from
+// inside the observer waits for the count to fall to its own calls, not to 0.
+void leave(Registration& r) {
+  r.inFlight.fetch_sub(1);
+  if (r.removed.load()) {
+    std::lock_guard<std::mutex> lock(r.mutex);
+    r.idle.notify_all();
+  }
+}
 
 using List = std::vector<std::shared_ptr<Registration> >;
 
@@ -50,10 +65,10 @@ void deliver(const ZUEvent& event) noexcept {
     list = all.list;
   }
   for (const std::shared_ptr<Registration>& r : *list) {
-    {
-      std::lock_guard<std::mutex> lock(r->mutex);
-      if (r->removed) continue;
-      ++r->inFlight;
+    r->inFlight.fetch_add(1);
+    if (r->removed.load()) {
+      leave(*r);
+      continue;
     }
     try {
       tDelivering.push_back(r.get());
@@ -66,8 +81,7 @@ void deliver(const ZUEvent& event) noexcept {
     } catch (...) {
       all.failures.fetch_add(1, std::memory_order_relaxed);  // no memory to note the call
     }
-    std::lock_guard<std::mutex> lock(r->mutex);
-    if (--r->inFlight == 0) r->idle.notify_all();
+    leave(*r);
   }
 }
 
@@ -181,9 +195,9 @@ bool ZUObservers::remove(const boost::shared_ptr<ZUObserver>& observer) {
   }
   for (const std::shared_ptr<Registration>& r : gone) {
     const int own = static_cast<int>(std::count(tDelivering.begin(), tDelivering.end(), r.get()));
+    r->removed.store(true);
     std::unique_lock<std::mutex> lock(r->mutex);
-    r->removed = true;
-    r->idle.wait(lock, [&r, own] { return r->inFlight <= own; });
+    r->idle.wait(lock, [&r, own] { return r->inFlight.load() <= own; });
   }
   return true;
 }
@@ -222,7 +236,7 @@ void ZUObservers::noteFailure() noexcept {
 void ZUPendingEvent::set(ZUEvent event) noexcept {
   try {
     ZUObservers::stamp(event);
-    event_.reset(new ZUEvent(std::move(event)));
+    event_.emplace(std::move(event));
   } catch (...) {
     observers().failures.fetch_add(1, std::memory_order_relaxed);
   }

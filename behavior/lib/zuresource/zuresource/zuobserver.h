@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -130,8 +131,8 @@ class ZUObserver {
 ///
 /// Thread safety: thread safe. The list is copied on write: a mutex guards
 /// the current copy, each event takes a reference to it and delivers with no
-/// lock held. Each registration counts the deliveries in flight to it, so
-/// that remove() can wait for them. With no observer registered an event site
+/// lock held. Each registration counts the deliveries in flight to it in an
+/// atomic, so that remove() can wait for them. With no observer registered an event site
 /// costs one relaxed atomic load (active()).
 class ZUObservers {
  public:
@@ -151,7 +152,7 @@ class ZUObservers {
   /// already, then delivers it to every observer in registration order.
   /// Never throws. For code built on the library (a fleet layer emits Lost
   /// this way) as well as the library's own event sites. Takes: the list
-  /// mutex while copying the list; each registration's mutex around a call.
+  /// mutex while copying the list.
   static void emit(ZUEvent event) noexcept;
   /// Sets time, a new sequence number and the calling thread.
   static void stamp(ZUEvent& event);
@@ -187,10 +188,10 @@ class ZUPendingEvent {
   /// event that cannot be kept is dropped and counted as a failure).
   void set(ZUEvent event) noexcept;
   /// The kept event, or null.
-  ZUEvent* get() { return event_.get(); }
+  ZUEvent* get() { return event_ ? &*event_ : nullptr; }
 
  private:
-  std::unique_ptr<ZUEvent> event_;
+  std::optional<ZUEvent> event_;
 };
 
 /// While one lives in a thread, the events that thread emits are kept and

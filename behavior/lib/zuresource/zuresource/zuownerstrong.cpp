@@ -75,7 +75,7 @@ bool ZUOwnerStrong::conflict(const std::string& resourceName, boost::shared_ptr<
   resourceFreed = false;
   const bool stoppedBefore = requester->resourceFreed;
   ZUWaitRegistry::Record recorded(requester, *this, resourceName, timeout);  // until any way out
-  eventsite::WaitWatch watch(recorded.id());  // this wait's own checks, at each poll
+  eventsite::WaitWatch watch(recorded.id(), *this);  // this wait's own checks, at each poll
   if (ZUObservers::active())
     eventsite::waitEvent(ZUEvent::Kind::Waiting, resourceName, *requester, *this, timeoutSeconds);
   const boost::posix_time::ptime start = boost::posix_time::microsec_clock::local_time();

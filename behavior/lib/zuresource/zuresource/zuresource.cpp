@@ -21,20 +21,26 @@ bool isPlaceholder(const ZUOwner& owner) {
 }
 
 // Wakes the passes sleeping on a wait point as it goes out of scope, once
-// armed.
+// armed; with keptBy(), only when the holder is no longer that owner then.
 class WakeOnExit {
  public:
   explicit WakeOnExit(ZUWaitPoint& point) : point_(point) {}
   ~WakeOnExit() {
-    if (armed_) point_.wake();
+    if (armed_ && !(holder_ && holder_->is(*keeper_))) point_.wake();
   }
   WakeOnExit(const WakeOnExit&) = delete;
   WakeOnExit& operator=(const WakeOnExit&) = delete;
   void arm() { armed_ = true; }
+  void keptBy(const ZUHolderHandle& holder, const boost::shared_ptr<ZUOwner>& keeper) {
+    holder_ = &holder;
+    keeper_ = &keeper;
+  }
 
  private:
   ZUWaitPoint& point_;
   bool armed_ = false;
+  const ZUHolderHandle* holder_ = nullptr;
+  const boost::shared_ptr<ZUOwner>* keeper_ = nullptr;
 };
 }  // namespace
 
@@ -146,7 +152,6 @@ std::vector<std::string> ZUResource::waitFor(boost::shared_ptr<ZUOwner> owner,
 
   ZUPendingEvent granted;  // delivered once the locks below are let go
   for (;;) {
-    const unsigned ticket = passEnded.ticket();  // before waitMutex and the holder
     bool busy = false;
     {
       WakeOnExit wake(passEnded);  // destroyed last: after waitMutex is let go
@@ -156,6 +161,7 @@ std::vector<std::string> ZUResource::waitFor(boost::shared_ptr<ZUOwner> owner,
       // Already held by an owner of that name (the very same object, the usual
       // case, is told by address).
       if (currentOwner.is(owner)) {
+        wake.keptBy(currentOwner, owner);  // nothing changed unless it was let go meanwhile
         if (ZUObservers::active())
           eventsite::granted(granted, name, *owner, ZUEvent::Grant::AlreadyHeld, nullptr);
         return std::vector<std::string>();
@@ -195,8 +201,16 @@ std::vector<std::string> ZUResource::waitFor(boost::shared_ptr<ZUOwner> owner,
     }
     if (busy && isFree()) {
       // Free, but another pass holds waitMutex and is the one to take it: wait
-      // until that pass ends or the holder changes, then look again.
-      passEnded.park(ticket, ZUOwnerStrong::kPollPeriodMs);
+      // until that pass ends or the holder changes, then look again; at once
+      // when either happened already.
+      const unsigned ticket = passEnded.ticket();  // then look again
+      if (!isFree()) continue;
+      if (waitMutex->tryLock()) {
+        waitMutex->unlock();
+        passEnded.wake();
+      } else {
+        passEnded.park(ticket, ZUOwnerStrong::kPollPeriodMs);
+      }
     } else {
       // Held by an owner (taken meanwhile, or kept): ask it again at once; its
       // conflict wait is what waits.

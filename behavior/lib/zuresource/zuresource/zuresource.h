@@ -115,7 +115,8 @@ class ZUResource {
   /// it when taken); to take a free resource, currentOwnerMutex (write) and
   /// inside it the owner's ownerMutex. Between passes, a pass that did not get
   /// waitMutex and left the resource free sleeps on passEnded, holding none of
-  /// the resource's locks (see there).
+  /// the resource's locks (see there), after one more try-lock of waitMutex
+  /// (let go at once when taken).
   virtual std::vector<std::string> waitFor(boost::shared_ptr<ZUOwner> owner,
                                            const std::string& label, int timeout,
                                            const std::vector<std::string>& noWaitList);
@@ -193,7 +194,9 @@ class ZUResource {
   /// and instead of retrying at once it sleeps here, holding none of the
   /// resource's locks, until either
   /// - a pass that held waitMutex ends (by any way out, after letting it go:
-  ///   the freed waitMutex may now be taken, or the holder it took asked), or
+  ///   the freed waitMutex may now be taken, or the holder it took asked);
+  ///   a pass that found its owner already holding the resource wakes only
+  ///   when the holder is no longer that owner as it ends, or
   /// - the holder is replaced other than by such a pass or by a release to the
   ///   placeholder (hand-down by a pass without waitMutex, switchOwner, a
   ///   release back to the owner that handed the resource down), or
@@ -202,10 +205,17 @@ class ZUResource {
   ///   as late as a conflict wait sees a release, and a pass goes on retrying
   ///   like before until the waitMutex holder's own time limit or release
   ///   flag ends that holder's pass.
-  /// Each pass takes its ticket before it tries waitMutex and looks at the
-  /// holder, and each of those events wakes after it is done, so an event
-  /// after the look always ends the sleep (see ZUWaitPoint). A release to the
-  /// placeholder wakes nobody: a sleeping pass already saw the resource free.
+  /// No wakeup is lost. A pass about to sleep takes its ticket, then looks
+  /// again: it goes on at once when the resource is no longer free, or when
+  /// it gets waitMutex (which it lets go at once, waking the others).
+  /// Otherwise another pass holds waitMutex and lets go after the ticket was
+  /// taken; every waking event wakes after it is done, so each one after the
+  /// ticket ends the sleep (see ZUWaitPoint). The one waitMutex holder that
+  /// may wake nobody, a pass that found its owner already holding the
+  /// resource, looks after letting go whether the holder is still its owner:
+  /// if so, whatever made that owner the holder again after the sleeper saw
+  /// the resource free has woken the sleeper. A release to the placeholder
+  /// wakes nobody: a sleeping pass already saw the resource free.
   ZUWaitPoint passEnded;
 };
 

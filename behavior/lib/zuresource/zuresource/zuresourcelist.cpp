@@ -103,7 +103,7 @@ std::string ZUResourceList::httpGet(int depth) {
   // open groups instead of recursion: a text built level by level would be
   // copied once more at every level of nesting. Each open group's
   // resourceListMutex is held (read) until its last member is written, as a
-  // nested call would hold it.
+  // nested call would hold it, so that no member is let go during the walk.
   struct Open {
     ZUResourceList* group;
     std::unique_ptr<ZUCriticalSectionRead> lock;

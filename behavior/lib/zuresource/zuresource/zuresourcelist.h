@@ -86,8 +86,10 @@ class ZUResourceList : public ZUResource {
   /// Whether every member is owned by `moduleName` (true when empty).
   /// Takes: resourceListMutex (read).
   bool isResourceOwned(const std::string& moduleName) override;
-  /// The group's own line, then each member's at depth + 1.
-  /// Takes: resourceListMutex (read).
+  /// The group's own line, then each member's at depth + 1, however deep.
+  /// Takes: resourceListMutex (read), and each nested group's while its
+  /// members are written (one per level: more than 64 levels are more than
+  /// the thread sanitizer follows).
   std::string httpGet(int depth) override;
   /// [own value] or [own value, [valid member values...]]; the own value alone
   /// when it is invalid. Takes: resourceListMutex (read).
