@@ -236,7 +236,7 @@ void ZUObservers::noteFailure() noexcept {
 void ZUPendingEvent::set(ZUEvent event) noexcept {
   try {
     ZUObservers::stamp(event);
-    event_.emplace(std::move(event));
+    event_.reset(new ZUEvent(std::move(event)));
   } catch (...) {
     observers().failures.fetch_add(1, std::memory_order_relaxed);
   }

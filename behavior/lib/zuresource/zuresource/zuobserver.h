@@ -4,7 +4,6 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -188,10 +187,13 @@ class ZUPendingEvent {
   /// event that cannot be kept is dropped and counted as a failure).
   void set(ZUEvent event) noexcept;
   /// The kept event, or null.
-  ZUEvent* get() { return event_ ? &*event_ : nullptr; }
+  ZUEvent* get() { return event_.get(); }
 
  private:
-  std::optional<ZUEvent> event_;
+  /// On the heap, and only once an event is kept: the handle alone costs
+  /// nothing on the paths that run with no observer (an inline event would be
+  /// cleared on every call).
+  std::unique_ptr<ZUEvent> event_;
 };
 
 /// While one lives in a thread, the events that thread emits are kept and
