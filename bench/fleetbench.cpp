@@ -80,7 +80,7 @@ ZU::ZUEtcdTraffic traffic(const std::vector<std::unique_ptr<Robot>>& robots) {
 }  // namespace
 
 void addFleetRows(ResultTable& table) {
-  table.addSection("8. Fleet resources on one local etcd (real time)");
+  table.addSection("9. Fleet resources on one local etcd (real time)");
   std::cerr << "fleet: starting etcd..." << std::endl;
   ZU::ZUEtcdServer etcd;
   const std::vector<std::string> endpoints = etcd.endpoints();
