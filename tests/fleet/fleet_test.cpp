@@ -287,6 +287,9 @@ TEST(Fleet, AClusterKeepsServingWithAMemberKilledAndARobotCutOffLosesItsGrant) {
   ASSERT_TRUE(a.take(5).empty());
   Waiter waitB(b, 30);
   ASSERT_TRUE(waitUntil([&] { return b.waiting(); }));
+  // a hears of b's key through member 0 before that member goes; a slow watch
+  // (a sanitizer build) could otherwise miss it.
+  ASSERT_TRUE(waitUntil([&] { return a.module->calls().size() == 1; }));
   etcd.kill(0);
 
   // a gives Lift up once etcd was out of reach for longer than its TTL; the
