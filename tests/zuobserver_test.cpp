@@ -1,9 +1,11 @@
 // Observers: the decisions each scenario reports, and the observer's own
 // contract (no lock held, exceptions contained, removal while events flow).
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -151,6 +153,9 @@ const Scenario kScenarios[] = {
        auto a = makeOwner("a", "A");
        waitAsync(threads, s, a, -1);
        ASSERT_TRUE(waitUntil([&] { return waiting(*s->stateOwner); }));
+       // The waiter lists itself a moment before it reports its wait; a slow
+       // machine (qemu) could otherwise see the activation reported first.
+       std::this_thread::sleep_for(std::chrono::milliseconds(200));
        s->setState(true);
        ASSERT_TRUE(threads.back()->joinFor(5000));
        s->setState(false);
