@@ -4,6 +4,16 @@ and an in-process broker whose modules are told "__onResource__"."""
 from types import TracebackType
 from typing import Any, Callable, Dict, List, Optional, Protocol, Sequence, Type, Union
 
+PLACEHOLDER: str
+"""The holder's name of a free resource ("emptyOwner")."""
+WAIT_ERROR_MODULE: str
+WAIT_ERROR_METHOD: str
+"""The module and method of the errors that end a wait."""
+STOP_WHILE_WAITING: str
+"""The description of a wait ended because its owner was released meanwhile."""
+WAIT_TIMED_OUT_PREFIX: str
+"""The description of a wait past its time limit: this, then the resource's name."""
+
 class Error(Exception):
     """An error of the library or the host layer. str() is the library's own
     text; `module`, `method` and `description` are its parts."""

@@ -21,6 +21,7 @@
 #include <zuhost/zuerror.h>
 #include <zuhost/zuvalue.h>
 
+#include <zuresource/zucontract.h>
 #include <zuresource/zuexplain.h>
 #include <zuresource/zuobserver.h>
 #include <zuresource/zuownerstrong.h>
@@ -174,6 +175,12 @@ PYBIND11_MODULE(zuresource, m) {
       "Raised by `with resource.acquired(...)` when some resources were not\n"
       "obtained (they were on the no-wait list); `names` lists them.",
       errorType, nullptr);
+  // The texts callers compare against, as the library names them.
+  m.attr("PLACEHOLDER") = ZU::contract::kPlaceholderName;
+  m.attr("WAIT_ERROR_MODULE") = ZU::contract::kWaitErrorModule;
+  m.attr("WAIT_ERROR_METHOD") = ZU::contract::kWaitErrorMethod;
+  m.attr("STOP_WHILE_WAITING") = ZU::contract::kStopWhileWaiting;
+  m.attr("WAIT_TIMED_OUT_PREFIX") = ZU::contract::kWaitTimedOutPrefix;
   m.add_object("Error", py::handle(errorType));
   m.add_object("NotObtained", py::handle(notObtainedType));
   py::register_exception_translator([](std::exception_ptr p) {

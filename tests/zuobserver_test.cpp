@@ -14,6 +14,7 @@
 #include <zuresource/zusnapshot.h>
 
 #include "support/guardedthread.h"
+#include "support/observed.h"
 #include "support/resourcehelpers.h"
 
 namespace {
@@ -25,51 +26,25 @@ using zutest::makeOwner;
 using zutest::makePlain;
 using zutest::waitUntil;
 
-/// Keeps every event it receives.
-class Recording : public ZU::ZUObserver {
- public:
-  void onEvent(const ZUEvent& event) override {
-    std::lock_guard<std::mutex> lock(mutex_);
-    events_.push_back(event);
-  }
-  std::vector<ZUEvent> events() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return events_;
-  }
-  /// "kind owner resource [detail]" of each event but Requested, in sequence
-  /// order; detail: the grant, the cause, the holder waited on or the parent.
-  std::vector<std::string> decisions() const {
-    std::vector<ZUEvent> all = events();
-    std::sort(all.begin(), all.end(),
-              [](const ZUEvent& a, const ZUEvent& b) { return a.sequence < b.sequence; });
-    std::vector<std::string> lines;
-    for (const ZUEvent& e : all) {
-      if (e.kind == Kind::Requested) continue;
-      std::string line = std::string(ZU::kindName(e.kind)) + " " + e.owner + " " + e.resource;
-      if (e.kind == Kind::Granted) line += std::string(" ") + ZU::grantName(e.grant);
-      if (e.kind == Kind::Stopped) line += std::string(" ") + ZU::causeName(e.cause);
-      if (!e.parent.empty()) line += " " + e.parent;
-      if (e.kind == Kind::Waiting || e.kind == Kind::NotObtained) line += " " + e.holder;
-      if (e.kind == Kind::DeadlockFormed || e.kind == Kind::DeadlockBroken)
-        line += " " + std::to_string(e.waits.size());
-      lines.push_back(line);
-    }
-    return lines;
-  }
+using Recording = zutest::Observed<zutest::EventKeeper>;
 
- private:
-  mutable std::mutex mutex_;
-  std::vector<ZUEvent> events_;
-};
-
-/// Registers an observer for the life of the object.
-struct Registered {
-  explicit Registered(boost::shared_ptr<ZU::ZUObserver> o) : observer(std::move(o)) {
-    ZU::ZUObservers::add(observer);
+/// "kind owner resource [detail]" of each event but Requested, in sequence
+/// order; detail: the grant, the cause, the holder waited on or the parent.
+std::vector<std::string> decisions(const std::vector<ZUEvent>& events) {
+  std::vector<std::string> lines;
+  for (const ZUEvent& e : events) {
+    if (e.kind == Kind::Requested) continue;
+    std::string line = std::string(ZU::kindName(e.kind)) + " " + e.owner + " " + e.resource;
+    if (e.kind == Kind::Granted) line += std::string(" ") + ZU::grantName(e.grant);
+    if (e.kind == Kind::Stopped) line += std::string(" ") + ZU::causeName(e.cause);
+    if (!e.parent.empty()) line += " " + e.parent;
+    if (e.kind == Kind::Waiting || e.kind == Kind::NotObtained) line += " " + e.holder;
+    if (e.kind == Kind::DeadlockFormed || e.kind == Kind::DeadlockBroken)
+      line += " " + std::to_string(e.waits.size());
+    lines.push_back(line);
   }
-  ~Registered() { ZU::ZUObservers::remove(observer); }
-  boost::shared_ptr<ZU::ZUObserver> observer;
-};
+  return lines;
+}
 
 const std::vector<std::string> kAll;  // the no-wait list that waits for everything
 
@@ -208,11 +183,10 @@ void PrintTo(const Scenario& scenario, std::ostream* out) { *out << scenario.nam
 class Decisions : public ::testing::TestWithParam<Scenario> {};
 
 TEST_P(Decisions, AreReportedInOrder) {
-  auto recording = boost::make_shared<Recording>();
-  Registered registered(recording);
+  Recording recording;
   std::vector<std::unique_ptr<GuardedThread>> threads;
   GetParam().run(threads);
-  EXPECT_EQ(recording->decisions(), GetParam().decisions);
+  EXPECT_EQ(decisions(recording->events()), GetParam().decisions);
   for (const ZUEvent& e : recording->events()) {
     EXPECT_NE(e.sequence, 0u);
     EXPECT_NE(e.thread, std::thread::id());
@@ -252,9 +226,8 @@ TEST(ObserverContract, CallsBackIntoTheLibraryWithoutDeadlock) {
   auto arm = makePlain("Arm");
   auto standing = boost::make_shared<ZU::ZUResourceState>("Standing", nullptr);
   auto body = zutest::makeGroup("Body", {arm, standing});
-  auto observer = boost::make_shared<CallsBack>(
+  zutest::Observed<CallsBack> observer(
       std::vector<boost::shared_ptr<ZU::ZUResource>>{body, arm, standing});
-  Registered registered(observer);
   GuardedThread run([&] {
     auto a = makeOwner("a", "A"), child = makeOwner("a/x", "X");
     standing->setState(true);
@@ -274,17 +247,16 @@ class Throws : public ZU::ZUObserver {
 };
 
 TEST(ObserverContract, ExceptionsAreCountedAndChangeNothing) {
-  auto thrower = boost::make_shared<Throws>();
-  auto recording = boost::make_shared<Recording>();
-  Registered first(thrower), second(recording);
   const std::uint64_t before = ZU::ZUObservers::failures();
+  zutest::Observed<Throws> first;
+  Recording second;  // registered after the one that throws
   auto r = makePlain("Arm");
   auto a = makeOwner("a", "A"), b = makeOwner("b", "B");
   EXPECT_TRUE(r->waitFor(a, "", -1, kAll).empty());
   EXPECT_EQ(r->waitFor(b, "", -1, {"Arm"}), std::vector<std::string>{"Arm"});
   r->release(a);
   EXPECT_TRUE(r->isResourceFree());
-  const std::size_t delivered = recording->events().size();
+  const std::size_t delivered = second->events().size();
   EXPECT_EQ(delivered, 5u);  // the later observer still gets every event
   EXPECT_EQ(ZU::ZUObservers::failures() - before, delivered);
 }

@@ -47,7 +47,7 @@ ROWS = [
      [[("Body", "group", []), ("Head", "plain", ["a"]), ("Stand", "state", [])],
       [{"name": "a", "module": "A", "parent_owners": {}, "release_flag": False}]]),
     ("members keep their class", lambda w: [type(m) for m in w.body.members], [zr.Resource, zr.StateResource]),
-    ("context manager releases on an exception", acquired_then_raise, "emptyOwner"),
+    ("context manager releases on an exception", acquired_then_raise, zr.PLACEHOLDER),
 ]
 
 
@@ -59,9 +59,9 @@ def test_call(w, call, expected):
 ERRORS = [
     ("empty owner", lambda w: w.head.wait_for(None), ("ZUResource", "waitFor", "empty owner handle")),
     ("time limit", lambda w: held(w, w.head, lambda: w.head.wait_for(w.b, timeout=0)),
-     ("ResourceManager", "waitResource", "resource wait has timeouted on Head")),
+     (zr.WAIT_ERROR_MODULE, zr.WAIT_ERROR_METHOD, zr.WAIT_TIMED_OUT_PREFIX + "Head")),
     ("stopped requester", lambda w: held(w, w.head, w.b.free_resource, lambda: w.head.wait_for(w.b, timeout=5)),
-     ("ResourceManager", "waitResource", "box stop while waiting")),
+     (zr.WAIT_ERROR_MODULE, zr.WAIT_ERROR_METHOD, zr.STOP_WHILE_WAITING)),
     ("unknown member", lambda w: w.body.delete_resource("Leg"), ("ZUResourceList", "deleteResource", "Resource not found Leg")),
 ]
 
@@ -80,4 +80,4 @@ def test_not_obtained_gives_everything_back(w):
     with pytest.raises(zr.NotObtained) as raised, zr.Group("Both", [w.head, w.arm]).acquired(w.a, no_wait=["Arm"]):
         pytest.fail("the body ran without the arm")
     assert raised.value.names == ["Arm"] and isinstance(raised.value, zr.Error)
-    assert (w.head.holder, w.arm.holder) == ("emptyOwner", "b")
+    assert (w.head.holder, w.arm.holder) == (zr.PLACEHOLDER, "b")

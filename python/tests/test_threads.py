@@ -39,7 +39,7 @@ def test_a_wait_lets_python_run_and_ends_at_its_limit():
     # The registry lists a wait only while it runs: seeing it, this thread ran meanwhile.
     until(lambda: [(x["waiter"], x["holder"], x["resource"]) for x in zr.waits()] == [("b", "a", "Head")])
     thread.join()
-    assert out == {"error": "resource wait has timeouted on Head"} and 1.0 <= time.monotonic() - started < 3
+    assert out == {"error": zr.WAIT_TIMED_OUT_PREFIX + "Head"} and 1.0 <= time.monotonic() - started < 3
 
 
 def test_a_handler_that_raises_is_reported_and_the_module_goes_on(monkeypatch):

@@ -6,7 +6,6 @@
 #include <csignal>
 #include <cstdio>
 #include <memory>
-#include <mutex>
 
 #include <boost/make_shared.hpp>
 #include <gtest/gtest.h>
@@ -14,12 +13,13 @@
 #include <sys/socket.h>
 #include <sys/wait.h>
 
-#include <zuresource/zuobserver.h>
+#include <zuresource/zucontract.h>
 
 #include <zufleet/zuetcdserver.h>
 #include <zufleet/zuresourcefleet.h>
 
 #include "support/guardedthread.h"
+#include "support/observed.h"
 #include "support/recordingmodule.h"
 #include "support/resourcehelpers.h"
 #include "support/stopwatch.h"
@@ -63,26 +63,21 @@ struct Robot {
   bool holds() { return lift->fencingToken() != 0; }
 };
 
-/// Keeps the Lost events of the process while it is registered.
-struct LossRecorder : ZU::ZUObserver {
-  std::mutex mutex;
-  std::vector<ZU::ZUEvent> losses;
-  void onEvent(const ZU::ZUEvent& event) override {
-    std::lock_guard<std::mutex> lock(mutex);
-    if (event.kind == ZU::ZUEvent::Kind::Lost) losses.push_back(event);
-  }
-  std::vector<ZU::ZUEvent> copy() {
-    std::lock_guard<std::mutex> lock(mutex);
-    return losses;
-  }
-};
+using ObservedLosses = zutest::Observed<zutest::EventKeeper>;
 
-/// Registers a LossRecorder for the scope.
-struct ObservedLosses {
-  boost::shared_ptr<LossRecorder> recorder = boost::make_shared<LossRecorder>();
-  ObservedLosses() { ZU::ZUObservers::add(recorder); }
-  ~ObservedLosses() { ZU::ZUObservers::remove(recorder); }
-};
+/// Whether exactly one Lost event was seen, of robot `owner`'s Lift, with a
+/// reason that starts with `reason`.
+::testing::AssertionResult lostOnce(const ObservedLosses& observed, const std::string& owner,
+                                    const std::string& reason) {
+  const auto lost = [&] { return observed->events(ZU::ZUEvent::Kind::Lost); };
+  if (!waitUntil([&] { return !lost().empty(); })) return ::testing::AssertionFailure() << "none";
+  const std::vector<ZU::ZUEvent> losses = lost();
+  if (losses.size() != 1 || losses[0].owner != owner || losses[0].resource != "Lift" ||
+      losses[0].reason.rfind(reason, 0) != 0)
+    return ::testing::AssertionFailure() << losses.size() << " losses, the first of "
+                                         << losses[0].owner << ": " << losses[0].reason;
+  return ::testing::AssertionSuccess();
+}
 
 /// Runs `take(timeout)` of a robot in a thread of its own.
 struct Waiter {
@@ -152,9 +147,9 @@ TEST(Fleet, FailedWaitsEndLikePlainWaitsAndLeaveNothingBehind) {
   };
   const long late = zutest::lateToleranceMs();
   const Row rows[] = {
-      {"time limit", b, 1, {}, false, "resource wait has timeouted on Lift", 1000, 1000 + late},
+      {"time limit", b, 1, {}, false, ZU::contract::waitTimedOut("Lift"), 1000, 1000 + late},
       {"no-wait list", b, 5, {"Lift"}, false, "", 0, late},
-      {"stopped", b, 10, {}, true, "box stop while waiting", 500, 500 + kPollMs + late},
+      {"stopped", b, 10, {}, true, ZU::contract::kStopWhileWaiting, 500, 500 + kPollMs + late},
       {"connection refused", nowhere, 5, {}, false, "etcd unreachable", 0, late},
       // Each call to etcd waits up to its own time limit.
       {"no answer",
@@ -215,7 +210,7 @@ TEST(Fleet, AnOwnerReleasedWhileItsRobotWaitsLeavesTheGrantToTheLocalOwnerThatTo
   a.release();
   ASSERT_TRUE(waitX.thread.joinFor(10000) && waitY.joinFor(10000));
   ASSERT_TRUE(waitX.error);
-  EXPECT_EQ(waitX.error->getDescription(), "box stop while waiting");
+  EXPECT_EQ(waitX.error->getDescription(), ZU::contract::kStopWhileWaiting);
   EXPECT_FALSE(errorY);
   EXPECT_TRUE(b.lift->isResourceOwned("yModule"));
   EXPECT_TRUE(b.holds());
@@ -275,7 +270,7 @@ TEST(Fleet, WaitsOutlastAnEtcdRestartAndNewWaitsFailAtOnceWhileItIsDown) {
   ASSERT_TRUE(waitB.thread.joinFor(20000));
   EXPECT_FALSE(waitB.error) << waitB.error->toString();
   EXPECT_TRUE(b.holds());
-  EXPECT_TRUE(observed.recorder->copy().empty());
+  EXPECT_TRUE(observed->events(ZU::ZUEvent::Kind::Lost).empty());
 }
 
 TEST(Fleet, AClusterKeepsServingWithAMemberKilledAndARobotCutOffLosesItsGrant) {
@@ -296,13 +291,7 @@ TEST(Fleet, AClusterKeepsServingWithAMemberKilledAndARobotCutOffLosesItsGrant) {
   // cluster expires a's lease, and b is served.
   ASSERT_TRUE(waitB.thread.joinFor(20000));
   EXPECT_FALSE(waitB.error) << waitB.error->toString();
-  ASSERT_TRUE(waitUntil([&] { return !observed.recorder->copy().empty(); }));
-  const std::vector<ZU::ZUEvent> losses = observed.recorder->copy();
-  ASSERT_EQ(losses.size(), 1u);
-  EXPECT_EQ(losses[0].owner, "a");
-  EXPECT_EQ(losses[0].reason.rfind("etcd unreachable for longer than the lease's TTL of 2 s", 0),
-            0u)
-      << losses[0].reason;
+  EXPECT_TRUE(lostOnce(observed, "a", "etcd unreachable for longer than the lease's TTL of 2 s"));
   EXPECT_TRUE(a.lift->isResourceFree());
   // Told as b queued, then as it lost Lift.
   EXPECT_TRUE(waitUntil([&] { return a.module->calls().size() == 2; }));
@@ -320,12 +309,7 @@ TEST(Fleet, ALostLeaseReleasesTheHolderAndTellsItsModuleAndTheObservers) {
   ASSERT_TRUE(waitUntil([&] { return a.lift->isResourceFree(); }));
   EXPECT_EQ(a.lift->fencingToken(), 0);
   EXPECT_TRUE(waitUntil([&] { return a.module->calls() == std::vector<std::string>{"Lift"}; }));
-  ASSERT_TRUE(waitUntil([&] { return !observed.recorder->copy().empty(); }));
-  const std::vector<ZU::ZUEvent> losses = observed.recorder->copy();
-  ASSERT_EQ(losses.size(), 1u);
-  EXPECT_EQ(losses[0].resource, "Lift");
-  EXPECT_EQ(losses[0].owner, "a");
-  EXPECT_EQ(losses[0].reason, "lease expired");
+  EXPECT_TRUE(lostOnce(observed, "a", "lease expired"));
   EXPECT_TRUE(b.take(5).empty());
   EXPECT_TRUE(a.take(0, {"Lift"}) == std::vector<std::string>{"Lift"});
 }
