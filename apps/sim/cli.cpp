@@ -79,6 +79,17 @@ const std::vector<OptionEntry>& optionTable() {
        "with --replay: write the recording as a scenario, with expectations from the recorded "
        "outcomes",
        [](Options& o, const std::string& v) { o.toScenario = v; }},
+      {"--etcd", "URL[,URL]...", "a local etcd, started for scenarios with fleet resources",
+       "play fleet resources on the etcd cluster at these client URLs (http://host:port; "
+       "repeatable); each run keeps its keys under a prefix of its own",
+       [](Options& o, const std::string& v) {
+         std::istringstream urls(v);
+         for (std::string url; std::getline(urls, url, ',');) {
+           if (url.compare(0, 7, "http://") != 0 || url.size() == 7)
+             throw CommandLineError("--etcd needs http://host:port URLs, not \"" + url + "\"");
+           o.etcd.push_back(url);
+         }
+       }},
       {"--serve", "PORT", "off",
        "serve the live status page on http://127.0.0.1:PORT/ while the scenario runs (PORT 0: "
        "any free port, printed at the start; one scenario)",

@@ -30,7 +30,8 @@ struct Options {
   std::string record;
   std::string replay;  // a recording to replay instead of scenarios
   std::string toScenario;
-  int port = -1;  // negative: no live page
+  std::vector<std::string> etcd;  // the fleet's etcd client URLs; empty: the simulator's own
+  int port = -1;                  // negative: no live page
   int lingerSeconds = 0;
   bool quiet = false;
   bool strict = false;

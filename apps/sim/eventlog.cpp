@@ -43,6 +43,8 @@ const char* kindName(EventKind kind) {
       return "deadlock";
     case EventKind::StaleWait:
       return "stale wait";
+    case EventKind::Lost:
+      return "lost";
   }
   return "?";
 }

@@ -26,7 +26,8 @@ enum class EventKind {
   State,
   Manager,
   Deadlock,
-  StaleWait
+  StaleWait,
+  Lost
 };
 
 /// The short name of a kind, as the report's marks and legend show it.

@@ -133,14 +133,31 @@ int runOne(const std::string& path, const zusim::Options& options, zusim::SuiteR
           << scenario.expectations.size() << " expectations: accepted" << std::endl;
     return ExitStatus::kAllHeld;
   }
+  if (!scenario.robots.empty() && !options.record.empty()) {
+    suite.refused = scenario.file + ": --record does not record scenarios with robots";
+    std::cerr << "zuresource-sim: " << suite.refused << std::endl;
+    return ExitStatus::kRefused;
+  }
+  zusim::EventLog log(options.quiet ? nullptr : text);
+  std::unique_ptr<zusim::Simulation> made;
+  try {
+    made = std::make_unique<zusim::Simulation>(scenario, log, options.etcd);
+  } catch (const zusim::ScenarioError& e) {
+    suite.refused = e.what();
+  } catch (const ZU::ZUError& e) {
+    suite.refused = scenario.file + ": " + e.getDescription();
+  }
+  if (!made) {
+    std::cerr << "zuresource-sim: " << suite.refused << std::endl;
+    return ExitStatus::kRefused;
+  }
   if (!options.quiet) {
     *text << "Scenario: " << zusim::escapeControls(scenario.title, false)
           << (scenario.title == scenario.file ? "" : " (" + scenario.file + ")") << std::endl;
     if (!scenario.description.empty())
       *text << zusim::escapeControls(scenario.description, false) << std::endl;
   }
-  zusim::EventLog log(options.quiet ? nullptr : text);
-  zusim::Simulation simulation(scenario, log);
+  zusim::Simulation& simulation = *made;
   std::unique_ptr<zusim::LiveServer> server;
   auto feed = boost::make_shared<zusim::LiveFeed>();
   if (options.port >= 0) {

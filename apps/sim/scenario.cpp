@@ -30,6 +30,7 @@ class Entry {
     throw ScenarioError(file_ + ": " + where_ + ": " + what);
   }
   const std::string& where() const { return where_; }
+  const json& value() const { return value_; }
 
   /// Refuses any field not in `known`, so that a misspelt field is not
   /// silently ignored.
@@ -69,11 +70,12 @@ class Entry {
     const json& v = value_.at(key);
     // The reader keeps an integer of 0 or more unsigned, a negative one
     // signed, and one too large for either as a float.
-    bool inRange = v.is_number_unsigned()
-                       ? v.get<std::uint64_t>() <= static_cast<std::uint64_t>(most) && least <= 0
-                   : v.is_number_integer()
-                       ? v.get<std::int64_t>() >= least && v.get<std::int64_t>() <= most
-                       : false;
+    bool inRange =
+        v.is_number_unsigned()
+            ? v.get<std::uint64_t>() <= static_cast<std::uint64_t>(most) &&
+                  (least <= 0 || v.get<std::uint64_t>() >= static_cast<std::uint64_t>(least))
+        : v.is_number_integer() ? v.get<std::int64_t>() >= least && v.get<std::int64_t>() <= most
+                                : false;
     if (!inRange)
       fail(std::string("\"") + key + "\" must be an integer from " + std::to_string(least) +
            " to " + std::to_string(most) + ", not " + v.dump());
@@ -119,13 +121,28 @@ class Entry {
 };
 
 /// Calls `each` with an Entry for every element of the array `key` of `top`.
+/// `within` names `top` in messages ("robots[1]."), empty for the whole.
 void forEach(const json& top, const char* key, const std::string& file,
-             const std::function<void(const Entry&)>& each) {
+             const std::function<void(const Entry&)>& each, const std::string& within = "") {
   if (!top.contains(key)) return;
   const json& list = top.at(key);
-  if (!list.is_array()) throw ScenarioError(file + ": \"" + key + "\" must be an array");
+  if (!list.is_array())
+    throw ScenarioError(file + ": " + within + "\"" + key + "\" must be an array");
   for (std::size_t i = 0; i < list.size(); ++i)
-    each(Entry(list[i], file, std::string(key) + "[" + std::to_string(i) + "]"));
+    each(Entry(list[i], file, within + key + "[" + std::to_string(i) + "]"));
+}
+
+std::string qualified(const Scenario& s, int robot, const std::string& name) {
+  return robot < 0 ? name : s.robots[robot].name + kRobotSeparator + name;
+}
+
+/// A name of a robot's entry: no separator in it, so that "robot/name" reads one way.
+std::string localName(const Entry& e, const char* key, const char* what, int robot) {
+  std::string n = e.name(key, what);
+  if (robot >= 0 && n.find(kRobotSeparator) != std::string::npos)
+    e.fail(std::string("a robot's ") + what + " name has no \"" + kRobotSeparator +
+           "\": " + quoteName(n));
+  return n;
 }
 
 /// Appends `item` to `items` and indexes it by name; refuses a name declared
@@ -138,35 +155,43 @@ void declare(const Entry& e, const char* what, T item, std::vector<T>& items,
   items.push_back(std::move(item));
 }
 
-void parseResource(const Entry& e, Scenario& s) {
+void parseResource(const Entry& e, Scenario& s, int robot) {
   e.allow({"name", "kind", "activated", "members"});
   ResourceEntry r;
-  r.name = e.name("name", "resource");
+  r.robot = robot;
+  r.libraryName = localName(e, "name", "resource", robot);
+  r.name = qualified(s, robot, r.libraryName);
   std::string kind = e.text("kind", "plain", false);
   if (kind == "plain") {
     r.kind = ResourceKind::Plain;
+  } else if (kind == "fleet") {
+    if (robot < 0) e.fail("a fleet resource is shared by robots: declare it in \"robots\"");
+    r.fleet = true;
   } else if (kind == "state") {
     r.kind = ResourceKind::State;
     if (e.has("activated")) r.activated = e.boolean("activated");
   } else if (kind == "group") {
     r.kind = ResourceKind::Group;
     r.members = e.texts("members");
+    for (std::string& m : r.members) m = qualified(s, robot, m);
     std::unordered_set<std::string> listed;
     for (const std::string& m : r.members)
       if (!listed.insert(m).second) e.fail("group lists " + quoteName(m) + " twice");
   } else {
-    e.fail("unknown kind " + quoteName(kind) + " (plain, state or group)");
+    e.fail("unknown kind " + quoteName(kind) + " (plain, state, group or fleet)");
   }
+  if (!r.fleet) r.libraryName = r.name;
   if (r.kind != ResourceKind::Group && e.has("members")) e.fail("only a group has \"members\"");
   if (r.kind != ResourceKind::State && e.has("activated"))
     e.fail("only a state resource has \"activated\"");
   declare(e, "resource", std::move(r), s.resources, s.resourceIndex);
 }
 
-void parseModule(const Entry& e, Scenario& s) {
+void parseModule(const Entry& e, Scenario& s, int robot) {
   e.allow({"name", "onResource", "delay"});
   ModuleEntry m;
   m.name = e.name("name", "module");
+  m.robot = robot;
   std::string answer = e.text("onResource", "release", false);
   if (answer == "release") {
     m.releases = true;
@@ -179,13 +204,16 @@ void parseModule(const Entry& e, Scenario& s) {
   declare(e, "module", std::move(m), s.modules, s.moduleIndex);
 }
 
-void parseOwner(const Entry& e, Scenario& s) {
+void parseOwner(const Entry& e, Scenario& s, int robot) {
   e.allow({"name", "module"});
   OwnerEntry o;
   o.name = e.name("name", "owner");
   o.module = e.text("module");
+  o.robot = robot;
   if (o.name == "emptyOwner") e.fail("\"emptyOwner\" is the placeholder's name");
   if (!s.findModule(o.module)) e.fail("unknown module " + quoteName(o.module));
+  if (s.findModule(o.module)->robot != robot)
+    e.fail("module " + quoteName(o.module) + " belongs to another robot");
   declare(e, "owner", std::move(o), s.owners, s.ownerIndex);
 }
 
@@ -199,25 +227,97 @@ void knownOwner(const Entry& e, const Scenario& s, const std::string& name) {
   if (!s.findOwner(name)) e.fail("unknown owner " + quoteName(name));
 }
 
+int knownRobot(const Entry& e, const Scenario& s, const std::string& name) {
+  for (std::size_t i = 0; i < s.robots.size(); ++i)
+    if (s.robots[i].name == name) return static_cast<int>(i);
+  e.fail("unknown robot " + quoteName(name));
+}
+
+/// The robot an entry speaks of: its "robot", else that of its "owner" or
+/// "module", else -1 (any).
+int robotOf(const Entry& e, const Scenario& s) {
+  const json& value = e.value();
+  if (e.has("robot")) return knownRobot(e, s, e.text("robot"));
+  auto of = [&](const char* key, auto find) {
+    const json* v = value.contains(key) ? &value.at(key) : nullptr;
+    auto* found = v && v->is_string() ? (s.*find)(v->get<std::string>()) : nullptr;
+    return found ? found->robot : -1;
+  };
+  int robot = of("owner", &Scenario::findOwner);
+  return robot >= 0 ? robot : of("module", &Scenario::findModule);
+}
+
+/// The resource an entry names: in a scenario with robots, `name` of the
+/// entry's robot, or of the one robot that has a resource so named; a name
+/// "robot/name" always does.
+const ResourceEntry& resolve(const Entry& e, const Scenario& s, const std::string& name,
+                             int robot) {
+  if (s.robots.empty() || s.findResource(name)) return knownResource(e, s, name);
+  if (robot >= 0) return knownResource(e, s, qualified(s, robot, name));
+  const ResourceEntry* found = nullptr;
+  for (std::size_t i = 0; i < s.robots.size(); ++i)
+    if (const ResourceEntry* r = s.findResource(qualified(s, static_cast<int>(i), name))) {
+      if (found)
+        e.fail("robots " + quoteName(s.robots[found->robot].name) + " and " +
+               quoteName(s.robots[i].name) + " both have " + quoteName(name) +
+               ": say which with \"robot\"");
+      found = r;
+    }
+  if (!found) e.fail("unknown resource " + quoteName(name));
+  return *found;
+}
+
+/// kill, cutOff and restartEtcd: the manager's actions on robots and etcd.
+/// Returns false when `what` is none of them.
+bool parseFleetAction(const Entry& e, Scenario& s, const std::string& what, ActionEntry a) {
+  bool restart = what == "restartEtcd";
+  if (!restart && what != "kill" && what != "cutOff") return false;
+  for (const char* key : {"owner", "resource", "label", "timeout", "noWait", "activated"})
+    if (e.has(key)) e.fail("\"" + what + "\" takes no \"" + key + "\"");
+  if (what != "cutOff" && e.has("durationMs")) e.fail("only \"cutOff\" takes \"durationMs\"");
+  if (!restart && e.has("downMs")) e.fail("only \"restartEtcd\" takes \"downMs\"");
+  if (restart && e.has("robot")) e.fail("\"restartEtcd\" takes no \"robot\"");
+  if (restart && !s.hasFleet()) e.fail("\"restartEtcd\" needs a fleet resource");
+  if (!restart) a.robot = knownRobot(e, s, e.text("robot"));
+  a.kind = restart ? ActionKind::EtcdDown : what == "kill" ? ActionKind::Kill : ActionKind::CutOff;
+  s.actions.push_back(a);
+  if (a.kind == ActionKind::Kill) return true;
+  // The way back is an action of its own, at its time.
+  a.kind = restart ? ActionKind::EtcdUp : ActionKind::Reconnect;
+  a.atMs += restart ? e.time("downMs", 0) : e.integer("durationMs", 0, 1, kMaxMs, true);
+  s.actions.push_back(a);
+  return true;
+}
+
 void parseAction(const Entry& e, Scenario& s) {
   static const std::pair<const char*, ActionKind> kKinds[] = {
       {"waitFor", ActionKind::WaitFor},           {"release", ActionKind::Release},
       {"switchOwner", ActionKind::SwitchOwner},   {"setState", ActionKind::SetState},
       {"releaseState", ActionKind::ReleaseState}, {"stop", ActionKind::Stop}};
-  e.allow({"at", "do", "owner", "resource", "label", "timeout", "noWait", "activated"});
+  e.allow({"at", "do", "owner", "resource", "label", "timeout", "noWait", "activated", "robot",
+           "durationMs", "downMs"});
   ActionEntry a;
   a.entry = e.where();
   a.atMs = e.time("at", 0, true);
   std::string what = e.text("do");
+  if (parseFleetAction(e, s, what, a)) return;
+  if (e.has("durationMs") || e.has("downMs"))
+    e.fail("only \"cutOff\" and \"restartEtcd\" take \"durationMs\" and \"downMs\"");
   auto kind =
       std::find_if(std::begin(kKinds), std::end(kKinds),
                    [&](const std::pair<const char*, ActionKind>& k) { return what == k.first; });
   if (kind == std::end(kKinds))
     e.fail("unknown action " + quoteName(what) +
-           " (waitFor, release, switchOwner, setState, releaseState, stop)");
+           " (waitFor, release, switchOwner, setState, releaseState, stop, kill, cutOff, "
+           "restartEtcd)");
   a.kind = kind->second;
-  a.resource = e.text("resource");
-  const ResourceEntry& r = knownResource(e, s, a.resource);
+  int robot = robotOf(e, s);
+  if (e.has("robot") && e.has("owner") && s.findOwner(e.text("owner")) &&
+      s.findOwner(e.text("owner"))->robot != robot)
+    e.fail("owner " + quoteName(e.text("owner")) + " is not of robot " +
+           quoteName(e.text("robot")));
+  const ResourceEntry& r = resolve(e, s, e.text("resource"), robot);
+  a.resource = r.name;
   bool managerAction = a.kind == ActionKind::SetState || a.kind == ActionKind::ReleaseState;
   if (managerAction) {
     if (e.has("owner")) e.fail("\"" + what + "\" is the manager's; it has no \"owner\"");
@@ -238,13 +338,13 @@ void parseAction(const Entry& e, Scenario& s) {
   a.label = e.optionalText("label");
   a.timeout = static_cast<int>(e.integer("timeout", -1, -1, kMaxTimeoutSeconds));
   a.noWait = e.texts("noWait");
-  for (const std::string& n : a.noWait) knownResource(e, s, n);
+  for (std::string& n : a.noWait) n = resolve(e, s, n, robot).name;
   s.actions.push_back(a);
 }
 
 /// {"deadlock": true|false} or {"staleWait": true|false}, optionally narrowed
 /// to the owners involved and a resource waited for.
-void parseDiagnosis(const Entry& e, const Scenario& s, ExpectEntry& x) {
+void parseDiagnosis(const Entry& e, const Scenario& s, ExpectEntry& x, int robot) {
   if (e.has("deadlock") && e.has("staleWait")) e.fail("one of \"deadlock\" and \"staleWait\"");
   x.kind = e.has("deadlock") ? ExpectKind::Deadlock : ExpectKind::StaleWait;
   x.reported = e.boolean(e.has("deadlock") ? "deadlock" : "staleWait");
@@ -253,6 +353,7 @@ void parseDiagnosis(const Entry& e, const Scenario& s, ExpectEntry& x) {
   if (e.has("owners") && x.names.empty()) e.fail("\"owners\" names no owner");
   for (const std::string& n : x.names) knownOwner(e, s, n);
   x.resource = e.optionalText("resource");
+  if (!x.resource.empty()) x.resource = resolve(e, s, x.resource, robot).name;
   if (!x.resource.empty() && knownResource(e, s, x.resource).kind == ResourceKind::Group)
     e.fail("waits are on plain and state resources; " + quoteName(x.resource) + " is a group");
   x.fromMs = e.time("from", 0);
@@ -263,7 +364,7 @@ void parseDiagnosis(const Entry& e, const Scenario& s, ExpectEntry& x) {
 /// The expectations on an owner's or a module's history over the run:
 /// waitedBehind, maxWaitMs, notifiedTimes, grantedAtMs. Returns false when
 /// `e` is none of them.
-bool parseHistory(const Entry& e, const Scenario& s, ExpectEntry& x) {
+bool parseHistory(const Entry& e, const Scenario& s, ExpectEntry& x, int robot) {
   if (e.has("notifiedTimes")) {
     x.kind = ExpectKind::NotifiedTimes;
     x.module = e.text("module");
@@ -277,7 +378,6 @@ bool parseHistory(const Entry& e, const Scenario& s, ExpectEntry& x) {
     knownOwner(e, s, x.holder);
   } else if (e.has("maxWaitMs")) {
     x.kind = ExpectKind::MaxWait;
-    x.resource = e.text("resource");
     x.count = e.time("maxWaitMs", 0, true);
   } else if (e.has("grantedAtMs")) {
     x.kind = ExpectKind::GrantedAt;
@@ -287,28 +387,30 @@ bool parseHistory(const Entry& e, const Scenario& s, ExpectEntry& x) {
   } else {
     return false;
   }
-  if (x.kind != ExpectKind::NotifiedTimes && e.has("resource")) {
-    x.resource = e.text("resource");
-    knownResource(e, s, x.resource);
+  if (x.kind == ExpectKind::MaxWait || (x.kind != ExpectKind::NotifiedTimes && e.has("resource"))) {
+    x.resource = resolve(e, s, e.text("resource"), robot).name;
     x.leaves = s.leavesOf(x.resource);
   }
   return true;
 }
 
 void parseExpectation(const Entry& e, Scenario& s) {
-  // What an expectation may ask for: a failure other than these is not foreseeable.
+  // What an expectation may ask for.
   static const OutcomeKind kOutcomes[] = {OutcomeKind::Granted, OutcomeKind::NotObtained,
-                                          OutcomeKind::TimedOut, OutcomeKind::Stopped};
+                                          OutcomeKind::TimedOut, OutcomeKind::Stopped,
+                                          OutcomeKind::Failed};
   e.allow({"at",       "resource",     "holder",      "holders",       "activated",
            "owner",    "outcome",      "notObtained", "error",         "module",
            "notified", "deadlock",     "staleWait",   "owners",        "from",
-           "to",       "waitedBehind", "maxWaitMs",   "notifiedTimes", "grantedAtMs"});
+           "to",       "waitedBehind", "maxWaitMs",   "notifiedTimes", "grantedAtMs",
+           "robot"});
   ExpectEntry x;
+  int robot = robotOf(e, s);
   x.entry = e.where();
   x.atMs = e.has("at") ? e.time("at", 0) : -1;
   if (e.has("holder") || e.has("holders") || e.has("activated")) {
-    x.resource = e.text("resource");
-    const ResourceEntry& r = knownResource(e, s, x.resource);
+    const ResourceEntry& r = resolve(e, s, e.text("resource"), robot);
+    x.resource = r.name;
     if (e.has("holder")) {
       x.kind = ExpectKind::Holder;
       x.holder = e.text("holder");
@@ -329,25 +431,28 @@ void parseExpectation(const Entry& e, Scenario& s) {
     x.owner = e.text("owner");
     knownOwner(e, s, x.owner);
     x.resource = e.optionalText("resource");
-    if (!x.resource.empty()) knownResource(e, s, x.resource);
+    if (!x.resource.empty()) x.resource = resolve(e, s, x.resource, robot).name;
     std::string outcome = e.text("outcome");
     auto known = std::find_if(std::begin(kOutcomes), std::end(kOutcomes),
                               [&](OutcomeKind k) { return outcome == outcomeName(k); });
     if (known == std::end(kOutcomes))
-      e.fail("\"outcome\" must be \"granted\", \"not obtained\", \"timed out\" or \"stopped\"");
+      e.fail(
+          "\"outcome\" must be \"granted\", \"not obtained\", \"timed out\", \"stopped\" or "
+          "\"failed\"");
     x.outcome = *known;
     x.checkNames = e.has("notObtained");
     x.names = e.texts("notObtained");
+    for (std::string& n : x.names) n = resolve(e, s, n, robot).name;
     x.error = e.optionalText("error");
   } else if (e.has("notified")) {
     x.kind = ExpectKind::Notified;
     x.module = e.text("module");
     if (!s.findModule(x.module)) e.fail("unknown module " + quoteName(x.module));
     x.names = e.texts("notified");
-    for (const std::string& n : x.names) knownResource(e, s, n);
+    for (std::string& n : x.names) n = resolve(e, s, n, robot).name;
   } else if (e.has("deadlock") || e.has("staleWait")) {
-    parseDiagnosis(e, s, x);
-  } else if (!parseHistory(e, s, x)) {
+    parseDiagnosis(e, s, x, robot);
+  } else if (!parseHistory(e, s, x, robot)) {
     e.fail(
         "say what is expected: \"holder\", \"holders\", \"activated\", \"outcome\", "
         "\"notified\", \"deadlock\", \"staleWait\", \"waitedBehind\", \"maxWaitMs\", "
@@ -462,6 +567,16 @@ const T* find(const std::vector<T>& items,
 }
 
 }  // namespace
+
+bool Scenario::hasFleet() const {
+  return std::any_of(resources.begin(), resources.end(),
+                     [](const ResourceEntry& r) { return r.fleet; });
+}
+
+std::string Scenario::resourceOf(int robot, const std::string& name) const {
+  if (robot < 0 || findResource(name)) return name;
+  return robots[static_cast<std::size_t>(robot)].name + kRobotSeparator + name;
+}
 
 const ResourceEntry* Scenario::findResource(const std::string& name) const {
   return find(resources, resourceIndex, name);
@@ -581,20 +696,58 @@ json parseJson(const std::string& text, const std::string& file) {
 Scenario parseScenario(const std::string& text, const std::string& file) {
   json top = parseJson(text, file);
   Entry whole(top, file, "scenario");
-  whole.allow(
-      {"title", "description", "stopAt", "resources", "modules", "owners", "actions", "expect"});
+  whole.allow({"title", "description", "stopAt", "resources", "modules", "owners", "actions",
+               "expect", "robots", "ttlSeconds"});
   Scenario s;
   s.file = file;
   s.title = whole.text("title", file, false);
   s.description = whole.optionalText("description");
-  forEach(top, "resources", file, [&](const Entry& e) { parseResource(e, s); });
-  for (std::size_t i = 0; i < s.resources.size(); ++i) {
-    Entry e(top.at("resources")[i], file, "resources[" + std::to_string(i) + "]");
-    for (const std::string& m : s.resources[i].members) knownResource(e, s, m);
+  long ttl = whole.integer("ttlSeconds", kDefaultTtlSeconds, 1, kMaxTimeoutSeconds);
+  // Without robots, the scenario is one robot whose entries are at the top;
+  // with robots, each robot's are in its entry.
+  std::vector<std::pair<const json*, std::string>> robots{{&top, ""}};
+  if (whole.has("robots")) {
+    for (const char* key : {"resources", "modules", "owners"})
+      if (whole.has(key))
+        whole.fail(std::string("with \"robots\", each robot has its own \"") + key + "\"");
+    robots.clear();
+    forEach(top, "robots", file, [&](const Entry& e) {
+      e.allow({"name", "ttlSeconds", "resources", "modules", "owners"});
+      RobotEntry r{localName(e, "name", "robot", 0), ttl};
+      r.ttlSeconds = e.integer("ttlSeconds", ttl, 1, kMaxTimeoutSeconds);
+      for (const RobotEntry& o : s.robots)
+        if (o.name == r.name) e.fail("robot " + quoteName(r.name) + " declared twice");
+      s.robots.push_back(r);
+      robots.emplace_back(&e.value(), e.where() + ".");
+    });
+    if (s.robots.empty()) whole.fail("\"robots\" names no robot");
+  }
+  for (std::size_t n = 0; n < robots.size(); ++n) {
+    int robot = s.robots.empty() ? -1 : static_cast<int>(n);
+    const json& at = *robots[n].first;
+    const std::string& within = robots[n].second;
+    std::size_t first = s.resources.size();
+    forEach(
+        at, "resources", file, [&](const Entry& e) { parseResource(e, s, robot); }, within);
+    for (std::size_t i = first; i < s.resources.size(); ++i) {
+      Entry e(at.at("resources")[i - first], file,
+              within + "resources[" + std::to_string(i - first) + "]");
+      for (const std::string& m : s.resources[i].members) knownResource(e, s, m);
+    }
   }
   checkNesting(s);
-  forEach(top, "modules", file, [&](const Entry& e) { parseModule(e, s); });
-  forEach(top, "owners", file, [&](const Entry& e) { parseOwner(e, s); });
+  for (std::size_t n = 0; n < robots.size(); ++n) {
+    int robot = s.robots.empty() ? -1 : static_cast<int>(n);
+    forEach(
+        *robots[n].first, "modules", file, [&](const Entry& e) { parseModule(e, s, robot); },
+        robots[n].second);
+  }
+  for (std::size_t n = 0; n < robots.size(); ++n) {
+    int robot = s.robots.empty() ? -1 : static_cast<int>(n);
+    forEach(
+        *robots[n].first, "owners", file, [&](const Entry& e) { parseOwner(e, s, robot); },
+        robots[n].second);
+  }
   forEach(top, "actions", file, [&](const Entry& e) { parseAction(e, s); });
   forEach(top, "expect", file, [&](const Entry& e) { parseExpectation(e, s); });
   if (s.resources.empty()) whole.fail("declares no resource");

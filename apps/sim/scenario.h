@@ -20,6 +20,13 @@ const long kMaxTimeoutSeconds = 3600;
 /// level is a lock held while a request walks it, and the thread sanitizer
 /// follows at most 64 locks held by one thread.
 const int kMaxNesting = 32;
+/// A robot's fleet lease lives this long without renewal, in seconds, unless
+/// the scenario or the robot says otherwise; short, so that a scenario that
+/// kills a robot runs in a few seconds.
+const long kDefaultTtlSeconds = 2;
+/// What separates a robot's name from its resource's in a scenario with
+/// robots: "courier1/Lift".
+const char kRobotSeparator = '/';
 
 /// `name` as messages quote it: between double quotes, with a quote, a
 /// backslash and every control character escaped, so that a message stays on
@@ -31,9 +38,21 @@ std::string escapeControls(const std::string& text, bool quotes);
 
 enum class ResourceKind { Plain, State, Group };
 
+/// One robot of a scenario with robots: its own broker, modules, owners and
+/// resources; those that are fleet resources it shares with the other robots.
+struct RobotEntry {
+  std::string name;
+  long ttlSeconds = kDefaultTtlSeconds;  // its fleet lease's time to live
+};
+
+/// A resource. In a scenario with robots, `name` is "robot/name" and `robot`
+/// its robot's number; else `robot` is -1.
 struct ResourceEntry {
   std::string name;
   ResourceKind kind = ResourceKind::Plain;
+  bool fleet = false;  // a plain resource shared by the robots that declare its name
+  int robot = -1;
+  std::string libraryName;           // the resource's own name: the bare name of a fleet resource
   bool activated = false;            // state resources: activated at the start
   std::vector<std::string> members;  // groups: member names, in order
 };
@@ -42,6 +61,7 @@ struct ResourceEntry {
 /// module that holds the wanted resource lets go after `delayMs`.
 struct ModuleEntry {
   std::string name;
+  int robot = -1;
   bool releases = false;
   long delayMs = 0;
 };
@@ -49,9 +69,24 @@ struct ModuleEntry {
 struct OwnerEntry {
   std::string name;  // hierarchical: "dance/wave" extends "dance"
   std::string module;
+  int robot = -1;
 };
 
-enum class ActionKind { WaitFor, Release, SwitchOwner, SetState, ReleaseState, Stop };
+/// Kill, CutOff and its Reconnect, and EtcdDown and its EtcdUp (the two
+/// halves of "restartEtcd") are the manager's too.
+enum class ActionKind {
+  WaitFor,
+  Release,
+  SwitchOwner,
+  SetState,
+  ReleaseState,
+  Stop,
+  Kill,
+  CutOff,
+  Reconnect,
+  EtcdDown,
+  EtcdUp
+};
 
 /// One step of the timeline. WaitFor, Release and SwitchOwner run in the
 /// owner's own thread; SetState, ReleaseState and Stop (the manager makes the
@@ -66,6 +101,7 @@ struct ActionEntry {
   int timeout = -1;  // seconds, -1: no limit
   std::vector<std::string> noWait;
   bool activated = false;  // SetState
+  int robot = -1;          // Kill, CutOff, Reconnect
 };
 
 /// How a request ends: granted, not obtained (busy, on its no-wait list),
@@ -121,7 +157,8 @@ struct Scenario {
   std::string file;
   std::string title;
   std::string description;
-  long stopAtMs = 0;  // owners still waiting then are stopped by the manager
+  long stopAtMs = 0;               // owners still waiting then are stopped by the manager
+  std::vector<RobotEntry> robots;  // empty: one robot, its entries at the top
   std::vector<ResourceEntry> resources;
   std::vector<ModuleEntry> modules;
   std::vector<OwnerEntry> owners;
@@ -136,6 +173,12 @@ struct Scenario {
   std::vector<std::string> leavesOf(const std::string& name) const;
   /// The resources that are no group's member, in declaration order.
   std::vector<std::string> roots() const;
+  /// Whether a resource is a fleet resource.
+  bool hasFleet() const;
+  /// The name of the resource that robot number `robot` calls `name` in the
+  /// library ("robot/name"; `name` itself without robots or for a resource
+  /// of the scenario's own name).
+  std::string resourceOf(int robot, const std::string& name) const;
 
   // Name -> position in the lists above; filled in as entries are read.
   std::unordered_map<std::string, std::size_t> resourceIndex;

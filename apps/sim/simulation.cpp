@@ -18,6 +18,8 @@ namespace {
 const char kTimeoutError[] = "resource wait has timeouted on ";
 const char kStopError[] = "box stop while waiting";
 const char kFree[] = "emptyOwner";
+// Who an owner waits behind while its robot waits for a fleet lock.
+const char kFleet[] = "the fleet";
 // Changes this close together are taken as one step of the library.
 const std::chrono::milliseconds kSameMoment(50);
 
@@ -59,6 +61,9 @@ struct Simulation::Owner {
   std::vector<Outcome> outcomes;
   long lastReleaseMs = -1;     // its latest release, which may leave its release flag set
   bool flagAtRequest = false;  // its release flag was set when its pending request began
+  // The fleet resources its pending request took here: they are its own once
+  // the fleet's lock is too, when the request is granted.
+  std::vector<ZU::ZUEvent> fleetGrants;
   bool stopRequested = false;  // the manager stopped its pending request
 
   Owner(const OwnerEntry& s, boost::shared_ptr<ZU::ZUOwner> o) : entry(s), owner(std::move(o)) {}
@@ -74,13 +79,16 @@ class Simulation::Events : public ZU::ZUObserver {
   Simulation& run_;
 };
 
-Simulation::Simulation(const Scenario& scenario, EventLog& log)
+Simulation::Simulation(const Scenario& scenario, EventLog& log,
+                       const std::vector<std::string>& etcd)
     : scenario_(scenario),
       log_(log),
-      stage_(scenario, [this](std::size_t m, const std::string& r) { onResource(m, r); }),
+      stage_(
+          scenario, [this](std::size_t m, const std::string& r) { onResource(m, r); }, etcd),
       timeline_(scenario),
       diagnosis_(stage_, log),
-      notified_(scenario.modules.size()) {
+      notified_(scenario.modules.size()),
+      killed_(scenario.robots.size()) {
   std::vector<std::string> givers;
   for (const OwnerEntry& o : scenario.owners) givers.push_back(o.name);
   for (const ResourceEntry& r : scenario.resources)
@@ -160,10 +168,18 @@ void Simulation::ownerThread(Owner& o, const std::vector<const ActionEntry*>& ac
   awaitStart();
   for (const ActionEntry* a : actions) {
     std::this_thread::sleep_until(log_.at(a->atMs));
-    bool stopped;
+    bool stopped, killed;
     {
       std::lock_guard<std::mutex> lock(mutex_);
       stopped = stopped_;
+      killed = o.entry.robot >= 0 && killed_[o.entry.robot];
+    }
+    if (killed) {
+      log_.add(EventKind::Manager, o.entry.name, a->resource,
+               a->entry + " of " + o.entry.name + " (at " + std::to_string(a->atMs) +
+                   " ms) is dropped: its robot " + scenario_.robots[o.entry.robot].name +
+                   " was killed");
+      continue;
     }
     // A blocking request may delay an owner's later actions past stopAt.
     if (stopped) {
@@ -195,8 +211,10 @@ void Simulation::managerThread(const std::vector<const ActionEntry*>& actions) {
         o.stopRequested = !o.pending.empty();
       }
       release(o, a->resource, " (stopped by the manager)");
-    } else {
+    } else if (a->kind == ActionKind::SetState || a->kind == ActionKind::ReleaseState) {
       setState(*a);
+    } else {
+      fleetAction(*a);
     }
   }
 }
@@ -231,9 +249,12 @@ void Simulation::waitFor(Owner& o, const ActionEntry& a) {
   }
   Outcome out;
   out.resource = a.resource;
+  std::vector<std::string> noWait;  // as the library names them
+  for (const std::string& n : a.noWait) noWait.push_back(scenario_.findResource(n)->libraryName);
   std::unique_lock<std::mutex> calls = serialise(o, who + "'s request of " + a.resource);
   try {
-    out.notObtained = stage_.resource(a.resource)->waitFor(o.owner, a.label, a.timeout, a.noWait);
+    out.notObtained = stage_.resource(a.resource)->waitFor(o.owner, a.label, a.timeout, noWait);
+    for (std::string& n : out.notObtained) n = scenario_.resourceOf(o.entry.robot, n);
     out.kind = out.notObtained.empty() ? OutcomeKind::Granted : OutcomeKind::NotObtained;
     // A hand-down is the one change of holder that records the giver as the
     // new holder's parent owner for that resource.
@@ -268,6 +289,9 @@ void Simulation::finish(Owner& o, const Outcome& result) {
   o.outcomes.push_back(out);
   std::string lane = timeline_.waitsEnd(who, out.ms, result.resource);
   bool granted = out.kind == OutcomeKind::Granted;
+  if (granted)
+    for (const ZU::ZUEvent& g : o.fleetGrants) timeline_.record(g, out.ms);
+  o.fleetGrants.clear();
   if (granted || !heldNow.empty()) o.acquired.push_back(result.resource);
   if (granted) {
     log_.add(EventKind::Granted, who, result.resource, who + " is granted " + result.resource);
@@ -279,7 +303,8 @@ void Simulation::finish(Owner& o, const Outcome& result) {
                  (heldNow.empty() ? "" : "; it holds " + join(heldNow)));
     return;
   }
-  if (out.kind == OutcomeKind::TimedOut) lane = out.error.substr(sizeof kTimeoutError - 1);
+  if (out.kind == OutcomeKind::TimedOut)
+    lane = scenario_.resourceOf(o.entry.robot, out.error.substr(sizeof kTimeoutError - 1));
   EventKind kind = out.kind == OutcomeKind::TimedOut  ? EventKind::TimedOut
                    : out.kind == OutcomeKind::Stopped ? EventKind::Stopped
                                                       : EventKind::Failed;
@@ -289,6 +314,7 @@ void Simulation::finish(Owner& o, const Outcome& result) {
   if (out.kind == OutcomeKind::Stopped && !o.stopRequested && o.flagAtRequest &&
       o.lastReleaseMs >= 0)
     why = " (own release at " + std::to_string(o.lastReleaseMs) + " ms left the release flag set)";
+  if (o.entry.robot >= 0 && killed_[o.entry.robot]) why = " (its robot was killed)";
   log_.add(kind, who, lane,
            who + "'s wait for " + result.resource + " fails: \"" + out.error + "\"" + why);
   // What the owner held in the group until the failure, and no longer holds,
@@ -405,10 +431,12 @@ std::vector<std::size_t> Simulation::notifications(const std::string& resource) 
   return out;
 }
 
-void Simulation::onResource(std::size_t module, const std::string& name) {
+void Simulation::onResource(std::size_t module, const std::string& libraryName) {
   const ModuleEntry& m = scenario_.modules[module];
+  const std::string name = scenario_.resourceOf(m.robot, libraryName);
   {
     std::lock_guard<std::mutex> lock(mutex_);
+    if (m.robot >= 0 && killed_[m.robot]) return;  // a dead robot hears nothing
     notified_[module].push_back(name);
   }
   log_.add(EventKind::Notified, "", name,
@@ -447,19 +475,89 @@ void Simulation::stopEverything() {
   stopped_ = true;
   stopping_.notify_all();
   do {
+    std::vector<std::pair<Owner*, std::string>> waits;
     for (auto& o : owners_) {
       if (o->pending.empty()) continue;
-      // The release flag ends the wait at its next poll, whatever it waits on.
       o->stopRequested = true;
-      o->owner->freeResource();
+      waits.emplace_back(o.get(), o->pending);
       if (std::find(logged.begin(), logged.end(), o.get()) != logged.end()) continue;
       logged.push_back(o.get());
       log_.add(EventKind::Manager, o->entry.name, o->pending,
                "the scenario stops: the manager stops " + o->entry.name + ", still waiting for " +
                    o->pending);
     }
+    lock.unlock();
+    interrupt(waits);
+    lock.lock();
   } while (!ownersDone_.wait_for(lock, std::chrono::milliseconds(ZU::ZUOwnerStrong::kPollPeriodMs),
                                  [this] { return running_ == 0; }));
+}
+
+void Simulation::interrupt(const std::vector<std::pair<Owner*, std::string>>& waits) {
+  for (const auto& w : waits) {
+    w.first->owner->freeResource();
+    const std::vector<std::string> leaves = scenario_.leavesOf(w.second);
+    if (std::any_of(leaves.begin(), leaves.end(),
+                    [this](const std::string& l) { return scenario_.findResource(l)->fleet; }))
+      stage_.resource(w.second)->release(w.first->owner);
+  }
+}
+
+void Simulation::fleetAction(const ActionEntry& a) {
+  const std::string robot = a.robot >= 0 ? scenario_.robots[a.robot].name : "";
+  const long back = [&] {
+    for (const ActionEntry& b : scenario_.actions)
+      if (b.entry == a.entry && b.atMs > a.atMs) return b.atMs;
+    return a.atMs;
+  }();
+  switch (a.kind) {
+    case ActionKind::Kill: {
+      log_.add(EventKind::Manager, "", "",
+               "the manager kills " + robot +
+                   ": its lease is no longer renewed, its owners' waits and later actions are "
+                   "dropped");
+      stage_.cutOff(a.robot, true);
+      std::vector<std::pair<Owner*, std::string>> waits;
+      {
+        std::lock_guard<std::mutex> lock(mutex_);
+        killed_[a.robot] = true;
+        for (auto& o : owners_)
+          if (o->entry.robot == a.robot && !o->pending.empty()) {
+            o->stopRequested = true;
+            waits.emplace_back(o.get(), o->pending);
+          }
+      }
+      interrupt(waits);
+      return;
+    }
+    case ActionKind::CutOff:
+      log_.add(EventKind::Manager, "", "",
+               robot + " is cut off from etcd until " + std::to_string(back) + " ms");
+      stage_.cutOff(a.robot, true);
+      return;
+    case ActionKind::Reconnect: {
+      bool killed;
+      {
+        std::lock_guard<std::mutex> lock(mutex_);
+        killed = killed_[a.robot];
+      }
+      if (killed) return;
+      stage_.cutOff(a.robot, false);
+      log_.add(EventKind::Manager, "", "", robot + " reaches etcd again");
+      return;
+    }
+    case ActionKind::EtcdDown:
+      log_.add(EventKind::Manager, "", "",
+               "etcd is killed; it starts again at " + std::to_string(back) + " ms");
+      stage_.etcdDown();
+      return;
+    case ActionKind::EtcdUp:
+      stage_.etcdUp();
+      log_.add(EventKind::Manager, "", "", "etcd serves again");
+      return;
+    default:
+      return;
+  }
 }
 
 std::unique_lock<std::mutex> Simulation::serialise(Owner& o, const std::string& what) {
@@ -476,9 +574,18 @@ std::unique_lock<std::mutex> Simulation::serialise(Owner& o, const std::string& 
 
 // --- The library's events. -------------------------------------------------------
 
-void Simulation::onEvent(const ZU::ZUEvent& e) {
+void Simulation::onEvent(const ZU::ZUEvent& event) {
   using Kind = ZU::ZUEvent::Kind;
-  long ms = log_.msOf(e.time);
+  long ms = log_.msOf(event.time);
+  // A fleet resource's events carry the name all robots share: each robot's
+  // is its own resource here.
+  ZU::ZUEvent named;
+  const OwnerEntry* by = scenario_.robots.empty() ? nullptr : scenario_.findOwner(event.owner);
+  if (by) {
+    named = event;
+    named.resource = scenario_.resourceOf(by->robot, event.resource);
+  }
+  const ZU::ZUEvent& e = by ? named : event;
   if (e.kind == Kind::DeadlockFormed || e.kind == Kind::DeadlockBroken ||
       e.kind == Kind::StaleWait) {
     diagnosis_.record(e, ms);
@@ -487,7 +594,30 @@ void Simulation::onEvent(const ZU::ZUEvent& e) {
   const ResourceEntry* r = scenario_.findResource(e.resource);
   bool deactivation = r && r->kind == ResourceKind::State && e.owner == e.resource;
   if (!r || (!deactivation && stage_.ownerNumber(e.owner) < 0)) return;  // another run's
+  if (r->fleet && e.kind == Kind::Granted && e.grant != ZU::ZUEvent::Grant::AlreadyHeld) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    Owner& o = ownerNamed(e.owner);
+    if (!o.pending.empty()) {
+      o.fleetGrants.push_back(e);
+      lock.unlock();
+      ZU::ZUEvent wait = e;
+      wait.kind = Kind::Waiting;
+      wait.holder = kFleet;
+      timeline_.record(wait, ms);
+      log_.add(ms, EventKind::Waiting, e.owner, e.resource,
+               e.owner + " waits for the fleet's lock on " + r->libraryName);
+      return;
+    }
+  }
   bool news = timeline_.record(e, ms);
+  if (e.kind == Kind::Lost) {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (killed_[by->robot]) return;  // a dead robot learns nothing
+    }
+    log_.add(ms, EventKind::Lost, e.owner, e.resource,
+             e.owner + " loses " + e.resource + ": " + e.reason);
+  }
   if (e.kind == Kind::Waiting && news) {
     if (deactivation)
       log_.add(ms, EventKind::Waiting, "", e.resource,

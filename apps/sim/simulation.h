@@ -37,8 +37,9 @@ namespace zusim {
 /// mutex_ held (setting a release flag is an atomic store).
 class Simulation : public World, public RunView {
  public:
-  /// Builds the stage. `scenario` and `log` must outlive the simulation.
-  Simulation(const Scenario& scenario, EventLog& log);
+  /// Builds the stage (on the fleet's etcd `etcd`, see Stage). `scenario`
+  /// and `log` must outlive the simulation.
+  Simulation(const Scenario& scenario, EventLog& log, const std::vector<std::string>& etcd = {});
   ~Simulation() override;
   Simulation(const Simulation&) = delete;
   Simulation& operator=(const Simulation&) = delete;
@@ -77,8 +78,17 @@ class Simulation : public World, public RunView {
   void awaitStart();
   /// Runs `actions` (the owner's own, in time order), then counts itself done.
   void ownerThread(Owner& owner, const std::vector<const ActionEntry*>& actions);
-  /// Runs setState, releaseState and stop in time order.
+  /// Runs setState, releaseState, stop and the actions on robots and etcd in
+  /// time order.
   void managerThread(const std::vector<const ActionEntry*>& actions);
+  /// Kill, CutOff, Reconnect, EtcdDown, EtcdUp. A killed robot is cut off for
+  /// good: its lease runs out, its pending waits are ended, its owners' later
+  /// actions and its modules' answers are dropped.
+  void fleetAction(const ActionEntry& action);
+  /// Ends the pending waits `waits` (owner, resource); no lock of ours held.
+  /// The release flag ends a local wait at its next poll; a wait for a fleet
+  /// lock ends when its resource is given back locally.
+  void interrupt(const std::vector<std::pair<Owner*, std::string>>& waits);
   /// Checks the timed expectations at their times into `results`, which the
   /// caller reads after joining this thread.
   void checkerThread(std::vector<ExpectResult>& results);
@@ -129,6 +139,7 @@ class Simulation : public World, public RunView {
   int running_ = 0;                                 // owner threads not yet done
   bool started_ = false;                            // the run's threads may go
   bool stopped_ = false;                            // stopAt has passed
+  std::vector<bool> killed_;                        // by robot number
   std::condition_variable ownersDone_;
   std::condition_variable go_;
   std::condition_variable stopping_;  // notified when stopped_ is set

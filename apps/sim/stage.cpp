@@ -1,18 +1,59 @@
 #include "stage.h"
 
+#include <unistd.h>
+
+#include <chrono>
+
 #include <boost/make_shared.hpp>
 
 #include <zuhost/zumutex.h>
 
 #include <zuresource/zuresourcelist.h>
 
+#include <zufleet/zuresourcefleet.h>
+
 namespace zusim {
 
-Stage::Stage(const Scenario& scenario, OnResource onResource)
-    : scenario_(scenario), broker_(boost::make_shared<ZU::ZUBroker>()) {
+namespace {
+
+/// Where this run's fleet keys live: a run never meets another's, even on one etcd.
+std::string runPrefix() {
+  return "/zuresource-sim/" + std::to_string(getpid()) + "-" +
+         std::to_string(std::chrono::steady_clock::now().time_since_epoch().count()) + "/";
+}
+
+}  // namespace
+
+Stage::Stage(const Scenario& scenario, OnResource onResource, const std::vector<std::string>& etcd)
+    : scenario_(scenario) {
+  for (const ActionEntry& a : scenario.actions)
+    if (a.kind == ActionKind::EtcdDown && !etcd.empty())
+      throw ScenarioError(scenario.file + ": " + a.entry +
+                          ": \"restartEtcd\" needs the simulator's own etcd, not --etcd");
+  std::vector<std::string> endpoints = etcd;
+  if (scenario.hasFleet() && endpoints.empty()) {
+    etcd_ = std::make_unique<ZU::ZUEtcdServer>();
+    endpoints = etcd_->endpoints();
+  }
+  const std::string prefix = runPrefix();
+  sessions_.resize(scenario.robots.size());
+  for (std::size_t i = 0; i < std::max<std::size_t>(1, scenario.robots.size()); ++i)
+    brokers_.push_back(boost::make_shared<ZU::ZUBroker>());
+  for (const ResourceEntry& r : scenario.resources) {
+    if (!r.fleet || sessions_[r.robot]) continue;
+    ZU::ZUFleetConfig config;
+    config.endpoints = endpoints;
+    config.robot = scenario.robots[r.robot].name;
+    config.ttlSeconds = static_cast<int>(scenario.robots[r.robot].ttlSeconds);
+    config.prefix = prefix;
+    sessions_[r.robot] = boost::make_shared<ZU::ZUFleetSession>(config);
+  }
   for (const ResourceEntry& r : scenario.resources) {
     boost::shared_ptr<ZU::ZUResource> made;
-    if (r.kind == ResourceKind::Plain) made = boost::make_shared<ZU::ZUResource>(r.name, nullptr);
+    if (r.fleet)
+      made = ZU::ZUResourceFleet::create(r.libraryName, nullptr, sessions_[r.robot]);
+    else if (r.kind == ResourceKind::Plain)
+      made = boost::make_shared<ZU::ZUResource>(r.name, nullptr);
     if (r.kind == ResourceKind::State)
       made = boost::make_shared<ZU::ZUResourceState>(r.name, nullptr);
     if (r.kind == ResourceKind::Group)
@@ -29,19 +70,19 @@ Stage::Stage(const Scenario& scenario, OnResource onResource)
     modules_.push_back({&m, boost::make_shared<ZU::ZUModule>(m.name)});
     modules_.back().module->bindMethod<std::string>(
         "__onResource__", [onResource, i](const std::string& name) { onResource(i, name); });
-    broker_->addModule(modules_.back().module);
+    brokers_[std::max(m.robot, 0)]->addModule(modules_.back().module);
   }
   for (const OwnerEntry& o : scenario.owners) {
     ownerByName_[o.name] = static_cast<int>(owners_.size());
     owners_.push_back({&o, ZU::ZUResource::createOwner(0, o.name, o.module, nullptr)});
-    owners_.back().owner->setParentBroker(broker_);
+    owners_.back().owner->setParentBroker(brokers_[std::max(o.robot, 0)]);
     ownerByHandle_[owners_.back().owner.get()] = ownerByName_[o.name];
   }
 }
 
 Stage::~Stage() {
   for (Module& m : modules_) {
-    broker_->removeModule(m.entry->name);
+    brokers_[std::max(m.entry->robot, 0)]->removeModule(m.entry->name);
     m.module.reset();
   }
 }
@@ -99,5 +140,13 @@ std::vector<std::string> Stage::statusLines() const {
 void Stage::waitIdle() const {
   for (const Module& m : modules_) m.module->waitIdle();
 }
+
+void Stage::cutOff(int robot, bool on) const {
+  if (sessions_[robot]) sessions_[robot]->client().setCutOff(on);
+}
+
+void Stage::etcdDown() { etcd_->kill(0); }
+
+void Stage::etcdUp() { etcd_->start(0); }
 
 }  // namespace zusim

@@ -18,16 +18,23 @@
 #include <zuresource/zuresource.h>
 #include <zuresource/zuresourcestate.h>
 
+#include <zufleet/zuetcdserver.h>
+#include <zufleet/zufleetsession.h>
+
 #include "scenario.h"
 
 namespace zusim {
 
 /// Builds a scenario's resources (groups filled in member order, state
 /// resources activated as declared), one host module per module entry and
-/// one owner per owner entry, all attached to one broker.
+/// one owner per owner entry, all attached to one broker per robot. Each
+/// robot with fleet resources joins the fleet with a session of its own, on
+/// the etcd given or, when none is, on one the stage starts and ends.
 ///
 /// Thread safety: immutable after construction; the queries may be called
 /// from any thread and take only the library's locks of what they read.
+/// cutOff() may be called from any thread; etcdDown() and etcdUp() from one
+/// thread at a time.
 class Stage {
  public:
   /// Called, in the module's task thread, when module number `module` is told
@@ -43,8 +50,11 @@ class Stage {
     boost::shared_ptr<ZU::ZUModule> module;
   };
 
-  /// `scenario` must outlive the stage.
-  Stage(const Scenario& scenario, OnResource onResource);
+  /// `scenario` must outlive the stage. `etcd`: the client URLs of the
+  /// fleet's etcd; empty, a local one is started when the scenario has fleet
+  /// resources. Throws ZUError when that etcd cannot start, ScenarioError
+  /// when the scenario restarts etcd and `etcd` is given.
+  Stage(const Scenario& scenario, OnResource onResource, const std::vector<std::string>& etcd = {});
   /// Takes the modules off the broker first: their methods call back.
   ~Stage();
   Stage(const Stage&) = delete;
@@ -80,9 +90,19 @@ class Stage {
   /// Waits until no module is running a method.
   void waitIdle() const;
 
+  /// Cuts robot number `robot` off from etcd, or connects it again; nothing
+  /// for a robot without fleet resources.
+  void cutOff(int robot, bool on) const;
+  /// Kills the stage's own etcd, or starts it again with its data.
+  void etcdDown();
+  void etcdUp();
+
  private:
   const Scenario& scenario_;
-  boost::shared_ptr<ZU::ZUBroker> broker_;
+  std::unique_ptr<ZU::ZUEtcdServer> etcd_;  // the stage's own etcd, if it started one
+  /// By robot number; null for a robot without fleet resources.
+  std::vector<boost::shared_ptr<ZU::ZUFleetSession>> sessions_;
+  std::vector<boost::shared_ptr<ZU::ZUBroker>> brokers_;  // by robot number (one without robots)
   std::unordered_map<std::string, boost::shared_ptr<ZU::ZUResource>> resources_;
   std::vector<boost::shared_ptr<ZU::ZUResource>> roots_;
   std::vector<Module> modules_;

@@ -50,6 +50,7 @@ bool Timeline::record(const ZU::ZUEvent& e, long ms) {
       end(holdings_, e.resource, nullptr, nullptr, ms);
       holdings_.push_back({e.resource, e.parent, ms, -1, ""});
       return true;
+    case Kind::Lost:  // a fleet resource whose lease ran out is free here
     case Kind::Released: {
       end(holdings_, e.resource, &e.owner, nullptr, ms);
       const std::string nobody;

@@ -15,6 +15,8 @@ namespace {
 const char* const kFile = "fleet/zufleet/zuetcdclient";
 using json = nlohmann::json;
 
+const char kCutOff[] = "etcd unreachable: cut off from the network";
+
 const char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
 std::string encode64(const std::string& in) {
@@ -126,6 +128,7 @@ std::string ZUEtcdClient::prefixEnd(std::string prefix) {
 }
 
 std::string ZUEtcdClient::call(const std::string& path, const std::string& body, bool write) {
+  if (cutOff_) throw ZUEtcdError(path, kCutOff, false, false);
   std::string failures;
   bool allRefused = true, answered = false;
   const std::size_t first = preferred_.load();
@@ -218,6 +221,7 @@ void ZUEtcdClient::erase(const std::string& key) {
 std::int64_t ZUEtcdClient::watch(
     const std::string& key, const std::string& rangeEnd, std::int64_t startRevision, int idleMs,
     const std::function<bool(const std::vector<ZUEtcdEvent>&, std::int64_t)>& onEvents) {
+  if (cutOff_) throw ZUEtcdError("/v3/watch", kCutOff, false, false);
   const json create{{"create_request",
                      {{"key", encode64(key)},
                       {"range_end", encode64(rangeEnd)},
@@ -235,6 +239,7 @@ std::int64_t ZUEtcdClient::watch(
   std::string pending;
   std::int64_t canceled = 0;
   request.content_receiver = [&](const char* data, std::size_t size, std::uint64_t, std::uint64_t) {
+    if (cutOff_) return false;
     bytes_ += size;
     pending.append(data, size);
     for (std::size_t end; (end = pending.find('\n')) != std::string::npos;) {

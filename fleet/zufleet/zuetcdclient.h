@@ -97,6 +97,11 @@ class ZUEtcdClient {
 
   ZUEtcdTraffic traffic() const;
 
+  /// A simulation and test aid: while `on`, every call throws ZUEtcdError as
+  /// an unreachable network would (neither refused nor answered), and a
+  /// running watch ends at its next message or silence. Any thread may switch.
+  void setCutOff(bool on) { cutOff_ = on; }
+
   /// The end of the range of all keys that start with `prefix`.
   static std::string prefixEnd(std::string prefix);
 
@@ -112,6 +117,8 @@ class ZUEtcdClient {
   std::atomic<std::size_t> preferred_{0};
   /// Atomic counters (see ZUEtcdTraffic).
   std::atomic<std::uint64_t> requests_{0}, writes_{0}, bytes_{0};
+  /// Atomic: whether the client plays an unreachable network (setCutOff).
+  std::atomic<bool> cutOff_{false};
 };
 
 }  // namespace ZU
