@@ -24,4 +24,8 @@ refused "--serve needs a number from 0 to 65535, not \"70000\"" "$good" --serve 
 refused "--serve needs a number from 0 to 65535, not \"eighty\"" "$good" --serve eighty
 refused "--report $bad/none/r.html: cannot be written" "$good" --report "$bad/none/r.html"
 refused "--report $bad: not a regular file" "$good" --report "$bad"
+fleet=$(dirname "$0")/scenarios/fleet_faults.json
+refused "fleet_faults.json: --record does not record scenarios with robots" "$fleet" --record "$bad/r.jsonl"
+refused "actions[3]: \"restartEtcd\" needs the simulator's own etcd, not --etcd" "$fleet" --etcd http://127.0.0.1:1
+refused "--etcd needs http://host:port URLs, not \"127.0.0.1:2379\"" "$good" --etcd 127.0.0.1:2379
 exit $failed

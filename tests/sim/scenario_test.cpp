@@ -27,6 +27,13 @@ Scenario withCast(const std::string& rest) {
   return parseScenario("{" + kCast + (rest.empty() ? "" : ", " + rest) + "}", "s.json");
 }
 
+// Two robots sharing the fleet resource Lift.
+const std::string kRobots = R"("robots": [
+    {"name": "r1", "resources": [{"name": "Lift", "kind": "fleet"}], "modules": [{"name": "M1"}],
+     "owners": [{"name": "a1", "module": "M1"}]},
+    {"name": "r2", "resources": [{"name": "Lift", "kind": "fleet"}], "modules": [{"name": "M2"}],
+     "owners": [{"name": "a2", "module": "M2"}]}])";
+
 std::string refusal(const std::string& text) {
   try {
     parseScenario(text, "s.json");
@@ -137,6 +144,21 @@ TEST(Scenario, RefusesFaultsNamingFileEntryAndWhat) {
            R"("actions": [{"at": 0, "owner": "a\nb\u0000\u001b[2J", "do": "release", "resource": "Head"}]})",
        "s.json: actions[0]: unknown owner \"a\\nb\\x00\\x1b[2J\""},
       {chain(kMaxNesting + 1), "s.json: resource \"G0\": groups nest deeper than 32 levels"},
+      // Robots and the fleet resources they share.
+      {R"({"resources": [{"name": "Lift", "kind": "fleet"}]})",
+       "s.json: resources[0]: a fleet resource is shared by robots: declare it in \"robots\""},
+      {"{" + kRobots + R"(, "expect": [{"resource": "Lift", "holder": "a1"}]})",
+       "s.json: expect[0]: robots \"r1\" and \"r2\" both have \"Lift\": say which with \"robot\""},
+      {"{" + kRobots + R"(, "actions": [{"at": 0, "do": "kill", "robot": "r9"}]})",
+       "s.json: actions[0]: unknown robot \"r9\""},
+      {"{" + kRobots +
+           R"(, "actions": [{"at": 0, "do": "cutOff", "robot": "r1", "durationMs": 0}]})",
+       "s.json: actions[0]: \"durationMs\" must be an integer from 1 to 3600000, not 0"},
+      {R"({"robots": [{"name": "r1", "ttlSeconds": 0}]})",
+       "s.json: robots[0]: \"ttlSeconds\" must be an integer from 1 to 3600, not 0"},
+      {R"({"robots": [{"name": "r1", "modules": [{"name": "M1"}]},
+                      {"name": "r2", "owners": [{"name": "a", "module": "M1"}]}]})",
+       "s.json: robots[1].owners[0]: module \"M1\" belongs to another robot"},
   };
   for (const auto& c : cases) {
     std::string message = refusal(c.first);
