@@ -64,7 +64,10 @@ Stage::Stage(const Scenario& scenario, OnResource onResource, const std::vector<
     for (const std::string& m : r.members) resources_.at(r.name)->addResource(resources_.at(m));
     if (r.activated) stateResource(r.name)->setState(true);
   }
-  for (const std::string& r : scenario.roots()) roots_.push_back(resources_.at(r));
+  for (const std::string& r : scenario.roots()) {
+    roots_.push_back(resources_.at(r));
+    rootRobots_.push_back(scenario.findResource(r)->robot);
+  }
   for (std::size_t i = 0; i < scenario.modules.size(); ++i) {
     const ModuleEntry& m = scenario.modules[i];
     modules_.push_back({&m, boost::make_shared<ZU::ZUModule>(m.name)});
@@ -133,7 +136,16 @@ std::map<std::string, std::string> Stage::leafHolders(const std::string& name) c
 
 std::vector<std::string> Stage::statusLines() const {
   std::vector<std::string> lines;
-  for (const auto& r : roots_) lines.push_back(r->httpGet(0));
+  int robot = -1;
+  for (std::size_t i = 0; i < roots_.size(); ++i) {
+    const auto& r = roots_[i];
+    // Each robot's resources under its name: its fleet resources' own names
+    // are those of the other robots' too.
+    int of = rootRobots_[i];
+    if (of != robot) lines.push_back(scenario_.robots[of].name + ":<br />");
+    robot = of;
+    lines.push_back(r->httpGet(0));
+  }
   return lines;
 }
 

@@ -105,6 +105,7 @@ class Stage {
   std::vector<boost::shared_ptr<ZU::ZUBroker>> brokers_;  // by robot number (one without robots)
   std::unordered_map<std::string, boost::shared_ptr<ZU::ZUResource>> resources_;
   std::vector<boost::shared_ptr<ZU::ZUResource>> roots_;
+  std::vector<int> rootRobots_;  // by root: its robot's number
   std::vector<Module> modules_;
   std::vector<Owner> owners_;
   std::unordered_map<std::string, int> ownerByName_;
