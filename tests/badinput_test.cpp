@@ -17,10 +17,10 @@
 #include <zuresource/zuresourcestate.h>
 
 #include "support/asyncrun.h"
-#include "support/guardedthread.h"
 #include "support/recordingmodule.h"
 #include "support/resourcehelpers.h"
 #include "support/stillworks.h"
+#include "support/threads.h"
 
 namespace {
 

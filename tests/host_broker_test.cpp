@@ -13,7 +13,7 @@
 
 #include <zuhost/zubroker.h>
 
-#include "support/latch.h"
+#include "support/threads.h"
 
 using ::testing::ElementsAre;
 using ZU::ZUError;

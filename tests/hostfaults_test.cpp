@@ -21,11 +21,9 @@
 #include <zuresource/zuresourcelist.h>
 
 #include "support/asyncrun.h"
-#include "support/guardedthread.h"
-#include "support/latch.h"
-#include "support/onexit.h"
 #include "support/recordingmodule.h"
 #include "support/resourcehelpers.h"
+#include "support/threads.h"
 
 namespace {
 

@@ -13,9 +13,9 @@
 #include <zuresource/zuobserver.h>
 #include <zuresource/zusnapshot.h>
 
-#include "support/guardedthread.h"
 #include "support/observed.h"
 #include "support/resourcehelpers.h"
+#include "support/threads.h"
 
 namespace {
 

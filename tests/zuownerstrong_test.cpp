@@ -14,8 +14,8 @@
 #include <zuresource/zuwaitregistry.h>
 
 #include "support/asyncrun.h"
-#include "support/guardedthread.h"
 #include "support/resourcehelpers.h"
+#include "support/threads.h"
 
 using ZU::ZUOwnerStrong;
 using zutest::ConflictRun;

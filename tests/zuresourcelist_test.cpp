@@ -13,10 +13,9 @@
 #include <zuresource/zuresourcestate.h>
 #include <zuresource/zustalewaitchecker.h>
 
-#include "support/guardedthread.h"
 #include "support/recordingresource.h"
 #include "support/resourcehelpers.h"
-#include "support/smallstack.h"
+#include "support/threads.h"
 
 namespace {
 

@@ -15,7 +15,7 @@
 #include "support/asyncrun.h"
 #include "support/recordingmodule.h"
 #include "support/resourcehelpers.h"
-#include "support/stopwatch.h"
+#include "support/threads.h"
 
 namespace {
 

@@ -18,11 +18,10 @@
 #include <zufleet/zuetcdserver.h>
 #include <zufleet/zuresourcefleet.h>
 
-#include "support/guardedthread.h"
 #include "support/observed.h"
 #include "support/recordingmodule.h"
 #include "support/resourcehelpers.h"
-#include "support/stopwatch.h"
+#include "support/threads.h"
 
 extern char** environ;
 

@@ -18,8 +18,7 @@
 #include <zuresource/zucontract.h>
 #include <zuresource/zuresource.h>
 
-#include "support/guardedthread.h"
-#include "support/stopwatch.h"
+#include "support/threads.h"
 
 namespace zutest {
 
