@@ -280,11 +280,14 @@ bool parseFleetAction(const Entry& e, Scenario& s, const std::string& what, Acti
   if (restart && !s.hasFleet()) e.fail("\"restartEtcd\" needs a fleet resource");
   if (!restart) a.robot = knownRobot(e, s, e.text("robot"));
   a.kind = restart ? ActionKind::EtcdDown : what == "kill" ? ActionKind::Kill : ActionKind::CutOff;
+  if (a.kind != ActionKind::Kill)
+    a.untilMs =
+        a.atMs + (restart ? e.time("downMs", 0) : e.integer("durationMs", 0, 1, kMaxMs, true));
   s.actions.push_back(a);
   if (a.kind == ActionKind::Kill) return true;
   // The way back is an action of its own, at its time.
   a.kind = restart ? ActionKind::EtcdUp : ActionKind::Reconnect;
-  a.atMs += restart ? e.time("downMs", 0) : e.integer("durationMs", 0, 1, kMaxMs, true);
+  a.atMs = a.untilMs;
   s.actions.push_back(a);
   return true;
 }

@@ -102,6 +102,7 @@ struct ActionEntry {
   std::vector<std::string> noWait;
   bool activated = false;  // SetState
   int robot = -1;          // Kill, CutOff, Reconnect
+  long untilMs = 0;        // CutOff, EtcdDown: when the way back comes
 };
 
 /// How a request ends: granted, not obtained (busy, on its no-wait list),

@@ -505,11 +505,6 @@ void Simulation::interrupt(const std::vector<std::pair<Owner*, std::string>>& wa
 
 void Simulation::fleetAction(const ActionEntry& a) {
   const std::string robot = a.robot >= 0 ? scenario_.robots[a.robot].name : "";
-  const long back = [&] {
-    for (const ActionEntry& b : scenario_.actions)
-      if (b.entry == a.entry && b.atMs > a.atMs) return b.atMs;
-    return a.atMs;
-  }();
   switch (a.kind) {
     case ActionKind::Kill: {
       log_.add(EventKind::Manager, "", "",
@@ -532,7 +527,7 @@ void Simulation::fleetAction(const ActionEntry& a) {
     }
     case ActionKind::CutOff:
       log_.add(EventKind::Manager, "", "",
-               robot + " is cut off from etcd until " + std::to_string(back) + " ms");
+               robot + " is cut off from etcd until " + std::to_string(a.untilMs) + " ms");
       stage_.cutOff(a.robot, true);
       return;
     case ActionKind::Reconnect: {
@@ -548,7 +543,7 @@ void Simulation::fleetAction(const ActionEntry& a) {
     }
     case ActionKind::EtcdDown:
       log_.add(EventKind::Manager, "", "",
-               "etcd is killed; it starts again at " + std::to_string(back) + " ms");
+               "etcd is killed; it starts again at " + std::to_string(a.untilMs) + " ms");
       stage_.etcdDown();
       return;
     case ActionKind::EtcdUp:
@@ -610,7 +605,7 @@ void Simulation::onEvent(const ZU::ZUEvent& event) {
     }
   }
   bool news = timeline_.record(e, ms);
-  if (e.kind == Kind::Lost) {
+  if (e.kind == Kind::Lost && by) {
     {
       std::lock_guard<std::mutex> lock(mutex_);
       if (killed_[by->robot]) return;  // a dead robot learns nothing

@@ -23,11 +23,11 @@ namespace zusim {
 
 /// Plays one scenario. Each owner's actions run in that owner's own thread, in
 /// time order, a blocking waitFor delaying the owner's later actions; the
-/// manager's actions (setState, releaseState, stop) run in a thread of their
-/// own, timed expectations in another. What the library decides (waits,
-/// grants, releases, deadlocks, stale waits) reaches the run as the library's
-/// events, which draw the timeline and the diagnosis at the times the log
-/// prints.
+/// manager's actions (setState, releaseState, stop, and those on robots and
+/// etcd) run in a thread of their own, timed expectations in another. What
+/// the library decides (waits, grants, releases, deadlocks, stale waits)
+/// reaches the run as the library's events, which draw the timeline and the
+/// diagnosis at the times the log prints.
 ///
 /// Thread safety: run() is called once, from one thread; the RunView and
 /// World queries may be called from any thread at any time, also during run().
