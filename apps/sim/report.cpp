@@ -173,7 +173,9 @@ class Timeline {
       Lane lane;
       lane.name = res.name;
       const std::string& groups = groupsOf[res.name];
-      lane.about = (res.kind == ResourceKind::State ? "state" : "plain") +
+      lane.about = (res.kind == ResourceKind::State ? "state"
+                    : res.fleet                     ? "fleet"
+                                                    : "plain") +
                    std::string(groups.empty() ? "" : "; ") + groups;
       lanes_.push_back(lane);
     }
