@@ -600,7 +600,7 @@ void Simulation::onEvent(const ZU::ZUEvent& event) {
       wait.holder = kFleet;
       timeline_.record(wait, ms);
       log_.add(ms, EventKind::Waiting, e.owner, e.resource,
-               e.owner + " waits for the fleet's lock on " + r->libraryName);
+               e.owner + " asks the fleet for " + r->libraryName);
       return;
     }
   }
