@@ -617,6 +617,10 @@ void Simulation::onEvent(const ZU::ZUEvent& event) {
     if (deactivation)
       log_.add(ms, EventKind::Waiting, "", e.resource,
                "the deactivation of " + e.resource + " waits for " + e.holder + " to let go");
+    else if (r->fleet && e.holder != kFleet)
+      log_.add(ms, EventKind::Waiting, e.owner, e.resource,
+               e.owner + " waits for " + e.resource + " behind robot " + e.holder +
+                   " in the fleet's queue");
     else if (e.holder == e.resource && r->kind == ResourceKind::State)
       log_.add(ms, EventKind::Waiting, e.owner, e.resource,
                e.owner + " waits for " + e.resource + " to be activated");

@@ -149,7 +149,7 @@ bool ZUResourceFleet::acquireFleet(const boost::shared_ptr<ZUOwner>& owner,
         std::this_thread::sleep_for(kPoll);
       }
     }
-    if (!awaitTurn(lease, token, deadline, noWait)) {
+    if (!awaitTurn(*owner, lease, token, deadline, noWait)) {
       abandon(owner);
       return false;
     }
@@ -184,8 +184,8 @@ bool ZUResourceFleet::acquireFleet(const boost::shared_ptr<ZUOwner>& owner,
   return true;
 }
 
-bool ZUResourceFleet::awaitTurn(std::int64_t lease, std::int64_t token, Clock::time_point deadline,
-                                bool noWait) {
+bool ZUResourceFleet::awaitTurn(const ZUOwner& owner, std::int64_t lease, std::int64_t token,
+                                Clock::time_point deadline, bool noWait) {
   const std::string prefix = session_->resourcePrefix(name);
   const std::string end = ZUEtcdClient::prefixEnd(prefix);
   std::string ahead;
@@ -202,8 +202,9 @@ bool ZUResourceFleet::awaitTurn(std::int64_t lease, std::int64_t token, Clock::t
         unreachable.reset();
         lastRead = Clock::now();
         if (keys.empty()) return true;
-        ahead = keys.front().key;
         if (noWait) return false;
+        if (keys.front().key != ahead) waitingBehind(owner, keys.front().value, deadline);
+        ahead = keys.front().key;
       } catch (const ZUEtcdError& e) {
         unreachable = e;
       }
@@ -230,6 +231,19 @@ bool ZUResourceFleet::awaitTurn(std::int64_t lease, std::int64_t token, Clock::t
       deleted = session_->awaitDeletion(ahead, since, lease, until);
     mustRead = deleted || unreachable || Clock::now() - lastRead >= kRecheck;
   }
+}
+
+void ZUResourceFleet::waitingBehind(const ZUOwner& owner, const std::string& robot,
+                                    Clock::time_point deadline) const {
+  if (!ZUObservers::active()) return;
+  ZUEvent waiting = ZUEvent::make(ZUEvent::Kind::Waiting, name, &owner);
+  waiting.holder = robot;
+  waiting.timeout =
+      deadline == Clock::time_point::max()
+          ? -1
+          : static_cast<int>(
+                std::chrono::ceil<std::chrono::seconds>(deadline - Clock::now()).count());
+  ZUObservers::emit(std::move(waiting));
 }
 
 void ZUResourceFleet::abandon(const boost::shared_ptr<ZUOwner>& owner) {

@@ -27,8 +27,10 @@ namespace ZU {
 /// the lock, and each other robot waits for the key just ahead of its own to
 /// go, so robots are served in the order they asked. The holder's module is
 /// told "__onResource__" (as for a local conflict) when another robot's key
-/// appears. The grant's fencing token is its key's create revision: a later
-/// grant of the same resource always has a larger one.
+/// appears. While a robot waits in the queue, observers receive a Waiting
+/// event whose holder is the name of the robot just ahead of it (again when
+/// that robot changes). The grant's fencing token is its key's create
+/// revision: a later grant of the same resource always has a larger one.
 ///
 /// Thread safety: thread safe, as ZUResource. Lock order: claimMutex, then the
 /// locks of ZUResource (waitMutex, currentOwnerMutex, an owner's ownerMutex).
@@ -98,9 +100,15 @@ class ZUResourceFleet : public ZUResource {
   /// is busy and `noWait` holds; throws as waitFor documents.
   bool acquireFleet(const boost::shared_ptr<ZUOwner>& owner, Clock::time_point deadline,
                     bool noWait);
-  /// Waits in the queue with the key created at `token` under `lease`. Same
-  /// results as acquireFleet.
-  bool awaitTurn(std::int64_t lease, std::int64_t token, Clock::time_point deadline, bool noWait);
+  /// Waits in the queue for `owner` with the key created at `token` under
+  /// `lease`. Same results as acquireFleet. No lock is held.
+  bool awaitTurn(const ZUOwner& owner, std::int64_t lease, std::int64_t token,
+                 Clock::time_point deadline, bool noWait);
+  /// Tells observers that `owner` waits behind robot `robot`, the key just
+  /// ahead of its own (the holder, or a robot that asked earlier). Called
+  /// with no lock held.
+  void waitingBehind(const ZUOwner& owner, const std::string& robot,
+                     Clock::time_point deadline) const;
   /// Ends a claim that did not become a grant and gives the resource back
   /// locally for `owner`.
   void abandon(const boost::shared_ptr<ZUOwner>& owner);

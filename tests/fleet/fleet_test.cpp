@@ -89,6 +89,7 @@ struct Waiter {
 TEST(Fleet, RobotsAreServedInOrderTheHolderIsToldAndOldTokensAreRefused) {
   ZU::ZUEtcdServer etcd;
   Robot a("a", etcd.endpoints()), b("b", etcd.endpoints()), c("c", etcd.endpoints());
+  zutest::Observed<zutest::EventKeeper> observed;
   ASSERT_TRUE(a.take(5).empty());
   const std::int64_t tokenA = a.lift->fencingToken();
   EXPECT_EQ(a.lift->httpGet(0),
@@ -111,6 +112,11 @@ TEST(Fleet, RobotsAreServedInOrderTheHolderIsToldAndOldTokensAreRefused) {
   ASSERT_TRUE(waitUntil([&] { return c.holds(); }));
   ASSERT_TRUE(waitB.thread.joinFor(5000) && waitC.thread.joinFor(5000));
   EXPECT_FALSE(waitB.error || waitC.error);
+  // Each waiter is seen waiting behind the robot just ahead of it.
+  std::vector<std::string> behind;
+  for (const ZU::ZUEvent& e : observed->events(ZU::ZUEvent::Kind::Waiting))
+    behind.push_back(e.owner + " behind " + e.holder);
+  EXPECT_EQ(behind, (std::vector<std::string>{"b behind a", "c behind b"}));
 
   ZU::ZUFencingGate door;
   EXPECT_TRUE(door.admit(tokenA));
