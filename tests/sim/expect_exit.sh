@@ -1,6 +1,7 @@
 #!/bin/bash
 # Runs a command and checks its exit status and its output (stdout and
-# stderr together) against an extended regular expression.
+# stderr together) against extended regular expressions: each line of REGEX
+# must match a line of the output, in the order given.
 # usage: expect_exit.sh STATUS REGEX COMMAND [ARGS...]
 expected=$1
 pattern=$2
@@ -12,7 +13,11 @@ if [ "$status" -ne "$expected" ]; then
   echo "expect_exit: exit status $status, expected $expected" >&2
   exit 1
 fi
-if ! grep -Eq -- "$pattern" <<<"$output"; then
-  echo "expect_exit: output does not match: $pattern" >&2
-  exit 1
-fi
+rest=$output
+while IFS= read -r piece; do
+  found=$(grep -Enm1 -- "$piece" <<<"$rest") || {
+    echo "expect_exit: output does not match: $piece" >&2
+    exit 1
+  }
+  rest=$(tail -n +$((${found%%:*} + 1)) <<<"$rest")
+done <<<"$pattern"
