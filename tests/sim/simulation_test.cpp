@@ -23,8 +23,9 @@ struct Played {
   }
 };
 
-Played play(const std::string& json) {
-  Scenario scenario = parseScenario(json, "test.json");
+/// Runs scenario `file` of the test scenarios (their descriptions say what each sets up).
+Played play(const std::string& file) {
+  Scenario scenario = loadScenario(std::string(ZUSIM_SCENARIOS) + "/" + file);
   EventLog log(nullptr);
   Played run;
   {
@@ -37,20 +38,8 @@ Played play(const std::string& json) {
 
 }  // namespace
 
-// Two owners of one module wait at once, each on the holder of its own request,
-// though x's group also holds the resource y waits for.
 TEST(Simulation, WaitsAreToldOfTheRequesterNotOfTheModule) {
-  Played run = play(R"({
-    "resources": [{"name": "Head"}, {"name": "Arm"},
-                  {"name": "Both", "kind": "group", "members": ["Head", "Arm"]}],
-    "modules": [{"name": "Shared", "onResource": "ignore"}, {"name": "Busy", "onResource": "ignore"}],
-    "owners": [{"name": "h1", "module": "Busy"}, {"name": "h2", "module": "Busy"},
-               {"name": "x", "module": "Shared"}, {"name": "y", "module": "Shared"}],
-    "actions": [
-      {"at": 0, "owner": "h1", "do": "waitFor", "resource": "Head"},
-      {"at": 0, "owner": "h2", "do": "waitFor", "resource": "Arm"},
-      {"at": 100, "owner": "x", "do": "waitFor", "resource": "Both", "timeout": 0},
-      {"at": 100, "owner": "y", "do": "waitFor", "resource": "Arm", "timeout": 0}]})");
+  Played run = play("requester_not_module.json");
   std::vector<std::string> waits = run.texts(EventKind::Waiting);
   std::sort(waits.begin(), waits.end());
   EXPECT_EQ(waits, (std::vector<std::string>{"x waits for Head, held by h1",
@@ -65,20 +54,8 @@ TEST(Simulation, WaitsAreToldOfTheRequesterNotOfTheModule) {
   }
 }
 
-// A descendant's later grant of the free resource is no hand-down, though its release hands back.
 TEST(Simulation, HandDownIsToldOnlyWhenTheHolderYields) {
-  Played run = play(R"({
-    "resources": [{"name": "Head"}],
-    "modules": [{"name": "M", "onResource": "ignore"}],
-    "owners": [{"name": "a", "module": "M"}, {"name": "ab", "module": "M"}],
-    "actions": [
-      {"at": 0, "owner": "a", "do": "waitFor", "resource": "Head"},
-      {"at": 50, "owner": "ab", "do": "waitFor", "resource": "Head"},
-      {"at": 100, "owner": "ab", "do": "release", "resource": "Head"},
-      {"at": 150, "owner": "a", "do": "release", "resource": "Head"},
-      {"at": 200, "owner": "ab", "do": "waitFor", "resource": "Head"},
-      {"at": 250, "owner": "ab", "do": "release", "resource": "Head"}],
-    "expect": [{"resource": "Head", "holder": "a"}]})");
+  Played run = play("hand_down.json");
   EXPECT_EQ(run.texts(EventKind::HandedDown),
             (std::vector<std::string>{"Head is handed down from a to ab"}));
   EXPECT_EQ(run.texts(EventKind::HandedBack),
@@ -88,22 +65,8 @@ TEST(Simulation, HandDownIsToldOnlyWhenTheHolderYields) {
   EXPECT_TRUE(run.record.allHeld());
 }
 
-// A three-owner ring, seen at every look until the time limits end it, is logged once.
 TEST(Simulation, DeadlockIsLoggedOnceNamingEveryEdge) {
-  Played run = play(R"({
-    "resources": [{"name": "A"}, {"name": "B"}, {"name": "C"}, {"name": "S", "kind": "state"},
-                  {"name": "AB", "kind": "group", "members": ["A", "S", "B"]},
-                  {"name": "BC", "kind": "group", "members": ["B", "S", "C"]},
-                  {"name": "CA", "kind": "group", "members": ["C", "S", "A"]}],
-    "modules": [{"name": "M", "onResource": "ignore"}],
-    "owners": [{"name": "x", "module": "M"}, {"name": "y", "module": "M"}, {"name": "z", "module": "M"}],
-    "actions": [
-      {"at": 0, "owner": "y", "do": "waitFor", "resource": "BC", "timeout": 1},
-      {"at": 0, "owner": "x", "do": "waitFor", "resource": "AB", "timeout": 1},
-      {"at": 0, "owner": "z", "do": "waitFor", "resource": "CA", "timeout": 1},
-      {"at": 100, "do": "setState", "resource": "S", "activated": true}],
-    "expect": [{"at": 900, "deadlock": true, "owners": ["x", "y", "z"], "resource": "C"},
-               {"staleWait": false}]})");
+  Played run = play("deadlock_ring.json");
   std::vector<std::string> deadlocks = run.texts(EventKind::Deadlock);
   ASSERT_EQ(deadlocks.size(), 1u);
   const std::string edges = "deadlock: x -> y (B), y -> z (C), z -> x (A); formed at ";
@@ -116,21 +79,8 @@ TEST(Simulation, DeadlockIsLoggedOnceNamingEveryEdge) {
   EXPECT_TRUE(run.record.allHeld());
 }
 
-// b's wait restarts when a's release flag is set by a stop on another resource:
-// the library reports the cycle broken and formed again; it is one deadlock.
 TEST(Simulation, DeadlockIsReportedOnceWhileItsEdgesStand) {
-  Played run = play(R"({
-    "resources": [{"name": "L"}, {"name": "R"}, {"name": "X"}],
-    "modules": [{"name": "M", "onResource": "ignore"}],
-    "owners": [{"name": "a", "module": "M"}, {"name": "b", "module": "M"}],
-    "stopAt": 1500,
-    "actions": [
-      {"at": 0, "owner": "a", "do": "waitFor", "resource": "L"},
-      {"at": 0, "owner": "a", "do": "waitFor", "resource": "X"},
-      {"at": 0, "owner": "b", "do": "waitFor", "resource": "R"},
-      {"at": 100, "owner": "b", "do": "waitFor", "resource": "L"},
-      {"at": 150, "owner": "a", "do": "waitFor", "resource": "R"},
-      {"at": 400, "do": "stop", "owner": "a", "resource": "X"}]})");
+  Played run = play("deadlock_restarted.json");
   std::vector<std::string> deadlocks = run.texts(EventKind::Deadlock);
   ASSERT_EQ(deadlocks.size(), 1u);
   EXPECT_EQ(deadlocks[0].rfind("deadlock: a -> b (R), b -> a (L); formed at 1", 0), 0u)
@@ -138,20 +88,8 @@ TEST(Simulation, DeadlockIsReportedOnceWhileItsEdgesStand) {
   EXPECT_EQ(run.texts(EventKind::Waiting).size(), 2u);
 }
 
-// switchOwner takes Head silently: the speaker's wait on the tracker goes stale, logged once.
 TEST(Simulation, StaleWaitIsLoggedOnce) {
-  Played run = play(R"({
-    "resources": [{"name": "Head"}],
-    "modules": [{"name": "M", "onResource": "ignore"}],
-    "owners": [{"name": "tracker", "module": "M"}, {"name": "speaker", "module": "M"},
-               {"name": "intruder", "module": "M"}],
-    "actions": [
-      {"at": 0, "owner": "tracker", "do": "waitFor", "resource": "Head"},
-      {"at": 100, "owner": "speaker", "do": "waitFor", "resource": "Head", "timeout": 1},
-      {"at": 200, "owner": "intruder", "do": "switchOwner", "resource": "Head"}],
-    "expect": [{"at": 150, "staleWait": false},
-               {"staleWait": true, "owners": ["speaker", "tracker"], "resource": "Head"},
-               {"deadlock": false}]})");
+  Played run = play("stale_wait.json");
   std::vector<std::string> stale = run.texts(EventKind::StaleWait);
   ASSERT_EQ(stale.size(), 1u);
   EXPECT_EQ(stale[0].rfind(
@@ -168,26 +106,8 @@ bool has(const std::vector<std::string>& texts, const std::string& text) {
 
 }  // namespace
 
-// A deadlock with requests queued behind it, a wait that clears the stopped owner's
-// flag, and a module's long delay: everything ends within a poll or two of stopAt.
 TEST(Simulation, RunEndsShortlyAfterStopAt) {
-  Played run = play(R"({
-    "resources": [{"name": "L"}, {"name": "R"}, {"name": "Z"}],
-    "modules": [{"name": "M", "onResource": "ignore"},
-                {"name": "Slow", "onResource": "release", "delay": 100000}],
-    "owners": [{"name": "a", "module": "M"}, {"name": "b", "module": "M"},
-               {"name": "c", "module": "Slow"}, {"name": "d", "module": "M"}],
-    "stopAt": 1000,
-    "actions": [
-      {"at": 0, "owner": "a", "do": "waitFor", "resource": "L"},
-      {"at": 0, "owner": "b", "do": "waitFor", "resource": "R"},
-      {"at": 0, "owner": "c", "do": "waitFor", "resource": "Z"},
-      {"at": 100, "owner": "a", "do": "waitFor", "resource": "R"},
-      {"at": 100, "owner": "b", "do": "waitFor", "resource": "L"},
-      {"at": 200, "owner": "a", "do": "waitFor", "resource": "R"},
-      {"at": 200, "owner": "b", "do": "waitFor", "resource": "L"},
-      {"at": 400, "owner": "d", "do": "waitFor", "resource": "Z"}],
-    "expect": [{"owner": "a", "outcome": "stopped"}, {"owner": "d", "outcome": "stopped"}]})");
+  Played run = play("stop_at.json");
   EXPECT_LT(run.record.endMs, 1000 + 3 * 200);
   std::vector<std::string> manager = run.texts(EventKind::Manager);
   for (const char* line :
@@ -198,23 +118,8 @@ TEST(Simulation, RunEndsShortlyAfterStopAt) {
   EXPECT_TRUE(run.record.allHeld());
 }
 
-// Why a stop nobody asked for happened, and why a deactivation left holders behind.
 TEST(Simulation, ExplainsAStopOfItsOwnAndADeactivationThatStoppedEarly) {
-  Played run = play(R"({
-    "resources": [{"name": "X"}, {"name": "Y"}, {"name": "S", "kind": "state", "activated": true}],
-    "modules": [{"name": "M", "onResource": "ignore"},
-                {"name": "Quick", "onResource": "release", "delay": 0}],
-    "owners": [{"name": "a", "module": "M"}, {"name": "b", "module": "M"},
-               {"name": "q", "module": "Quick"}, {"name": "r", "module": "M"}],
-    "actions": [
-      {"at": 0, "owner": "a", "do": "waitFor", "resource": "X"},
-      {"at": 0, "owner": "b", "do": "waitFor", "resource": "Y"},
-      {"at": 0, "owner": "q", "do": "waitFor", "resource": "S"},
-      {"at": 50, "owner": "r", "do": "waitFor", "resource": "S"},
-      {"at": 100, "owner": "a", "do": "release", "resource": "X"},
-      {"at": 200, "owner": "a", "do": "waitFor", "resource": "Y", "timeout": 2},
-      {"at": 1000, "do": "setState", "resource": "S", "activated": false}],
-    "expect": [{"owner": "a", "outcome": "stopped"}, {"resource": "S", "holders": ["r"]}]})");
+  Played run = play("explained_stops.json");
   std::vector<std::string> stopped = run.texts(EventKind::Stopped);
   ASSERT_EQ(stopped.size(), 1u);
   EXPECT_NE(stopped[0].find("\" (own release at 1"), std::string::npos) << stopped[0];
@@ -225,20 +130,8 @@ TEST(Simulation, ExplainsAStopOfItsOwnAndADeactivationThatStoppedEarly) {
   EXPECT_TRUE(run.record.allHeld());
 }
 
-// The one wait the simulator adds, around calls for an owner that may be handed
-// resources down, is logged with its reason.
 TEST(Simulation, ACallKeptApartFromTheOwnersRunningCallSaysSo) {
-  Played run = play(R"({
-    "resources": [{"name": "Head"}, {"name": "Arm"}],
-    "modules": [{"name": "M", "onResource": "release"}, {"name": "Q", "onResource": "ignore"}],
-    "owners": [{"name": "a", "module": "Q"}, {"name": "a/b", "module": "M"},
-               {"name": "c", "module": "Q"}, {"name": "d", "module": "Q"}],
-    "actions": [
-      {"at": 0, "owner": "c", "do": "waitFor", "resource": "Head"},
-      {"at": 0, "owner": "a/b", "do": "waitFor", "resource": "Arm"},
-      {"at": 100, "owner": "a/b", "do": "waitFor", "resource": "Head", "timeout": 1},
-      {"at": 200, "owner": "d", "do": "waitFor", "resource": "Arm", "timeout": 3}],
-    "expect": [{"owner": "d", "outcome": "granted"}]})");
+  Played run = play("calls_kept_apart.json");
   EXPECT_TRUE(has(run.texts(EventKind::Manager),
                   "a/b's release of Arm waits for a/b's running call: the simulator keeps one "
                   "owner's calls apart, since a hand-down records the giver where a release reads "
