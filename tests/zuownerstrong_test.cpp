@@ -111,7 +111,7 @@ TEST(StrongOwner, EveryWayAWaitEnds) {
     if (row.when != kBefore && row.trigger) row.trigger(holder, *requester);
 
     const zutest::ConflictOutcome outcome = run.wait();
-    EXPECT_TRUE(row.error ? waitFailed(outcome, row.error) : zutest::waitReturned(outcome, false));
+    EXPECT_TRUE(row.error ? waitFailed(outcome, row.error) : zutest::waitReturned(outcome));
     if (row.limit > 0) EXPECT_ELAPSED_NEAR(outcome.elapsedMs, row.limit * 1000);
     EXPECT_TRUE(recorded(0));
     EXPECT_EQ(!holder, watched.expired());
