@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <limits>
 
+#include <zuresource/zucontract.h>
+
 namespace zusim {
 
 namespace {
@@ -80,7 +82,8 @@ class Linter {
         if (a.kind == ActionKind::WaitFor && !why.empty()) {
           out_.push_back({a.entry, o.name + " requests " + a.resource + " after " + why +
                                        ": that leaves its release flag set, so if this request "
-                                       "has to wait it fails with \"box stop while waiting\""});
+                                       "has to wait it fails with \"" +
+                                       ZU::contract::kStopWhileWaiting + "\""});
           break;
         }
         if (a.kind == ActionKind::Release)

@@ -9,6 +9,7 @@
 
 #include <boost/make_shared.hpp>
 
+#include <zuresource/zucontract.h>
 #include <zuresource/zuobserver.h>
 
 #include "simulation.h"
@@ -306,7 +307,7 @@ class ScenarioBuilder {
         if (text(res, "kind") == "plain") {
           json holders = res.value("holders", json::array());
           out.push_back({{"resource", text(res, "name")},
-                         {"holder", holders.empty() ? std::string("emptyOwner")
+                         {"holder", holders.empty() ? std::string(ZU::contract::kPlaceholderName)
                                                     : holders[0].get<std::string>()}});
         }
     return out;

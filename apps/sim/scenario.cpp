@@ -11,6 +11,8 @@
 #include <nlohmann/json.hpp>
 #include <sys/stat.h>
 
+#include <zuresource/zucontract.h>
+
 namespace zusim {
 
 namespace {
@@ -210,7 +212,8 @@ void parseOwner(const Entry& e, Scenario& s, int robot) {
   o.name = e.name("name", "owner");
   o.module = e.text("module");
   o.robot = robot;
-  if (o.name == "emptyOwner") e.fail("\"emptyOwner\" is the placeholder's name");
+  if (o.name == ZU::contract::kPlaceholderName)
+    e.fail(quoteName(o.name) + " is the placeholder's name");
   if (!s.findModule(o.module)) e.fail("unknown module " + quoteName(o.module));
   if (s.findModule(o.module)->robot != robot)
     e.fail("module " + quoteName(o.module) + " belongs to another robot");
@@ -418,7 +421,7 @@ void parseExpectation(const Entry& e, Scenario& s) {
       x.kind = ExpectKind::Holder;
       x.holder = e.text("holder");
       if (r.kind != ResourceKind::Plain) e.fail("\"holder\" needs a plain resource");
-      if (x.holder != "emptyOwner") knownOwner(e, s, x.holder);
+      if (x.holder != ZU::contract::kPlaceholderName) knownOwner(e, s, x.holder);
     } else if (e.has("holders")) {
       x.kind = ExpectKind::Holders;
       x.names = e.texts("holders");

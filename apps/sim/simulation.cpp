@@ -8,6 +8,7 @@
 
 #include <zuhost/zumutex.h>
 
+#include <zuresource/zucontract.h>
 #include <zuresource/zuexplain.h>
 #include <zuresource/zuownerstrong.h>
 
@@ -15,9 +16,6 @@ namespace zusim {
 
 namespace {
 
-const char kTimeoutError[] = "resource wait has timeouted on ";
-const char kStopError[] = "box stop while waiting";
-const char kFree[] = "emptyOwner";
 // Who an owner waits behind while its robot waits for a fleet lock.
 const char kFleet[] = "the fleet";
 // Changes this close together are taken as one step of the library.
@@ -259,7 +257,9 @@ void Simulation::waitFor(Owner& o, const ActionEntry& a) {
     // A hand-down is the one change of holder that records the giver as the
     // new holder's parent owner for that resource.
     for (const auto& b : before) {
-      if (b.second == who || b.second == kFree || stage_.holderOf(b.first) != who) continue;
+      if (b.second == who || b.second == ZU::contract::kPlaceholderName ||
+          stage_.holderOf(b.first) != who)
+        continue;
       boost::shared_ptr<ZU::ZUOwner> parent = o.owner->getParentOwner(b.first);
       if (parent && parent->name == b.second)
         log_.add(EventKind::HandedDown, who, b.first,
@@ -267,10 +267,9 @@ void Simulation::waitFor(Owner& o, const ActionEntry& a) {
     }
   } catch (const ZU::ZUError& e) {
     out.error = e.getDescription();
-    out.kind = out.error.compare(0, sizeof kTimeoutError - 1, kTimeoutError) == 0
-                   ? OutcomeKind::TimedOut
-               : out.error == kStopError ? OutcomeKind::Stopped
-                                         : OutcomeKind::Failed;
+    out.kind = out.error.rfind(ZU::contract::kWaitTimedOutPrefix, 0) == 0 ? OutcomeKind::TimedOut
+               : out.error == ZU::contract::kStopWhileWaiting             ? OutcomeKind::Stopped
+                                                                          : OutcomeKind::Failed;
   }
   if (calls) calls.unlock();
   finish(o, out);
@@ -304,7 +303,8 @@ void Simulation::finish(Owner& o, const Outcome& result) {
     return;
   }
   if (out.kind == OutcomeKind::TimedOut)
-    lane = scenario_.resourceOf(o.entry.robot, out.error.substr(sizeof kTimeoutError - 1));
+    lane = scenario_.resourceOf(o.entry.robot,
+                                out.error.substr(sizeof ZU::contract::kWaitTimedOutPrefix - 1));
   EventKind kind = out.kind == OutcomeKind::TimedOut  ? EventKind::TimedOut
                    : out.kind == OutcomeKind::Stopped ? EventKind::Stopped
                                                       : EventKind::Failed;
@@ -341,8 +341,9 @@ void Simulation::release(Owner& o, const std::string& name, const std::string& w
   }
   std::vector<std::string> released;
   for (const std::string& l : heldBefore) {
-    std::string holder = stage_.stateResource(l) ? kFree : stage_.holderOf(l);
-    if (holder == kFree)
+    std::string holder =
+        stage_.stateResource(l) ? ZU::contract::kPlaceholderName : stage_.holderOf(l);
+    if (holder == ZU::contract::kPlaceholderName)
       released.push_back(l);
     else if (holder != who)
       log_.add(EventKind::HandedBack, who, l,

@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <zuresource/zucontract.h>
+
 using namespace zusim;
 
 namespace {
@@ -44,10 +46,10 @@ class Expectations : public ::testing::Test {
  protected:
   Expectations() {
     world.outcomes["a"] = {
-        {"Head", OutcomeKind::TimedOut, {}, "resource wait has timeouted on Head", 100},
+        {"Head", OutcomeKind::TimedOut, {}, ZU::contract::waitTimedOut("Head"), 100},
         {"Arms", OutcomeKind::NotObtained, {"LeftArm"}, "", 200},
         {"Head", OutcomeKind::Granted, {}, "", 300},
-        {"Legs", OutcomeKind::Stopped, {}, "box stop while waiting", 400}};
+        {"Legs", OutcomeKind::Stopped, {}, ZU::contract::kStopWhileWaiting, 400}};
   }
   FakeWorld world;
 };
@@ -68,7 +70,7 @@ TEST_F(Expectations, OutcomeIsTheLatestRequestAndComparesErrorAndNamesOnlyWhenGi
       check(x, world).text,
       "a's request of Arms: not obtained [RightArm] at the end, found not obtained [LeftArm]");
   x = outcome("Legs", OutcomeKind::Stopped);
-  x.error = "resource wait has timeouted on Legs";
+  x.error = ZU::contract::waitTimedOut("Legs");
   EXPECT_FALSE(check(x, world).held);
 }
 
