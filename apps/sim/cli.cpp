@@ -204,7 +204,9 @@ std::string usage() {
          "  1  an expectation failed (each is listed with what was found), or a replay\n"
          "     diverged from its recording\n"
          "  2  a scenario or recording was refused before it ran (its file, entry and\n"
-         "     fault are named), a file could not be written, or the command line is wrong\n";
+         "     fault are named), a file could not be written, or the command line is wrong\n"
+         "  130, 143  interrupted (Ctrl-C, SIGTERM): the running scenario stopped as at its\n"
+         "     stopAt, its etcd ended; a second signal ends the program at once\n";
   return out.str();
 }
 

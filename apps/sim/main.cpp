@@ -28,6 +28,7 @@
 #include "cli.h"
 #include "eventlog.h"
 #include "feed.h"
+#include "interrupts.h"
 #include "junit.h"
 #include "lint.h"
 #include "replay.h"
@@ -114,8 +115,10 @@ zusim::Scenario load(const std::string& path, const zusim::Options& options) {
   return scenario;
 }
 
-/// Runs one scenario; fills in its suite and returns its exit status.
-int runOne(const std::string& path, const zusim::Options& options, zusim::SuiteResult& suite) {
+/// Runs one scenario; fills in its suite and returns its exit status. A
+/// signal stops the run as its stopAt would.
+int runOne(const std::string& path, const zusim::Options& options, zusim::SuiteResult& suite,
+           zusim::Interrupts& interrupts) {
   suite.file = path == zusim::kStandardInput ? kStandardInputName : path;
   auto began = std::chrono::steady_clock::now();
   zusim::Scenario scenario;
@@ -163,6 +166,12 @@ int runOne(const std::string& path, const zusim::Options& options, zusim::SuiteR
       *text << zusim::escapeControls(scenario.description, false) << std::endl;
   }
   zusim::Simulation& simulation = *made;
+  interrupts.onInterrupt([&simulation] { simulation.stopNow(); });
+  if (interrupts.signal()) simulation.stopNow();  // came while the stage was built
+  struct Forget {
+    zusim::Interrupts& interrupts;
+    ~Forget() { interrupts.onInterrupt({}); }
+  } forget{interrupts};
   std::unique_ptr<zusim::LiveServer> server;
   auto feed = boost::make_shared<zusim::LiveFeed>();
   if (options.port >= 0) {
@@ -218,7 +227,7 @@ int runOne(const std::string& path, const zusim::Options& options, zusim::SuiteR
   }
   if (server) {
     server->finished(status);
-    std::this_thread::sleep_for(std::chrono::seconds(options.lingerSeconds));
+    interrupts.sleepFor(options.lingerSeconds);
     server->stop();
   }
   return status;
@@ -291,13 +300,19 @@ int main(int argc, char** argv) {
   }
   if (options.jsonl == zusim::kStandardInput) text = &std::cerr;
   if (!options.replay.empty()) return replayRecording(options);
+  zusim::Interrupts interrupts;  // before any other thread
   int worst = ExitStatus::kAllHeld;
   std::vector<zusim::SuiteResult> suites(options.scenarios.size());
   std::vector<int> statuses;
   for (std::size_t i = 0; i < options.scenarios.size(); ++i) {
     if (i > 0 && !options.quiet) *text << std::endl;
-    statuses.push_back(runOne(options.scenarios[i], options, suites[i]));
+    statuses.push_back(runOne(options.scenarios[i], options, suites[i], interrupts));
     worst = std::max(worst, statuses.back());
+    if (interrupts.signal()) {  // the rest are not run
+      suites.resize(statuses.size());
+      worst = 128 + interrupts.signal();
+      break;
+    }
   }
   if (!options.quiet) *text << std::endl;
   for (std::size_t i = 0; i < suites.size(); ++i)

@@ -139,8 +139,9 @@ RunRecord Simulation::run() {
   bool ended;
   {
     std::unique_lock<std::mutex> lock(mutex_);
-    ended =
-        ownersDone_.wait_until(lock, log_.at(scenario_.stopAtMs), [this] { return running_ == 0; });
+    ownersDone_.wait_until(lock, log_.at(scenario_.stopAtMs),
+                           [this] { return running_ == 0 || interrupted_; });
+    ended = running_ == 0 && !interrupted_;
   }
   if (!ended) stopEverything();
   for (std::thread& t : threads) t.join();
@@ -157,6 +158,34 @@ RunRecord Simulation::run() {
   return record;
 }
 
+void Simulation::stopNow() {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (interrupted_ || stopped_) return;
+    interrupted_ = true;
+    stoppedAtMs_ = log_.now();
+  }
+  log_.add(EventKind::Manager, "", "", "interrupted: the scenario stops now");
+  ownersDone_.notify_all();
+}
+
+bool Simulation::interrupted() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return interrupted_;
+}
+
+bool Simulation::sleepUntil(long ms) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  // stopAt comes after every action: only an interruption cuts a sleep short.
+  stopping_.wait_until(lock, log_.at(ms), [this] { return interrupted_ && stopped_; });
+  return !interrupted_;
+}
+
+std::string Simulation::stoppedText() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return "the scenario stopped at " + std::to_string(stoppedAtMs_) + " ms";
+}
+
 void Simulation::awaitStart() {
   std::unique_lock<std::mutex> lock(mutex_);
   go_.wait(lock, [this] { return started_; });
@@ -165,7 +194,7 @@ void Simulation::awaitStart() {
 void Simulation::ownerThread(Owner& o, const std::vector<const ActionEntry*>& actions) {
   awaitStart();
   for (const ActionEntry* a : actions) {
-    std::this_thread::sleep_until(log_.at(a->atMs));
+    sleepUntil(a->atMs);
     bool stopped, killed;
     {
       std::lock_guard<std::mutex> lock(mutex_);
@@ -183,8 +212,7 @@ void Simulation::ownerThread(Owner& o, const std::vector<const ActionEntry*>& ac
     if (stopped) {
       log_.add(EventKind::Manager, o.entry.name, a->resource,
                a->entry + " of " + o.entry.name + " (at " + std::to_string(a->atMs) +
-                   " ms) is dropped: the scenario stopped at " +
-                   std::to_string(scenario_.stopAtMs) + " ms");
+                   " ms) is dropped: " + stoppedText());
       continue;
     }
     if (a->kind == ActionKind::WaitFor) waitFor(o, *a);
@@ -199,7 +227,7 @@ void Simulation::ownerThread(Owner& o, const std::vector<const ActionEntry*>& ac
 void Simulation::managerThread(const std::vector<const ActionEntry*>& actions) {
   awaitStart();
   for (const ActionEntry* a : actions) {
-    std::this_thread::sleep_until(log_.at(a->atMs));
+    if (!sleepUntil(a->atMs)) return;
     if (a->kind == ActionKind::Stop) {
       log_.add(EventKind::Manager, a->owner, a->resource,
                "the manager stops " + a->owner + " on " + a->resource);
@@ -225,8 +253,10 @@ void Simulation::checkerThread(std::vector<ExpectResult>& results) {
   std::stable_sort(timed.begin(), timed.end(),
                    [](const ExpectEntry* a, const ExpectEntry* b) { return a->atMs < b->atMs; });
   for (const ExpectEntry* x : timed) {
-    std::this_thread::sleep_until(log_.at(x->atMs));
-    results.push_back(check(*x, *this));
+    if (sleepUntil(x->atMs))
+      results.push_back(check(*x, *this));
+    else
+      results.push_back({x->entry, false, "not checked: " + stoppedText()});
   }
 }
 
@@ -452,8 +482,7 @@ void Simulation::onResource(std::size_t module, const std::string& libraryName) 
     if (stopping_.wait_until(lock, until, [this] { return stopped_; })) {
       lock.unlock();
       log_.add(EventKind::Manager, "", name,
-               m.name + "'s release of " + name + " is dropped: the scenario stopped at " +
-                   std::to_string(scenario_.stopAtMs) + " ms");
+               m.name + "'s release of " + name + " is dropped: " + stoppedText());
       return;
     }
   }
@@ -474,6 +503,7 @@ void Simulation::stopEverything() {
   std::vector<Owner*> logged;
   std::unique_lock<std::mutex> lock(mutex_);
   stopped_ = true;
+  if (!interrupted_) stoppedAtMs_ = scenario_.stopAtMs;
   stopping_.notify_all();
   do {
     std::vector<std::pair<Owner*, std::string>> waits;

@@ -45,6 +45,12 @@ class Simulation : public World, public RunView {
   Simulation& operator=(const Simulation&) = delete;
 
   RunRecord run();
+  /// Ends the run now as stopAt would (its later actions and timed
+  /// expectations are dropped), for an interrupted program. Any thread, any
+  /// number of times; before run() it makes the run end at once.
+  void stopNow();
+  /// Whether stopNow() was called.
+  bool interrupted();
 
   std::vector<std::string> statusLines() override { return stage_.statusLines(); }
   Diagnostics diagnostics() override { return diagnosis_.now(); }
@@ -89,6 +95,11 @@ class Simulation : public World, public RunView {
   /// The release flag ends a local wait at its next poll; a wait for a fleet
   /// lock ends when its resource is given back locally.
   void interrupt(const std::vector<std::pair<Owner*, std::string>>& waits);
+  /// Sleeps until `ms` on the run's clock, or until an interrupted run has
+  /// stopped; false when it was interrupted. Takes mutex_.
+  bool sleepUntil(long ms);
+  /// "the scenario stopped at N ms" (stopAt, or when it was interrupted).
+  std::string stoppedText();
   /// Checks the timed expectations at their times into `results`, which the
   /// caller reads after joining this thread.
   void checkerThread(std::vector<ExpectResult>& results);
@@ -139,6 +150,8 @@ class Simulation : public World, public RunView {
   int running_ = 0;                                 // owner threads not yet done
   bool started_ = false;                            // the run's threads may go
   bool stopped_ = false;                            // stopAt has passed
+  bool interrupted_ = false;                        // stopNow() was called
+  long stoppedAtMs_ = 0;                            // when the run was stopped
   std::vector<bool> killed_;                        // by robot number
   std::condition_variable ownersDone_;
   std::condition_variable go_;

@@ -109,8 +109,20 @@ void ZUEtcdServer::spawn(Member& member) {
   const std::string log = data + ".log";
   posix_spawn_file_actions_addopen(&actions, 1, log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
   posix_spawn_file_actions_adddup2(&actions, 1, 2);
+  // etcd starts with no signal blocked or ignored, whatever the caller's
+  // thread blocks (a program that waits for its signals in a thread of its
+  // own blocks them everywhere else), so that stop() and kill() end it.
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  sigset_t none, all;
+  sigemptyset(&none);
+  sigfillset(&all);
+  posix_spawnattr_setsigmask(&attributes, &none);
+  posix_spawnattr_setsigdefault(&attributes, &all);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
   pid_t pid = -1;
-  const int failed = posix_spawnp(&pid, "etcd", &actions, nullptr, argv.data(), environ);
+  const int failed = posix_spawnp(&pid, "etcd", &actions, &attributes, argv.data(), environ);
+  posix_spawnattr_destroy(&attributes);
   posix_spawn_file_actions_destroy(&actions);
   if (failed)
     throw ZUError("ZUEtcdServer", "start", "cannot run etcd (is Debian's etcd-server installed?)",
