@@ -169,11 +169,6 @@ void Simulation::stopNow() {
   ownersDone_.notify_all();
 }
 
-bool Simulation::interrupted() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return interrupted_;
-}
-
 bool Simulation::sleepUntil(long ms) {
   std::unique_lock<std::mutex> lock(mutex_);
   // stopAt comes after every action: only an interruption cuts a sleep short.

@@ -49,8 +49,6 @@ class Simulation : public World, public RunView {
   /// expectations are dropped), for an interrupted program. Any thread, any
   /// number of times; before run() it makes the run end at once.
   void stopNow();
-  /// Whether stopNow() was called.
-  bool interrupted();
 
   std::vector<std::string> statusLines() override { return stage_.statusLines(); }
   Diagnostics diagnostics() override { return diagnosis_.now(); }
