@@ -6,6 +6,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -68,6 +69,18 @@ struct Scenario {
 // seen before it goes on, so that the order of the decisions is fixed.
 bool waiting(const ZU::ZUOwner& holder) { return holder.copyWaiters().size() > 0; }
 
+/// Arm held by a, and b's wait for it under way in a thread of `threads`.
+std::tuple<boost::shared_ptr<ZU::ZUResource>, boost::shared_ptr<ZU::ZUOwner>,
+           boost::shared_ptr<ZU::ZUOwner>>
+heldAndWaitedOn(std::vector<std::unique_ptr<GuardedThread>>& threads) {
+  auto r = makePlain("Arm");
+  auto a = makeOwner("a", "A"), b = makeOwner("b", "B");
+  r->waitFor(a, "", -1, kAll);
+  waitAsync(threads, r, b, -1);
+  EXPECT_TRUE(waitUntil([&] { return waiting(*a); }));
+  return {r, a, b};
+}
+
 const Scenario kScenarios[] = {
     {"free, held again, busy for another, released, switched",
      [](auto&) {
@@ -96,11 +109,7 @@ const Scenario kScenarios[] = {
      {"granted a Arm wasFree", "granted a/x Arm handedDown a", "handedBack a/x Arm a"}},
     {"waits until the holder lets go",
      [](auto& threads) {
-       auto r = makePlain("Arm");
-       auto a = makeOwner("a", "A"), b = makeOwner("b", "B");
-       r->waitFor(a, "", -1, kAll);
-       waitAsync(threads, r, b, -1);
-       ASSERT_TRUE(waitUntil([&] { return waiting(*a); }));
+       auto [r, a, b] = heldAndWaitedOn(threads);
        const ZU::ZUSnapshot snapshot = ZU::takeSnapshot({r});
        ASSERT_EQ(snapshot.waits.size(), 1u);
        EXPECT_EQ(snapshot.waits[0].waiter + ">" + snapshot.waits[0].holder, "b>a");
@@ -111,11 +120,7 @@ const Scenario kScenarios[] = {
      {"granted a Arm wasFree", "waiting b Arm a", "released a Arm", "granted b Arm wasFree"}},
     {"stopped by the manager, or already stopped",
      [](auto& threads) {
-       auto r = makePlain("Arm");
-       auto a = makeOwner("a", "A"), b = makeOwner("b", "B");
-       r->waitFor(a, "", -1, kAll);
-       waitAsync(threads, r, b, -1);
-       ASSERT_TRUE(waitUntil([&] { return waiting(*a); }));
+       auto [r, a, b] = heldAndWaitedOn(threads);
        r->release(b);  // b does not hold it: its wait ends
        ASSERT_TRUE(threads.back()->joinFor(5000));
        EXPECT_THROW(r->waitFor(b, "", -1, kAll), ZU::ZUError);  // its flag is still set
