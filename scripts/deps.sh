@@ -14,7 +14,10 @@ BASE_PACKAGES=(cmake g++ make pkg-config
                nlohmann-json3-dev libcpp-httplib-dev python3-jsonschema
                pybind11-dev python3-dev python3-pytest
                etcd-server etcd-client
-               chromium curl)
+               chromium curl
+               libgrpc++-dev libprotobuf-dev protobuf-compiler protobuf-compiler-grpc
+               python3-grpcio python3-protobuf python3-mypy
+               clang-15 libfuzzer-15-dev)
 M32_PACKAGES=(g++-multilib qemu-user)
 
 packages=("${BASE_PACKAGES[@]}")
