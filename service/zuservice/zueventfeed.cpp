@@ -7,8 +7,8 @@
 namespace ZU {
 namespace service {
 
-ZUEventFeed::ZUEventFeed(std::size_t capacity)
-    : capacity_(std::max<std::size_t>(capacity, 1)), start_(std::chrono::steady_clock::now()) {
+ZUEventFeed::ZUEventFeed(std::chrono::steady_clock::time_point start, std::size_t capacity)
+    : capacity_(std::max<std::size_t>(capacity, 1)), start_(start) {
   thread_ = std::thread([this] { run(); });
 }
 

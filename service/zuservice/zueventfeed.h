@@ -36,7 +36,9 @@ class ZUEventFeed : public ZUObserver {
 
   static constexpr std::size_t kDefaultCapacity = 4096;
 
-  explicit ZUEventFeed(std::size_t capacity = kDefaultCapacity);
+  /// Times count from `start`.
+  explicit ZUEventFeed(std::chrono::steady_clock::time_point start,
+                       std::size_t capacity = kDefaultCapacity);
   /// Stops the thread. Unregister the feed from the library's observers first.
   ~ZUEventFeed() override;
   ZUEventFeed(const ZUEventFeed&) = delete;

@@ -253,7 +253,7 @@ class ZUServer::Impl final : public pb::ResourceService::CallbackService {
   grpc::ServerUnaryReactor* Snapshot(grpc::CallbackServerContext* context,
                                      const pb::SnapshotRequest*, pb::JsonReply* reply) override {
     return answer(context, [&] {
-      reply->set_json(zujson::snapshotJson(takeSnapshot(manager_.roots()), feed_->start()).dump());
+      reply->set_json(manager_.snapshotJson());
     });
   }
 
@@ -757,7 +757,7 @@ ZUServer::ZUServer(ZUManager& manager, ZUServerOptions options)
 ZUServer::~ZUServer() { stop(); }
 
 void ZUServer::start() {
-  impl_->feed_ = boost::make_shared<ZUEventFeed>();
+  impl_->feed_ = boost::make_shared<ZUEventFeed>(impl_->manager_.start());
   ZUObservers::add(impl_->feed_);
   grpc::ServerBuilder builder;
   const int keepalive = static_cast<int>(std::max<long long>(impl_->options_.keepalive.count(), 2));
