@@ -26,16 +26,16 @@
 #include <zuobserve/zurecorder.h>
 
 #include "cli.h"
-#include "eventlog.h"
-#include "feed.h"
-#include "interrupts.h"
-#include "junit.h"
-#include "lint.h"
-#include "replay.h"
-#include "report.h"
-#include "scenario.h"
-#include "server.h"
-#include "simulation.h"
+#include "run/eventlog.h"
+#include "live/feed.h"
+#include "run/interrupts.h"
+#include "output/junit.h"
+#include "scenario/lint.h"
+#include "replay/replay.h"
+#include "output/report.h"
+#include "scenario/scenario.h"
+#include "live/server.h"
+#include "run/simulation.h"
 
 namespace {
 

@@ -21,7 +21,7 @@
 #include <zufleet/zuetcdserver.h>
 #include <zufleet/zufleetsession.h>
 
-#include "scenario.h"
+#include "scenario/scenario.h"
 
 namespace zusim {
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "expectations.h"
+#include "run/expectations.h"
 
 namespace zusim {
 

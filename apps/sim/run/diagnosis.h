@@ -13,10 +13,10 @@
 #include <zuresource/zuobserver.h>
 #include <zuresource/zuwaitregistry.h>
 
-#include "eventlog.h"
-#include "expectations.h"
-#include "runrecord.h"
-#include "stage.h"
+#include "run/eventlog.h"
+#include "run/expectations.h"
+#include "run/runrecord.h"
+#include "run/stage.h"
 
 namespace zusim {
 

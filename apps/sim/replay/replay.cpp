@@ -1,4 +1,4 @@
-#include "replay.h"
+#include "replay/replay.h"
 
 #include <algorithm>
 #include <cmath>
@@ -12,7 +12,7 @@
 #include <zuresource/zucontract.h>
 #include <zuresource/zuobserver.h>
 
-#include "simulation.h"
+#include "run/simulation.h"
 
 namespace zusim {
 

@@ -1,4 +1,4 @@
-#include "interrupts.h"
+#include "run/interrupts.h"
 
 #include <pthread.h>
 #include <unistd.h>

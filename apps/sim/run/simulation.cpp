@@ -1,4 +1,4 @@
-#include "simulation.h"
+#include "run/simulation.h"
 
 #include <algorithm>
 #include <stdexcept>

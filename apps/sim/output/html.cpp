@@ -1,4 +1,4 @@
-#include "html.h"
+#include "output/html.h"
 
 namespace zusim {
 

@@ -1,4 +1,4 @@
-#include "server.h"
+#include "live/server.h"
 
 #include <httplib.h>
 
@@ -8,8 +8,8 @@
 #include <stdexcept>
 #include <thread>
 
-#include "feed.h"
-#include "html.h"
+#include "live/feed.h"
+#include "output/html.h"
 
 namespace zusim {
 

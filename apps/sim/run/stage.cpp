@@ -1,4 +1,4 @@
-#include "stage.h"
+#include "run/stage.h"
 
 #include <unistd.h>
 

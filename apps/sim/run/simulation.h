@@ -11,13 +11,13 @@
 
 #include <zuresource/zuobserver.h>
 
-#include "diagnosis.h"
-#include "eventlog.h"
-#include "expectations.h"
-#include "runrecord.h"
-#include "scenario.h"
-#include "stage.h"
-#include "timeline.h"
+#include "run/diagnosis.h"
+#include "run/eventlog.h"
+#include "run/expectations.h"
+#include "run/runrecord.h"
+#include "scenario/scenario.h"
+#include "run/stage.h"
+#include "run/timeline.h"
 
 namespace zusim {
 

@@ -6,10 +6,10 @@
 #include <string>
 #include <vector>
 
-#include "eventlog.h"
-#include "html.h"
-#include "runrecord.h"
-#include "scenario.h"
+#include "run/eventlog.h"
+#include "output/html.h"
+#include "run/runrecord.h"
+#include "scenario/scenario.h"
 
 namespace zusim {
 

@@ -9,9 +9,9 @@
 
 #include <nlohmann/json.hpp>
 
-#include "eventlog.h"
-#include "runrecord.h"
-#include "scenario.h"
+#include "run/eventlog.h"
+#include "run/runrecord.h"
+#include "scenario/scenario.h"
 
 namespace zusim {
 

@@ -1,4 +1,4 @@
-#include "diagnosis.h"
+#include "run/diagnosis.h"
 
 #include <algorithm>
 

@@ -1,10 +1,10 @@
-#include "junit.h"
+#include "output/junit.h"
 
 #include <algorithm>
 #include <iomanip>
 #include <sstream>
 
-#include "html.h"
+#include "output/html.h"
 
 namespace zusim {
 

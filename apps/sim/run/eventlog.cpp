@@ -1,9 +1,9 @@
-#include "eventlog.h"
+#include "run/eventlog.h"
 
 #include <iomanip>
 #include <ostream>
 
-#include "scenario.h"
+#include "scenario/scenario.h"
 
 namespace zusim {
 

@@ -9,8 +9,8 @@
 
 #include <zuresource/zuobserver.h>
 
-#include "runrecord.h"
-#include "scenario.h"
+#include "run/runrecord.h"
+#include "scenario/scenario.h"
 
 namespace zusim {
 

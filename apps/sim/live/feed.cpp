@@ -1,4 +1,4 @@
-#include "feed.h"
+#include "live/feed.h"
 
 #include <zuobserve/zujson.h>
 

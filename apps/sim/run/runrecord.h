@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "expectations.h"
+#include "run/expectations.h"
 
 namespace zusim {
 

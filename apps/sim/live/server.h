@@ -9,9 +9,9 @@
 #include <string>
 #include <thread>
 
-#include "eventlog.h"
-#include "runrecord.h"
-#include "scenario.h"
+#include "run/eventlog.h"
+#include "run/runrecord.h"
+#include "scenario/scenario.h"
 
 namespace httplib {
 class Server;

@@ -3,8 +3,8 @@
 #include <string>
 #include <vector>
 
-#include "scenario.h"
-#include "span.h"
+#include "scenario/scenario.h"
+#include "run/span.h"
 
 namespace zusim {
 
