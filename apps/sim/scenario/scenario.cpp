@@ -2,15 +2,14 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <fstream>
 #include <functional>
-#include <sstream>
 #include <tuple>
 #include <unordered_set>
 
 #include <nlohmann/json.hpp>
-#include <sys/stat.h>
 
+#include <zumanager/zujsonreader.h>
+#include <zumanager/zuresourcetreereader.h>
 #include <zuresource/zucontract.h>
 
 namespace zusim {
@@ -19,132 +18,34 @@ namespace {
 
 using nlohmann::json;
 
-/// Reads the fields of one JSON object ("actions[3]" and so on) and throws
-/// ScenarioError with the file, the entry and what is wrong.
-class Entry {
+/// An entry of a scenario: its times are from 0 to kMaxMs.
+class Entry : public ZU::ZUJsonEntry {
  public:
-  Entry(const json& value, std::string file, std::string where)
-      : value_(value), file_(std::move(file)), where_(std::move(where)) {
-    if (!value_.is_object()) fail("must be a JSON object");
-  }
+  using ZUJsonEntry::ZUJsonEntry;
+  explicit Entry(const ZUJsonEntry& e) : ZUJsonEntry(e) {}
 
-  [[noreturn]] void fail(const std::string& what) const {
-    throw ScenarioError(file_ + ": " + where_ + ": " + what);
-  }
-  const std::string& where() const { return where_; }
-  const json& value() const { return value_; }
-
-  /// Refuses any field not in `known`, so that a misspelt field is not
-  /// silently ignored.
-  void allow(std::initializer_list<const char*> known) const {
-    for (auto it = value_.begin(); it != value_.end(); ++it) {
-      if (std::none_of(known.begin(), known.end(), [&](const char* k) { return it.key() == k; }))
-        fail("unknown field " + quoteName(it.key()));
-    }
-  }
-  bool has(const char* key) const { return value_.contains(key); }
-
-  std::string text(const char* key, const std::string& fallback = std::string(),
-                   bool required = true) const {
-    if (!has(key)) {
-      if (required) fail(std::string("missing field \"") + key + "\"");
-      return fallback;
-    }
-    const json& v = value_.at(key);
-    if (!v.is_string()) fail(std::string("\"") + key + "\" must be a string");
-    return v.get<std::string>();
-  }
-  /// A name: a string that is not empty.
-  std::string name(const char* key, const char* what) const {
-    std::string n = text(key);
-    if (n.empty()) fail(std::string("empty ") + what + " name");
-    return n;
-  }
-  std::string optionalText(const char* key) const { return text(key, "", false); }
-
-  /// An integer from `least` (0 or below) to `most`, checked as written: a number the
-  /// program cannot hold is refused, never wrapped.
-  long integer(const char* key, long fallback, long least, long most, bool required = false) const {
-    if (!has(key)) {
-      if (required) fail(std::string("missing field \"") + key + "\"");
-      return fallback;
-    }
-    const json& v = value_.at(key);
-    // The reader keeps an integer of 0 or more unsigned, a negative one
-    // signed, and one too large for either as a float.
-    bool inRange =
-        v.is_number_unsigned()
-            ? v.get<std::uint64_t>() <= static_cast<std::uint64_t>(most) &&
-                  (least <= 0 || v.get<std::uint64_t>() >= static_cast<std::uint64_t>(least))
-        : v.is_number_integer() ? v.get<std::int64_t>() >= least && v.get<std::int64_t>() <= most
-                                : false;
-    if (!inRange)
-      fail(std::string("\"") + key + "\" must be an integer from " + std::to_string(least) +
-           " to " + std::to_string(most) + ", not " + v.dump());
-    return static_cast<long>(v.get<std::int64_t>());
-  }
   /// A time in ms, from 0 to kMaxMs.
   long time(const char* key, long fallback, bool required = false) const {
-    return integer(key, fallback, 0, kMaxMs, required);
+    return ZUJsonEntry::time(key, fallback, kMaxMs, required);
   }
   /// A pair [lo, hi] of times in ms, lo <= hi.
   std::pair<long, long> timeRange(const char* key) const {
-    const json& v = value_.at(key);
-    auto time = [](const json& t) {
-      return t.is_number_unsigned() && t.get<std::uint64_t>() <= static_cast<std::uint64_t>(kMaxMs);
-    };
-    if (!v.is_array() || v.size() != 2 || !time(v[0]) || !time(v[1]) || v[0] > v[1])
-      fail(std::string("\"") + key + "\" must be [from, to], two times in ms from 0 to " +
-           std::to_string(kMaxMs) + " with from <= to, not " + v.dump());
-    return {v[0].get<long>(), v[1].get<long>()};
+    return ZUJsonEntry::timeRange(key, kMaxMs);
   }
-  bool boolean(const char* key) const {
-    if (!has(key)) fail(std::string("missing field \"") + key + "\"");
-    const json& v = value_.at(key);
-    if (!v.is_boolean()) fail(std::string("\"") + key + "\" must be true or false");
-    return v.get<bool>();
-  }
-  std::vector<std::string> texts(const char* key) const {
-    std::vector<std::string> out;
-    if (!has(key)) return out;
-    const json& v = value_.at(key);
-    if (!v.is_array()) fail(std::string("\"") + key + "\" must be an array of strings");
-    for (const json& e : v) {
-      if (!e.is_string()) fail(std::string("\"") + key + "\" must be an array of strings");
-      out.push_back(e.get<std::string>());
-    }
-    return out;
-  }
-
- private:
-  const json& value_;
-  std::string file_;
-  std::string where_;
 };
 
 /// Calls `each` with an Entry for every element of the array `key` of `top`.
 /// `within` names `top` in messages ("robots[1]."), empty for the whole.
 void forEach(const json& top, const char* key, const std::string& file,
              const std::function<void(const Entry&)>& each, const std::string& within = "") {
-  if (!top.contains(key)) return;
-  const json& list = top.at(key);
-  if (!list.is_array())
-    throw ScenarioError(file + ": " + within + "\"" + key + "\" must be an array");
-  for (std::size_t i = 0; i < list.size(); ++i)
-    each(Entry(list[i], file, within + key + "[" + std::to_string(i) + "]"));
+  ZU::forEachEntry(
+      top, key, file, [&](const ZU::ZUJsonEntry& e) { each(Entry(e)); }, within);
 }
+
+using ZU::knownResource;
 
 std::string qualified(const Scenario& s, int robot, const std::string& name) {
   return robot < 0 ? name : s.robots[robot].name + kRobotSeparator + name;
-}
-
-/// A name of a robot's entry: no separator in it, so that "robot/name" reads one way.
-std::string localName(const Entry& e, const char* key, const char* what, int robot) {
-  std::string n = e.name(key, what);
-  if (robot >= 0 && n.find(kRobotSeparator) != std::string::npos)
-    e.fail(std::string("a robot's ") + what + " name has no \"" + kRobotSeparator +
-           "\": " + quoteName(n));
-  return n;
 }
 
 /// Appends `item` to `items` and indexes it by name; refuses a name declared
@@ -155,38 +56,6 @@ void declare(const Entry& e, const char* what, T item, std::vector<T>& items,
   if (!index.emplace(item.name, items.size()).second)
     e.fail(std::string(what) + " " + quoteName(item.name) + " declared twice");
   items.push_back(std::move(item));
-}
-
-void parseResource(const Entry& e, Scenario& s, int robot) {
-  e.allow({"name", "kind", "activated", "members"});
-  ResourceEntry r;
-  r.robot = robot;
-  r.libraryName = localName(e, "name", "resource", robot);
-  r.name = qualified(s, robot, r.libraryName);
-  std::string kind = e.text("kind", "plain", false);
-  if (kind == "plain") {
-    r.kind = ResourceKind::Plain;
-  } else if (kind == "fleet") {
-    if (robot < 0) e.fail("a fleet resource is shared by robots: declare it in \"robots\"");
-    r.fleet = true;
-  } else if (kind == "state") {
-    r.kind = ResourceKind::State;
-    if (e.has("activated")) r.activated = e.boolean("activated");
-  } else if (kind == "group") {
-    r.kind = ResourceKind::Group;
-    r.members = e.texts("members");
-    for (std::string& m : r.members) m = qualified(s, robot, m);
-    std::unordered_set<std::string> listed;
-    for (const std::string& m : r.members)
-      if (!listed.insert(m).second) e.fail("group lists " + quoteName(m) + " twice");
-  } else {
-    e.fail("unknown kind " + quoteName(kind) + " (plain, state, group or fleet)");
-  }
-  if (!r.fleet) r.libraryName = r.name;
-  if (r.kind != ResourceKind::Group && e.has("members")) e.fail("only a group has \"members\"");
-  if (r.kind != ResourceKind::State && e.has("activated"))
-    e.fail("only a state resource has \"activated\"");
-  declare(e, "resource", std::move(r), s.resources, s.resourceIndex);
 }
 
 void parseModule(const Entry& e, Scenario& s, int robot) {
@@ -218,12 +87,6 @@ void parseOwner(const Entry& e, Scenario& s, int robot) {
   if (s.findModule(o.module)->robot != robot)
     e.fail("module " + quoteName(o.module) + " belongs to another robot");
   declare(e, "owner", std::move(o), s.owners, s.ownerIndex);
-}
-
-const ResourceEntry& knownResource(const Entry& e, const Scenario& s, const std::string& name) {
-  const ResourceEntry* r = s.findResource(name);
-  if (!r) e.fail("unknown resource " + quoteName(name));
-  return *r;
 }
 
 void knownOwner(const Entry& e, const Scenario& s, const std::string& name) {
@@ -472,80 +335,7 @@ void parseExpectation(const Entry& e, Scenario& s) {
   s.expectations.push_back(x);
 }
 
-/// Refuses a group that contains itself, directly or through other groups,
-/// and groups nested deeper than kMaxNesting. Walks without recursion, so
-/// that any file is refused with a message, never with a crash.
-void checkNesting(const Scenario& s) {
-  // Per resource: 0 not seen, -1 on the walk's path, else its depth (a plain
-  // or state resource 0, a group one more than its deepest member).
-  std::vector<int> depth(s.resources.size(), 0);
-  struct Step {
-    std::size_t resource;
-    std::size_t next;  // the next member to look at
-  };
-  std::vector<Step> path;
-  for (std::size_t root = 0; root < s.resources.size(); ++root) {
-    if (depth[root] != 0 || s.resources[root].kind != ResourceKind::Group) continue;
-    path.push_back({root, 0});
-    depth[root] = -1;
-    while (!path.empty()) {
-      Step& top = path.back();
-      const ResourceEntry& group = s.resources[top.resource];
-      if (top.next == group.members.size()) {
-        int deepest = 0;
-        for (const std::string& m : group.members)
-          deepest = std::max(deepest, depth[s.resourceIndex.at(m)]);
-        depth[top.resource] = deepest + 1;
-        if (depth[top.resource] > kMaxNesting)
-          throw ScenarioError(s.file + ": resource " + quoteName(group.name) + ": groups nest " +
-                              "deeper than " + std::to_string(kMaxNesting) + " levels");
-        path.pop_back();
-        continue;
-      }
-      std::size_t member = s.resourceIndex.at(group.members[top.next++]);
-      if (depth[member] == -1) {
-        std::string cycle;
-        auto again = std::find_if(path.begin(), path.end(),
-                                  [&](const Step& p) { return p.resource == member; });
-        for (auto it = again; it != path.end(); ++it)
-          cycle += s.resources[it->resource].name + " -> ";
-        throw ScenarioError(s.file + ": resource " + quoteName(s.resources[member].name) +
-                            ": group cycle " + cycle + s.resources[member].name);
-      }
-      if (depth[member] == 0 && s.resources[member].kind == ResourceKind::Group) {
-        depth[member] = -1;
-        path.push_back({member, 0});
-      }
-    }
-  }
-}
-
 }  // namespace
-
-std::string quoteName(const std::string& name) { return "\"" + escapeControls(name, true) + "\""; }
-
-std::string escapeControls(const std::string& name, bool quotes) {
-  static const char kHex[] = "0123456789abcdef";
-  std::string out;
-  for (char c : name) {
-    unsigned char u = static_cast<unsigned char>(c);
-    if (quotes && (c == '"' || c == '\\')) {
-      out += '\\';
-      out += c;
-    } else if (c == '\n') {
-      out += "\\n";
-    } else if (c == '\t') {
-      out += "\\t";
-    } else if (u < 0x20 || u == 0x7f) {
-      out += "\\x";
-      out += kHex[u >> 4];
-      out += kHex[u & 15];
-    } else {
-      out += c;
-    }
-  }
-  return out;
-}
 
 const char* outcomeName(OutcomeKind kind) {
   switch (kind) {
@@ -574,18 +364,9 @@ const T* find(const std::vector<T>& items,
 
 }  // namespace
 
-bool Scenario::hasFleet() const {
-  return std::any_of(resources.begin(), resources.end(),
-                     [](const ResourceEntry& r) { return r.fleet; });
-}
-
 std::string Scenario::resourceOf(int robot, const std::string& name) const {
   if (robot < 0 || findResource(name)) return name;
   return robots[static_cast<std::size_t>(robot)].name + kRobotSeparator + name;
-}
-
-const ResourceEntry* Scenario::findResource(const std::string& name) const {
-  return find(resources, resourceIndex, name);
 }
 
 const OwnerEntry* Scenario::findOwner(const std::string& name) const {
@@ -596,111 +377,8 @@ const ModuleEntry* Scenario::findModule(const std::string& name) const {
   return find(modules, moduleIndex, name);
 }
 
-std::vector<std::string> Scenario::leavesOf(const std::string& name) const {
-  std::vector<std::string> out;
-  std::unordered_set<std::string> seen;
-  std::vector<const std::string*> todo{&name};  // the members still to walk, last first
-  while (!todo.empty()) {
-    const std::string& n = *todo.back();
-    todo.pop_back();
-    const ResourceEntry* r = findResource(n);
-    if (r->kind != ResourceKind::Group) {
-      if (seen.insert(n).second) out.push_back(n);
-      continue;
-    }
-    for (auto m = r->members.rbegin(); m != r->members.rend(); ++m) todo.push_back(&*m);
-  }
-  return out;
-}
-
-std::vector<std::string> Scenario::roots() const {
-  std::unordered_set<std::string> members;
-  for (const ResourceEntry& r : resources) members.insert(r.members.begin(), r.members.end());
-  std::vector<std::string> out;
-  for (const ResourceEntry& r : resources)
-    if (!members.count(r.name)) out.push_back(r.name);
-  return out;
-}
-
-namespace {
-
-/// Reads through a JSON text without building it, refusing an object that
-/// has one key twice: the later one would silently win. Names the entry
-/// ("actions[3]") where it can.
-class DuplicateKeys : public nlohmann::json_sax<json> {
- public:
-  explicit DuplicateKeys(const std::string& file) : file_(file) {}
-
-  bool null() override { return value(); }
-  bool boolean(bool) override { return value(); }
-  bool number_integer(number_integer_t) override { return value(); }
-  bool number_unsigned(number_unsigned_t) override { return value(); }
-  bool number_float(number_float_t, const string_t&) override { return value(); }
-  bool string(string_t&) override { return value(); }
-  bool binary(binary_t&) override { return value(); }
-  bool start_object(std::size_t) override { return open(false); }
-  bool start_array(std::size_t) override { return open(true); }
-  bool end_object() override { return close(); }
-  bool end_array() override { return close(); }
-  bool key(string_t& key) override {
-    Level& object = levels_.back();
-    object.key = key;
-    if (!object.keys.insert(key).second)
-      throw ScenarioError(file_ + ": " + where() + ": key " + quoteName(key) + " given twice");
-    return true;
-  }
-  bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception&) override {
-    return false;  // the parse that builds the value reports it
-  }
-
- private:
-  struct Level {
-    bool array = false;
-    std::size_t elements = 0;  // arrays: the elements begun so far
-    std::string key;           // objects: the latest key
-    std::unordered_set<std::string> keys;
-  };
-
-  bool value() {
-    if (!levels_.empty() && levels_.back().array) ++levels_.back().elements;
-    return true;
-  }
-  bool open(bool array) {
-    value();
-    levels_.push_back(Level{array, 0, std::string(), {}});
-    return true;
-  }
-  bool close() {
-    levels_.pop_back();
-    return true;
-  }
-  /// "actions[3]" for the object being read; "scenario" for the whole.
-  std::string where() const {
-    std::string path;
-    for (std::size_t i = 0; i + 1 < levels_.size(); ++i)
-      path += levels_[i].array ? "[" + std::to_string(levels_[i].elements - 1) + "]"
-                               : (path.empty() ? "" : ".") + levels_[i].key;
-    return path.empty() ? std::string("scenario") : path;
-  }
-
-  const std::string& file_;
-  std::vector<Level> levels_;
-};
-
-json parseJson(const std::string& text, const std::string& file) {
-  DuplicateKeys duplicates(file);
-  json::sax_parse(text, &duplicates);
-  try {
-    return json::parse(text);
-  } catch (const json::parse_error& e) {
-    throw ScenarioError(file + ": not JSON: " + e.what());
-  }
-}
-
-}  // namespace
-
 Scenario parseScenario(const std::string& text, const std::string& file) {
-  json top = parseJson(text, file);
+  json top = ZU::readJson(text, file, "scenario");
   Entry whole(top, file, "scenario");
   whole.allow({"title", "description", "stopAt", "resources", "modules", "owners", "actions",
                "expect", "robots", "ttlSeconds"});
@@ -719,7 +397,7 @@ Scenario parseScenario(const std::string& text, const std::string& file) {
     robots.clear();
     forEach(top, "robots", file, [&](const Entry& e) {
       e.allow({"name", "ttlSeconds", "resources", "modules", "owners"});
-      RobotEntry r{localName(e, "name", "robot", 0), ttl};
+      RobotEntry r{ZU::robotLocalName(e, "name", "robot", 0), ttl};
       r.ttlSeconds = e.integer("ttlSeconds", ttl, 1, kMaxTimeoutSeconds);
       for (const RobotEntry& o : s.robots)
         if (o.name == r.name) e.fail("robot " + quoteName(r.name) + " declared twice");
@@ -730,18 +408,10 @@ Scenario parseScenario(const std::string& text, const std::string& file) {
   }
   for (std::size_t n = 0; n < robots.size(); ++n) {
     int robot = s.robots.empty() ? -1 : static_cast<int>(n);
-    const json& at = *robots[n].first;
-    const std::string& within = robots[n].second;
-    std::size_t first = s.resources.size();
-    forEach(
-        at, "resources", file, [&](const Entry& e) { parseResource(e, s, robot); }, within);
-    for (std::size_t i = first; i < s.resources.size(); ++i) {
-      Entry e(at.at("resources")[i - first], file,
-              within + "resources[" + std::to_string(i - first) + "]");
-      for (const std::string& m : s.resources[i].members) knownResource(e, s, m);
-    }
+    ZU::readResources(*robots[n].first, file, robots[n].second, robot,
+                      robot < 0 ? std::string() : s.robots[n].name, s);
   }
-  checkNesting(s);
+  ZU::checkNesting(s, file);
   for (std::size_t n = 0; n < robots.size(); ++n) {
     int robot = s.robots.empty() ? -1 : static_cast<int>(n);
     forEach(
@@ -776,16 +446,7 @@ Scenario parseScenario(const std::string& text, const std::string& file) {
 }
 
 Scenario loadScenario(const std::string& path) {
-  // A folder or a device is refused before it is opened: reading /dev/zero
-  // would never end.
-  struct stat st;
-  if (stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode))
-    throw ScenarioError(escapeControls(path, false) + ": cannot be read (not a regular file)");
-  std::ifstream in(path, std::ios::binary);
-  if (!in) throw ScenarioError(escapeControls(path, false) + ": cannot be read");
-  std::ostringstream text;
-  text << in.rdbuf();
-  return parseScenario(text.str(), escapeControls(path, false));
+  return parseScenario(ZU::readInputFile(path), escapeControls(path, false));
 }
 
 }  // namespace zusim

@@ -4,10 +4,12 @@
 // before anything runs.
 
 #include <cstddef>
-#include <stdexcept>
 #include <string>
 #include <unordered_map>
 #include <vector>
+
+#include <zumanager/zuinputerror.h>
+#include <zumanager/zuresourcetree.h>
 
 namespace zusim {
 
@@ -16,27 +18,18 @@ namespace zusim {
 const long kMaxMs = 3600 * 1000;
 /// The longest time limit of a request, in seconds (one hour); -1 is none.
 const long kMaxTimeoutSeconds = 3600;
-/// How deep groups may nest: a group of plain resources is one level. Each
-/// level is a lock held while a request walks it, and the thread sanitizer
-/// follows at most 64 locks held by one thread.
-const int kMaxNesting = 32;
+/// How deep groups may nest: a group of plain resources is one level.
+const int kMaxNesting = ZU::kMaxTreeNesting;
 /// A robot's fleet lease lives this long without renewal, in seconds, unless
 /// the scenario or the robot says otherwise; short, so that a scenario that
 /// kills a robot runs in a few seconds.
 const long kDefaultTtlSeconds = 2;
-/// What separates a robot's name from its resource's in a scenario with
-/// robots: "courier1/Lift".
-const char kRobotSeparator = '/';
+using ZU::kRobotSeparator;
 
-/// `name` as messages quote it: between double quotes, with a quote, a
-/// backslash and every control character escaped, so that a message stays on
-/// one line and never drives the terminal.
-std::string quoteName(const std::string& name);
-/// `text` with its control characters escaped as quoteName() does; with
-/// `quotes`, also its double quotes and backslashes.
-std::string escapeControls(const std::string& text, bool quotes);
+using ZU::escapeControls;
+using ZU::quoteName;
 
-enum class ResourceKind { Plain, State, Group };
+using ResourceKind = ZU::ZUTreeKind;
 
 /// One robot of a scenario with robots: its own broker, modules, owners and
 /// resources; those that are fleet resources it shares with the other robots.
@@ -47,15 +40,7 @@ struct RobotEntry {
 
 /// A resource. In a scenario with robots, `name` is "robot/name" and `robot`
 /// its robot's number; else `robot` is -1.
-struct ResourceEntry {
-  std::string name;
-  ResourceKind kind = ResourceKind::Plain;
-  bool fleet = false;  // a plain resource shared by the robots that declare its name
-  int robot = -1;
-  std::string libraryName;           // the resource's own name: the bare name of a fleet resource
-  bool activated = false;            // state resources: activated at the start
-  std::vector<std::string> members;  // groups: member names, in order
-};
+using ResourceEntry = ZU::ZUTreeResource;
 
 /// How a module answers "__onResource__": it ignores it, or the owner of the
 /// module that holds the wanted resource lets go after `delayMs`.
@@ -154,45 +139,33 @@ struct ExpectEntry {
   long toMs = kMaxMs;
 };
 
-struct Scenario {
+/// The resources, with their lookups, are the scenario's resource tree.
+struct Scenario : ZU::ZUResourceTree {
   std::string file;
   std::string title;
   std::string description;
   long stopAtMs = 0;               // owners still waiting then are stopped by the manager
   std::vector<RobotEntry> robots;  // empty: one robot, its entries at the top
-  std::vector<ResourceEntry> resources;
   std::vector<ModuleEntry> modules;
   std::vector<OwnerEntry> owners;
   std::vector<ActionEntry> actions;
   std::vector<ExpectEntry> expectations;
 
-  const ResourceEntry* findResource(const std::string& name) const;
   const OwnerEntry* findOwner(const std::string& name) const;
   const ModuleEntry* findModule(const std::string& name) const;
-  /// The plain and state resources inside `name` (itself when it is one),
-  /// in member order, each once.
-  std::vector<std::string> leavesOf(const std::string& name) const;
-  /// The resources that are no group's member, in declaration order.
-  std::vector<std::string> roots() const;
-  /// Whether a resource is a fleet resource.
-  bool hasFleet() const;
   /// The name of the resource that robot number `robot` calls `name` in the
   /// library ("robot/name"; `name` itself without robots or for a resource
   /// of the scenario's own name).
   std::string resourceOf(int robot, const std::string& name) const;
 
   // Name -> position in the lists above; filled in as entries are read.
-  std::unordered_map<std::string, std::size_t> resourceIndex;
   std::unordered_map<std::string, std::size_t> moduleIndex;
   std::unordered_map<std::string, std::size_t> ownerIndex;
 };
 
 /// A scenario refused before it runs; the message names the file, the entry
 /// and what is wrong.
-class ScenarioError : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
+using ScenarioError = ZU::ZUInputError;
 
 /// Parses and checks `text`; `file` names it in messages. Throws ScenarioError.
 Scenario parseScenario(const std::string& text, const std::string& file);
