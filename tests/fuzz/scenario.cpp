@@ -5,8 +5,8 @@
 #include <cstdint>
 #include <string>
 
-#include "lint.h"
-#include "scenario.h"
+#include "scenario/lint.h"
+#include "scenario/scenario.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   std::string text(reinterpret_cast<const char*>(data), size);
