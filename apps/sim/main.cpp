@@ -26,16 +26,16 @@
 #include <zuobserve/zurecorder.h>
 
 #include "cli.h"
-#include "run/eventlog.h"
 #include "live/feed.h"
-#include "run/interrupts.h"
-#include "output/junit.h"
-#include "scenario/lint.h"
-#include "replay/replay.h"
-#include "output/report.h"
-#include "scenario/scenario.h"
 #include "live/server.h"
+#include "output/junit.h"
+#include "output/report.h"
+#include "replay/replay.h"
+#include "run/eventlog.h"
+#include "run/interrupts.h"
 #include "run/simulation.h"
+#include "scenario/lint.h"
+#include "scenario/scenario.h"
 
 namespace {
 
