@@ -57,20 +57,20 @@ ZUManagerError::ZUManagerError(Code code, const std::string& method,
 // --- Cancel tokens ------------------------------------------------------------
 
 void ZUAcquireCancel::cancel() {
-  std::lock_guard<std::mutex> lock(mutex_);
+  ZUMutexLock lock(mutex_);
   cancelled_ = true;
   if (object_) object_->freeResource();  // its wait ends at the next poll
 }
 
 bool ZUAcquireCancel::attach(const boost::shared_ptr<ZUOwner>& object) {
-  std::lock_guard<std::mutex> lock(mutex_);
+  ZUMutexLock lock(mutex_);
   if (cancelled_) return false;
   object_ = object;
   return true;
 }
 
 void ZUAcquireCancel::detach() {
-  std::lock_guard<std::mutex> lock(mutex_);
+  ZUMutexLock lock(mutex_);
   object_.reset();
 }
 
@@ -173,7 +173,7 @@ ZUManager::ZUManager(const std::vector<boost::shared_ptr<ZUResource>>& roots)
 ZUManager::~ZUManager() {
   std::vector<std::string> names;
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    ZUMutexLock lock(mutex_);
     for (const auto& m : modules_) names.push_back(m.first);
   }
   for (const std::string& n : names) closeModule(n);
@@ -232,7 +232,7 @@ void ZUManager::openModule(const std::string& name, ZUNoticeHandler onNotice) {
   module->bindMethod<std::string>(
       "__onResource__", [this, outlet](const std::string& leaf) { onResource(outlet, leaf); });
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    ZUMutexLock lock(mutex_);
     if (modules_.count(name))
       throw ZUManagerError(ZUManagerError::Code::ModuleExists, "openModule",
                            "a module named " + quoteName(name) + " is open already");
@@ -246,7 +246,7 @@ void ZUManager::openModule(const std::string& name, ZUNoticeHandler onNotice) {
 }
 
 bool ZUManager::hasModule(const std::string& name) const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  ZUMutexLock lock(mutex_);
   auto it = modules_.find(name);
   return it != modules_.end() && !it->second->closing;
 }
@@ -255,16 +255,16 @@ void ZUManager::closeModule(const std::string& name) {
   std::shared_ptr<Module> m;
   std::set<std::string> names;  // its owners
   {
-    std::unique_lock<std::mutex> lock(mutex_);
+    ZUMutexLock lock(mutex_);
     auto it = modules_.find(name);
     if (it == modules_.end()) return;
     m = it->second;
     if (m->closing) {  // another thread closes it: wait for that close
-      requestEnded_.wait(lock, [&] {
+      for (;;) {
         auto now = modules_.find(name);
-        return now == modules_.end() || now->second != m;
-      });
-      return;
+        if (now == modules_.end() || now->second != m) return;
+        lock.wait(requestEnded_);
+      }
     }
     m->closing = true;
     m->outlet->open = false;
@@ -276,11 +276,12 @@ void ZUManager::closeModule(const std::string& name) {
         r->object->freeResource();  // its wait ends with "box stop while waiting"
       }
     }
-    requestEnded_.wait(lock, [&] {
-      for (const std::string& n : names)
-        if (!owners_.at(n)->requests.empty()) return false;
-      return true;
-    });
+    for (;;) {
+      bool running = false;
+      for (const std::string& n : names) running = running || !owners_.at(n)->requests.empty();
+      if (!running) break;
+      lock.wait(requestEnded_);
+    }
   }
   // Give back everything its owners hold. A release may hand a resource
   // back to another of its owners: go round until none holds anything.
@@ -307,7 +308,7 @@ void ZUManager::closeModule(const std::string& name) {
   if (m->outlet->runningIn.load() != std::this_thread::get_id()) m->module->waitIdle();
   std::vector<boost::shared_ptr<ZUModule>> gone;
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    ZUMutexLock lock(mutex_);
     for (const std::string& n : names) owners_.erase(n);
     modules_.erase(name);
     // The module stays on the broker a while: a request that read one of its
@@ -341,7 +342,7 @@ void ZUManager::makeOwner(const std::string& module, const std::string& owner) {
     // A state resource waits on an owner named after it.
     throw ZUManagerError(ZUManagerError::Code::BadArgument, "makeOwner",
                          quoteName(owner) + " is the name of a resource");
-  std::lock_guard<std::mutex> lock(mutex_);
+  ZUMutexLock lock(mutex_);
   auto m = modules_.find(module);
   if (module.empty() || m == modules_.end() || m->second->closing)
     throw ZUManagerError(ZUManagerError::Code::UnknownModule, "makeOwner",
@@ -360,7 +361,7 @@ void ZUManager::makeOwner(const std::string& module, const std::string& owner) {
 }
 
 std::string ZUManager::moduleOf(const std::string& owner) const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  ZUMutexLock lock(mutex_);
   auto it = owners_.find(owner);
   return it == owners_.end() ? std::string() : it->second->module;
 }
@@ -372,7 +373,7 @@ void ZUManager::onResource(const std::shared_ptr<Outlet>& outlet, const std::str
   notice.resource = leaf;
   if (resources_.count(leaf)) {
     std::vector<std::string> holders = holdersOf(leaf);
-    std::lock_guard<std::mutex> lock(mutex_);
+    ZUMutexLock lock(mutex_);
     for (const std::string& h : holders) {
       auto it = owners_.find(h);
       if (it != owners_.end() && it->second->module == outlet->module) {
@@ -487,7 +488,7 @@ ZUAcquireResult ZUManager::acquire(const ZUAcquireRequest& request, const WaitHa
   for (const std::string& n : request.noWait) requireResource(n, "acquire");
   Request running;
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    ZUMutexLock lock(mutex_);
     Owner& o = ownerLocked(request.owner, "acquire");
     if (modules_.at(o.module)->closing)
       throw ZUManagerError(ZUManagerError::Code::UnknownModule, "acquire",
@@ -520,7 +521,7 @@ ZUAcquireResult ZUManager::acquire(const ZUAcquireRequest& request, const WaitHa
 
   ZUAcquireResult::Stop stop;
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    ZUMutexLock lock(mutex_);
     stop = running.stop;
   }
   if (stop == ZUAcquireResult::Stop::None && cancel && cancel->cancelled())
@@ -542,7 +543,7 @@ ZUAcquireResult ZUManager::acquire(const ZUAcquireRequest& request, const WaitHa
     if (result.error == contract::kStopWhileWaiting) result.stop = stop;
   }
 
-  std::lock_guard<std::mutex> lock(mutex_);
+  ZUMutexLock lock(mutex_);
   Owner& o = *owners_.at(request.owner);
   o.requests.erase(std::find(o.requests.begin(), o.requests.end(), &running));
   o.objects.push_back(running.object);
@@ -554,11 +555,11 @@ ZUAcquireResult ZUManager::acquire(const ZUAcquireRequest& request, const WaitHa
 void ZUManager::release(const std::string& owner, const std::string& resource) {
   requireResource(resource, "release");
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    ZUMutexLock lock(mutex_);
     ownerLocked(owner, "release");
   }
   releaseHeld(heldLeaves(owner, resource), resources_);
-  std::lock_guard<std::mutex> lock(mutex_);
+  ZUMutexLock lock(mutex_);
   if (owners_.count(owner)) pruneLocked(owner);
 }
 
@@ -566,13 +567,13 @@ void ZUManager::switchOwner(const std::string& owner, const std::string& resourc
   requireResource(resource, "switchOwner");
   boost::shared_ptr<ZUOwner> object;
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    ZUMutexLock lock(mutex_);
     Owner& o = ownerLocked(owner, "switchOwner");
     object = newObject(o);
     o.objects.push_back(object);
   }
   resources_.at(resource)->switchOwner(object, "", 0);
-  std::lock_guard<std::mutex> lock(mutex_);
+  ZUMutexLock lock(mutex_);
   if (owners_.count(owner)) pruneLocked(owner);
 }
 
@@ -621,7 +622,7 @@ ZUValue ZUManager::explain(const std::string& owner, const std::string& resource
   requireResource(resource, "explain");
   boost::shared_ptr<ZUOwner> object;
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    ZUMutexLock lock(mutex_);
     object = newObject(ownerLocked(owner, "explain"));
   }
   return ZU::explain(resources_.at(resource), object, noWait).toValue();
@@ -632,7 +633,7 @@ std::string ZUManager::explainText(const std::string& owner, const std::string& 
   requireResource(resource, "explain");
   boost::shared_ptr<ZUOwner> object;
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    ZUMutexLock lock(mutex_);
     object = newObject(ownerLocked(owner, "explain"));
   }
   return ZU::explain(resources_.at(resource), object, noWait).toString();

@@ -21,6 +21,8 @@
 
 #include <zuhost/zubroker.h>
 #include <zuhost/zuerror.h>
+#include <zuhost/zumutex.h>
+#include <zuhost/zuthreadannotations.h>
 #include <zuhost/zuvalue.h>
 
 #include <zuresource/zuobserver.h>
@@ -130,9 +132,9 @@ class ZUAcquireCancel {
   /// Takes: the token's mutex.
   void detach();
 
-  std::mutex mutex_;
-  /// Guarded by mutex_: the owner of the request in progress.
-  boost::shared_ptr<ZUOwner> object_;
+  ZUMutex mutex_;
+  /// The owner of the request in progress.
+  boost::shared_ptr<ZUOwner> object_ ZU_GUARDED_BY(mutex_);
   /// Atomic; set once, never cleared.
   std::atomic<bool> cancelled_{false};
 };
@@ -258,8 +260,9 @@ class ZUManager {
   class Listener;
 
   /// The known owner `name`, or throws (EmptyName, UnknownOwner). Requires mutex_.
-  Owner& ownerLocked(const std::string& name, const char* method);
-  const Owner& ownerLocked(const std::string& name, const char* method) const;
+  Owner& ownerLocked(const std::string& name, const char* method) ZU_REQUIRES(mutex_);
+  const Owner& ownerLocked(const std::string& name, const char* method) const
+      ZU_REQUIRES(mutex_);
   /// Checks `name` names a resource, or throws (EmptyName, UnknownResource).
   void requireResource(const std::string& name, const char* method) const;
   /// A new owner object of `owner`, not kept anywhere yet.
@@ -276,16 +279,16 @@ class ZUManager {
   /// Whether `object` holds any leaf now.
   bool holdsAny(const ZUOwner* object) const;
   /// Whether an owner named below `name` waits or holds now. Requires mutex_.
-  bool descendantBusyLocked(const std::string& name) const;
+  bool descendantBusyLocked(const std::string& name) const ZU_REQUIRES(mutex_);
   /// Drops the objects of `name` and of its ancestors that no request uses,
   /// hold nothing and can no more be given anything back. Requires mutex_.
-  void pruneLocked(const std::string& name);
+  void pruneLocked(const std::string& name) ZU_REQUIRES(mutex_);
   /// Delivers "__onResource__" for `leaf` to module `module`'s handler. Runs
   /// in the module's task thread. Takes: mutex_ briefly.
   void onResource(const std::shared_ptr<Outlet>& outlet, const std::string& leaf);
   /// Takes off the broker the closed modules that lingered long enough, and
   /// returns them to be dropped once mutex_ is let go. Requires mutex_.
-  std::vector<boost::shared_ptr<ZUModule>> purgeClosedLocked();
+  std::vector<boost::shared_ptr<ZUModule>> purgeClosedLocked() ZU_REQUIRES(mutex_);
 
   /// How long a closed module stays on the broker (see closeModule).
   static constexpr std::chrono::seconds kClosedModuleLinger{5};
@@ -304,15 +307,15 @@ class ZUManager {
   std::vector<std::string> leafOrder_;  // every plain and state member, once
   boost::shared_ptr<Listener> listener_;
 
-  mutable std::mutex mutex_;
-  /// Signalled (under mutex_) whenever a request ends.
+  mutable ZUMutex mutex_;
+  /// Signalled (under mutex_) whenever a request ends or a module is gone.
   std::condition_variable requestEnded_;
-  /// Guarded by mutex_. By name.
-  std::map<std::string, std::shared_ptr<Module>> modules_;
-  /// Guarded by mutex_. By name, sorted: an owner's descendants follow it.
-  std::map<std::string, std::unique_ptr<Owner>> owners_;
-  /// Guarded by mutex_. Closed modules still on the broker, oldest first.
-  std::deque<Closed> closed_;
+  /// By name. The records' own fields are guarded by mutex_ too.
+  std::map<std::string, std::shared_ptr<Module>> modules_ ZU_GUARDED_BY(mutex_);
+  /// By name, sorted: an owner's descendants follow it.
+  std::map<std::string, std::unique_ptr<Owner>> owners_ ZU_GUARDED_BY(mutex_);
+  /// Closed modules still on the broker, oldest first.
+  std::deque<Closed> closed_ ZU_GUARDED_BY(mutex_);
 };
 
 }  // namespace ZU
