@@ -258,9 +258,17 @@ ZUSession::ZUSession(const std::string& module, Handlers handlers, const std::st
   reader_ = std::thread([this] { read(); });
 }
 
-ZUSession::~ZUSession() {
-  stream_->context.TryCancel();
-  reader_.join();
+ZUSession::~ZUSession() { close(); }
+
+void ZUSession::close() {
+  std::call_once(closed_, [this] {
+    stream_->context.TryCancel();
+    if (reader_.get_id() == std::this_thread::get_id()) {
+      reader_.detach();
+    } else {
+      reader_.join();
+    }
+  });
 }
 
 bool ZUSession::alive() const {

@@ -178,8 +178,14 @@ class ZUSession : public ZUClient {
   ZUSession(const std::string& module, Handlers handlers = Handlers(),
             const std::string& target = defaultTarget(),
             std::chrono::milliseconds connectTimeout = std::chrono::seconds(5));
-  /// Ends the session.
+  /// close().
   ~ZUSession();
+
+  /// Ends the session: the service stops its owners' waits and releases
+  /// what they hold. Calls made afterwards are refused; destroy the session
+  /// only once no call of it runs. Waits for the handlers to end (unless
+  /// called from one).
+  void close();
 
   const std::string& id() const { return id_; }
   const std::string& module() const { return module_; }
@@ -218,6 +224,7 @@ class ZUSession : public ZUClient {
   std::string id_;  // immutable after construction
   std::unique_ptr<Stream> stream_;
   std::thread reader_;
+  std::once_flag closed_;
 
   mutable std::mutex mutex_;
   // Guarded by mutex_.

@@ -48,10 +48,14 @@ std::size_t waitCount(ZU::client::ZUClient& client) {
   return nlohmann::json::parse(client.snapshotJson()).at("waits").size();
 }
 
-/// The names of the holders of `leaf` in the snapshot.
+/// The holders of `leaf` in the snapshot, joined by spaces; "" when free.
 std::string holderOf(ZU::client::ZUClient& client, const std::string& leaf) {
-  for (const auto& r : nlohmann::json::parse(client.snapshotJson()).at("resources")) {
-    if (r.at("name") == leaf) return r.value("holder", "");
+  const auto snapshot = nlohmann::json::parse(client.snapshotJson());
+  for (const auto& r : snapshot.at("resources")) {
+    if (r.at("name") != leaf) continue;
+    std::string holders;
+    for (const auto& h : r.at("holders")) holders += (holders.empty() ? "" : " ") + h.get<std::string>();
+    return holders;
   }
   return "?";
 }
@@ -115,7 +119,7 @@ TEST_F(ServiceTest, KilledClientLeavesNothing) {
   waiter->wait();
   EXPECT_TRUE(eventually([&] { return waitCount(observer) == 0; }));
   head.release();
-  EXPECT_EQ(holderOf(observer, "Head"), "emptyOwner");
+  EXPECT_EQ(holderOf(observer, "Head"), "");
 }
 
 TEST_F(ServiceTest, FrozenHolderIsGivenUpAfterTheKeepalive) {
@@ -129,7 +133,7 @@ TEST_F(ServiceTest, FrozenHolderIsGivenUpAfterTheKeepalive) {
   EXPECT_GE(std::chrono::steady_clock::now() - start, 500ms);
   EXPECT_EQ(holderOf(waiter, "Head"), "waiter");
   holder->signal(SIGCONT);
-  EXPECT_EQ(holder->lineStartingWith("ended"), "ended UNAVAILABLE Socket closed")
+  EXPECT_EQ(holder->lineStartingWith("ended").rfind("ended UNAVAILABLE", 0), 0u)
       << "a client given up learns that its session ended";
 }
 
@@ -171,7 +175,7 @@ TEST_F(ServiceTest, WaitStoppedByTheClientLeavesNothing) {
     EXPECT_TRUE(eventually([&] { return waitCount(holder) == 0; }));
   }
   head.release();
-  EXPECT_EQ(holderOf(holder, "Head"), "emptyOwner");
+  EXPECT_EQ(holderOf(holder, "Head"), "");
 }
 
 // With a hundred waits pending, each blocking a thread of the service, a
@@ -180,12 +184,16 @@ TEST_F(ServiceTest, HundredWaitsDoNotStarveTheService) {
   constexpr int kWaits = 100;
   ZUSession holder("Holder", {}, service.target());
   auto head = holder.acquire("holder", "Head", 5);
-  auto waiters = std::make_unique<ZUSession>("Waiters", ZUSession::Handlers(), service.target());
+  ZUSession waiters("Waiters", {}, service.target());
+  std::promise<void> closing;
+  std::shared_future<void> closed = closing.get_future().share();
   std::vector<std::future<std::string>> waits;
   for (int i = 0; i < kWaits; ++i) {
     waits.push_back(std::async(std::launch::async, [&, i] {
       try {
-        waiters->acquire("waiter" + std::to_string(i), "Head", 60);
+        // Not "waiter1" and "waiter10": the one would hand Head down to the other.
+        auto held = waiters.acquire("waiter" + std::to_string(1000 + i), "Head", 60);
+        closed.wait();  // holds it until the session is gone
         return std::string("granted");
       } catch (const ZUWaitError& error) {
         return error.description();
@@ -200,7 +208,8 @@ TEST_F(ServiceTest, HundredWaitsDoNotStarveTheService) {
   auto arm = late.acquire("late", "LeftArm", 5);
   head.release();
   EXPECT_TRUE(eventually([&] { return holderOf(holder, "Head").rfind("waiter", 0) == 0; }));
-  waiters.reset();  // the session ends: every other wait stops
+  waiters.close();  // every other wait stops
+  closing.set_value();
   int granted = 0, stopped = 0;
   for (auto& wait : waits) {
     const std::string outcome = wait.get();
