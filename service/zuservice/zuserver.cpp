@@ -70,7 +70,11 @@ grpc::Status statusOf(const ZUManagerError& error) {
       code = StatusCode::ALREADY_EXISTS;
       break;
     case ZUManagerError::Code::OtherModule:
+    case ZUManagerError::Code::PermissionDenied:
       code = StatusCode::PERMISSION_DENIED;
+      break;
+    case ZUManagerError::Code::Unauthenticated:
+      code = StatusCode::UNAUTHENTICATED;
       break;
   }
   return grpc::Status(code, error.getDescription());
@@ -502,9 +506,17 @@ std::shared_ptr<ClientSession> ZUServer::Impl::open(const std::shared_ptr<Sessio
     }
     if (!stream) return;
     pb::SessionEvent event;
-    auto* wanted = event.mutable_wanted();
-    wanted->set_resource(notice.resource);
-    wanted->set_owner(notice.owner);
+    if (notice.kind == ZUNotice::Kind::Lost) {
+      auto* lost = event.mutable_lost();
+      lost->set_resource(notice.resource);
+      lost->set_owner(notice.owner);
+      lost->set_by(notice.by);
+      lost->set_reason(notice.reason);
+    } else {
+      auto* wanted = event.mutable_wanted();
+      wanted->set_resource(notice.resource);
+      wanted->set_owner(notice.owner);
+    }
     stream->send(std::move(event));
   });
   std::lock_guard<std::mutex> lock(mutex_);
