@@ -49,7 +49,9 @@ class ZUManagerError : public ZUError {
     ModuleExists,     ///< a module of that name is open already
     OtherModule,      ///< the owner belongs to another module
     NotAState,        ///< setState/releaseState on a resource that is no state resource
-    BadArgument       ///< any other argument out of range
+    BadArgument,      ///< any other argument out of range
+    Unauthenticated,  ///< the caller is not known (ZURights)
+    PermissionDenied  ///< beyond the caller's rights (ZURights)
   };
   ZUManagerError(Code code, const std::string& method, const std::string& description);
   Code code() const { return code_; }
