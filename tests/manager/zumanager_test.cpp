@@ -279,6 +279,8 @@ TEST_F(ManagerTest, RefusedCalls) {
       {"owner in no module", [&] { manager.makeOwner("Z", "z"); }, Code::UnknownModule},
       {"owner named like a state", [&] { manager.makeOwner("A", "Standing"); },
        Code::BadArgument},
+      {"owner name of 1 MB", [&] { manager.makeOwner("A", std::string(1 << 20, 'x')); },
+       Code::BadArgument},
       {"module opened twice", [&] { manager.openModule("A", nullptr); }, Code::ModuleExists},
       {"state of a plain resource", [&] { manager.setState("Arm", true); }, Code::NotAState},
       {"release by nobody", [&] { manager.release("nobody", "Arm"); }, Code::UnknownOwner},
