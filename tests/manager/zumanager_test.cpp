@@ -68,9 +68,9 @@ class ManagerTest : public ::testing::Test {
   }
   std::string holder(const std::string& leaf) { return manager.holdersOf(leaf).at(0); }
 
-  ZUManager manager{robot()};
   std::mutex mutex;
   std::vector<std::string> notices;  // guarded by mutex
+  ZUManager manager{robot()};  // last: it ends its modules' notices first
 };
 
 // How a request ends, and who holds what afterwards. Arm is held by "other"
