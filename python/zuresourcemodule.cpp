@@ -188,6 +188,8 @@ struct OwnerStop {
 /// the wait starts again for the rest of its time limit. Called with the GIL.
 Names acquire(const ResourceHandle& resource, const OwnerHandle& owner, const std::string& label,
               int timeout, const Names& noWait, std::vector<ResourceHandle>* taken) {
+  if (!owner)  // refused by the library
+    return withoutGil([&] { return resource->waitFor(owner, label, timeout, noWait); });
   const auto start = std::chrono::steady_clock::now();
   for (int limit = timeout;;) {
     OwnerStop stopper{owner.get()};
