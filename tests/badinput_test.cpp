@@ -1,5 +1,5 @@
-// Bad input, one test per row of the README's bad-input table; afterwards the
-// objects serve as before.
+// Bad input, one test per row of the bad-input table in docs/reliability.md;
+// afterwards the objects serve as before.
 
 #include <atomic>
 #include <climits>

@@ -4,6 +4,7 @@
 #include <limits>
 
 #include <zuresource/zucontract.h>
+#include <zuresource/zuownerstrong.h>
 
 namespace zusim {
 
@@ -74,25 +75,131 @@ class Linter {
     return kForever;
   }
 
-  void requestsAfterRelease() {
-    for (const OwnerEntry& o : s_.owners) {
-      std::string why;
-      for (const ActionEntry& a : s_.actions) {
-        if (a.owner != o.name) continue;
-        if (a.kind == ActionKind::WaitFor && !why.empty()) {
-          out_.push_back({a.entry, o.name + " requests " + a.resource + " after " + why +
-                                       ": that leaves its release flag set, so if this request "
-                                       "has to wait it fails with \"" +
-                                       ZU::contract::kStopWhileWaiting + "\""});
+  /// Something that leaves an owner's release flag set: from `ms` on, after
+  /// the action `index` in the scenario's order, and why.
+  struct FlagSet {
+    long ms;
+    std::size_t index;
+    std::string why;
+  };
+
+  /// Whether state resource `name` is activated at `ms`: its start, then
+  /// every switch at or before `ms`.
+  bool activeAt(const std::string& name, long ms) const {
+    bool on = s_.findResource(name)->activated;
+    for (const ActionEntry& a : s_.actions)
+      if (a.atMs <= ms && a.resource == name &&
+          (a.kind == ActionKind::SetState || a.kind == ActionKind::ReleaseState))
+        on = a.kind == ActionKind::SetState && a.activated;
+    return on;
+  }
+
+  /// The module of `owner`'s answer to "__onResource__": how long it takes
+  /// to let go, or kForever when it ignores it.
+  long answerMs(const std::string& owner) const {
+    const ModuleEntry* m = s_.findModule(s_.findOwner(owner)->module);
+    return m->releases ? m->delayMs : kForever;
+  }
+
+  /// Whether the group wait `a` (with a time limit) may end at that limit
+  /// and give back what it took. A waiter sees a release at most one polling
+  /// period late, so a holder that lets go closer to the limit than that
+  /// counts as one that does not.
+  bool groupWaitMayFail(std::size_t ai) const {
+    const ActionEntry& a = s_.actions[ai];
+    const long poll = ZU::ZUOwnerStrong::kPollPeriodMs;
+    const long limit = a.atMs + 1000L * a.timeout;
+    for (const std::string& leaf : s_.leavesOf(a.resource)) {
+      if (contains(a.noWait, leaf)) continue;
+      if (s_.findResource(leaf)->kind == ResourceKind::State) {
+        bool on = activeAt(leaf, a.atMs);
+        for (const ActionEntry& b : s_.actions)
+          on = on || (b.kind == ActionKind::SetState && b.activated && b.resource == leaf &&
+                      b.atMs >= a.atMs && b.atMs + poll < limit);
+        if (!on) return true;
+        continue;
+      }
+      for (std::size_t bi = 0; bi < s_.actions.size(); ++bi) {
+        const ActionEntry& b = s_.actions[bi];
+        if (bi == ai || b.kind != ActionKind::WaitFor || related(a.owner, b.owner) ||
+            b.atMs > limit || !contains(plainLeaves(b), leaf))
+          continue;
+        long gone = letGo(b.owner, leaf, b.atMs);
+        if (gone <= a.atMs) continue;  // let go before the wait began
+        long told = std::max(a.atMs, b.atMs);
+        long answer = answerMs(b.owner);
+        long letsGo = std::min(gone, answer == kForever ? kForever : told + answer);
+        if (letsGo == kForever || letsGo + poll >= limit) return true;
+      }
+    }
+    return false;
+  }
+
+  /// Everything that leaves `owner`'s release flag set: its releases, the
+  /// manager's stops, its group waits that may fail, and its module letting
+  /// go when told "__onResource__" (for another owner's request, or a
+  /// deactivation) of something the owner may still hold.
+  std::vector<FlagSet> flagSetters(const OwnerEntry& o) const {
+    std::vector<FlagSet> out;
+    const ModuleEntry* module = s_.findModule(o.module);
+    for (std::size_t ai = 0; ai < s_.actions.size(); ++ai) {
+      const ActionEntry& a = s_.actions[ai];
+      if (a.owner != o.name) continue;
+      if (a.kind == ActionKind::Release)
+        out.push_back({a.atMs, ai, "its release of " + a.resource + " (" + a.entry + ")"});
+      if (a.kind == ActionKind::Stop)
+        out.push_back(
+            {a.atMs, ai, "the manager's stop on " + a.resource + " (" + a.entry + ")"});
+      if (a.kind != ActionKind::WaitFor) continue;
+      if (a.timeout >= 0 && isGroup(a.resource) && groupWaitMayFail(ai))
+        out.push_back({a.atMs, ai,
+                       "its wait for the group " + a.resource + " (" + a.entry +
+                           "), which gives back what it took if it times out"});
+      if (!module->releases) continue;
+      // Who may be told to let go of what this request took, while it still
+      // holds it: another owner's request, or a deactivation.
+      for (std::size_t bi = ai + 1; bi < s_.actions.size(); ++bi) {
+        const ActionEntry& b = s_.actions[bi];
+        bool deactivation = (b.kind == ActionKind::SetState && !b.activated) ||
+                            b.kind == ActionKind::ReleaseState;
+        bool request = b.kind == ActionKind::WaitFor && !related(o.name, b.owner);
+        if (!deactivation && !request) continue;
+        std::vector<std::string> wanted =
+            deactivation ? std::vector<std::string>{b.resource} : plainLeaves(b);
+        for (const std::string& leaf : s_.leavesOf(a.resource)) {
+          if (contains(a.noWait, leaf) || !contains(wanted, leaf) ||
+              letGo(o.name, leaf, a.atMs) <= b.atMs)
+            continue;
+          out.push_back({b.atMs, bi,
+                         "its module " + module->name + " let go of " + leaf +
+                             " when told \"__onResource__\" for " +
+                             (deactivation ? "the deactivation of " + leaf
+                                           : b.owner + "'s request") +
+                             " (" + b.entry + ")"});
           break;
         }
-        if (a.kind == ActionKind::Release)
-          why = "its release of " + a.resource + " (" + a.entry + ")";
-        if (a.kind == ActionKind::Stop)
-          why = "the manager's stop on " + a.resource + " (" + a.entry + ")";
-        if (a.kind == ActionKind::WaitFor && a.timeout >= 0 && isGroup(a.resource))
-          why = "its wait for the group " + a.resource + " (" + a.entry +
-                "), which gives back what it took if it times out";
+      }
+    }
+    return out;
+  }
+
+  void requestsAfterRelease() {
+    for (const OwnerEntry& o : s_.owners) {
+      std::vector<FlagSet> setters = flagSetters(o);
+      for (std::size_t ci = 0; ci < s_.actions.size(); ++ci) {
+        const ActionEntry& c = s_.actions[ci];
+        if (c.owner != o.name || c.kind != ActionKind::WaitFor) continue;
+        // The earliest that comes before this request.
+        const FlagSet* first = nullptr;
+        for (const FlagSet& f : setters)
+          if ((f.ms < c.atMs || (f.ms == c.atMs && f.index < ci)) && (!first || f.ms < first->ms))
+            first = &f;
+        if (!first) continue;
+        out_.push_back({c.entry, o.name + " requests " + c.resource + " after " + first->why +
+                                     ": that leaves its release flag set, so if this request "
+                                     "has to wait it fails with \"" +
+                                     ZU::contract::kStopWhileWaiting + "\""});
+        break;
       }
     }
   }

@@ -16,9 +16,12 @@ struct Warning {
 };
 
 /// The warnings of a valid scenario, in entry order:
-/// - an owner that requests again after its own release, or after a group
-///   wait of its own that may fail: both leave its release flag set, so the
-///   next request that has to wait fails with "box stop while waiting";
+/// - an owner that requests again after its own release, the manager's
+///   stop, a group wait of its own that may time out, or its module letting
+///   go when told "__onResource__" of what it holds: each leaves its release
+///   flag set, so the next request that has to wait fails with "box stop
+///   while waiting" (a group wait that is sure to be granted in time sets
+///   nothing);
 /// - a wait with no time limit for a resource that another owner takes
 ///   first and never lets go (no release, no stop) while its module ignores
 ///   "__onResource__": the wait never ends before stopAt;

@@ -11,11 +11,11 @@ ZUModule::ZUModule(const std::string& name) : name_(name), tasks_(std::make_shar
 ZUModule::~ZUModule() {
   std::thread worker;
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    ZUMutexLock lock(mutex_);
     worker = std::move(worker_);
   }
   {
-    std::lock_guard<std::mutex> lock(tasks_->mutex);
+    ZUMutexLock lock(tasks_->mutex);
     tasks_->stopping = true;
     tasks_->queue.clear();
   }
@@ -28,13 +28,13 @@ ZUModule::~ZUModule() {
 }
 
 void ZUModule::bind(const std::string& method, const char* paramType, Callable call) {
-  std::lock_guard<std::mutex> lock(mutex_);
+  ZUMutexLock lock(mutex_);
   methods_[method] = Method{paramType, std::move(call)};
 }
 
 ZUModule::Callable ZUModule::lookup(const std::string& method, int paramNumber,
                                     const char* argType) const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  ZUMutexLock lock(mutex_);
   auto it = methods_.find(method);
   if (it == methods_.end())
     throw ZUError("ZUProxy", "call/pCall",
@@ -49,10 +49,10 @@ ZUModule::Callable ZUModule::lookup(const std::string& method, int paramNumber,
 }
 
 int ZUModule::enqueue(std::function<void()> task) {
-  std::lock_guard<std::mutex> workerLock(mutex_);
+  ZUMutexLock workerLock(mutex_);
   int id;
   {
-    std::lock_guard<std::mutex> lock(tasks_->mutex);
+    ZUMutexLock lock(tasks_->mutex);
     if (tasks_->stopping)
       throw ZUError("ZUProxy", "call/pCall", "Module '" + name_ + "' is stopping", kFile, __LINE__);
     tasks_->queue.push_back(std::move(task));
@@ -64,9 +64,9 @@ int ZUModule::enqueue(std::function<void()> task) {
 }
 
 void ZUModule::run(const std::shared_ptr<Tasks>& tasks) {
-  std::unique_lock<std::mutex> lock(tasks->mutex);
+  ZUMutexLock lock(tasks->mutex);
   for (;;) {
-    tasks->changed.wait(lock, [&] { return tasks->stopping || !tasks->queue.empty(); });
+    while (!tasks->stopping && tasks->queue.empty()) lock.wait(tasks->changed);
     if (tasks->stopping) return;
     std::function<void()> task = std::move(tasks->queue.front());
     tasks->queue.pop_front();
@@ -85,13 +85,13 @@ void ZUModule::run(const std::shared_ptr<Tasks>& tasks) {
 }
 
 void ZUModule::waitIdle() {
-  std::unique_lock<std::mutex> lock(tasks_->mutex);
-  tasks_->changed.wait(
-      lock, [this] { return tasks_->stopping || (tasks_->queue.empty() && !tasks_->running); });
+  ZUMutexLock lock(tasks_->mutex);
+  while (!tasks_->stopping && (!tasks_->queue.empty() || tasks_->running))
+    lock.wait(tasks_->changed);
 }
 
 int ZUModule::startedTasks() const {
-  std::lock_guard<std::mutex> lock(tasks_->mutex);
+  ZUMutexLock lock(tasks_->mutex);
   return tasks_->nextTaskId - 1;
 }
 
@@ -110,7 +110,7 @@ boost::shared_ptr<ZUModule> ZUProxy::module(const std::string& method) const {
 void ZUBroker::addModule(const boost::shared_ptr<ZUModule>& module) {
   if (!module) throw ZUError("ZUBroker", "addModule", "empty module handle", kFile, __LINE__);
   boost::shared_ptr<ZUModule> replaced;
-  std::lock_guard<std::mutex> lock(mutex_);
+  ZUMutexLock lock(mutex_);
   boost::shared_ptr<ZUModule>& slot = modules_[module->getName()];
   replaced.swap(slot);
   slot = module;
@@ -118,7 +118,7 @@ void ZUBroker::addModule(const boost::shared_ptr<ZUModule>& module) {
 
 void ZUBroker::removeModule(const std::string& name) {
   boost::shared_ptr<ZUModule> removed;  // destroyed after the lock is released
-  std::lock_guard<std::mutex> lock(mutex_);
+  ZUMutexLock lock(mutex_);
   auto it = modules_.find(name);
   if (it == modules_.end()) return;
   removed.swap(it->second);
@@ -126,7 +126,7 @@ void ZUBroker::removeModule(const std::string& name) {
 }
 
 boost::shared_ptr<ZUModule> ZUBroker::getModule(const std::string& name) const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  ZUMutexLock lock(mutex_);
   auto it = modules_.find(name);
   return it == modules_.end() ? boost::shared_ptr<ZUModule>() : it->second;
 }

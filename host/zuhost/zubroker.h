@@ -6,7 +6,6 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 
@@ -14,6 +13,8 @@
 #include <boost/weak_ptr.hpp>
 
 #include <zuhost/zuerror.h>
+#include <zuhost/zumutex.h>
+#include <zuhost/zuthreadannotations.h>
 
 namespace ZU {
 
@@ -94,13 +95,12 @@ class ZUModule {
   // thread, so that the thread never touches a module that went away inside
   // one of its own tasks.
   struct Tasks {
-    std::mutex mutex;
+    ZUMutex mutex;
     std::condition_variable changed;
-    // Guarded by mutex.
-    std::deque<std::function<void()>> queue;
-    bool running = false;  // a task is executing
-    bool stopping = false;
-    int nextTaskId = 1;
+    std::deque<std::function<void()>> queue ZU_GUARDED_BY(mutex);
+    bool running ZU_GUARDED_BY(mutex) = false;  // a task is executing
+    bool stopping ZU_GUARDED_BY(mutex) = false;
+    int nextTaskId ZU_GUARDED_BY(mutex) = 1;
   };
   static void run(const std::shared_ptr<Tasks>& tasks);
 
@@ -108,10 +108,9 @@ class ZUModule {
   const std::string name_;
   const std::shared_ptr<Tasks> tasks_;
 
-  // Guarded by mutex_.
-  mutable std::mutex mutex_;
-  std::map<std::string, Method> methods_;
-  std::thread worker_;  // started with the first task
+  mutable ZUMutex mutex_;
+  std::map<std::string, Method> methods_ ZU_GUARDED_BY(mutex_);
+  std::thread worker_ ZU_GUARDED_BY(mutex_);  // started with the first task
 };
 
 /// A handle on a module through which its methods are started. Holds the
@@ -164,9 +163,8 @@ class ZUBroker {
   boost::shared_ptr<ZUProxy> getProxy(const std::string& name, int option);
 
  private:
-  // Guarded by mutex_.
-  mutable std::mutex mutex_;
-  std::map<std::string, boost::shared_ptr<ZUModule>> modules_;
+  mutable ZUMutex mutex_;
+  std::map<std::string, boost::shared_ptr<ZUModule>> modules_ ZU_GUARDED_BY(mutex_);
 };
 
 }  // namespace ZU

@@ -1,22 +1,24 @@
 #include <cstdarg>
 #include <cstdio>
 #include <iostream>
-#include <mutex>
 #include <vector>
 
 #include <zuhost/zulog.h>
+#include <zuhost/zumutex.h>
 
 namespace ko {
 namespace log {
 
 namespace {
-std::mutex& handlerMutex() {
-  static std::mutex m;
-  return m;
-}
-Handler& currentHandler() {
-  static Handler h;
-  return h;
+// The handler runs under the mutex, so that records never interleave and a
+// handler being replaced is never running.
+struct HandlerSlot {
+  ZU::ZUMutex mutex;
+  Handler handler ZU_GUARDED_BY(mutex);
+};
+HandlerSlot& handlerSlot() {
+  static HandlerSlot slot;
+  return slot;
 }
 void writeToStderr(const Record& r) {
   std::string message = r.message;
@@ -28,17 +30,19 @@ void writeToStderr(const Record& r) {
 void log(int level, const std::string& category, const std::string& message,
          const std::string& file, const std::string& function, int line) {
   Record record{level, category, message, file, function, line};
-  std::lock_guard<std::mutex> lock(handlerMutex());
-  if (currentHandler())
-    currentHandler()(record);
+  HandlerSlot& slot = handlerSlot();
+  ZU::ZUMutexLock lock(slot.mutex);
+  if (slot.handler)
+    slot.handler(record);
   else
     writeToStderr(record);
 }
 
 Handler setHandler(Handler handler) {
-  std::lock_guard<std::mutex> lock(handlerMutex());
-  Handler previous = std::move(currentHandler());
-  currentHandler() = std::move(handler);
+  HandlerSlot& slot = handlerSlot();
+  ZU::ZUMutexLock lock(slot.mutex);
+  Handler previous = std::move(slot.handler);
+  slot.handler = std::move(handler);
   return previous;
 }
 

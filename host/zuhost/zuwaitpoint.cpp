@@ -1,8 +1,8 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <mutex>
 
+#include <zuhost/zumutex.h>
 #include <zuhost/zuwaitpoint.h>
 
 namespace ZU {
@@ -10,7 +10,7 @@ namespace ZU {
 namespace {
 
 struct SleepPair {
-  std::mutex mutex;
+  ZUMutex mutex;  // guards nothing: held from a sleeper's check until its sleep
   std::condition_variable changed;
 };
 
@@ -29,10 +29,12 @@ bool ZUWaitPoint::park(unsigned ticket, int ms) {
   parked_.fetch_add(1, std::memory_order_seq_cst);
   bool changed;
   {
-    std::unique_lock<std::mutex> lock(pair.mutex);
-    changed = pair.changed.wait_until(lock, deadline, [this, ticket] {
-      return generation_.load(std::memory_order_seq_cst) != ticket;
-    });
+    ZUMutexLock lock(pair.mutex);
+    for (;;) {
+      changed = generation_.load(std::memory_order_seq_cst) != ticket;
+      if (changed || !lock.waitUntil(pair.changed, deadline)) break;
+    }
+    if (!changed) changed = generation_.load(std::memory_order_seq_cst) != ticket;
   }
   parked_.fetch_sub(1, std::memory_order_seq_cst);
   return changed;
@@ -40,7 +42,7 @@ bool ZUWaitPoint::park(unsigned ticket, int ms) {
 
 void ZUWaitPoint::wakeParked() noexcept {
   SleepPair& pair = sleepPairFor(this);
-  { std::lock_guard<std::mutex> settle(pair.mutex); }  // a sleeper is checking or asleep
+  { ZUMutexLock settle(pair.mutex); }  // a sleeper is checking or asleep
   pair.changed.notify_all();
 }
 

@@ -1,13 +1,13 @@
-"""The README's example runs as printed there."""
+"""The example of the Python page runs as printed there."""
 import os
 import subprocess
 import sys
 
 
-def test_readme_example():
+def test_page_example():
     example = os.path.join(os.path.dirname(__file__), "..", "examples", "head.py")
     run = subprocess.run([sys.executable, example], capture_output=True, text=True, timeout=60)
     assert (run.returncode, run.stderr) == (0, "")
     assert run.stdout == "speaking: ---Head -> Speaker eStrong null 0<br />\nafter: ---Head<br />\n"
-    readme = open(os.path.join(os.path.dirname(__file__), "..", "..", "README.md")).read()
-    assert open(example).read() in readme
+    page = open(os.path.join(os.path.dirname(__file__), "..", "..", "docs", "python.md")).read()
+    assert open(example).read() in page

@@ -95,7 +95,8 @@ ZUExplanation explainOne(const boost::shared_ptr<ZUResource>& resource,
   ZUExplanation e;
   e.resource = resource->name;
   e.owner = owner->name;
-  const std::type_info& kind = typeid(*resource);
+  const ZUResource& object = *resource;
+  const std::type_info& kind = typeid(object);
   if (kind == typeid(ZUResource)) {
     explainPlain(e, *resource, owner, noWaitList);
   } else if (kind == typeid(ZUResourceState)) {

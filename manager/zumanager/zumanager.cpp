@@ -1,0 +1,642 @@
+#include "zumanager/zumanager.h"
+
+#include <algorithm>
+#include <set>
+#include <thread>
+#include <utility>
+
+#include <boost/make_shared.hpp>
+
+#include <zuhost/zumutex.h>
+
+#include <zuresource/zucontract.h>
+#include <zuresource/zuexplain.h>
+#include <zuresource/zuresourcelist.h>
+#include <zuresource/zusnapshot.h>
+
+#include <zuobserve/zujson.h>
+
+namespace ZU {
+
+namespace {
+
+const char kFile[] = "zumanager.cpp";
+
+/// The request running in this thread, if any: its wait events are its own.
+struct Current {
+  const void* manager;
+  const std::string* owner;
+  const ZUManager::WaitHandler* onWait;
+};
+thread_local const Current* tCurrent = nullptr;
+
+/// Sets tCurrent for one scope.
+class CurrentScope {
+ public:
+  explicit CurrentScope(const Current* current) : saved_(tCurrent) { tCurrent = current; }
+  ~CurrentScope() { tCurrent = saved_; }
+  CurrentScope(const CurrentScope&) = delete;
+  CurrentScope& operator=(const CurrentScope&) = delete;
+
+ private:
+  const Current* saved_;
+};
+
+ZUResourceState* asState(const boost::shared_ptr<ZUResource>& r) {
+  return dynamic_cast<ZUResourceState*>(r.get());
+}
+
+std::string quoteName(const std::string& name) { return ZUValue(name).serializeToText(); }
+
+}  // namespace
+
+ZUManagerError::ZUManagerError(Code code, const std::string& method,
+                               const std::string& description)
+    : ZUError("ZUManager", method, description, kFile, 0), code_(code) {}
+
+// --- Cancel tokens ------------------------------------------------------------
+
+void ZUAcquireCancel::cancel() {
+  ZUMutexLock lock(mutex_);
+  cancelled_ = true;
+  if (object_) object_->freeResource();  // its wait ends at the next poll
+}
+
+bool ZUAcquireCancel::attach(const boost::shared_ptr<ZUOwner>& object) {
+  ZUMutexLock lock(mutex_);
+  if (cancelled_) return false;
+  object_ = object;
+  return true;
+}
+
+void ZUAcquireCancel::detach() {
+  ZUMutexLock lock(mutex_);
+  object_.reset();
+}
+
+// --- Inner records ------------------------------------------------------------
+
+/// One request in progress. Its fields are guarded by the manager's mutex_,
+/// except `object` (immutable).
+struct ZUManager::Request {
+  boost::shared_ptr<ZUOwner> object;
+  ZUAcquireResult::Stop stop = ZUAcquireResult::Stop::None;
+};
+
+/// Where a module's notices go. `open` is atomic; the rest immutable.
+struct ZUManager::Outlet {
+  std::string module;
+  ZUNoticeHandler handler;
+  std::atomic<bool> open{true};
+  /// Atomic: the thread of the notice running now, if any.
+  std::atomic<std::thread::id> runningIn{};
+};
+
+/// An owner: guarded by mutex_.
+struct ZUManager::Owner {
+  std::string name;
+  std::string module;
+  /// The objects of finished requests that hold something, or may be given
+  /// something back by a descendant they handed it down to.
+  std::vector<boost::shared_ptr<ZUOwner>> objects;
+  /// The requests in progress.
+  std::vector<Request*> requests;
+};
+
+/// A module: guarded by mutex_ (`module` and `outlet` are immutable).
+struct ZUManager::Module {
+  boost::shared_ptr<ZUModule> module;
+  std::shared_ptr<Outlet> outlet;
+  bool closing = false;
+};
+
+/// Hands the wait events of a request to its WaitHandler, in its own thread.
+class ZUManager::Listener : public ZUObserver {
+ public:
+  explicit Listener(const ZUManager* manager) : manager_(manager) {}
+  void onEvent(const ZUEvent& event) override {
+    const Current* current = tCurrent;
+    if (event.kind != ZUEvent::Kind::Waiting || !current || current->manager != manager_ ||
+        !current->onWait || event.owner != *current->owner)
+      return;
+    (*current->onWait)(ZUWaitReport{event.resource, event.holder, event.holderModule});
+  }
+
+ private:
+  const ZUManager* manager_;
+};
+
+// --- Construction -------------------------------------------------------------
+
+ZUManager::ZUManager(const std::vector<boost::shared_ptr<ZUResource>>& roots)
+    : start_(std::chrono::steady_clock::now()), broker_(boost::make_shared<ZUBroker>()), roots_(roots) {
+  // Every resource of the trees by name, and each one's leaves in member order.
+  std::vector<boost::shared_ptr<ZUResource>> order;  // parents before members
+  for (const auto& r : roots) {
+    if (!r) throw ZUManagerError(ZUManagerError::Code::BadArgument, "ZUManager", "empty resource");
+    order.push_back(r);
+  }
+  for (std::size_t i = 0; i < order.size(); ++i) {
+    const boost::shared_ptr<ZUResource>& r = order[i];
+    auto found = resources_.find(r->name);
+    if (found != resources_.end()) {
+      if (found->second != r)
+        throw ZUManagerError(ZUManagerError::Code::BadArgument, "ZUManager",
+                             "two resources are named " + quoteName(r->name));
+      continue;
+    }
+    if (r->name.empty())
+      throw ZUManagerError(ZUManagerError::Code::EmptyName, "ZUManager", "a resource has no name");
+    resources_[r->name] = r;
+    if (auto* group = dynamic_cast<ZUResourceList*>(r.get()))
+      for (const auto& m : group->getResourceList()) order.push_back(m);
+  }
+  // Members come after their groups in `order`: walk it backwards.
+  for (auto it = order.rbegin(); it != order.rend(); ++it) {
+    const boost::shared_ptr<ZUResource>& r = *it;
+    if (leaves_.count(r->name)) continue;
+    std::vector<std::string> leaves;
+    if (auto* group = dynamic_cast<ZUResourceList*>(r.get())) {
+      for (const auto& m : group->getResourceList())
+        for (const std::string& l : leaves_.at(m->name))
+          if (std::find(leaves.begin(), leaves.end(), l) == leaves.end()) leaves.push_back(l);
+    } else {
+      leaves.push_back(r->name);
+      leafOrder_.push_back(r->name);
+    }
+    leaves_[r->name] = std::move(leaves);
+  }
+  listener_ = boost::make_shared<Listener>(this);
+  ZUObservers::add(listener_);
+}
+
+ZUManager::~ZUManager() {
+  std::vector<std::string> names;
+  {
+    ZUMutexLock lock(mutex_);
+    for (const auto& m : modules_) names.push_back(m.first);
+  }
+  for (const std::string& n : names) closeModule(n);
+  ZUObservers::remove(listener_);
+}
+
+// --- Checks -------------------------------------------------------------------
+
+void ZUManager::requireResource(const std::string& name, const char* method) const {
+  if (name.empty())
+    throw ZUManagerError(ZUManagerError::Code::EmptyName, method, "empty resource name");
+  if (!resources_.count(name))
+    throw ZUManagerError(ZUManagerError::Code::UnknownResource, method,
+                         "no resource is named " + quoteName(name));
+}
+
+ZUManager::Owner& ZUManager::ownerLocked(const std::string& name, const char* method) {
+  return const_cast<Owner&>(static_cast<const ZUManager*>(this)->ownerLocked(name, method));
+}
+
+const ZUManager::Owner& ZUManager::ownerLocked(const std::string& name,
+                                               const char* method) const {
+  if (name.empty()) throw ZUManagerError(ZUManagerError::Code::EmptyName, method, "empty owner name");
+  auto it = owners_.find(name);
+  if (it == owners_.end())
+    throw ZUManagerError(ZUManagerError::Code::UnknownOwner, method,
+                         "no owner is named " + quoteName(name));
+  return *it->second;
+}
+
+bool ZUManager::hasResource(const std::string& name) const { return resources_.count(name) != 0; }
+
+boost::shared_ptr<ZUResource> ZUManager::resource(const std::string& name) const {
+  requireResource(name, "resource");
+  return resources_.at(name);
+}
+
+std::vector<std::string> ZUManager::leavesOf(const std::string& name) const {
+  requireResource(name, "leavesOf");
+  return leaves_.at(name);
+}
+
+// --- Modules and owners -------------------------------------------------------
+
+void ZUManager::openModule(const std::string& name, ZUNoticeHandler onNotice) {
+  if (name.empty())
+    throw ZUManagerError(ZUManagerError::Code::EmptyName, "openModule", "empty module name");
+  if (name == contract::kPlaceholderName)
+    throw ZUManagerError(ZUManagerError::Code::BadArgument, "openModule",
+                         quoteName(name) + " is the name of a free resource's holder");
+  auto outlet = std::make_shared<Outlet>();
+  outlet->module = name;
+  outlet->handler = std::move(onNotice);
+  auto module = boost::make_shared<ZUModule>(name);
+  std::vector<boost::shared_ptr<ZUModule>> gone;
+  module->bindMethod<std::string>(
+      "__onResource__", [this, outlet](const std::string& leaf) { onResource(outlet, leaf); });
+  {
+    ZUMutexLock lock(mutex_);
+    if (modules_.count(name))
+      throw ZUManagerError(ZUManagerError::Code::ModuleExists, "openModule",
+                           "a module named " + quoteName(name) + " is open already");
+    auto m = std::make_shared<Module>();
+    m->module = module;
+    m->outlet = outlet;
+    modules_[name] = m;
+    broker_->addModule(module);  // replaces a closed module of that name
+    gone = purgeClosedLocked();
+  }
+}
+
+bool ZUManager::hasModule(const std::string& name) const {
+  ZUMutexLock lock(mutex_);
+  auto it = modules_.find(name);
+  return it != modules_.end() && !it->second->closing;
+}
+
+void ZUManager::closeModule(const std::string& name) {
+  std::shared_ptr<Module> m;
+  std::set<std::string> names;  // its owners
+  {
+    ZUMutexLock lock(mutex_);
+    auto it = modules_.find(name);
+    if (it == modules_.end()) return;
+    m = it->second;
+    if (m->closing) {  // another thread closes it: wait for that close
+      for (;;) {
+        auto now = modules_.find(name);
+        if (now == modules_.end() || now->second != m) return;
+        lock.wait(requestEnded_);
+      }
+    }
+    m->closing = true;
+    m->outlet->open = false;
+    for (const auto& o : owners_) {
+      if (o.second->module != name) continue;
+      names.insert(o.first);
+      for (Request* r : o.second->requests) {
+        r->stop = ZUAcquireResult::Stop::ModuleClosed;
+        r->object->freeResource();  // its wait ends with "box stop while waiting"
+      }
+    }
+    for (;;) {
+      bool running = false;
+      for (const std::string& n : names) running = running || !owners_.at(n)->requests.empty();
+      if (!running) break;
+      lock.wait(requestEnded_);
+    }
+  }
+  // Give back everything its owners hold. A release may hand a resource
+  // back to another of its owners: go round until none holds anything.
+  for (int round = 0; round < 64; ++round) {
+    std::vector<std::pair<std::string, boost::shared_ptr<ZUOwner>>> held;
+    for (const std::string& leaf : leafOrder_) {
+      const boost::shared_ptr<ZUResource>& r = resources_.at(leaf);
+      if (ZUResourceState* s = asState(r)) {
+        ZUCriticalSection lock(s->holdersMutex);
+        for (const auto& h : s->holders)
+          if (names.count(h->name)) {
+            held.emplace_back(leaf, h);
+            break;
+          }
+      } else {
+        boost::shared_ptr<ZUOwner> h = r->currentOwner.load();
+        if (names.count(h->name)) held.emplace_back(leaf, h);
+      }
+    }
+    if (held.empty()) break;
+    releaseHeld(held, resources_);
+  }
+  // A notice that runs now ends before we return (unless it is the caller).
+  if (m->outlet->runningIn.load() != std::this_thread::get_id()) m->module->waitIdle();
+  std::vector<boost::shared_ptr<ZUModule>> gone;
+  {
+    ZUMutexLock lock(mutex_);
+    for (const std::string& n : names) owners_.erase(n);
+    modules_.erase(name);
+    // The module stays on the broker a while: a request that read one of its
+    // owners as holder just before the release may still ask the broker for
+    // it, and a module the broker does not know fails that request.
+    closed_.push_back({name, m->module, std::chrono::steady_clock::now()});
+    gone = purgeClosedLocked();
+    requestEnded_.notify_all();
+  }
+}
+
+std::vector<boost::shared_ptr<ZUModule>> ZUManager::purgeClosedLocked() {
+  std::vector<boost::shared_ptr<ZUModule>> gone;
+  const auto now = std::chrono::steady_clock::now();
+  while (!closed_.empty() && now - closed_.front().when > kClosedModuleLinger) {
+    const Closed& c = closed_.front();
+    if (broker_->getModule(c.name) == c.module) broker_->removeModule(c.name);
+    gone.push_back(c.module);
+    closed_.pop_front();
+  }
+  return gone;  // dropped by the caller, after mutex_: a dropped module joins its task
+}
+
+void ZUManager::makeOwner(const std::string& module, const std::string& owner) {
+  if (owner.empty())
+    throw ZUManagerError(ZUManagerError::Code::EmptyName, "makeOwner", "empty owner name");
+  if (owner == contract::kPlaceholderName)
+    throw ZUManagerError(ZUManagerError::Code::BadArgument, "makeOwner",
+                         quoteName(owner) + " is the name of a free resource's holder");
+  if (resources_.count(owner))
+    // A state resource waits on an owner named after it.
+    throw ZUManagerError(ZUManagerError::Code::BadArgument, "makeOwner",
+                         quoteName(owner) + " is the name of a resource");
+  ZUMutexLock lock(mutex_);
+  auto m = modules_.find(module);
+  if (module.empty() || m == modules_.end() || m->second->closing)
+    throw ZUManagerError(ZUManagerError::Code::UnknownModule, "makeOwner",
+                         "no open module is named " + quoteName(module));
+  auto it = owners_.find(owner);
+  if (it != owners_.end()) {
+    if (it->second->module == module) return;
+    throw ZUManagerError(ZUManagerError::Code::OtherModule, "makeOwner",
+                         "owner " + quoteName(owner) + " belongs to module " +
+                             quoteName(it->second->module));
+  }
+  auto o = std::make_unique<Owner>();
+  o->name = owner;
+  o->module = module;
+  owners_[owner] = std::move(o);
+}
+
+std::string ZUManager::moduleOf(const std::string& owner) const {
+  ZUMutexLock lock(mutex_);
+  auto it = owners_.find(owner);
+  return it == owners_.end() ? std::string() : it->second->module;
+}
+
+void ZUManager::onResource(const std::shared_ptr<Outlet>& outlet, const std::string& leaf) {
+  if (!outlet->open) return;
+  ZUNotice notice;
+  notice.kind = ZUNotice::Kind::Wanted;
+  notice.resource = leaf;
+  if (resources_.count(leaf)) {
+    std::vector<std::string> holders = holdersOf(leaf);
+    ZUMutexLock lock(mutex_);
+    for (const std::string& h : holders) {
+      auto it = owners_.find(h);
+      if (it != owners_.end() && it->second->module == outlet->module) {
+        notice.owner = h;
+        break;
+      }
+    }
+  }
+  if (!outlet->open || !outlet->handler) return;
+  outlet->runningIn = std::this_thread::get_id();
+  struct Done {
+    Outlet& outlet;
+    ~Done() { outlet.runningIn = std::thread::id(); }
+  } done{*outlet};
+  outlet->handler(notice);
+}
+
+// --- Holdings -----------------------------------------------------------------
+
+boost::shared_ptr<ZUOwner> ZUManager::newObject(const Owner& owner) const {
+  boost::shared_ptr<ZUOwner> object = ZUResource::createOwner(0, owner.name, owner.module, nullptr);
+  object->setParentBroker(broker_);
+  return object;
+}
+
+std::vector<std::string> ZUManager::holdersOf(const std::string& leaf) const {
+  requireResource(leaf, "holdersOf");
+  const boost::shared_ptr<ZUResource>& r = resources_.at(leaf);
+  std::vector<std::string> out;
+  if (ZUResourceState* s = asState(r)) {
+    ZUCriticalSection lock(s->holdersMutex);
+    for (const auto& h : s->holders) out.push_back(h->name);
+  } else {
+    out.push_back(r->currentOwner.load()->name);
+  }
+  return out;
+}
+
+std::vector<std::pair<std::string, boost::shared_ptr<ZUOwner>>> ZUManager::heldLeaves(
+    const std::string& owner, const std::string& resource) const {
+  std::vector<std::pair<std::string, boost::shared_ptr<ZUOwner>>> held;
+  for (const std::string& leaf : leaves_.at(resource)) {
+    const boost::shared_ptr<ZUResource>& r = resources_.at(leaf);
+    if (ZUResourceState* s = asState(r)) {
+      ZUCriticalSection lock(s->holdersMutex);
+      for (const auto& h : s->holders)
+        if (h->name == owner) {
+          held.emplace_back(leaf, h);
+          break;
+        }
+    } else {
+      boost::shared_ptr<ZUOwner> h = r->currentOwner.load();
+      if (h->name == owner) held.emplace_back(leaf, h);
+    }
+  }
+  return held;
+}
+
+void ZUManager::releaseHeld(
+    const std::vector<std::pair<std::string, boost::shared_ptr<ZUOwner>>>& held,
+    const std::unordered_map<std::string, boost::shared_ptr<ZUResource>>& resources) {
+  for (const auto& h : held) resources.at(h.first)->release(h.second);
+}
+
+bool ZUManager::holdsAny(const ZUOwner* object) const {
+  for (const std::string& leaf : leafOrder_) {
+    const boost::shared_ptr<ZUResource>& r = resources_.at(leaf);
+    if (ZUResourceState* s = asState(r)) {
+      ZUCriticalSection lock(s->holdersMutex);
+      for (const auto& h : s->holders)
+        if (h.get() == object) return true;
+    } else if (r->currentOwner.load().get() == object) {
+      return true;
+    }
+  }
+  return false;
+}
+
+bool ZUManager::descendantBusyLocked(const std::string& name) const {
+  for (auto it = owners_.upper_bound(name);
+       it != owners_.end() && it->first.compare(0, name.size(), name) == 0; ++it) {
+    if (!it->second->requests.empty()) return true;
+    for (const std::string& leaf : leafOrder_)
+      for (const std::string& h : holdersOf(leaf))
+        if (h == it->first) return true;
+  }
+  return false;
+}
+
+void ZUManager::pruneLocked(const std::string& name) {
+  // An object that holds nothing can be given something back only by a
+  // descendant it handed a resource down to; while no descendant waits or
+  // holds, no such hand-back can come.
+  for (std::size_t length = 1; length <= name.size(); ++length) {
+    auto it = owners_.find(name.substr(0, length));
+    if (it == owners_.end()) continue;
+    Owner& o = *it->second;
+    if (o.objects.empty() || descendantBusyLocked(o.name)) continue;
+    o.objects.erase(std::remove_if(o.objects.begin(), o.objects.end(),
+                                   [this](const boost::shared_ptr<ZUOwner>& object) {
+                                     return !holdsAny(object.get());
+                                   }),
+                    o.objects.end());
+  }
+}
+
+// --- Requests -----------------------------------------------------------------
+
+ZUAcquireResult ZUManager::acquire(const ZUAcquireRequest& request, const WaitHandler& onWait,
+                                   ZUAcquireCancel* cancel) {
+  requireResource(request.resource, "acquire");
+  for (const std::string& n : request.noWait) requireResource(n, "acquire");
+  Request running;
+  {
+    ZUMutexLock lock(mutex_);
+    Owner& o = ownerLocked(request.owner, "acquire");
+    if (modules_.at(o.module)->closing)
+      throw ZUManagerError(ZUManagerError::Code::UnknownModule, "acquire",
+                           "module " + quoteName(o.module) + " is closing");
+    running.object = newObject(o);
+    o.requests.push_back(&running);
+  }
+  std::vector<std::string> heldBefore;
+  for (const auto& h : heldLeaves(request.owner, request.resource)) heldBefore.push_back(h.first);
+
+  ZUAcquireResult result;
+  if (cancel && !cancel->attach(running.object)) {
+    result.kind = ZUAcquireResult::Kind::Failed;
+    result.error = contract::kStopWhileWaiting;
+  } else {
+    Current current{this, &request.owner, onWait ? &onWait : nullptr};
+    CurrentScope scope(&current);
+    try {
+      result.notObtained = resources_.at(request.resource)
+                               ->waitFor(running.object, "", request.timeoutSeconds,
+                                         request.noWait);
+      result.kind = result.notObtained.empty() ? ZUAcquireResult::Kind::Granted
+                                               : ZUAcquireResult::Kind::NotObtained;
+    } catch (const ZUError& e) {
+      result.kind = ZUAcquireResult::Kind::Failed;
+      result.error = e.getDescription();
+    }
+    if (cancel) cancel->detach();
+  }
+
+  ZUAcquireResult::Stop stop;
+  {
+    ZUMutexLock lock(mutex_);
+    stop = running.stop;
+  }
+  if (stop == ZUAcquireResult::Stop::None && cancel && cancel->cancelled())
+    stop = ZUAcquireResult::Stop::Cancelled;
+  if (stop != ZUAcquireResult::Stop::None) {
+    // Stopped: whatever this request obtained goes back, even when the stop
+    // came too late to end its wait.
+    std::vector<std::pair<std::string, boost::shared_ptr<ZUOwner>>> obtained;
+    for (const auto& h : heldLeaves(request.owner, request.resource))
+      if (h.second == running.object &&
+          std::find(heldBefore.begin(), heldBefore.end(), h.first) == heldBefore.end())
+        obtained.push_back(h);
+    releaseHeld(obtained, resources_);
+    if (result.kind != ZUAcquireResult::Kind::Failed) {
+      result = ZUAcquireResult();
+      result.kind = ZUAcquireResult::Kind::Failed;
+      result.error = contract::kStopWhileWaiting;
+    }
+    if (result.error == contract::kStopWhileWaiting) result.stop = stop;
+  }
+
+  ZUMutexLock lock(mutex_);
+  Owner& o = *owners_.at(request.owner);
+  o.requests.erase(std::find(o.requests.begin(), o.requests.end(), &running));
+  o.objects.push_back(running.object);
+  pruneLocked(request.owner);
+  requestEnded_.notify_all();
+  return result;
+}
+
+void ZUManager::release(const std::string& owner, const std::string& resource) {
+  requireResource(resource, "release");
+  {
+    ZUMutexLock lock(mutex_);
+    ownerLocked(owner, "release");
+  }
+  releaseHeld(heldLeaves(owner, resource), resources_);
+  ZUMutexLock lock(mutex_);
+  if (owners_.count(owner)) pruneLocked(owner);
+}
+
+void ZUManager::switchOwner(const std::string& owner, const std::string& resource) {
+  requireResource(resource, "switchOwner");
+  boost::shared_ptr<ZUOwner> object;
+  {
+    ZUMutexLock lock(mutex_);
+    Owner& o = ownerLocked(owner, "switchOwner");
+    object = newObject(o);
+    o.objects.push_back(object);
+  }
+  resources_.at(resource)->switchOwner(object, "", 0);
+  ZUMutexLock lock(mutex_);
+  if (owners_.count(owner)) pruneLocked(owner);
+}
+
+void ZUManager::setState(const std::string& resource, bool activated) {
+  requireResource(resource, "setState");
+  ZUResourceState* s = asState(resources_.at(resource));
+  if (!s)
+    throw ZUManagerError(ZUManagerError::Code::NotAState, "setState",
+                         quoteName(resource) + " is not a state resource");
+  s->setState(activated);
+}
+
+void ZUManager::releaseState(const std::string& resource) {
+  requireResource(resource, "releaseState");
+  ZUResourceState* s = asState(resources_.at(resource));
+  if (!s)
+    throw ZUManagerError(ZUManagerError::Code::NotAState, "releaseState",
+                         quoteName(resource) + " is not a state resource");
+  s->releaseState();
+}
+
+// --- Reads --------------------------------------------------------------------
+
+std::string ZUManager::statusText() const {
+  std::string text;
+  for (const auto& r : roots_) text += r->httpGet(0);
+  return text;
+}
+
+ZUValue ZUManager::statusValues() const {
+  ZUValue values;
+  values.arrayPush(ZUValue());  // an empty array even without roots
+  values.arrayPopFront();
+  for (const auto& r : roots_) values.arrayPush(r->ownersGet());
+  return values;
+}
+
+ZUValue ZUManager::snapshotValue() const { return ZU::snapshotValue(roots_); }
+
+std::string ZUManager::snapshotJson() const {
+  return zujson::snapshotJson(takeSnapshot(roots_), start_).dump();
+}
+
+ZUValue ZUManager::explain(const std::string& owner, const std::string& resource,
+                           const std::vector<std::string>& noWait) const {
+  requireResource(resource, "explain");
+  boost::shared_ptr<ZUOwner> object;
+  {
+    ZUMutexLock lock(mutex_);
+    object = newObject(ownerLocked(owner, "explain"));
+  }
+  return ZU::explain(resources_.at(resource), object, noWait).toValue();
+}
+
+std::string ZUManager::explainText(const std::string& owner, const std::string& resource,
+                                   const std::vector<std::string>& noWait) const {
+  requireResource(resource, "explain");
+  boost::shared_ptr<ZUOwner> object;
+  {
+    ZUMutexLock lock(mutex_);
+    object = newObject(ownerLocked(owner, "explain"));
+  }
+  return ZU::explain(resources_.at(resource), object, noWait).toString();
+}
+
+}  // namespace ZU

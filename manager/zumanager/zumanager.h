@@ -1,0 +1,321 @@
+#pragma once
+
+// The manager: the robot's resources and broker, the modules (a client
+// session, a simulated behaviour) with their owners, and the requests they
+// make. The simulator's stage and the service both drive it.
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include <boost/shared_ptr.hpp>
+
+#include <zuhost/zubroker.h>
+#include <zuhost/zuerror.h>
+#include <zuhost/zumutex.h>
+#include <zuhost/zuthreadannotations.h>
+#include <zuhost/zuvalue.h>
+
+#include <zuresource/zuobserver.h>
+#include <zuresource/zuowner.h>
+#include <zuresource/zuresource.h>
+#include <zuresource/zuresourcestate.h>
+
+namespace ZU {
+
+/// A request of a front end that the manager refuses. The code tells the
+/// front end how to answer (the service maps it to a status); the
+/// description says why in words. Nothing changed when it is thrown.
+///
+/// Thread safety: immutable.
+class ZUManagerError : public ZUError {
+ public:
+  enum class Code {
+    EmptyName,        ///< an owner, module or resource name is empty
+    UnknownResource,  ///< no resource of that name
+    UnknownOwner,     ///< no owner of that name
+    UnknownModule,    ///< no open module of that name
+    ModuleExists,     ///< a module of that name is open already
+    OtherModule,      ///< the owner belongs to another module
+    NotAState,        ///< setState/releaseState on a resource that is no state resource
+    BadArgument       ///< any other argument out of range
+  };
+  ZUManagerError(Code code, const std::string& method, const std::string& description);
+  Code code() const { return code_; }
+
+ private:
+  Code code_;
+};
+
+/// What a module is told by the manager.
+struct ZUNotice {
+  enum class Kind {
+    Wanted  ///< another owner asks for `resource`, which `owner` holds
+  };
+  Kind kind = Kind::Wanted;
+  /// The plain or state resource concerned (a member, never a group).
+  std::string resource;
+  /// The module's owner that holds it when the notice is made; empty when
+  /// none of the module's owners holds it any more.
+  std::string owner;
+};
+
+/// Called in the module's own task thread, one notice at a time and in order,
+/// with no lock of the manager held.
+using ZUNoticeHandler = std::function<void(const ZUNotice&)>;
+
+/// One request for a resource.
+struct ZUAcquireRequest {
+  std::string owner;
+  std::string resource;
+  /// Seconds; negative for no limit.
+  int timeoutSeconds = -1;
+  /// Resources that the request gives up on at once when they are busy.
+  std::vector<std::string> noWait;
+};
+
+/// A wait of a request: behind `holder` (of `holderModule`) for `resource`.
+struct ZUWaitReport {
+  std::string resource;
+  std::string holder;
+  std::string holderModule;
+};
+
+/// How a request ended.
+struct ZUAcquireResult {
+  enum class Kind {
+    Granted,      ///< the owner holds the resource
+    NotObtained,  ///< busy members on the no-wait list: `notObtained` names them
+    Failed        ///< `error` is the library's text ("box stop while waiting", ...)
+  };
+  /// Why a request that failed was stopped, when the manager stopped it.
+  enum class Stop {
+    None,        ///< not stopped by the manager (a time limit, or the library's own error)
+    Cancelled,   ///< its ZUAcquireCancel was cancelled
+    ModuleClosed ///< its module was closed while it waited
+  };
+  Kind kind = Kind::Granted;
+  std::vector<std::string> notObtained;
+  std::string error;
+  Stop stop = Stop::None;
+};
+
+/// Stops one request from another thread: the request ends within one
+/// polling period, failing with "box stop while waiting"; the owner is left
+/// holding nothing that it did not hold when the request began. A cancel
+/// before the request starts makes it fail at once. One token serves one
+/// request at a time.
+///
+/// Thread safety: thread safe; cancel() may be called from any thread, any
+/// number of times.
+class ZUAcquireCancel {
+ public:
+  /// Takes: the token's mutex.
+  void cancel();
+  /// Atomic read.
+  bool cancelled() const { return cancelled_.load(); }
+
+ private:
+  friend class ZUManager;
+  /// Attaches the request's owner; false when the token was already
+  /// cancelled. Takes: the token's mutex.
+  bool attach(const boost::shared_ptr<ZUOwner>& object);
+  /// Takes: the token's mutex.
+  void detach();
+
+  ZUMutex mutex_;
+  /// The owner of the request in progress.
+  boost::shared_ptr<ZUOwner> object_ ZU_GUARDED_BY(mutex_);
+  /// Atomic; set once, never cleared.
+  std::atomic<bool> cancelled_{false};
+};
+
+/// Holds the robot's resources and a broker, opens and closes modules, makes
+/// owners inside them and runs their requests. Each request gets an owner
+/// object of its own, named after its owner: its release flag is fresh, so a
+/// release before it never makes it fail, and a cancel stops that request
+/// alone. Holdings are told apart by name, as the library does.
+///
+/// Thread safety: thread safe. One mutex (`mutex_`) guards the modules and
+/// owners; it is never held while the library waits, nor while a module, an
+/// observer or a front end's callback runs. Lock order: mutex_, then the
+/// library's locks (reading holders); a cancel token's mutex is a leaf.
+class ZUManager {
+ public:
+  /// Manages the trees `roots` (groups with their members; each resource
+  /// name once). Throws ZUManagerError for an empty handle or a name used
+  /// twice.
+  explicit ZUManager(const std::vector<boost::shared_ptr<ZUResource>>& roots);
+  /// Closes every module (their requests stop, their holdings are released).
+  ~ZUManager();
+  ZUManager(const ZUManager&) = delete;
+  ZUManager& operator=(const ZUManager&) = delete;
+
+  // --- Modules and owners. ------------------------------------------------
+
+  /// Opens module `name`; `onNotice` receives its notices. Throws
+  /// ZUManagerError (EmptyName, ModuleExists). Takes: mutex_.
+  void openModule(const std::string& name, ZUNoticeHandler onNotice);
+  /// Closes module `name` as the manager stops a box: every request of its
+  /// owners ends with "box stop while waiting" (stop ModuleClosed), then
+  /// everything its owners hold is released (a resource handed down to one
+  /// of them goes back to the owner that handed it down), so that the owners
+  /// waiting behind are served; its owners' names become free. Returns once
+  /// its requests have ended (within about one polling period) and no notice
+  /// of it runs (unless called from its own notice). Nothing for an unknown
+  /// module. Takes: mutex_, let go while it waits and releases.
+  void closeModule(const std::string& name);
+  /// Whether module `name` is open. Takes: mutex_.
+  bool hasModule(const std::string& name) const;
+  /// Makes owner `owner` in module `module`; again in the same module does
+  /// nothing. Names are the library's (hierarchical by prefix: "box/arm" is
+  /// a descendant of "box"). Throws ZUManagerError (EmptyName, UnknownModule,
+  /// OtherModule). Takes: mutex_.
+  void makeOwner(const std::string& module, const std::string& owner);
+  /// The module of `owner`, or empty. Takes: mutex_.
+  std::string moduleOf(const std::string& owner) const;
+
+  // --- Requests. ----------------------------------------------------------
+
+  /// Called from inside a request's wait, in the requesting thread, each
+  /// time it starts waiting behind a holder. It runs inside the library's
+  /// wait (see ZUObserver): it must be quick, must not wait for that resource
+  /// and must not close the holder's module.
+  using WaitHandler = std::function<void(const ZUWaitReport&)>;
+
+  /// Runs `request` in the calling thread, blocking until it is granted, not
+  /// obtained or failed. Throws ZUManagerError (EmptyName, UnknownOwner,
+  /// UnknownResource, UnknownModule for a closing module) before anything
+  /// changes. `cancel`, when given, stops it from another thread.
+  /// Takes: mutex_ to start and to end it, none while it waits.
+  ZUAcquireResult acquire(const ZUAcquireRequest& request, const WaitHandler& onWait = WaitHandler(),
+                          ZUAcquireCancel* cancel = nullptr);
+  /// Gives back what `owner` holds of `resource` (each member it holds; a
+  /// member handed down to it goes back to the owner that handed it down).
+  /// A member it does not hold is left alone; a request of it in progress
+  /// goes on (cancel it to stop it). Throws ZUManagerError (EmptyName,
+  /// UnknownOwner, UnknownResource). Takes: mutex_, then the resources' locks.
+  void release(const std::string& owner, const std::string& resource);
+  /// Makes `owner` the holder of `resource` unconditionally (the library's
+  /// switchOwner; nobody is told). Errors as release(). Takes: mutex_.
+  void switchOwner(const std::string& owner, const std::string& resource);
+  /// Activates or deactivates the state resource `resource`. Throws
+  /// ZUManagerError (UnknownResource, NotAState). Takes: the state's locks.
+  void setState(const std::string& resource, bool activated);
+  /// Deactivates `resource` and tells its holders; the library's ZUError
+  /// (a holder that did not let go within one polling period) passes on.
+  /// Throws ZUManagerError as setState.
+  void releaseState(const std::string& resource);
+
+  // --- Reads. -------------------------------------------------------------
+
+  /// Whether a resource of that name exists. No lock (immutable).
+  bool hasResource(const std::string& name) const;
+  /// The trees, in the order given.
+  const std::vector<boost::shared_ptr<ZUResource>>& roots() const { return roots_; }
+  /// The resource named `name`. Throws ZUManagerError (UnknownResource).
+  boost::shared_ptr<ZUResource> resource(const std::string& name) const;
+  /// The plain and state resources inside `name` (itself when it is one), in
+  /// member order, each once. Throws ZUManagerError (UnknownResource).
+  std::vector<std::string> leavesOf(const std::string& name) const;
+  /// The names of the holders of a plain or state member ("emptyOwner" for
+  /// a free plain resource; none for a state without holders).
+  std::vector<std::string> holdersOf(const std::string& leaf) const;
+  /// The status text: every root's status line (httpGet(0)), joined.
+  std::string statusText() const;
+  /// The status values: every root's ownersGet(), as one array.
+  ZUValue statusValues() const;
+  /// The snapshot of every tree, as the library's ZUSnapshot::toValue().
+  ZUValue snapshotValue() const;
+  /// The snapshot in the recorder's JSON form (one "snapshot" line, times
+  /// counted from the manager's start).
+  std::string snapshotJson() const;
+  /// When the manager was made: the origin of the times of its JSON forms.
+  std::chrono::steady_clock::time_point start() const { return start_; }
+  /// What a request of `owner` for `resource` would do now (ZUExplanation::
+  /// toValue()); no side effect. Throws ZUManagerError (EmptyName,
+  /// UnknownOwner, UnknownResource). Takes: mutex_ briefly.
+  ZUValue explain(const std::string& owner, const std::string& resource,
+                  const std::vector<std::string>& noWait = std::vector<std::string>()) const;
+  /// One line of explain, in words (ZUExplanation::toString()).
+  std::string explainText(const std::string& owner, const std::string& resource,
+                          const std::vector<std::string>& noWait = std::vector<std::string>()) const;
+  /// The broker of the manager's modules.
+  const boost::shared_ptr<ZUBroker>& broker() const { return broker_; }
+
+ private:
+  struct Request;
+  struct Outlet;
+  struct Owner;
+  struct Module;
+  class Listener;
+
+  /// The known owner `name`, or throws (EmptyName, UnknownOwner). Requires mutex_.
+  Owner& ownerLocked(const std::string& name, const char* method) ZU_REQUIRES(mutex_);
+  const Owner& ownerLocked(const std::string& name, const char* method) const
+      ZU_REQUIRES(mutex_);
+  /// Checks `name` names a resource, or throws (EmptyName, UnknownResource).
+  void requireResource(const std::string& name, const char* method) const;
+  /// A new owner object of `owner`, not kept anywhere yet.
+  boost::shared_ptr<ZUOwner> newObject(const Owner& owner) const;
+  /// The objects of `owner`'s name that hold leaves of `resource` now, with
+  /// the leaf each holds (the object a member is released with decides where
+  /// it goes back). No lock of ours.
+  std::vector<std::pair<std::string, boost::shared_ptr<ZUOwner>>> heldLeaves(
+      const std::string& owner, const std::string& resource) const;
+  /// Releases each leaf with the object that holds it. No lock of ours.
+  static void releaseHeld(
+      const std::vector<std::pair<std::string, boost::shared_ptr<ZUOwner>>>& held,
+      const std::unordered_map<std::string, boost::shared_ptr<ZUResource>>& resources);
+  /// Whether `object` holds any leaf now.
+  bool holdsAny(const ZUOwner* object) const;
+  /// Whether an owner named below `name` waits or holds now. Requires mutex_.
+  bool descendantBusyLocked(const std::string& name) const ZU_REQUIRES(mutex_);
+  /// Drops the objects of `name` and of its ancestors that no request uses,
+  /// hold nothing and can no more be given anything back. Requires mutex_.
+  void pruneLocked(const std::string& name) ZU_REQUIRES(mutex_);
+  /// Delivers "__onResource__" for `leaf` to module `module`'s handler. Runs
+  /// in the module's task thread. Takes: mutex_ briefly.
+  void onResource(const std::shared_ptr<Outlet>& outlet, const std::string& leaf);
+  /// Takes off the broker the closed modules that lingered long enough, and
+  /// returns them to be dropped once mutex_ is let go. Requires mutex_.
+  std::vector<boost::shared_ptr<ZUModule>> purgeClosedLocked() ZU_REQUIRES(mutex_);
+
+  /// How long a closed module stays on the broker (see closeModule).
+  static constexpr std::chrono::seconds kClosedModuleLinger{5};
+  struct Closed {
+    std::string name;
+    boost::shared_ptr<ZUModule> module;
+    std::chrono::steady_clock::time_point when;
+  };
+
+  // Immutable after construction.
+  const std::chrono::steady_clock::time_point start_;
+  const boost::shared_ptr<ZUBroker> broker_;
+  std::vector<boost::shared_ptr<ZUResource>> roots_;
+  std::unordered_map<std::string, boost::shared_ptr<ZUResource>> resources_;
+  std::unordered_map<std::string, std::vector<std::string>> leaves_;  // resource -> its leaves
+  std::vector<std::string> leafOrder_;  // every plain and state member, once
+  boost::shared_ptr<Listener> listener_;
+
+  mutable ZUMutex mutex_;
+  /// Signalled (under mutex_) whenever a request ends or a module is gone.
+  std::condition_variable requestEnded_;
+  /// By name. The records' own fields are guarded by mutex_ too.
+  std::map<std::string, std::shared_ptr<Module>> modules_ ZU_GUARDED_BY(mutex_);
+  /// By name, sorted: an owner's descendants follow it.
+  std::map<std::string, std::unique_ptr<Owner>> owners_ ZU_GUARDED_BY(mutex_);
+  /// Closed modules still on the broker, oldest first.
+  std::deque<Closed> closed_ ZU_GUARDED_BY(mutex_);
+};
+
+}  // namespace ZU
