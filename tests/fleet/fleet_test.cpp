@@ -100,16 +100,27 @@ struct Waiter {
 /// A robot process (fleet_holder) that asks for Lift through `endpoint`.
 struct RobotProcess : zutest::ChildProcess {
   RobotProcess(const std::string& endpoint, int ttl, int timeout = 10)
-      : ChildProcess({ZUFLEET_HOLDER, endpoint, std::to_string(ttl), "Lift",
-                      std::to_string(timeout)}) {}
-  /// The words of its first line that starts with `what`, after `what`.
+      : ChildProcess(ZUFLEET_HOLDER, {endpoint, std::to_string(ttl), "Lift",
+                                      std::to_string(timeout)}) {}
+  /// Every line read so far.
+  std::vector<std::string> seen;
+  /// Reads up to the first line that starts with `what`; its words after
+  /// `what`, none when no such line came within `ms`.
   std::vector<std::string> await(const std::string& what, int ms = 20000) {
-    std::vector<std::string> words;
-    if (std::optional<std::string> line = awaitLine(what + " ", ms)) {
-      std::istringstream in(line->substr(what.size() + 1));
+    const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    for (;;) {
+      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+          until - std::chrono::steady_clock::now());
+      if (left.count() <= 0) return {};
+      const std::string text = line(left);
+      if (text.empty()) return {};
+      seen.push_back(text);
+      if (text.rfind(what + " ", 0) != 0) continue;
+      std::vector<std::string> words;
+      std::istringstream in(text.substr(what.size() + 1));
       for (std::string word; in >> word;) words.push_back(word);
+      return words;
     }
-    return words;
   }
 };
 
@@ -303,10 +314,10 @@ TEST(Fleet, AHolderCutOffFromEtcdGivesUpBeforeTheNextRobotIsGranted) {
     const std::vector<std::string> lost = holder.await("lost", 5000);
     ASSERT_GE(lost.size(), 2u) << "the holder never gave Lift up";
     EXPECT_LT(std::stoll(lost[0]), waitB.endedMs) << "b was granted while the holder held";
-    EXPECT_NE(holder.lines().back().find("lease not renewed within its TTL of " +
-                                         std::to_string(row.ttlGrantedMs / 1000) + " s"),
+    EXPECT_NE(holder.seen.back().find("lease not renewed within its TTL of " +
+                                      std::to_string(row.ttlGrantedMs / 1000) + " s"),
               std::string::npos)
-        << holder.lines().back();
+        << holder.seen.back();
   }
 }
 
@@ -334,10 +345,9 @@ TEST(Fleet, AWaiterFrozenPastItsTtlIsNeverGrantedAfterwards) {
 
   const std::vector<std::string> failed = w.await("failed");
   ASSERT_FALSE(failed.empty()) << "w's wait did not end";
-  EXPECT_EQ(w.lines().back().find("failed " + failed[0] + " " + ZU::ZUResourceFleet::kLeaseLost),
-            0u)
-      << w.lines().back();
-  for (const std::string& line : w.lines()) EXPECT_NE(line.rfind("held", 0), 0u) << line;
+  EXPECT_EQ(w.seen.back().find("failed " + failed[0] + " " + ZU::ZUResourceFleet::kLeaseLost), 0u)
+      << w.seen.back();
+  for (const std::string& line : w.seen) EXPECT_NE(line.rfind("held", 0), 0u) << line;
   EXPECT_TRUE(b.holds());
 }
 
