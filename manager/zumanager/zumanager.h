@@ -32,6 +32,8 @@
 #include <zuresource/zuresource.h>
 #include <zuresource/zuresourcestate.h>
 
+#include <zumanager/zuresourcetree.h>
+
 namespace ZU {
 
 /// A request of a front end that the manager refuses. The code tells the
@@ -92,6 +94,18 @@ struct ZUResourcePolicy {
   /// it at once to any request; empty for none.
   std::string fallback;
 };
+
+/// Makes a fleet resource of a tree (the fleet layer is above the manager's
+/// reach); see buildResources.
+using ZUFleetFactory = std::function<boost::shared_ptr<ZUResource>(const ZUTreeResource&)>;
+
+/// The library's resources of `tree`, one robot's: groups filled in member
+/// order, state resources activated as declared. Returns the roots (the
+/// resources that are no group's member) in declaration order. A fleet
+/// resource is made by `fleet`; without one it is refused (ZUManagerError
+/// BadArgument).
+std::vector<boost::shared_ptr<ZUResource>> buildResources(const ZUResourceTree& tree,
+                                                          const ZUFleetFactory& fleet = {});
 
 /// Called in the module's own task thread, one notice at a time and in order,
 /// with no lock of the manager held.
@@ -186,6 +200,12 @@ class ZUManager {
   /// a state resource.
   explicit ZUManager(const std::vector<boost::shared_ptr<ZUResource>>& roots,
                      const std::map<std::string, ZUResourcePolicy>& policies = {});
+  /// Manages the resources of `tree` (buildResources) with the policies it
+  /// declares (policiesOf).
+  explicit ZUManager(const ZUResourceTree& tree, const ZUFleetFactory& fleet = {});
+  /// The policies `tree` declares: a grace period or a fallback owner given
+  /// to a resource (by its library name).
+  static std::map<std::string, ZUResourcePolicy> policiesOf(const ZUResourceTree& tree);
   /// Closes every module (their requests stop, their holdings are released).
   ~ZUManager();
   ZUManager(const ZUManager&) = delete;

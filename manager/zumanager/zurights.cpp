@@ -6,8 +6,6 @@ namespace ZU {
 
 namespace {
 
-std::string quoteName(const std::string& name) { return ZUValue(name).serializeToText(); }
-
 void add(std::map<std::string, ZURight>& into, const char* what, const std::string& key,
          const ZURight& right) {
   if (key.empty())

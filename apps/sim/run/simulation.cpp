@@ -408,11 +408,15 @@ void Simulation::setState(const ActionEntry& a) {
   ZU::ZUResourceState* state = stage_.stateResource(a.resource);
   if (a.kind == ActionKind::SetState && a.activated) {
     log_.add(EventKind::State, "", a.resource, a.resource + " is activated");
+    timeline_.activated(a.resource, true, log_.now());
     state->setState(true);
     return;
   }
   std::vector<std::string> holders = stage_.holdersOf(a.resource);
   std::vector<std::size_t> toldBefore = notifications(a.resource);
+  // The state library emits its switches with no owner, which the event
+  // filter cannot tell from another run's: the timeline hears them here.
+  timeline_.activated(a.resource, false, log_.now());
   if (a.kind == ActionKind::SetState) {
     log_.add(EventKind::State, "", a.resource,
              a.resource + " is deactivated; its holders are told");
