@@ -1,7 +1,10 @@
 #!/bin/bash
 # In headless Chromium: first the report of a crowd (1,000 owners on 200
 # resources) shows within 2 s, stays under 10 MB, stacks overlapping bars,
-# clips no label, and its hover, zoom and owner search work; then the live
+# clips no label, and its hover, zoom and owner search work; the report of
+# 36 owners of long names draws the state's activation and labels its
+# deactivation's waits, and cuts no legend name over another (hover shows
+# it whole); then the live
 # status page of a running scenario follows the event stream and changes as
 # the scenario advances.
 # usage: browser_test.sh SIMULATOR SCENARIO
@@ -44,21 +47,66 @@ crowd_scenario() {
     printf "]}\n"
   }'
 }
-crowd_scenario 1000 200 >"$work/crowd.json"
-"$sim" "$work/crowd.json" --report "$work/report.html" >"$work/sim.log" 2>&1 ||
-  fail "the crowd's run failed"
-size=$(stat -c %s "$work/report.html")
-[ "$size" -lt 10000000 ] || fail "the crowd's report takes $size bytes"
+# long_names_scenario: 36 owners of long names; a state resource activated,
+# held by two of them and deactivated, so that the deactivation waits for the
+# first holder; two owners contend for a plain resource.
+long_names_scenario() {
+  awk 'BEGIN {
+    printf "{\"title\": \"Long names\", \"stopAt\": 1500, \"resources\": "
+    printf "[{\"name\": \"Standing\", \"kind\": \"state\"}, {\"name\": \"Head\"}],\n"
+    printf "\"modules\": [{\"name\": \"M0\", \"onResource\": \"release\", \"delay\": 150}, "
+    printf "{\"name\": \"M1\", \"onResource\": \"release\", \"delay\": 150}],\n\"owners\": ["
+    for (o = 0; o < 36; ++o)
+      printf "%s{\"name\": \"a behaviour with a rather long and descriptive name, number %02d\", \"module\": \"M%d\"}",
+        o ? ", " : "", o, o % 2
+    name = "a behaviour with a rather long and descriptive name, number "
+    printf "],\n\"actions\": [{\"at\": 100, \"do\": \"setState\", \"resource\": \"Standing\", \"activated\": true},\n"
+    printf "{\"at\": 200, \"owner\": \"%s00\", \"do\": \"waitFor\", \"resource\": \"Standing\"},\n", name
+    printf "{\"at\": 200, \"owner\": \"%s01\", \"do\": \"waitFor\", \"resource\": \"Standing\"},\n", name
+    printf "{\"at\": 600, \"do\": \"setState\", \"resource\": \"Standing\", \"activated\": false},\n"
+    printf "{\"at\": 0, \"owner\": \"%s02\", \"do\": \"waitFor\", \"resource\": \"Head\"},\n", name
+    printf "{\"at\": 100, \"owner\": \"%s03\", \"do\": \"waitFor\", \"resource\": \"Head\", \"timeout\": 1}]}\n", name
+  }'
+}
+
+# check_report NAME SEARCH EXPECTED...: NAME.html (in $work) checked in the
+# browser by report_check.html; each EXPECTED is an extended regular
+# expression that one line of its findings must match.
+check_report() {
+  local name=$1 search=$2
+  shift 2
+  result=$(browse "file://$work/report_check.html?report=$name.html&find=$search" \
+    --allow-file-access-from-files | sed -n '/<pre id="result">/,/<\/pre>/p' |
+    sed -e 's/<pre id="result">//' -e 's/<\/pre>.*//')
+  echo "$name report: $result"
+  for expected in "$@"; do
+    grep -qE -- "$expected" <<<"$result" || fail "the $name report: no \"$expected\""
+  done
+}
 cp "$(dirname "$0")/report_check.html" "$work/"
-result=$(browse "file://$work/report_check.html" --allow-file-access-from-files |
-  sed -n '/<pre id="result">/,/<\/pre>/p')
-echo "crowd report of $size bytes: $result"
+
+crowd_scenario 1000 200 >"$work/crowd.json"
+"$sim" "$work/crowd.json" --report "$work/crowd.html" >"$work/sim.log" 2>&1 ||
+  fail "the crowd's run failed"
+size=$(stat -c %s "$work/crowd.html")
+[ "$size" -lt 10000000 ] || fail "the crowd's report takes $size bytes"
+echo "crowd report of $size bytes"
+check_report crowd owner0123 'overlapping 0$' '^clipped labels 0$' \
+  '^activations 40, in their lanes 40$' 'off their bar 0;' \
+  '^legend: 1000 names, 1000 different, 0 shortened, 0 cut off, overprinting 0, whole on hover 1000$' \
+  '^hover: all of its bars lit, all others dimmed$' \
+  '^zoom x4: chart wider, bars moved, clipped labels 0, bar labels [0-9]+, off their bar 0$' \
+  '^search: 1 of 1000 owners listed$'
 shown=$(grep -o 'shown in [0-9]* ms' <<<"$result" | grep -o '[0-9]*')
 [ -n "$shown" ] && [ "$shown" -lt 2000 ] || fail "the crowd's report was not shown within 2 s"
-for expected in 'overlapping 0' 'clipped labels 0' 'hover: all of its bars lit, all others dimmed' \
-  'zoom x4: chart wider, bars moved, clipped labels 0' 'search: 1 of 1000 owners listed'; do
-  grep -qF -- "$expected" <<<"$result" || fail "the crowd's report: no \"$expected\""
-done
+
+long_names_scenario >"$work/long.json"
+"$sim" "$work/long.json" --report "$work/long.html" >"$work/sim.log" 2>&1 ||
+  fail "the long names' run failed"
+check_report long "number 17" '^activations 1, in their lanes 1$' \
+  '^bar labels [1-9][0-9]*, off their bar 0; deactivation waits 1, labelled 1$' \
+  '^legend: 36 names, 36 different, 36 shortened, 0 cut off, overprinting 0, whole on hover 36$' \
+  '^search: 1 of 36 owners listed$'
 
 start_simulator "$sim" "$scenario" --linger 120
 

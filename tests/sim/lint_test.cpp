@@ -1,4 +1,4 @@
-#include "lint.h"
+#include "scenario/lint.h"
 
 #include <string>
 #include <vector>
