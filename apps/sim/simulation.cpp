@@ -223,6 +223,15 @@ void Simulation::managerThread(const std::vector<const ActionEntry*>& actions) {
   awaitStart();
   for (const ActionEntry* a : actions) {
     if (!sleepUntil(a->atMs)) return;
+    // A long state change may delay the manager's later actions past stopAt,
+    // also when every owner is done before it.
+    if (log_.now() > scenario_.stopAtMs) {
+      log_.add(EventKind::Manager, a->owner, a->resource,
+               a->entry + " (at " + std::to_string(a->atMs) +
+                   " ms) is dropped: the scenario stopped at " +
+                   std::to_string(scenario_.stopAtMs) + " ms");
+      continue;
+    }
     if (a->kind == ActionKind::Stop) {
       log_.add(EventKind::Manager, a->owner, a->resource,
                "the manager stops " + a->owner + " on " + a->resource);
