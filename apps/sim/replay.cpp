@@ -131,7 +131,7 @@ class ScenarioBuilder {
         if (kind == "state") entry["activated"] = res.value("activated", false);
         if (kind == "group") entry["members"] = res.value("members", json::array());
         if (kind == "group")
-          for (const json& m : res["members"]) members_[entry["name"]].push_back(m);
+          for (const json& m : entry["members"]) members_[entry["name"]].push_back(m);
         known_.insert(text(res, "name"));
         resources_.push_back(entry);
       }
@@ -143,6 +143,10 @@ class ScenarioBuilder {
         resources_.push_back(state.count(e.resource)
                                  ? ordered_json{{"name", e.resource}, {"kind", "state"}}
                                  : ordered_json{{"name", e.resource}});
+    // A no-wait list may name a resource the recording shows nothing else of.
+    for (const RecordedEvent& e : r_.events)
+      for (const std::string& n : e.noWait)
+        if (known_.insert(n).second) resources_.push_back(ordered_json{{"name", n}});
   }
 
   void owners() {
@@ -371,8 +375,10 @@ class RecordingReader {
                "unknown line type " + quoteName(type) + " (start, event, snapshot or dropped)");
       }
     }
-    if (r_.events.empty() && !r_.cut)
-      throw ScenarioError(escapeControls(file_, false) + ": records no event");
+    if (r_.events.empty())
+      throw ScenarioError(escapeControls(file_, false) + ": records no event" +
+                          (r_.cut ? " before its cut at line " + std::to_string(r_.cutLine)
+                                  : std::string()));
     if (r_.lastSnapshot.is_null()) {
       r_.lastSnapshot = r_.firstSnapshot;
       lastSnapshotLine_ = firstSnapshotLine_;
@@ -473,6 +479,8 @@ class RecordingReader {
                       : -1;
     }
     e.noWait = names(j, "noWaitList", "noWaitList");
+    for (const std::string& n : e.noWait)
+      if (n.empty()) refuse("noWaitList", "empty resource name");
     if (e.kind == "stateActivated" || e.kind == "stateDeactivated") {
       auto declared = kinds_.find(e.resource);
       if (declared != kinds_.end() && declared->second != "state")
@@ -517,6 +525,7 @@ class RecordingReader {
         refuse(at + ".activated",
                std::string("must be true or false, not ") + typeName(res["activated"]));
       std::vector<std::string> members = names(res, "members", at + ".members");
+      if (kind == "group" && !res.contains("members")) refuse(at + ".members", "missing");
       if (kind == "group" && first) {
         std::set<std::string> listed;
         for (const std::string& m : members) {
