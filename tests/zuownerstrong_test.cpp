@@ -101,6 +101,8 @@ TEST(StrongOwner, EveryWayAWaitEnds) {
     ConflictRun run(*holder, "R", requester, row.limit);
     ASSERT_TRUE(waitUntil([] { return recorded(1); }));
     EXPECT_EQ(ZU::ZUWaitRegistry::snapshot().front().waiterOwner.lock(), requester);
+    // The record keeps the requester's limit, not the holder's leftover timer.
+    EXPECT_EQ(ZU::ZUWaitRegistry::snapshot().front().timeout, row.limit);
     if (row.when == kInTheOnlySleep) ko::os::msleep(150);
     int base = 0;  // the timer when the trigger came
     if (row.when == kAtTimer200 || row.when == kAtTimer1000) {

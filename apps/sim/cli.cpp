@@ -177,6 +177,7 @@ std::string usage() {
          "  Runs each scenario in turn: a file, every *.json file of a folder, or - for\n"
          "  standard input; with none, the bundled examples/humanoid.json. Each prints its\n"
          "  event log, final status page and expectations, then one summary line.\n"
+         "  The scenario format, with every action and expectation: docs/simulator.md.\n"
          "options (default in brackets):\n";
   const std::size_t indent = 24, width = 80;
   for (const OptionEntry& s : optionTable()) {

@@ -26,16 +26,16 @@
 #include <zuobserve/zurecorder.h>
 
 #include "cli.h"
-#include "eventlog.h"
-#include "feed.h"
-#include "interrupts.h"
-#include "junit.h"
-#include "lint.h"
-#include "replay.h"
-#include "report.h"
-#include "scenario.h"
-#include "server.h"
-#include "simulation.h"
+#include "live/feed.h"
+#include "live/server.h"
+#include "output/junit.h"
+#include "output/report.h"
+#include "replay/replay.h"
+#include "run/eventlog.h"
+#include "run/interrupts.h"
+#include "run/simulation.h"
+#include "scenario/lint.h"
+#include "scenario/scenario.h"
 
 namespace {
 

@@ -1,6 +1,7 @@
 #include "zumanager/zumanager.h"
 
 #include <algorithm>
+#include <limits>
 #include <set>
 #include <thread>
 #include <utility>
@@ -13,6 +14,7 @@
 #include <zuresource/zuexplain.h>
 #include <zuresource/zuresourcelist.h>
 #include <zuresource/zusnapshot.h>
+#include <zuresource/zuwaitregistry.h>
 
 #include <zuobserve/zujson.h>
 
@@ -27,6 +29,8 @@ struct Current {
   const void* manager;
   const std::string* owner;
   const ZUManager::WaitHandler* onWait;
+  int priority;
+  const boost::shared_ptr<ZUOwner>* object;  // the request's owner object
 };
 thread_local const Current* tCurrent = nullptr;
 
@@ -46,7 +50,10 @@ ZUResourceState* asState(const boost::shared_ptr<ZUResource>& r) {
   return dynamic_cast<ZUResourceState*>(r.get());
 }
 
-std::string quoteName(const std::string& name) { return ZUValue(name).serializeToText(); }
+constexpr std::chrono::milliseconds kPollPeriod{ZUOwnerStrong::kPollPeriodMs};
+/// A free resource goes to its fallback owner once it has been free this
+/// long: a waiter that was just served takes it within one polling period.
+constexpr std::chrono::milliseconds kFallbackAfter = 2 * kPollPeriod;
 
 }  // namespace
 
@@ -57,20 +64,20 @@ ZUManagerError::ZUManagerError(Code code, const std::string& method,
 // --- Cancel tokens ------------------------------------------------------------
 
 void ZUAcquireCancel::cancel() {
-  std::lock_guard<std::mutex> lock(mutex_);
+  ZUMutexLock lock(mutex_);
   cancelled_ = true;
   if (object_) object_->freeResource();  // its wait ends at the next poll
 }
 
 bool ZUAcquireCancel::attach(const boost::shared_ptr<ZUOwner>& object) {
-  std::lock_guard<std::mutex> lock(mutex_);
+  ZUMutexLock lock(mutex_);
   if (cancelled_) return false;
   object_ = object;
   return true;
 }
 
 void ZUAcquireCancel::detach() {
-  std::lock_guard<std::mutex> lock(mutex_);
+  ZUMutexLock lock(mutex_);
   object_.reset();
 }
 
@@ -87,6 +94,10 @@ struct ZUManager::Request {
 struct ZUManager::Outlet {
   std::string module;
   ZUNoticeHandler handler;
+  /// The notices made by the manager itself (lost), delivered in order with
+  /// the library's "__onResource__" through the module's task thread.
+  ZUMutex queuedMutex;
+  std::deque<ZUNotice> queued ZU_GUARDED_BY(queuedMutex);
   std::atomic<bool> open{true};
   /// Atomic: the thread of the notice running now, if any.
   std::atomic<std::thread::id> runningIn{};
@@ -96,6 +107,7 @@ struct ZUManager::Outlet {
 struct ZUManager::Owner {
   std::string name;
   std::string module;
+  int priority = 0;
   /// The objects of finished requests that hold something, or may be given
   /// something back by a descendant they handed it down to.
   std::vector<boost::shared_ptr<ZUOwner>> objects;
@@ -110,25 +122,89 @@ struct ZUManager::Module {
   bool closing = false;
 };
 
-/// Hands the wait events of a request to its WaitHandler, in its own thread.
+/// A take the policy thread will carry out at `due`, if the holder still
+/// holds `leaf` and the requester still waits for it.
+struct ZUManager::Take {
+  std::chrono::steady_clock::time_point due;
+  std::string leaf;
+  boost::weak_ptr<ZUOwner> holder;
+  boost::weak_ptr<ZUOwner> requester;
+  std::string reason;
+};
+
+/// The priority of an owner object.
+struct ZUManager::Ranked {
+  boost::weak_ptr<ZUOwner> object;
+  int priority = 0;
+  bool fallback = false;  // given the resource as its fallback owner
+};
+
+/// Hands the wait events of a request to the policies and its WaitHandler,
+/// in its own thread.
 class ZUManager::Listener : public ZUObserver {
  public:
-  explicit Listener(const ZUManager* manager) : manager_(manager) {}
+  explicit Listener(ZUManager* manager) : manager_(manager) {}
   void onEvent(const ZUEvent& event) override {
     const Current* current = tCurrent;
     if (event.kind != ZUEvent::Kind::Waiting || !current || current->manager != manager_ ||
-        !current->onWait || event.owner != *current->owner)
+        event.owner != *current->owner)
       return;
-    (*current->onWait)(ZUWaitReport{event.resource, event.holder, event.holderModule});
+    manager_->onWaiting(event, current->priority);
+    if (current->onWait)
+      (*current->onWait)(ZUWaitReport{event.resource, event.holder, event.holderModule});
   }
 
  private:
-  const ZUManager* manager_;
+  ZUManager* manager_;
 };
 
 // --- Construction -------------------------------------------------------------
 
-ZUManager::ZUManager(const std::vector<boost::shared_ptr<ZUResource>>& roots)
+std::vector<boost::shared_ptr<ZUResource>> buildResources(const ZUResourceTree& tree,
+                                                          const ZUFleetFactory& fleet) {
+  std::unordered_map<std::string, boost::shared_ptr<ZUResource>> made;
+  for (const ZUTreeResource& r : tree.resources) {
+    boost::shared_ptr<ZUResource> one;
+    if (r.fleet) {
+      if (!fleet)
+        throw ZUManagerError(ZUManagerError::Code::BadArgument, "buildResources",
+                             "the fleet resource " + quoteName(r.name) +
+                                 " needs a fleet session, which this manager has not");
+      one = fleet(r);
+    } else if (r.kind == ZUTreeKind::Plain) {
+      one = boost::make_shared<ZUResource>(r.libraryName, nullptr);
+    } else if (r.kind == ZUTreeKind::State) {
+      one = boost::make_shared<ZUResourceState>(r.libraryName, nullptr);
+    } else {
+      one = boost::make_shared<ZUResourceList>(r.libraryName, nullptr);
+    }
+    made[r.name] = one;
+  }
+  for (const ZUTreeResource& r : tree.resources) {
+    for (const std::string& m : r.members) made.at(r.name)->addResource(made.at(m));
+    if (r.activated) asState(made.at(r.name))->setState(true);
+  }
+  std::vector<boost::shared_ptr<ZUResource>> roots;
+  for (const std::string& r : tree.roots()) roots.push_back(made.at(r));
+  return roots;
+}
+
+std::map<std::string, ZUResourcePolicy> ZUManager::policiesOf(const ZUResourceTree& tree) {
+  std::map<std::string, ZUResourcePolicy> policies;
+  for (const ZUTreeResource& r : tree.resources) {
+    if (r.graceMs < 0 && r.fallback.empty()) continue;
+    ZUResourcePolicy& p = policies[r.libraryName];
+    if (r.graceMs >= 0) p.graceMs = static_cast<int>(r.graceMs);
+    p.fallback = r.fallback;
+  }
+  return policies;
+}
+
+ZUManager::ZUManager(const ZUResourceTree& tree, const ZUFleetFactory& fleet)
+    : ZUManager(buildResources(tree, fleet), policiesOf(tree)) {}
+
+ZUManager::ZUManager(const std::vector<boost::shared_ptr<ZUResource>>& roots,
+                     const std::map<std::string, ZUResourcePolicy>& policies)
     : start_(std::chrono::steady_clock::now()), broker_(boost::make_shared<ZUBroker>()), roots_(roots) {
   // Every resource of the trees by name, and each one's leaves in member order.
   std::vector<boost::shared_ptr<ZUResource>> order;  // parents before members
@@ -166,14 +242,44 @@ ZUManager::ZUManager(const std::vector<boost::shared_ptr<ZUResource>>& roots)
     }
     leaves_[r->name] = std::move(leaves);
   }
+  // Policies: a member's own, else its nearest group's, else the default.
+  for (const auto& p : policies) {
+    if (!resources_.count(p.first))
+      throw ZUManagerError(ZUManagerError::Code::BadArgument, "ZUManager",
+                           "a policy names no resource: " + quoteName(p.first));
+    if (p.second.graceMs < 0 || p.second.graceMs > ZUResourcePolicy::kMaxGraceMs)
+      throw ZUManagerError(ZUManagerError::Code::BadArgument, "ZUManager",
+                           "the grace period of " + quoteName(p.first) + " is " +
+                               std::to_string(p.second.graceMs) + " ms, not within 0.." +
+                               std::to_string(ZUResourcePolicy::kMaxGraceMs));
+  }
+  for (auto it = order.begin(); it != order.end(); ++it) {  // groups before members
+    auto own = policies.find((*it)->name);
+    if (own == policies.end()) continue;
+    for (const std::string& leaf : leaves_.at((*it)->name)) {
+      if (!own->second.fallback.empty() && asState(resources_.at(leaf)))
+        throw ZUManagerError(ZUManagerError::Code::BadArgument, "ZUManager",
+                             "the state resource " + quoteName(leaf) +
+                                 " is shared: it has no fallback owner");
+      policy_[leaf] = own->second;  // a member further down overrides
+    }
+  }
+  for (const std::string& leaf : leafOrder_) policy_.emplace(leaf, ZUResourcePolicy());
   listener_ = boost::make_shared<Listener>(this);
   ZUObservers::add(listener_);
+  policyThread_ = std::thread([this] { policyLoop(); });
 }
 
 ZUManager::~ZUManager() {
+  {
+    ZUMutexLock lock(policyMutex_);
+    stopping_ = true;
+    policyChanged_.notify_all();
+  }
+  policyThread_.join();
   std::vector<std::string> names;
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    ZUMutexLock lock(mutex_);
     for (const auto& m : modules_) names.push_back(m.first);
   }
   for (const std::string& n : names) closeModule(n);
@@ -231,8 +337,10 @@ void ZUManager::openModule(const std::string& name, ZUNoticeHandler onNotice) {
   std::vector<boost::shared_ptr<ZUModule>> gone;
   module->bindMethod<std::string>(
       "__onResource__", [this, outlet](const std::string& leaf) { onResource(outlet, leaf); });
+  module->bindMethod<std::string>("__onLost__",
+                                  [outlet](const std::string&) { deliverQueued(outlet); });
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    ZUMutexLock lock(mutex_);
     if (modules_.count(name))
       throw ZUManagerError(ZUManagerError::Code::ModuleExists, "openModule",
                            "a module named " + quoteName(name) + " is open already");
@@ -246,7 +354,7 @@ void ZUManager::openModule(const std::string& name, ZUNoticeHandler onNotice) {
 }
 
 bool ZUManager::hasModule(const std::string& name) const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  ZUMutexLock lock(mutex_);
   auto it = modules_.find(name);
   return it != modules_.end() && !it->second->closing;
 }
@@ -255,16 +363,16 @@ void ZUManager::closeModule(const std::string& name) {
   std::shared_ptr<Module> m;
   std::set<std::string> names;  // its owners
   {
-    std::unique_lock<std::mutex> lock(mutex_);
+    ZUMutexLock lock(mutex_);
     auto it = modules_.find(name);
     if (it == modules_.end()) return;
     m = it->second;
     if (m->closing) {  // another thread closes it: wait for that close
-      requestEnded_.wait(lock, [&] {
+      for (;;) {
         auto now = modules_.find(name);
-        return now == modules_.end() || now->second != m;
-      });
-      return;
+        if (now == modules_.end() || now->second != m) return;
+        lock.wait(requestEnded_);
+      }
     }
     m->closing = true;
     m->outlet->open = false;
@@ -276,11 +384,12 @@ void ZUManager::closeModule(const std::string& name) {
         r->object->freeResource();  // its wait ends with "box stop while waiting"
       }
     }
-    requestEnded_.wait(lock, [&] {
-      for (const std::string& n : names)
-        if (!owners_.at(n)->requests.empty()) return false;
-      return true;
-    });
+    for (;;) {
+      bool running = false;
+      for (const std::string& n : names) running = running || !owners_.at(n)->requests.empty();
+      if (!running) break;
+      lock.wait(requestEnded_);
+    }
   }
   // Give back everything its owners hold. A release may hand a resource
   // back to another of its owners: go round until none holds anything.
@@ -307,7 +416,7 @@ void ZUManager::closeModule(const std::string& name) {
   if (m->outlet->runningIn.load() != std::this_thread::get_id()) m->module->waitIdle();
   std::vector<boost::shared_ptr<ZUModule>> gone;
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    ZUMutexLock lock(mutex_);
     for (const std::string& n : names) owners_.erase(n);
     modules_.erase(name);
     // The module stays on the broker a while: a request that read one of its
@@ -331,7 +440,7 @@ std::vector<boost::shared_ptr<ZUModule>> ZUManager::purgeClosedLocked() {
   return gone;  // dropped by the caller, after mutex_: a dropped module joins its task
 }
 
-void ZUManager::makeOwner(const std::string& module, const std::string& owner) {
+void ZUManager::makeOwner(const std::string& module, const std::string& owner, int priority) {
   if (owner.empty())
     throw ZUManagerError(ZUManagerError::Code::EmptyName, "makeOwner", "empty owner name");
   if (owner == contract::kPlaceholderName)
@@ -341,14 +450,17 @@ void ZUManager::makeOwner(const std::string& module, const std::string& owner) {
     // A state resource waits on an owner named after it.
     throw ZUManagerError(ZUManagerError::Code::BadArgument, "makeOwner",
                          quoteName(owner) + " is the name of a resource");
-  std::lock_guard<std::mutex> lock(mutex_);
+  ZUMutexLock lock(mutex_);
   auto m = modules_.find(module);
   if (module.empty() || m == modules_.end() || m->second->closing)
     throw ZUManagerError(ZUManagerError::Code::UnknownModule, "makeOwner",
                          "no open module is named " + quoteName(module));
   auto it = owners_.find(owner);
   if (it != owners_.end()) {
-    if (it->second->module == module) return;
+    if (it->second->module == module) {
+      it->second->priority = priority;
+      return;
+    }
     throw ZUManagerError(ZUManagerError::Code::OtherModule, "makeOwner",
                          "owner " + quoteName(owner) + " belongs to module " +
                              quoteName(it->second->module));
@@ -356,11 +468,12 @@ void ZUManager::makeOwner(const std::string& module, const std::string& owner) {
   auto o = std::make_unique<Owner>();
   o->name = owner;
   o->module = module;
+  o->priority = priority;
   owners_[owner] = std::move(o);
 }
 
 std::string ZUManager::moduleOf(const std::string& owner) const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  ZUMutexLock lock(mutex_);
   auto it = owners_.find(owner);
   return it == owners_.end() ? std::string() : it->second->module;
 }
@@ -372,7 +485,7 @@ void ZUManager::onResource(const std::shared_ptr<Outlet>& outlet, const std::str
   notice.resource = leaf;
   if (resources_.count(leaf)) {
     std::vector<std::string> holders = holdersOf(leaf);
-    std::lock_guard<std::mutex> lock(mutex_);
+    ZUMutexLock lock(mutex_);
     for (const std::string& h : holders) {
       auto it = owners_.find(h);
       if (it != owners_.end() && it->second->module == outlet->module) {
@@ -381,13 +494,45 @@ void ZUManager::onResource(const std::shared_ptr<Outlet>& outlet, const std::str
       }
     }
   }
-  if (!outlet->open || !outlet->handler) return;
-  outlet->runningIn = std::this_thread::get_id();
+  deliver(*outlet, notice);
+}
+
+void ZUManager::deliverQueued(const std::shared_ptr<Outlet>& outlet) {
+  ZUNotice notice;
+  {
+    ZUMutexLock lock(outlet->queuedMutex);
+    if (outlet->queued.empty()) return;
+    notice = std::move(outlet->queued.front());
+    outlet->queued.pop_front();
+  }
+  deliver(*outlet, notice);
+}
+
+void ZUManager::deliver(Outlet& outlet, const ZUNotice& notice) {
+  if (!outlet.open || !outlet.handler) return;
+  outlet.runningIn = std::this_thread::get_id();
   struct Done {
     Outlet& outlet;
     ~Done() { outlet.runningIn = std::thread::id(); }
-  } done{*outlet};
-  outlet->handler(notice);
+  } done{outlet};
+  outlet.handler(notice);
+}
+
+void ZUManager::tell(const std::string& module, const ZUNotice& notice) {
+  boost::shared_ptr<ZUModule> m;
+  std::shared_ptr<Outlet> outlet;
+  {
+    ZUMutexLock lock(mutex_);
+    auto it = modules_.find(module);
+    if (it == modules_.end() || it->second->closing) return;
+    m = it->second->module;
+    outlet = it->second->outlet;
+  }
+  {
+    ZUMutexLock lock(outlet->queuedMutex);
+    outlet->queued.push_back(notice);
+  }
+  m->post<std::string>("__onLost__", std::string());
 }
 
 // --- Holdings -----------------------------------------------------------------
@@ -483,18 +628,26 @@ void ZUManager::pruneLocked(const std::string& name) {
 
 ZUAcquireResult ZUManager::acquire(const ZUAcquireRequest& request, const WaitHandler& onWait,
                                    ZUAcquireCancel* cancel) {
+  return acquireAs(request, onWait, cancel, false);
+}
+
+ZUAcquireResult ZUManager::acquireAs(const ZUAcquireRequest& request, const WaitHandler& onWait,
+                                     ZUAcquireCancel* cancel, bool fallback) {
   requireResource(request.resource, "acquire");
   for (const std::string& n : request.noWait) requireResource(n, "acquire");
   Request running;
+  int priority;
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    ZUMutexLock lock(mutex_);
     Owner& o = ownerLocked(request.owner, "acquire");
     if (modules_.at(o.module)->closing)
       throw ZUManagerError(ZUManagerError::Code::UnknownModule, "acquire",
                            "module " + quoteName(o.module) + " is closing");
     running.object = newObject(o);
     o.requests.push_back(&running);
+    priority = fallback ? std::numeric_limits<int>::min() : request.priority.value_or(o.priority);
   }
+  rank(running.object, priority, fallback);
   std::vector<std::string> heldBefore;
   for (const auto& h : heldLeaves(request.owner, request.resource)) heldBefore.push_back(h.first);
 
@@ -503,7 +656,7 @@ ZUAcquireResult ZUManager::acquire(const ZUAcquireRequest& request, const WaitHa
     result.kind = ZUAcquireResult::Kind::Failed;
     result.error = contract::kStopWhileWaiting;
   } else {
-    Current current{this, &request.owner, onWait ? &onWait : nullptr};
+    Current current{this, &request.owner, onWait ? &onWait : nullptr, priority, &running.object};
     CurrentScope scope(&current);
     try {
       result.notObtained = resources_.at(request.resource)
@@ -520,7 +673,7 @@ ZUAcquireResult ZUManager::acquire(const ZUAcquireRequest& request, const WaitHa
 
   ZUAcquireResult::Stop stop;
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    ZUMutexLock lock(mutex_);
     stop = running.stop;
   }
   if (stop == ZUAcquireResult::Stop::None && cancel && cancel->cancelled())
@@ -542,7 +695,7 @@ ZUAcquireResult ZUManager::acquire(const ZUAcquireRequest& request, const WaitHa
     if (result.error == contract::kStopWhileWaiting) result.stop = stop;
   }
 
-  std::lock_guard<std::mutex> lock(mutex_);
+  ZUMutexLock lock(mutex_);
   Owner& o = *owners_.at(request.owner);
   o.requests.erase(std::find(o.requests.begin(), o.requests.end(), &running));
   o.objects.push_back(running.object);
@@ -554,25 +707,47 @@ ZUAcquireResult ZUManager::acquire(const ZUAcquireRequest& request, const WaitHa
 void ZUManager::release(const std::string& owner, const std::string& resource) {
   requireResource(resource, "release");
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    ZUMutexLock lock(mutex_);
     ownerLocked(owner, "release");
   }
   releaseHeld(heldLeaves(owner, resource), resources_);
-  std::lock_guard<std::mutex> lock(mutex_);
+  ZUMutexLock lock(mutex_);
   if (owners_.count(owner)) pruneLocked(owner);
+}
+
+std::vector<std::string> ZUManager::forceRelease(const std::string& by, const std::string& owner,
+                                               const std::string& resource) {
+  requireResource(resource, "forceRelease");
+  if (by.empty())
+    throw ZUManagerError(ZUManagerError::Code::EmptyName, "forceRelease", "empty operator name");
+  {
+    ZUMutexLock lock(mutex_);
+    ownerLocked(owner, "forceRelease");
+  }
+  std::vector<std::string> released;
+  for (const auto& h : heldLeaves(owner, resource)) {
+    takeFrom(h.first, h.second, by, "", "force-released by the operator " + quoteName(by));
+    released.push_back(h.first);
+  }
+  ZUMutexLock lock(mutex_);
+  if (owners_.count(owner)) pruneLocked(owner);
+  return released;
 }
 
 void ZUManager::switchOwner(const std::string& owner, const std::string& resource) {
   requireResource(resource, "switchOwner");
   boost::shared_ptr<ZUOwner> object;
+  int priority;
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    ZUMutexLock lock(mutex_);
     Owner& o = ownerLocked(owner, "switchOwner");
     object = newObject(o);
     o.objects.push_back(object);
+    priority = o.priority;
   }
+  rank(object, priority, false);
   resources_.at(resource)->switchOwner(object, "", 0);
-  std::lock_guard<std::mutex> lock(mutex_);
+  ZUMutexLock lock(mutex_);
   if (owners_.count(owner)) pruneLocked(owner);
 }
 
@@ -592,6 +767,150 @@ void ZUManager::releaseState(const std::string& resource) {
     throw ZUManagerError(ZUManagerError::Code::NotAState, "releaseState",
                          quoteName(resource) + " is not a state resource");
   s->releaseState();
+}
+
+// --- Policies -----------------------------------------------------------------
+
+void ZUManager::rank(const boost::shared_ptr<ZUOwner>& object, int priority, bool fallback) {
+  ZUMutexLock lock(policyMutex_);
+  if (ranks_.size() > 2 * ranksSwept_ + 64) {  // forget the objects that are gone
+    for (auto it = ranks_.begin(); it != ranks_.end();)
+      it = it->second.object.expired() ? ranks_.erase(it) : std::next(it);
+    ranksSwept_ = ranks_.size();
+  }
+  ranks_[object.get()] = Ranked{object, priority, fallback};
+}
+
+void ZUManager::onWaiting(const ZUEvent& event, int priority) {
+  auto found = resources_.find(event.resource);
+  if (found == resources_.end() || asState(found->second)) return;  // a state is shared
+  const ZUResourcePolicy& policy = policy_.at(event.resource);
+  // Declared before the lock: dropped after it (never the last handle: the
+  // wait that calls us holds one).
+  boost::shared_ptr<ZUOwner> holder = found->second->currentOwner.load();
+  if (holder->name != event.holder || !tCurrent) return;
+  Take take;
+  take.leaf = event.resource;
+  take.holder = holder;
+  ZUMutexLock lock(policyMutex_);
+  auto ranked = ranks_.find(holder.get());
+  if (ranked == ranks_.end() || ranked->second.object.lock() != holder) return;
+  const auto now = std::chrono::steady_clock::now();
+  if (ranked->second.fallback) {
+    take.due = now;
+    take.reason = "the fallback holder yields to " + quoteName(event.owner);
+  } else if (priority > ranked->second.priority) {
+    take.due = now + std::chrono::milliseconds(policy.graceMs);
+    take.reason = "taken by " + quoteName(event.owner) + " of priority " +
+                  std::to_string(priority) + " over " + std::to_string(ranked->second.priority) +
+                  " after a grace of " + std::to_string(policy.graceMs) + " ms";
+  } else {
+    return;
+  }
+  take.requester = *tCurrent->object;
+  takes_.push_back(std::move(take));
+  policyChanged_.notify_all();
+}
+
+void ZUManager::policyLoop() {
+  std::map<std::string, std::chrono::steady_clock::time_point> freeSince;
+  ZUMutexLock lock(policyMutex_);
+  while (!stopping_) {
+    const auto now = std::chrono::steady_clock::now();
+    std::vector<Take> due;
+    auto next = now + kPollPeriod;
+    for (auto it = takes_.begin(); it != takes_.end();) {
+      if (it->due <= now) {
+        due.push_back(std::move(*it));
+        it = takes_.erase(it);
+      } else {
+        next = std::min(next, it->due);
+        ++it;
+      }
+    }
+    lock.unlock();
+    for (const Take& t : due) perform(t);
+    fallbackPass(freeSince);
+    lock.lock();
+    if (!stopping_ && takes_.size() == 0) lock.waitUntil(policyChanged_, next);
+    else if (!stopping_) {
+      auto soonest = next;
+      for (const Take& t : takes_) soonest = std::min(soonest, t.due);
+      if (soonest > std::chrono::steady_clock::now()) lock.waitUntil(policyChanged_, soonest);
+    }
+  }
+}
+
+void ZUManager::perform(const Take& take) {
+  boost::shared_ptr<ZUOwner> holder = take.holder.lock();
+  boost::shared_ptr<ZUOwner> requester = take.requester.lock();
+  if (!holder || !requester) return;
+  if (!resources_.at(take.leaf)->currentOwner.is(holder)) return;  // let go in time
+  bool waits = false;
+  for (const ZUWait& w : ZUWaitRegistry::snapshot())
+    waits = waits || (w.resource == take.leaf && w.waiterOwner.lock() == requester);
+  if (!waits) return;  // the request ended meanwhile
+  takeFrom(take.leaf, holder, requester->name, requester->moduleName, take.reason);
+}
+
+void ZUManager::takeFrom(const std::string& leaf, const boost::shared_ptr<ZUOwner>& holder,
+                         const std::string& by, const std::string& byModule,
+                         const std::string& reason) {
+  resources_.at(leaf)->release(holder);
+  ZUNotice notice;
+  notice.kind = ZUNotice::Kind::Lost;
+  notice.resource = leaf;
+  notice.owner = holder->name;
+  notice.by = by;
+  notice.reason = reason;
+  tell(holder->moduleName, notice);
+  if (ZUObservers::active()) {
+    ZUEvent lost = ZUEvent::make(ZUEvent::Kind::Lost, leaf, holder.get());
+    lost.holder = by;  // who took it
+    lost.holderModule = byModule;
+    lost.reason = reason;
+    ZUObservers::emit(std::move(lost));
+  }
+}
+
+void ZUManager::fallbackPass(
+    std::map<std::string, std::chrono::steady_clock::time_point>& freeSince) {
+  std::vector<ZUWait> waits;
+  bool waitsRead = false;
+  for (const auto& p : policy_) {
+    if (p.second.fallback.empty()) continue;
+    const std::string& leaf = p.first;
+    if (resources_.at(leaf)->currentOwner.load()->name != contract::kPlaceholderName) {
+      freeSince.erase(leaf);
+      continue;
+    }
+    const auto now = std::chrono::steady_clock::now();
+    auto since = freeSince.emplace(leaf, now).first;
+    if (now - since->second < kFallbackAfter) continue;
+    if (!waitsRead) {
+      waits = ZUWaitRegistry::snapshot();
+      waitsRead = true;
+    }
+    if (std::any_of(waits.begin(), waits.end(),
+                    [&leaf](const ZUWait& w) { return w.resource == leaf; }))
+      continue;
+    {
+      ZUMutexLock lock(mutex_);
+      auto owner = owners_.find(p.second.fallback);
+      if (owner == owners_.end() || modules_.at(owner->second->module)->closing) continue;
+    }
+    try {
+      ZUAcquireRequest request;
+      request.owner = p.second.fallback;
+      request.resource = leaf;
+      request.timeoutSeconds = 0;
+      request.noWait = {leaf};
+      acquireAs(request, WaitHandler(), nullptr, true);
+    } catch (const ZUManagerError&) {
+      // Its module closed meanwhile: the next pass looks again.
+    }
+    freeSince.erase(leaf);
+  }
 }
 
 // --- Reads --------------------------------------------------------------------
@@ -621,7 +940,7 @@ ZUValue ZUManager::explain(const std::string& owner, const std::string& resource
   requireResource(resource, "explain");
   boost::shared_ptr<ZUOwner> object;
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    ZUMutexLock lock(mutex_);
     object = newObject(ownerLocked(owner, "explain"));
   }
   return ZU::explain(resources_.at(resource), object, noWait).toValue();
@@ -632,7 +951,7 @@ std::string ZUManager::explainText(const std::string& owner, const std::string& 
   requireResource(resource, "explain");
   boost::shared_ptr<ZUOwner> object;
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    ZUMutexLock lock(mutex_);
     object = newObject(ownerLocked(owner, "explain"));
   }
   return ZU::explain(resources_.at(resource), object, noWait).toString();

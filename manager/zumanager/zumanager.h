@@ -13,7 +13,9 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <thread>
 #include <unordered_map>
 #include <vector>
 
@@ -21,12 +23,16 @@
 
 #include <zuhost/zubroker.h>
 #include <zuhost/zuerror.h>
+#include <zuhost/zumutex.h>
+#include <zuhost/zuthreadannotations.h>
 #include <zuhost/zuvalue.h>
 
 #include <zuresource/zuobserver.h>
 #include <zuresource/zuowner.h>
 #include <zuresource/zuresource.h>
 #include <zuresource/zuresourcestate.h>
+
+#include <zumanager/zuresourcetree.h>
 
 namespace ZU {
 
@@ -45,7 +51,9 @@ class ZUManagerError : public ZUError {
     ModuleExists,     ///< a module of that name is open already
     OtherModule,      ///< the owner belongs to another module
     NotAState,        ///< setState/releaseState on a resource that is no state resource
-    BadArgument       ///< any other argument out of range
+    BadArgument,      ///< any other argument out of range
+    Unauthenticated,  ///< the caller is not known (ZURights)
+    PermissionDenied  ///< beyond the caller's rights (ZURights)
   };
   ZUManagerError(Code code, const std::string& method, const std::string& description);
   Code code() const { return code_; }
@@ -57,15 +65,47 @@ class ZUManagerError : public ZUError {
 /// What a module is told by the manager.
 struct ZUNotice {
   enum class Kind {
-    Wanted  ///< another owner asks for `resource`, which `owner` holds
+    Wanted,  ///< another owner asks for `resource`, which `owner` holds
+    Lost     ///< `owner` no longer holds `resource`: `by` took it, for `reason`
   };
   Kind kind = Kind::Wanted;
   /// The plain or state resource concerned (a member, never a group).
   std::string resource;
-  /// The module's owner that holds it when the notice is made; empty when
-  /// none of the module's owners holds it any more.
+  /// Wanted: the module's owner that holds it when the notice is made; empty
+  /// when none of the module's owners holds it any more. Lost: the owner that
+  /// lost it.
   std::string owner;
+  /// Lost: the owner that took it, or the operator that released it.
+  std::string by;
+  /// Lost: why, in words.
+  std::string reason;
 };
+
+/// The manager's policies for one resource.
+struct ZUResourcePolicy {
+  /// The default grace period, in ms.
+  static constexpr int kDefaultGraceMs = 500;
+  /// The longest grace period accepted (one hour).
+  static constexpr int kMaxGraceMs = 3600 * 1000;
+  /// How long a holder of lower priority keeps the resource once a request of
+  /// higher priority waits behind it, before the manager takes it.
+  int graceMs = kDefaultGraceMs;
+  /// The owner that holds the resource whenever nobody else does, and yields
+  /// it at once to any request; empty for none.
+  std::string fallback;
+};
+
+/// Makes a fleet resource of a tree (the fleet layer is above the manager's
+/// reach); see buildResources.
+using ZUFleetFactory = std::function<boost::shared_ptr<ZUResource>(const ZUTreeResource&)>;
+
+/// The library's resources of `tree`, one robot's: groups filled in member
+/// order, state resources activated as declared. Returns the roots (the
+/// resources that are no group's member) in declaration order. A fleet
+/// resource is made by `fleet`; without one it is refused (ZUManagerError
+/// BadArgument).
+std::vector<boost::shared_ptr<ZUResource>> buildResources(const ZUResourceTree& tree,
+                                                          const ZUFleetFactory& fleet = {});
 
 /// Called in the module's own task thread, one notice at a time and in order,
 /// with no lock of the manager held.
@@ -79,6 +119,8 @@ struct ZUAcquireRequest {
   int timeoutSeconds = -1;
   /// Resources that the request gives up on at once when they are busy.
   std::vector<std::string> noWait;
+  /// This request's priority; the owner's when not given.
+  std::optional<int> priority = std::nullopt;
 };
 
 /// A wait of a request: behind `holder` (of `holderModule`) for `resource`.
@@ -130,9 +172,9 @@ class ZUAcquireCancel {
   /// Takes: the token's mutex.
   void detach();
 
-  std::mutex mutex_;
-  /// Guarded by mutex_: the owner of the request in progress.
-  boost::shared_ptr<ZUOwner> object_;
+  ZUMutex mutex_;
+  /// The owner of the request in progress.
+  boost::shared_ptr<ZUOwner> object_ ZU_GUARDED_BY(mutex_);
   /// Atomic; set once, never cleared.
   std::atomic<bool> cancelled_{false};
 };
@@ -152,7 +194,18 @@ class ZUManager {
   /// Manages the trees `roots` (groups with their members; each resource
   /// name once). Throws ZUManagerError for an empty handle or a name used
   /// twice.
-  explicit ZUManager(const std::vector<boost::shared_ptr<ZUResource>>& roots);
+  /// `policies` by resource name: a group's apply to each of its members
+  /// that has none of its own. Throws ZUManagerError (BadArgument) for an
+  /// unknown name, a grace period out of [0, kMaxGraceMs], or a fallback for
+  /// a state resource.
+  explicit ZUManager(const std::vector<boost::shared_ptr<ZUResource>>& roots,
+                     const std::map<std::string, ZUResourcePolicy>& policies = {});
+  /// Manages the resources of `tree` (buildResources) with the policies it
+  /// declares (policiesOf).
+  explicit ZUManager(const ZUResourceTree& tree, const ZUFleetFactory& fleet = {});
+  /// The policies `tree` declares: a grace period or a fallback owner given
+  /// to a resource (by its library name).
+  static std::map<std::string, ZUResourcePolicy> policiesOf(const ZUResourceTree& tree);
   /// Closes every module (their requests stop, their holdings are released).
   ~ZUManager();
   ZUManager(const ZUManager&) = delete;
@@ -178,7 +231,7 @@ class ZUManager {
   /// nothing. Names are the library's (hierarchical by prefix: "box/arm" is
   /// a descendant of "box"). Throws ZUManagerError (EmptyName, UnknownModule,
   /// OtherModule). Takes: mutex_.
-  void makeOwner(const std::string& module, const std::string& owner);
+  void makeOwner(const std::string& module, const std::string& owner, int priority = 0);
   /// The module of `owner`, or empty. Takes: mutex_.
   std::string moduleOf(const std::string& owner) const;
 
@@ -203,6 +256,12 @@ class ZUManager {
   /// goes on (cancel it to stop it). Throws ZUManagerError (EmptyName,
   /// UnknownOwner, UnknownResource). Takes: mutex_, then the resources' locks.
   void release(const std::string& owner, const std::string& resource);
+  /// An operator (`by`) takes `resource` from `owner` at once: each member
+  /// it holds is released for it, its module gets a lost notice naming the
+  /// operator, and observers a Lost event. Returns the members released.
+  /// Errors as release(). Takes: mutex_, then the resources' locks.
+  std::vector<std::string> forceRelease(const std::string& by, const std::string& owner,
+                                        const std::string& resource);
   /// Makes `owner` the holder of `resource` unconditionally (the library's
   /// switchOwner; nobody is told). Errors as release(). Takes: mutex_.
   void switchOwner(const std::string& owner, const std::string& resource);
@@ -252,14 +311,21 @@ class ZUManager {
 
  private:
   struct Request;
+  struct Take;
+  struct Ranked;
   struct Outlet;
   struct Owner;
   struct Module;
   class Listener;
 
+  /// acquire(); a `fallback` request is the manager's own for a fallback
+  /// owner (lowest priority, yields at once).
+  ZUAcquireResult acquireAs(const ZUAcquireRequest& request, const WaitHandler& onWait,
+                            ZUAcquireCancel* cancel, bool fallback);
   /// The known owner `name`, or throws (EmptyName, UnknownOwner). Requires mutex_.
-  Owner& ownerLocked(const std::string& name, const char* method);
-  const Owner& ownerLocked(const std::string& name, const char* method) const;
+  Owner& ownerLocked(const std::string& name, const char* method) ZU_REQUIRES(mutex_);
+  const Owner& ownerLocked(const std::string& name, const char* method) const
+      ZU_REQUIRES(mutex_);
   /// Checks `name` names a resource, or throws (EmptyName, UnknownResource).
   void requireResource(const std::string& name, const char* method) const;
   /// A new owner object of `owner`, not kept anywhere yet.
@@ -276,16 +342,41 @@ class ZUManager {
   /// Whether `object` holds any leaf now.
   bool holdsAny(const ZUOwner* object) const;
   /// Whether an owner named below `name` waits or holds now. Requires mutex_.
-  bool descendantBusyLocked(const std::string& name) const;
+  bool descendantBusyLocked(const std::string& name) const ZU_REQUIRES(mutex_);
   /// Drops the objects of `name` and of its ancestors that no request uses,
   /// hold nothing and can no more be given anything back. Requires mutex_.
-  void pruneLocked(const std::string& name);
+  void pruneLocked(const std::string& name) ZU_REQUIRES(mutex_);
   /// Delivers "__onResource__" for `leaf` to module `module`'s handler. Runs
   /// in the module's task thread. Takes: mutex_ briefly.
   void onResource(const std::shared_ptr<Outlet>& outlet, const std::string& leaf);
+  /// A request of this manager began waiting (in its own thread, inside the
+  /// library's wait): schedules a take when a policy says so. Takes:
+  /// policyMutex_.
+  void onWaiting(const ZUEvent& event, int priority);
+  /// Records the priority of an owner object. Takes: policyMutex_.
+  void rank(const boost::shared_ptr<ZUOwner>& object, int priority, bool fallback);
+  /// The policy thread: takes resources from holders whose grace ran out, and
+  /// gives free resources to their fallback owners.
+  void policyLoop();
+  /// Carries out `take` if its holder still holds and its requester still
+  /// waits. No lock of ours held.
+  void perform(const Take& take);
+  /// Gives each free resource that has a fallback owner to that owner.
+  void fallbackPass(std::map<std::string, std::chrono::steady_clock::time_point>& freeSince);
+  /// Releases `leaf` for `holder` and tells: the holder's module a lost
+  /// notice, observers a Lost event. No lock of ours held.
+  void takeFrom(const std::string& leaf, const boost::shared_ptr<ZUOwner>& holder,
+                const std::string& by, const std::string& byModule, const std::string& reason);
+  /// Queues `notice` for module `module`'s handler, after its other notices.
+  /// Takes: mutex_, then the outlet's mutex.
+  void tell(const std::string& module, const ZUNotice& notice);
+  /// Delivers the oldest queued notice of `outlet`. Runs in its task thread.
+  static void deliverQueued(const std::shared_ptr<Outlet>& outlet);
+  /// Calls the handler of `outlet` with `notice`, if it is still open.
+  static void deliver(Outlet& outlet, const ZUNotice& notice);
   /// Takes off the broker the closed modules that lingered long enough, and
   /// returns them to be dropped once mutex_ is let go. Requires mutex_.
-  std::vector<boost::shared_ptr<ZUModule>> purgeClosedLocked();
+  std::vector<boost::shared_ptr<ZUModule>> purgeClosedLocked() ZU_REQUIRES(mutex_);
 
   /// How long a closed module stays on the broker (see closeModule).
   static constexpr std::chrono::seconds kClosedModuleLinger{5};
@@ -302,17 +393,31 @@ class ZUManager {
   std::unordered_map<std::string, boost::shared_ptr<ZUResource>> resources_;
   std::unordered_map<std::string, std::vector<std::string>> leaves_;  // resource -> its leaves
   std::vector<std::string> leafOrder_;  // every plain and state member, once
+  std::unordered_map<std::string, ZUResourcePolicy> policy_;  // by leaf
   boost::shared_ptr<Listener> listener_;
 
-  mutable std::mutex mutex_;
-  /// Signalled (under mutex_) whenever a request ends.
+  mutable ZUMutex mutex_;
+  /// Signalled (under mutex_) whenever a request ends or a module is gone.
   std::condition_variable requestEnded_;
-  /// Guarded by mutex_. By name.
-  std::map<std::string, std::shared_ptr<Module>> modules_;
-  /// Guarded by mutex_. By name, sorted: an owner's descendants follow it.
-  std::map<std::string, std::unique_ptr<Owner>> owners_;
-  /// Guarded by mutex_. Closed modules still on the broker, oldest first.
-  std::deque<Closed> closed_;
+  /// By name. The records' own fields are guarded by mutex_ too.
+  std::map<std::string, std::shared_ptr<Module>> modules_ ZU_GUARDED_BY(mutex_);
+  /// By name, sorted: an owner's descendants follow it.
+  std::map<std::string, std::unique_ptr<Owner>> owners_ ZU_GUARDED_BY(mutex_);
+  /// Closed modules still on the broker, oldest first.
+  std::deque<Closed> closed_ ZU_GUARDED_BY(mutex_);
+
+  /// Guards the policy thread's work; taken inside the library's waits (by
+  /// onWaiting), so it is a leaf: no other lock is taken under it.
+  ZUMutex policyMutex_;
+  /// Signalled under policyMutex_ when a take is scheduled or the thread stops.
+  std::condition_variable policyChanged_;
+  std::vector<Take> takes_ ZU_GUARDED_BY(policyMutex_);
+  /// Owner objects' priorities, by address (checked against the weak handle).
+  std::unordered_map<const ZUOwner*, Ranked> ranks_ ZU_GUARDED_BY(policyMutex_);
+  std::size_t ranksSwept_ ZU_GUARDED_BY(policyMutex_) = 0;  // ranks_'s size after the last sweep
+  bool stopping_ ZU_GUARDED_BY(policyMutex_) = false;
+  /// Started last in the constructor, joined first in the destructor.
+  std::thread policyThread_;
 };
 
 }  // namespace ZU

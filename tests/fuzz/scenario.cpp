@@ -2,12 +2,12 @@
 // be listed, or refused with a ScenarioError; anything else (another
 // exception, a crash, a sanitizer's report) is a finding.
 
-#include "scenario.h"
+#include "scenario/scenario.h"
 
 #include <cstdint>
 #include <string>
 
-#include "lint.h"
+#include "scenario/lint.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   std::string text(reinterpret_cast<const char*>(data), size);

@@ -240,6 +240,25 @@ TEST_F(ManagerTest, HandDownsGoBack) {
   }
 }
 
+// A tree as a file declares it: groups, an activated state, the policies.
+TEST(ManagerOfATree, BuildsWhatTheFileDeclares) {
+  ZU::ZUResourceTree tree = ZU::parseResourceTree(R"({"resources": [
+    {"name": "Body", "kind": "group", "members": ["Head", "Legs"], "graceMs": 100},
+    {"name": "Head"}, {"name": "Legs", "fallback": "posture"},
+    {"name": "Standing", "kind": "state", "activated": true}]})",
+                                                  "t.json");
+  ZUManager m(tree);
+  EXPECT_EQ(m.leavesOf("Body"), (std::vector<std::string>{"Head", "Legs"}));
+  EXPECT_EQ(m.roots().size(), 2u);
+  m.openModule("P", nullptr);
+  m.makeOwner("P", "posture");
+  EXPECT_EQ(m.acquire({"posture", "Standing", 0, {}}).kind, Kind::Granted);  // activated
+  auto policies = ZUManager::policiesOf(tree);
+  EXPECT_EQ(policies.at("Body").graceMs, 100);
+  EXPECT_EQ(policies.at("Legs").fallback, "posture");
+  EXPECT_EQ(policies.at("Legs").graceMs, ZU::ZUResourcePolicy::kDefaultGraceMs);
+}
+
 // Refused calls change nothing.
 TEST_F(ManagerTest, RefusedCalls) {
   using Code = ZUManagerError::Code;

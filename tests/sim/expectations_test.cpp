@@ -1,4 +1,4 @@
-#include "expectations.h"
+#include "run/expectations.h"
 
 #include <map>
 #include <string>

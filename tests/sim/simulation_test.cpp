@@ -1,5 +1,5 @@
 // Each event of a real run is told of the right owner and resource, and only when it happened.
-#include "simulation.h"
+#include "run/simulation.h"
 
 #include <algorithm>
 #include <string>

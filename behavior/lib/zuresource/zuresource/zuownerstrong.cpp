@@ -74,7 +74,8 @@ bool ZUOwnerStrong::conflict(const std::string& resourceName, boost::shared_ptr<
   addWaiter(requester, timeoutSeconds);
   resourceFreed = false;
   const bool stoppedBefore = requester->resourceFreed;
-  ZUWaitRegistry::Record recorded(requester, *this, resourceName, timeout);  // until any way out
+  ZUWaitRegistry::Record recorded(requester, *this, resourceName,
+                                 timeoutSeconds);  // until any way out
   eventsite::WaitWatch watch(recorded.id(), *this);  // this wait's own checks, at each poll
   if (ZUObservers::active())
     eventsite::waitEvent(ZUEvent::Kind::Waiting, resourceName, *requester, *this, timeoutSeconds);

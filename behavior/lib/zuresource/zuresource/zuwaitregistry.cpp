@@ -109,7 +109,7 @@ ZUValue ZUWaitCycle::toValue() const {
 // --- ZUWaitRegistry --------------------------------------------------------------
 
 ZUWaitRegistry::Record::Record(const boost::shared_ptr<ZUOwner>& waiter, ZUOwner& holder,
-                               const std::string& resource, int timeout) noexcept
+                               const std::string& resource, int timeoutSeconds) noexcept
     : id_(0) {
   try {
     ZUWait wait;
@@ -121,7 +121,7 @@ ZUWaitRegistry::Record::Record(const boost::shared_ptr<ZUOwner>& waiter, ZUOwner
     wait.waiterOwner = waiter;
     wait.holderOwner = holder.weak_from_this();
     wait.since = std::chrono::steady_clock::now();
-    wait.timeout = timeout;
+    wait.timeout = timeoutSeconds;
 
     Registry& r = registry();
     std::lock_guard<std::mutex> lock(r.mutex);

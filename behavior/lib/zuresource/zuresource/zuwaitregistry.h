@@ -77,8 +77,9 @@ class ZUWaitRegistry {
   /// Takes: the registry's mutex, briefly, in the constructor and destructor.
   class Record {
    public:
+    /// `timeoutSeconds`: the requester's time limit, negative for none.
     Record(const boost::shared_ptr<ZUOwner>& waiter, ZUOwner& holder, const std::string& resource,
-           int timeout = -1) noexcept;
+           int timeoutSeconds) noexcept;
     ~Record();
     Record(const Record&) = delete;
     /// The recorded wait's id, 0 when nothing was recorded.
