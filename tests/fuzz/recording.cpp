@@ -9,8 +9,8 @@
 #include <sstream>
 #include <string>
 
-#include "replay.h"
-#include "scenario.h"
+#include "replay/replay.h"
+#include "scenario/scenario.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   std::istringstream in(std::string(reinterpret_cast<const char*>(data), size));

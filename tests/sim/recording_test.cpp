@@ -9,7 +9,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "replay.h"
+#include "replay/replay.h"
 
 using zusim::Recording;
 using zusim::ScenarioError;
