@@ -57,30 +57,6 @@ bool answers(const std::string& path) {
   return ok;
 }
 
-/// The library's resources of `tree`, as its roots.
-std::vector<boost::shared_ptr<ZU::ZUResource>> buildResources(const ZU::ZUResourceTree& tree) {
-  std::map<std::string, boost::shared_ptr<ZU::ZUResource>> made;
-  for (const auto& r : tree.resources) {
-    switch (r.kind) {
-      case ZU::ZUTreeKind::Plain:
-        made[r.name] = boost::make_shared<ZU::ZUResource>(r.name, nullptr);
-        break;
-      case ZU::ZUTreeKind::State:
-        made[r.name] = boost::make_shared<ZU::ZUResourceState>(r.name, nullptr);
-        break;
-      case ZU::ZUTreeKind::Group:
-        made[r.name] = boost::make_shared<ZU::ZUResourceList>(r.name, nullptr);
-        break;
-    }
-  }
-  for (const auto& r : tree.resources) {
-    for (const auto& member : r.members) made.at(r.name)->addResource(made.at(member));
-    if (r.activated) dynamic_cast<ZU::ZUResourceState&>(*made.at(r.name)).setState(true);
-  }
-  std::vector<boost::shared_ptr<ZU::ZUResource>> roots;
-  for (const auto& name : tree.roots()) roots.push_back(made.at(name));
-  return roots;
-}
 
 }  // namespace
 
@@ -147,7 +123,7 @@ int main(int argc, char** argv) {
   }
 
   try {
-    ZU::ZUManager manager(buildResources(tree));
+    ZU::ZUManager manager(tree);
     std::unique_ptr<ZU::ZURecorder> recorder;
     boost::shared_ptr<ZU::ZURecorder> recording;
     if (!recordFile.empty()) {
