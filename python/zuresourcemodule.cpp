@@ -13,6 +13,9 @@
 // same str in attributes, errors and events.
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <exception>
 #include <string>
 #include <utility>
 #include <vector>
@@ -37,6 +40,7 @@
 #include <zuresource/zuwaitregistry.h>
 
 #include "pyhandlers.h"
+#include "pyinterrupt.h"
 
 PYBIND11_DECLARE_HOLDER_TYPE(T, boost::shared_ptr<T>)
 
@@ -155,6 +159,88 @@ bool holds(ZU::ZUResource& resource, const ZU::ZUOwner& owner) {
   return resource.currentOwner.load()->name == owner.name;
 }
 
+/// Stops an owner's wait as the manager does, by the owner's release flag,
+/// and remembers the flag as it was before. Its stop runs in the signal
+/// watcher's thread; its fields are read after Interruption::end().
+struct OwnerStop {
+  ZU::ZUOwner* owner;
+  bool stopped = false;
+  bool flagBefore = false;
+
+  static void stop(void* context) {
+    auto* self = static_cast<OwnerStop*>(context);
+    if (!self->stopped) self->flagBefore = self->owner->resourceFreed.load();
+    self->stopped = true;
+    self->owner->freeResource();  // the wait ends at its next poll
+  }
+  /// After the stopped wait: the flag as it was, unless someone waits on the
+  /// owner (for them a set flag means a release, which may have been real).
+  void restore() const {
+    if (stopped && !flagBefore && owner->copyWaiters().size() == 0) owner->resourceFreed = false;
+  }
+};
+
+/// Acquires `resource` for `owner` as waitFor does, with the GIL let go, and
+/// tells in `taken` (when given) the resources (a group's members) that the
+/// owner holds now and did not hold before. In the main thread a signal stops
+/// the wait (see Interruption); when its handler raises (KeyboardInterrupt),
+/// what the wait took is given back and the exception passes on; when not,
+/// the wait starts again for the rest of its time limit. Called with the GIL.
+Names acquire(const ResourceHandle& resource, const OwnerHandle& owner, const std::string& label,
+              int timeout, const Names& noWait, std::vector<ResourceHandle>* taken) {
+  if (!owner)  // refused by the library
+    return withoutGil([&] { return resource->waitFor(owner, label, timeout, noWait); });
+  const auto start = std::chrono::steady_clock::now();
+  for (int limit = timeout;;) {
+    OwnerStop stopper{owner.get()};
+    zupy::Interruption interruption(&OwnerStop::stop, &stopper);
+    std::vector<ResourceHandle> leaves, gained;
+    Names missing;
+    std::exception_ptr error;
+    bool stopError = false;
+    {
+      zupy::GilReleased nogil;
+      std::vector<ResourceHandle> heldBefore;
+      const bool watchLeaves = taken || interruption.armed();
+      if (watchLeaves) {
+        collectLeaves(resource, leaves);
+        for (const ResourceHandle& leaf : leaves)
+          if (holds(*leaf, *owner)) heldBefore.push_back(leaf);
+      }
+      try {
+        missing = resource->waitFor(owner, label, limit, noWait);
+      } catch (const ZU::ZUError& e) {
+        stopError = e.getDescription() == ZU::contract::kStopWhileWaiting;
+        error = std::current_exception();
+      }
+      interruption.end();
+      stopper.restore();
+      if (watchLeaves)
+        for (const ResourceHandle& leaf : leaves)
+          if (std::find(heldBefore.begin(), heldBefore.end(), leaf) == heldBefore.end() &&
+              holds(*leaf, *owner))
+            gained.push_back(leaf);
+    }
+    if (interruption.interrupted() && PyErr_CheckSignals() != 0) {
+      withoutGil([&] {
+        for (const ResourceHandle& leaf : gained) leaf->release(owner);
+      });
+      throw py::error_already_set();  // the handler's exception
+    }
+    if (error && !(stopper.stopped && stopError)) std::rethrow_exception(error);
+    if (!error) {
+      if (taken) *taken = std::move(gained);
+      return missing;
+    }
+    // Stopped for a signal whose handler did not raise: wait again.
+    if (timeout >= 0) {
+      const auto waited = std::chrono::duration_cast<std::chrono::seconds>(
+          std::chrono::steady_clock::now() - start);
+      limit = std::max(0, timeout - static_cast<int>(waited.count()));
+    }
+  }
+}
+
 /// What `with resource.acquired(owner, ...)` holds: acquires on entering,
 /// gives back on leaving what entering took, and only that (a member the
 /// owner held before stays held). Used by one thread at a time, like the
@@ -168,22 +254,11 @@ struct Acquisition {
   std::vector<ResourceHandle> taken;  // what entering took, to give back
 
   ResourceHandle enter() {
-    const Names missing = withoutGil([this] {
-      std::vector<ResourceHandle> leaves, heldBefore;
-      collectLeaves(resource, leaves);
-      for (const ResourceHandle& leaf : leaves)
-        if (holds(*leaf, *owner)) heldBefore.push_back(leaf);
-      Names missing = resource->waitFor(owner, label, timeout, noWait);
-      taken.clear();
-      for (const ResourceHandle& leaf : leaves)
-        if (std::find(heldBefore.begin(), heldBefore.end(), leaf) == heldBefore.end() &&
-            holds(*leaf, *owner))
-          taken.push_back(leaf);
-      // The body does not run without all of it: what this took goes back.
-      if (!missing.empty()) giveBack();
-      return missing;
-    });
+    taken.clear();
+    const Names missing = acquire(resource, owner, label, timeout, noWait, &taken);
     if (missing.empty()) return resource;
+    // The body does not run without all of it: what this took goes back.
+    withoutGil([this] { giveBack(); });
     std::string text = "not obtained:";
     for (const std::string& name : missing) text += " " + name;
     py::object error = makeError(notObtainedType, text, "zuresource", "acquired", text);
@@ -316,6 +391,9 @@ PYBIND11_MODULE(zuresource, m) {
     }
   });
   py::module_::import("atexit").attr("register")(py::cpp_function(&zupy::stopCallsIntoPython));
+  zupy::watchSignals();
+  py::module_::import("os").attr("register_at_fork")(
+      "after_in_child"_a = py::cpp_function(&zupy::watchSignals));
 
   py::class_<ZU::ZUModule, boost::shared_ptr<ZU::ZUModule>>(
       m, "Module", "A module on a broker; made by Broker.add_module.")
@@ -329,8 +407,19 @@ PYBIND11_MODULE(zuresource, m) {
             if (zupy::runsHandlerOf(mod))
               throw std::runtime_error("cannot wait for module '" + mod.getName() +
                                        "' to be idle from its own handler");
-            zupy::GilReleased nogil;
-            mod.waitIdle();
+            for (;;) {
+              std::atomic<bool> stopped{false};
+              zupy::Interruption interruption(
+                  [](void* flag) { static_cast<std::atomic<bool>*>(flag)->store(true); }, &stopped);
+              {
+                zupy::GilReleased nogil;
+                while (!mod.waitIdleFor(std::chrono::milliseconds(100)))
+                  if (stopped.load()) break;
+                interruption.end();
+              }
+              if (!interruption.interrupted()) return;
+              if (PyErr_CheckSignals() != 0) throw py::error_already_set();
+            }
           },
           "Blocks until no call is queued or running. Raises RuntimeError when\n"
           "called from the module's own handler, which would wait for itself.")
@@ -424,10 +513,9 @@ PYBIND11_MODULE(zuresource, m) {
           "The name of the holder; \"emptyOwner\" when free.")
       .def(
           "wait_for",
-          [](ZU::ZUResource& r, const OwnerHandle& owner, int timeout,
+          [](const ResourceHandle& r, const OwnerHandle& owner, int timeout,
              const std::vector<Name>& noWait, const Name& label) {
-            const Names names = texts(noWait);
-            return withoutGil([&] { return r.waitFor(owner, label.text, timeout, names); });
+            return acquire(r, owner, label.text, timeout, texts(noWait), nullptr);
           },
           "owner"_a, "timeout"_a = -1, "no_wait"_a = std::vector<Name>(), "label"_a = "",
           "Acquires the resource for `owner`, waiting up to `timeout` seconds (negative:\n"

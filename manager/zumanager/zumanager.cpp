@@ -327,6 +327,10 @@ std::vector<std::string> ZUManager::leavesOf(const std::string& name) const {
 void ZUManager::openModule(const std::string& name, ZUNoticeHandler onNotice) {
   if (name.empty())
     throw ZUManagerError(ZUManagerError::Code::EmptyName, "openModule", "empty module name");
+  if (name.size() > kMaxNameLength)
+    throw ZUManagerError(ZUManagerError::Code::BadArgument, "openModule",
+                         "a module name of " + std::to_string(name.size()) +
+                             " bytes is over the limit of " + std::to_string(kMaxNameLength));
   if (name == contract::kPlaceholderName)
     throw ZUManagerError(ZUManagerError::Code::BadArgument, "openModule",
                          quoteName(name) + " is the name of a free resource's holder");
@@ -443,6 +447,10 @@ std::vector<boost::shared_ptr<ZUModule>> ZUManager::purgeClosedLocked() {
 void ZUManager::makeOwner(const std::string& module, const std::string& owner, int priority) {
   if (owner.empty())
     throw ZUManagerError(ZUManagerError::Code::EmptyName, "makeOwner", "empty owner name");
+  if (owner.size() > kMaxNameLength)
+    throw ZUManagerError(ZUManagerError::Code::BadArgument, "makeOwner",
+                         "an owner name of " + std::to_string(owner.size()) +
+                             " bytes is over the limit of " + std::to_string(kMaxNameLength));
   if (owner == contract::kPlaceholderName)
     throw ZUManagerError(ZUManagerError::Code::BadArgument, "makeOwner",
                          quoteName(owner) + " is the name of a free resource's holder");
@@ -612,7 +620,7 @@ void ZUManager::pruneLocked(const std::string& name) {
   // descendant it handed a resource down to; while no descendant waits or
   // holds, no such hand-back can come.
   for (std::size_t length = 1; length <= name.size(); ++length) {
-    auto it = owners_.find(name.substr(0, length));
+    auto it = owners_.find(std::string_view(name).substr(0, length));
     if (it == owners_.end()) continue;
     Owner& o = *it->second;
     if (o.objects.empty() || descendantBusyLocked(o.name)) continue;

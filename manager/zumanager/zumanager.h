@@ -14,6 +14,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <string_view>
 #include <string>
 #include <thread>
 #include <unordered_map>
@@ -191,6 +192,9 @@ class ZUAcquireCancel {
 /// library's locks (reading holders); a cancel token's mutex is a leaf.
 class ZUManager {
  public:
+  /// The longest module or owner name, in bytes.
+  static constexpr std::size_t kMaxNameLength = 1024;
+
   /// Manages the trees `roots` (groups with their members; each resource
   /// name once). Throws ZUManagerError for an empty handle or a name used
   /// twice.
@@ -214,7 +218,8 @@ class ZUManager {
   // --- Modules and owners. ------------------------------------------------
 
   /// Opens module `name`; `onNotice` receives its notices. Throws
-  /// ZUManagerError (EmptyName, ModuleExists). Takes: mutex_.
+  /// ZUManagerError (EmptyName, ModuleExists; BadArgument for a name over
+  /// kMaxNameLength or "emptyOwner"). Takes: mutex_.
   void openModule(const std::string& name, ZUNoticeHandler onNotice);
   /// Closes module `name` as the manager stops a box: every request of its
   /// owners ends with "box stop while waiting" (stop ModuleClosed), then
@@ -227,10 +232,11 @@ class ZUManager {
   void closeModule(const std::string& name);
   /// Whether module `name` is open. Takes: mutex_.
   bool hasModule(const std::string& name) const;
-  /// Makes owner `owner` in module `module`; again in the same module does
-  /// nothing. Names are the library's (hierarchical by prefix: "box/arm" is
+  /// Makes owner `owner` in module `module`; again in the same module sets its
+  /// priority. Names are the library's (hierarchical by prefix: "box/arm" is
   /// a descendant of "box"). Throws ZUManagerError (EmptyName, UnknownModule,
-  /// OtherModule). Takes: mutex_.
+  /// OtherModule; BadArgument for a name over kMaxNameLength, "emptyOwner" or
+  /// a resource's name). Takes: mutex_.
   void makeOwner(const std::string& module, const std::string& owner, int priority = 0);
   /// The module of `owner`, or empty. Takes: mutex_.
   std::string moduleOf(const std::string& owner) const;
@@ -402,7 +408,7 @@ class ZUManager {
   /// By name. The records' own fields are guarded by mutex_ too.
   std::map<std::string, std::shared_ptr<Module>> modules_ ZU_GUARDED_BY(mutex_);
   /// By name, sorted: an owner's descendants follow it.
-  std::map<std::string, std::unique_ptr<Owner>> owners_ ZU_GUARDED_BY(mutex_);
+  std::map<std::string, std::unique_ptr<Owner>, std::less<>> owners_ ZU_GUARDED_BY(mutex_);
   /// Closed modules still on the broker, oldest first.
   std::deque<Closed> closed_ ZU_GUARDED_BY(mutex_);
 

@@ -68,9 +68,9 @@ class ManagerTest : public ::testing::Test {
   }
   std::string holder(const std::string& leaf) { return manager.holdersOf(leaf).at(0); }
 
-  ZUManager manager{robot()};
   std::mutex mutex;
   std::vector<std::string> notices;  // guarded by mutex
+  ZUManager manager{robot()};  // last: it ends its modules' notices first
 };
 
 // How a request ends, and who holds what afterwards. Arm is held by "other"
@@ -278,6 +278,8 @@ TEST_F(ManagerTest, RefusedCalls) {
       {"owner of another module", [&] { manager.makeOwner("A", "other"); }, Code::OtherModule},
       {"owner in no module", [&] { manager.makeOwner("Z", "z"); }, Code::UnknownModule},
       {"owner named like a state", [&] { manager.makeOwner("A", "Standing"); },
+       Code::BadArgument},
+      {"owner name of 1 MB", [&] { manager.makeOwner("A", std::string(1 << 20, 'x')); },
        Code::BadArgument},
       {"module opened twice", [&] { manager.openModule("A", nullptr); }, Code::ModuleExists},
       {"state of a plain resource", [&] { manager.setState("Arm", true); }, Code::NotAState},
