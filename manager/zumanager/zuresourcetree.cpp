@@ -175,7 +175,7 @@ bool ZUResourceTree::hasFleet() const {
 ZUResourceTree parseResourceTree(const std::string& text, const std::string& file) {
   json top = readJson(text, file, "tree");
   ZUJsonEntry whole(top, file, "tree");
-  whole.allow({"resources"});
+  whole.allow({"resources", "clients"});  // the clients are the rights' (zurights.h)
   ZUResourceTree tree;
   readResources(top, file, "", -1, "", tree);
   checkNesting(tree, file);
