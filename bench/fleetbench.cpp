@@ -9,7 +9,7 @@
 
 #include <boost/make_shared.hpp>
 
-#include <zufleet/zuetcdserver.h>
+#include <zufleettesting/zuetcdserver.h>
 #include <zufleet/zuresourcefleet.h>
 
 namespace zubench {

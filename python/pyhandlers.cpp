@@ -1,9 +1,9 @@
 #include "pyhandlers.h"
 
+#include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <memory>
-#include <mutex>
+#include <thread>
 #include <utility>
 
 #include <pybind11/stl.h>
@@ -15,18 +15,35 @@ namespace zupy {
 
 namespace {
 
-// The calls that other threads make into Python. Guarded by gateMutex.
-std::mutex gateMutex;
-std::condition_variable gateIdle;
-bool exiting = false;
-int active = 0;  // calls admitted and not yet ended
+// The gate between other threads and Python. A thread counts itself in
+// `active` before it looks at `exiting`, and the exit sets `exiting` before it
+// waits for `active` to drop to 0: one of the two always sees the other.
+std::atomic<bool> exiting{false};
+std::atomic<int> active{0};  // calls admitted and not yet ended
+// Written once before `exiting` is set; read only after it was seen set.
+std::thread::id exitThread;
+
+/// The module whose handler the calling thread runs, if any.
+thread_local const ZU::ZUModule* runningModule = nullptr;
+
+/// Counts the calling thread in; false (not counted) once the interpreter
+/// exits, unless `exitThreadToo` and this is the thread running the exit.
+bool enterGate(bool exitThreadToo) {
+  active.fetch_add(1);
+  if (!exiting.load()) return true;
+  if (exitThreadToo && std::this_thread::get_id() == exitThread) return true;
+  active.fetch_sub(1);
+  return false;
+}
+
+void leaveGate() { active.fetch_sub(1); }
 
 /// Deletes a module with the GIL let go: the module's destructor waits for its
 /// running call, which may be waiting for the GIL.
 struct ModuleDeleter {
   void operator()(ZU::ZUModule* module) const {
     if (Py_IsInitialized() && PyGILState_Check()) {
-      py::gil_scoped_release nogil;
+      GilReleased nogil;
       delete module;
     } else {
       delete module;
@@ -42,27 +59,31 @@ py::object seconds(std::chrono::steady_clock::time_point t) {
 }  // namespace
 
 void stopCallsIntoPython() {
-  py::gil_scoped_release nogil;
-  std::unique_lock<std::mutex> lock(gateMutex);
-  exiting = true;
-  gateIdle.wait(lock, [] { return active == 0; });
+  exitThread = std::this_thread::get_id();
+  exiting.store(true);
+  GilReleased nogil;
+  while (active.load() != 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
 
-bool PyCallable::callStarts() {
-  std::lock_guard<std::mutex> lock(gateMutex);
-  if (exiting) return false;
-  ++active;
-  return true;
+GilReleased::GilReleased() : state_(PyEval_SaveThread()) {}
+
+GilReleased::~GilReleased() {
+  if (!enterGate(true)) {
+    // The interpreter is going away under this thread: it may not run Python
+    // again, and unwinding its C++ frames from here is not possible either.
+    for (;;) std::this_thread::sleep_for(std::chrono::hours(1));
+  }
+  PyEval_RestoreThread(state_);
+  leaveGate();
 }
 
-void PyCallable::callEnded() {
-  std::lock_guard<std::mutex> lock(gateMutex);
-  if (--active == 0) gateIdle.notify_all();
-}
+bool PyCallable::callStarts() { return enterGate(false); }
+
+void PyCallable::callEnded() { leaveGate(); }
 
 PyCallable::~PyCallable() {
   if (!callStarts()) {
-    fn_.release();
+    fn_.release();  // the interpreter exits: left to it
     return;
   }
   {
@@ -72,17 +93,34 @@ PyCallable::~PyCallable() {
   callEnded();
 }
 
-boost::shared_ptr<ZU::ZUModule> makeModule(const std::string& name, py::object handler) {
+PyModule makeModule(const std::string& name, py::object handler) {
   boost::shared_ptr<ZU::ZUModule> module(new ZU::ZUModule(name), ModuleDeleter());
-  if (handler.is_none()) return module;
+  if (handler.is_none()) return {module, nullptr};
   py::object fn = py::hasattr(handler, "on_resource") ? handler.attr("on_resource") : handler;
   if (!PyCallable_Check(fn.ptr()))
     throw py::type_error("a module's handler is a callable or an object with on_resource(name)");
-  auto shared = std::make_shared<const PyCallable>(std::move(fn));
-  module->bindMethod<std::string>("__onResource__", [shared](const std::string& resource) {
+  auto shared = std::make_shared<PyCallable>(std::move(fn));
+  const ZU::ZUModule* self = module.get();  // not a handle: the module owns this method
+  module->bindMethod<std::string>("__onResource__", [shared, self](const std::string& resource) {
+    runningModule = self;
     shared->call([&resource] { return py::str(resource); });
+    runningModule = nullptr;  // call() never throws
   });
-  return module;
+  return {module, shared};
+}
+
+bool runsHandlerOf(const ZU::ZUModule& module) { return runningModule == &module; }
+
+int PyBroker::traverse(visitproc visit, void* arg) const {
+  for (const auto& entry : handlers)
+    if (entry.second)
+      if (int stop = entry.second->traverse(visit, arg)) return stop;
+  return 0;
+}
+
+void PyBroker::clear() {
+  for (const auto& entry : handlers)
+    if (entry.second) entry.second->clear();
 }
 
 void PyObserver::onEvent(const ZU::ZUEvent& event) {

@@ -1,5 +1,9 @@
 """Arbitration of a robot's resources between behaviours: resources, owners,
-and an in-process broker whose modules are told "__onResource__"."""
+and an in-process broker whose modules are told "__onResource__".
+
+Names (of resources, owners, modules, labels) are str; bytes are refused with
+TypeError where a name goes in, and every name comes back as the same str in
+attributes, errors and events."""
 
 from types import TracebackType
 from typing import Any, Callable, Dict, List, Optional, Protocol, Sequence, Type, Union
@@ -42,7 +46,8 @@ class Module:
     def started_tasks(self) -> int:
         """Number of calls started so far."""
     def wait_idle(self) -> None:
-        """Blocks until no call is queued or running."""
+        """Blocks until no call is queued or running. Raises RuntimeError when
+        called from the module's own handler, which would wait for itself."""
 
 class Broker:
     """An in-process broker: the modules by name."""
@@ -82,9 +87,9 @@ class Owner:
         """The modules of the owners waiting on this owner, oldest first (or None)."""
     @property
     def stopped(self) -> bool:
-        """The release flag: set when the owner let go of a resource or was
-        stopped; while set, a wait of this owner on a busy resource fails at
-        its first poll."""
+        """The release flag: set when the owner let go of a resource to nobody
+        (not when it handed one back to an ancestor), or was stopped; while
+        set, a wait of this owner on a busy resource fails at its first poll."""
     def free_resource(self) -> None:
         """Stops the owner: waits on it end, and its own wait fails, at the next poll."""
     def is_parent(self, other: Optional[Owner]) -> bool:
@@ -104,7 +109,8 @@ class _ContextManager:
 
 class Acquisition(_ContextManager):
     """The context manager of Resource.acquired: acquires on entering (and
-    returns the resource), releases on leaving."""
+    returns the resource); on leaving gives back what entering took, and only
+    that."""
 
     def __enter__(self) -> Resource: ...
 
@@ -126,10 +132,14 @@ class Resource:
         "__onResource__". Returns the names not obtained: empty when the owner
         holds everything it asked for; a busy resource named in `no_wait` is
         given up at once. Raises Error when the time limit passes or the owner
-        is stopped. Other threads run meanwhile."""
+        is stopped (a group then gives the owner back from every member).
+        Other threads run meanwhile."""
     def release(self, owner: Optional[Owner]) -> None:
-        """Gives the resource back from `owner` (to the owner that handed it
-        down, if any) and sets the owner's release flag."""
+        """Gives the resource back from `owner`: to the owner that handed it
+        down to `owner`, if that one still exists (no release flag is set
+        then), otherwise to nobody, setting the release flag of the holder (so
+        waits on it end). When `owner` does not hold it, only sets `owner`'s
+        release flag (its own pending wait ends)."""
     def switch_owner(self, owner: Optional[Owner], label: str = "", timeout: int = -1) -> None:
         """Makes `owner` the holder at once, telling nobody."""
     def is_resource_free(self) -> bool: ...
@@ -148,8 +158,11 @@ class Resource:
         self, owner: Optional[Owner], timeout: int = -1, no_wait: Sequence[str] = ..., label: str = ""
     ) -> Acquisition:
         """A context manager: `with head.acquired(owner, timeout=5):` acquires
-        as wait_for does and releases on leaving, also on an exception. Raises
-        NotObtained (after giving back what it got) when some were not obtained."""
+        as wait_for does, and on leaving (also on an exception) gives back
+        what it took, and only that: a resource (a group's member) the owner
+        held before the block stays held. Raises NotObtained, after giving
+        back what it took, when some were not obtained. A wait that fails
+        raises Error as wait_for does."""
 
 class StateResource(Resource):
     """A condition: while activated any number of owners hold it; while not,

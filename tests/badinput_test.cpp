@@ -64,7 +64,9 @@ class BadInputTest : public ::testing::Test {
 TEST_F(BadInputTest, EmptyOwnerHandlesAreRefusedOrIgnored) {
   const std::pair<ResourcePtr, std::string> kinds[] = {
       {r, "ZUResource"}, {s, "ZUResourceState"}, {g, "ZUResourceList"}};
-  for (const auto& [resource, kind] : kinds) {
+  for (const auto& row : kinds) {
+    const ResourcePtr& resource = row.first;  // a plain name: lambdas capture it
+    const std::string& kind = row.second;
     ASSERT_TRUE(resource->waitFor(a, "", 0, {}).empty());
     EXPECT_EQ(errorText([&] { resource->waitFor(nullptr, "", 0, {}); }),
               kind + ".waitFor: empty owner handle");

@@ -162,8 +162,10 @@ TEST(GroupMixedTest, StateMemberIsAcquiredByItsOwnRules) {
 }
 
 // Race: 1: waitFor reads G, blocks on R; 2: addResource waits to write G;
-// 1: the wait times out and release reads G again (a writer-first lock deadlocks).
-TEST(GroupLockTest, ReleaseAfterAFailedWaitReentersTheReadLockWhileAWriterWaits) {
+// 1: the wait times out and G gives R back. Taking G's read side again there
+// deadlocked behind the waiting writer with a writer-first lock; the walk
+// now gives back under the read side it still holds.
+TEST(GroupLockTest, ReleaseAfterAFailedWaitIsNotHeldUpByAWaitingWriter) {
   auto r = makePlain("R");
   auto g = makeGroup("G", {r});
   auto holder = makeOwner("h", "H");

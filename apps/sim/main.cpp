@@ -209,7 +209,15 @@ int runOne(const std::string& path, const zusim::Options& options, zusim::SuiteR
   }
   if (server) observers.push_back(feed);
   for (const auto& o : observers) ZU::ZUObservers::add(o);
-  zusim::RunRecord record = simulation.run();
+  zusim::RunRecord record;
+  try {
+    record = simulation.run();
+  } catch (const zusim::ScenarioError& e) {  // the system refused a thread
+    for (const auto& o : observers) ZU::ZUObservers::remove(o);
+    suite.refused = e.what();
+    std::cerr << "zuresource-sim: " << suite.refused << std::endl;
+    return ExitStatus::kRefused;
+  }
   if (recording) recording->record(ZU::takeSnapshot(simulation.roots()));
   for (const auto& o : observers) ZU::ZUObservers::remove(o);
   suite.results = record.results;

@@ -34,6 +34,13 @@ struct ZUEtcdKeyValue {
   std::int64_t lease = 0;
 };
 
+/// A lease as etcd granted it: its id and its TTL in seconds, which may be
+/// longer than the TTL asked (etcd has a minimum).
+struct ZUEtcdLease {
+  std::int64_t id = 0;
+  std::int64_t ttlSeconds = 0;
+};
+
 /// One change seen by a watch: a key put (created or changed) or deleted.
 struct ZUEtcdEvent {
   bool deleted = false;
@@ -65,11 +72,12 @@ class ZUEtcdClient {
 
   const std::vector<std::string>& endpoints() const { return endpoints_; }
 
-  /// A new lease of `ttlSeconds`; returns its id.
-  std::int64_t grant(int ttlSeconds);
-  /// Renews `lease`; returns its remaining TTL in seconds, 0 when it has
-  /// expired or is unknown.
-  std::int64_t keepAlive(std::int64_t lease);
+  /// A new lease of `ttlSeconds`, as etcd granted it.
+  ZUEtcdLease grant(int ttlSeconds);
+  /// Renews `lease`; returns its TTL in seconds, 0 when it has expired or is
+  /// unknown. `timeoutMs` (0: the client's) bounds the connection and each
+  /// read.
+  std::int64_t keepAlive(std::int64_t lease, int timeoutMs = 0);
   /// Revokes `lease`: its keys are deleted.
   void revoke(std::int64_t lease);
   /// Puts `key` = `value`, attached to `lease` (0: none). Returns the key's
@@ -97,17 +105,14 @@ class ZUEtcdClient {
 
   ZUEtcdTraffic traffic() const;
 
-  /// A simulation and test aid: while `on`, every call throws ZUEtcdError as
-  /// an unreachable network would (neither refused nor answered), and a
-  /// running watch ends at its next message or silence. Any thread may switch.
-  void setCutOff(bool on) { cutOff_ = on; }
-
   /// The end of the range of all keys that start with `prefix`.
   static std::string prefixEnd(std::string prefix);
 
  private:
-  /// POSTs `body` (JSON) to `path`; the parsed reply body as text.
-  std::string call(const std::string& path, const std::string& body, bool write);
+  /// POSTs `body` (JSON) to `path`; the reply's body. `timeoutMs` 0: the
+  /// client's.
+  std::string call(const std::string& path, const std::string& body, bool write,
+                   int timeoutMs = 0);
 
   /// Immutable.
   const std::vector<std::string> endpoints_;
@@ -117,8 +122,6 @@ class ZUEtcdClient {
   std::atomic<std::size_t> preferred_{0};
   /// Atomic counters (see ZUEtcdTraffic).
   std::atomic<std::uint64_t> requests_{0}, writes_{0}, bytes_{0};
-  /// Atomic: whether the client plays an unreachable network (setCutOff).
-  std::atomic<bool> cutOff_{false};
 };
 
 }  // namespace ZU

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <condition_variable>
 #include <cstdio>
 #include <deque>
@@ -20,6 +21,29 @@ const int kWatchRetryMs = 200;
 const char* const kWakeKey = "~wake/";
 /// How many of the latest deletions a session remembers.
 const std::size_t kRecentDeletions = 256;
+/// Pause before a renewal that failed is tried again.
+const std::chrono::milliseconds kRenewRetry(100);
+/// The shortest time limit of a renewal call, however near the deadline.
+const int kRenewCallMinMs = 50;
+/// How often leftover deletions and revocations are retried with no lease.
+const std::chrono::milliseconds kSettle(1000);
+
+using Clock = std::chrono::steady_clock;
+using Ms = std::chrono::milliseconds;
+
+/// How long before etcd could expire a lease its holder gives it up: a tenth
+/// of the TTL, at least 100 ms, for the clocks of robot and etcd that do not
+/// run at quite the same rate.
+Ms marginOf(Ms ttl) { return std::max(ttl / 10, Ms(100)); }
+
+std::string seconds(Ms ms) {
+  char text[32];
+  if (ms.count() % 1000 == 0)
+    std::snprintf(text, sizeof text, "%lld s", static_cast<long long>(ms.count() / 1000));
+  else
+    std::snprintf(text, sizeof text, "%lld ms", static_cast<long long>(ms.count()));
+  return text;
+}
 
 // Resource names may hold any byte; in keys '/', '%' and unprintable bytes
 // are escaped, so that no name's prefix is another name's prefix (and no
@@ -50,10 +74,23 @@ struct ZUFleetSession::Core {
   std::mutex mutex;
   std::condition_variable changed;
   bool stopping = false;
-  /// The robot's lease, 0 while it has none.
+  /// The robot's lease, 0 while it has none, and the TTL etcd granted it.
   std::int64_t lease = 0;
-  /// When etcd last confirmed the lease.
-  std::chrono::steady_clock::time_point confirmed;
+  Ms ttl{0};
+  /// When the robot gives the lease up unless a renewal succeeds first: the
+  /// sending of the last renewal that succeeded (or of the grant), plus the
+  /// TTL, less the margin. etcd counts from when the renewal reached it, so
+  /// this is always before etcd could expire the lease.
+  Clock::time_point deadline;
+  /// When the next renewal is due: a third of the TTL after the last one.
+  Clock::time_point renewDue;
+  /// Why the last renewal failed, empty after a success.
+  std::string renewFailure;
+  /// The lease given up last, and why.
+  std::int64_t lostLease = 0;
+  std::string lostReason;
+  /// Whether the granted TTL was logged as differing from the one asked.
+  bool ttlLogged = false;
   /// Keys whose deletion failed, and leases given up while etcd was away.
   std::vector<std::string> toErase;
   std::vector<std::int64_t> toRevoke;
@@ -92,6 +129,8 @@ struct ZUFleetSession::Core {
       std::lock_guard<std::mutex> lock(mutex);
       if (lease != lost) return;
       lease = 0;
+      lostLease = lost;
+      lostReason = reason;
       if (revokeLater) toRevoke.push_back(lost);
       changed.notify_all();
     }
@@ -128,37 +167,98 @@ struct ZUFleetSession::Core {
     }
   }
 
-  /// Renews the lease a third of its TTL after the last renewal. A refusal
-  /// means it expired; silence for longer than the TTL means it may have.
+  /// The reason of giving up a lease whose deadline passed. Takes: mutex
+  /// (held by the caller).
+  std::string overdueReason() const {
+    return "lease not renewed within its TTL of " + seconds(ttl) + " less a margin of " +
+           seconds(marginOf(ttl)) + (renewFailure.empty() ? "" : ": " + renewFailure);
+  }
+
+  /// A renewal of `renewed` sent at `sent` succeeded, etcd reporting a TTL of
+  /// `reportedSeconds`. Takes: mutex.
+  void confirm(std::int64_t renewed, Clock::time_point sent, std::int64_t reportedSeconds) {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (lease != renewed) return;  // given up meanwhile: it stays given up
+    ttl = std::min(ttl, Ms(reportedSeconds * 1000));
+    deadline = std::max(deadline, sent + ttl - marginOf(ttl));
+    renewDue = sent + ttl / 3;
+    renewFailure.clear();
+    changed.notify_all();
+  }
+
+  /// Renews the lease a third of its TTL after the last renewal that
+  /// succeeded, and again every 100 ms while renewals fail, each call limited
+  /// to the time left before the deadline. A refusal means the lease expired.
+  /// With no lease, retries leftover deletions and revocations. Takes: mutex,
+  /// never across a call to etcd.
   void keepAliveLoop() {
-    const int periodMs = std::max(100, config.ttlSeconds * 1000 / 3);
-    while (pause(periodMs)) {
-      std::int64_t current;
-      std::chrono::steady_clock::time_point since;
-      {
-        std::lock_guard<std::mutex> lock(mutex);
-        current = lease;
-        since = confirmed;
-      }
-      if (current == 0) {
+    Clock::time_point settleAt = Clock::now() + kSettle;
+    Clock::time_point retryAt;
+    std::unique_lock<std::mutex> lock(mutex);
+    while (!stopping) {
+      const Clock::time_point now = Clock::now();
+      if (lease == 0) {
+        if (now < settleAt) {
+          changed.wait_until(lock, settleAt);
+          continue;
+        }
+        settleAt = now + kSettle;
+        lock.unlock();
         settleLeftovers();
+        lock.lock();
         continue;
       }
-      try {
-        if (client.keepAlive(current) > 0) {
-          std::lock_guard<std::mutex> lock(mutex);
-          if (lease == current) confirmed = std::chrono::steady_clock::now();
-        } else {
-          loseLease(current, "lease expired", false);
-        }
-        settleLeftovers();
-      } catch (const ZUEtcdError& e) {
-        if (std::chrono::steady_clock::now() - since > std::chrono::seconds(config.ttlSeconds))
-          loseLease(current,
-                    "etcd unreachable for longer than the lease's TTL of " +
-                        std::to_string(config.ttlSeconds) + " s (" + e.getDescription() + ")",
-                    true);
+      const Clock::time_point due = std::max(renewDue, retryAt);
+      if (now < due) {
+        changed.wait_until(lock, due);
+        continue;
       }
+      const std::int64_t current = lease;
+      const auto left = std::chrono::duration_cast<Ms>(deadline - now).count();
+      const int timeoutMs = static_cast<int>(
+          std::clamp<long long>(left, kRenewCallMinMs, config.callTimeoutMs));
+      lock.unlock();
+      const Clock::time_point sent = Clock::now();
+      std::int64_t reported = -1;
+      std::string failure;
+      try {
+        reported = client.keepAlive(current, timeoutMs);
+      } catch (const ZUEtcdError& e) {
+        failure = e.getDescription();
+      }
+      if (reported == 0) {
+        loseLease(current, "lease expired", false);
+      } else if (reported > 0) {
+        confirm(current, sent, reported);
+        settleLeftovers();
+      }
+      lock.lock();
+      if (reported < 0) {
+        if (lease == current) renewFailure = failure;
+        retryAt = Clock::now() + kRenewRetry;
+      }
+    }
+  }
+
+  /// Gives the lease up when its deadline passes, whatever the keep-alive
+  /// thread is doing (its call may hang until its own time limit). Takes:
+  /// mutex, never across loseLease.
+  void guardLoop() {
+    std::unique_lock<std::mutex> lock(mutex);
+    while (!stopping) {
+      if (lease == 0) {
+        changed.wait(lock);
+        continue;
+      }
+      if (Clock::now() < deadline) {
+        changed.wait_until(lock, deadline);
+        continue;
+      }
+      const std::int64_t current = lease;
+      const std::string reason = overdueReason();
+      lock.unlock();
+      loseLease(current, reason, true);
+      lock.lock();
     }
   }
 
@@ -227,6 +327,7 @@ ZUFleetSession::ZUFleetSession(ZUFleetConfig config) {
   core_ = std::make_shared<Core>(std::move(config));
   std::shared_ptr<Core> core = core_;
   keepAlive_ = std::thread([core] { core->keepAliveLoop(); });
+  guard_ = std::thread([core] { core->guardLoop(); });
   watch_ = std::thread([core] { core->watchLoop(); });
 }
 
@@ -244,7 +345,7 @@ ZUFleetSession::~ZUFleetSession() {
   } catch (const ZUEtcdError&) {
     // Unreachable: the watch ends at its idle limit.
   }
-  for (std::thread* thread : {&keepAlive_, &watch_}) {
+  for (std::thread* thread : {&keepAlive_, &guard_, &watch_}) {
     if (thread->get_id() == std::this_thread::get_id())
       thread->detach();  // the core lives on with it
     else
@@ -261,15 +362,55 @@ std::int64_t ZUFleetSession::lease() {
     std::lock_guard<std::mutex> lock(core_->mutex);
     if (core_->lease != 0) return core_->lease;
   }
-  const std::int64_t granted = core_->client.grant(core_->config.ttlSeconds);
-  std::lock_guard<std::mutex> lock(core_->mutex);
-  if (core_->lease != 0) {
-    core_->toRevoke.push_back(granted);  // another wait was quicker
-  } else {
-    core_->lease = granted;
-    core_->confirmed = std::chrono::steady_clock::now();
+  const Clock::time_point sent = Clock::now();
+  const ZUEtcdLease granted = core_->client.grant(core_->config.ttlSeconds);
+  bool log = false;
+  std::int64_t result;
+  {
+    std::lock_guard<std::mutex> lock(core_->mutex);
+    if (core_->lease != 0) {
+      core_->toRevoke.push_back(granted.id);  // another wait was quicker
+    } else {
+      Core& c = *core_;
+      c.lease = granted.id;
+      c.ttl = Ms(granted.ttlSeconds * 1000);
+      c.deadline = sent + c.ttl - marginOf(c.ttl);
+      c.renewDue = sent + c.ttl / 3;
+      c.renewFailure.clear();
+      log = granted.ttlSeconds != c.config.ttlSeconds && !c.ttlLogged;
+      c.ttlLogged = c.ttlLogged || log;
+      c.changed.notify_all();
+    }
+    result = core_->lease;
   }
-  return core_->lease;
+  // Written once, outside the lock: every deadline counts the TTL granted.
+  if (log)
+    std::cerr << "zufleet: robot " << core_->config.robot << " asked etcd for a lease of "
+              << core_->config.ttlSeconds << " s and was granted " << granted.ttlSeconds
+              << " s; its deadlines count " << granted.ttlSeconds << " s" << std::endl;
+  return result;
+}
+
+std::chrono::milliseconds ZUFleetSession::leaseTtl() const {
+  std::lock_guard<std::mutex> lock(core_->mutex);
+  return core_->lease == 0 ? Ms(0) : core_->ttl;
+}
+
+std::optional<std::string> ZUFleetSession::lossOf(std::int64_t lease) {
+  std::string reason;
+  {
+    std::lock_guard<std::mutex> lock(core_->mutex);
+    if (core_->lease != lease)
+      return core_->lostLease == lease ? core_->lostReason : std::string("lease given up");
+    if (Clock::now() < core_->deadline) return std::nullopt;
+    reason = core_->overdueReason();
+  }
+  core_->loseLease(lease, reason, true);
+  return reason;
+}
+
+void ZUFleetSession::lose(std::int64_t lease, const std::string& reason) {
+  core_->loseLease(lease, reason, true);
 }
 
 std::string ZUFleetSession::resourcePrefix(const std::string& name) const {

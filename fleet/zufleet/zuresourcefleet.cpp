@@ -30,6 +30,10 @@ std::chrono::steady_clock::time_point deadlineOf(int timeout) {
 ZUError waitError(const std::string& description, unsigned line) {
   return ZUError(contract::kWaitErrorModule, contract::kWaitErrorMethod, description, kFile, line);
 }
+
+ZUError lostError(const std::string& reason, unsigned line) {
+  return waitError(ZUResourceFleet::kLeaseLost + reason, line);
+}
 }  // namespace
 
 boost::shared_ptr<ZUResourceFleet> ZUResourceFleet::create(
@@ -132,7 +136,7 @@ bool ZUResourceFleet::acquireFleet(const boost::shared_ptr<ZUOwner>& owner,
         key = session_->keyOf(name, lease);
         {
           std::lock_guard<std::mutex> relock(claimMutex_);
-          if (claim_ == Claim::lost) throw waitError("fleet lease lost: " + lostReason_, __LINE__);
+          if (claim_ == Claim::lost) throw lostError(lostReason_, __LINE__);
           lease_ = lease;
           key_ = key;
         }
@@ -141,6 +145,9 @@ bool ZUResourceFleet::acquireFleet(const boost::shared_ptr<ZUOwner>& owner,
         if (claim_ == Claim::waiting) token_ = token;  // queued
         break;
       } catch (const ZUEtcdError& e) {
+        // Turned down: the lease expired before the key was put.
+        if (e.answered() && lease != 0)
+          session_->lose(lease, "etcd turned the key's put down: " + e.getDescription());
         // Refused: nothing listens there. Otherwise etcd may answer in time.
         if (e.refused() || Clock::now() + kPoll >= deadline)
           throw ZUError("ZUResourceFleet", "waitFor",
@@ -153,8 +160,11 @@ bool ZUResourceFleet::acquireFleet(const boost::shared_ptr<ZUOwner>& owner,
       abandon(owner);
       return false;
     }
+    // The queue said "your turn" while the key existed; the lease must still
+    // be within its deadline now, or the turn may already be another robot's.
+    failIfLost(lease);
     lock.lock();
-    if (claim_ == Claim::lost) throw waitError("fleet lease lost: " + lostReason_, __LINE__);
+    if (claim_ == Claim::lost) throw lostError(lostReason_, __LINE__);
     if (isFree()) throw waitError(contract::kStopWhileWaiting, __LINE__);
     claim_ = Claim::held;
     token_ = token;
@@ -162,10 +172,14 @@ bool ZUResourceFleet::acquireFleet(const boost::shared_ptr<ZUOwner>& owner,
     lock.unlock();
     // The grant is the robot's: when the manager released `owner` and another
     // local owner took the resource meanwhile, that owner keeps the grant and
-    // this wait ends as a stopped one.
+    // this wait ends as a stopped one. A grant lost meanwhile (the lease went
+    // and took the local holder with it) ends the wait as a loss.
     boost::shared_ptr<ZUOwner> holder = copyOwner();
-    if (!holder || (holder->name != owner->name && !holder->isParent(owner)))
+    if (!holder || (holder->name != owner->name && !holder->isParent(owner))) {
+      lock.lock();
+      if (claim_ != Claim::held || token_ != token) throw lostError(lostReason_, __LINE__);
       throw waitError(contract::kStopWhileWaiting, __LINE__);
+    }
   } catch (...) {
     if (lock.owns_lock()) lock.unlock();
     abandon(owner);
@@ -197,22 +211,28 @@ bool ZUResourceFleet::awaitTurn(const ZUOwner& owner, std::int64_t lease, std::i
     if (mustRead) {
       since = session_->deletions();
       try {
+        // The robot's own key and the one just ahead of it, if any. A robot
+        // whose key is gone (its lease expired while it could not renew it,
+        // frozen or cut off) has lost its place: the keys ahead of it may be
+        // gone too, and another robot served meanwhile.
         const std::vector<ZUEtcdKeyValue> keys =
-            session_->client().range(prefix, end, token - 1, 1);
+            session_->client().range(prefix, end, token, 2);
         unreachable.reset();
         lastRead = Clock::now();
-        if (keys.empty()) return true;
+        if (keys.empty() || keys.front().createRevision != token) {
+          session_->lose(lease, "the robot's key left the queue (its lease expired)");
+          failIfLost(lease);
+          throw lostError("the robot's key left the queue (its lease expired)", __LINE__);
+        }
+        if (keys.size() == 1) return true;
         if (noWait) return false;
-        if (keys.front().key != ahead) waitingBehind(owner, keys.front().value, deadline);
-        ahead = keys.front().key;
+        if (keys[1].key != ahead) waitingBehind(owner, keys[1].value, deadline);
+        ahead = keys[1].key;
       } catch (const ZUEtcdError& e) {
         unreachable = e;
       }
     }
-    {
-      std::lock_guard<std::mutex> lock(claimMutex_);
-      if (claim_ == Claim::lost) throw waitError("fleet lease lost: " + lostReason_, __LINE__);
-    }
+    failIfLost(lease);
     if (isFree()) throw waitError(contract::kStopWhileWaiting, __LINE__);
     const Clock::time_point now = Clock::now();
     if (now >= deadline) {
@@ -230,6 +250,17 @@ bool ZUResourceFleet::awaitTurn(const ZUOwner& owner, std::int64_t lease, std::i
     else
       deleted = session_->awaitDeletion(ahead, since, lease, until);
     mustRead = deleted || unreachable || Clock::now() - lastRead >= kRecheck;
+  }
+}
+
+void ZUResourceFleet::failIfLost(std::int64_t lease) {
+  {
+    std::lock_guard<std::mutex> lock(claimMutex_);
+    if (claim_ == Claim::lost) throw lostError(lostReason_, __LINE__);
+  }
+  if (std::optional<std::string> reason = session_->lossOf(lease)) {
+    std::lock_guard<std::mutex> lock(claimMutex_);
+    throw lostError(claim_ == Claim::lost ? lostReason_ : *reason, __LINE__);
   }
 }
 

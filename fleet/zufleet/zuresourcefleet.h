@@ -74,6 +74,10 @@ class ZUResourceFleet : public ZUResource {
   /// before the closing "<br />".
   std::string httpGet(int depth) override;
 
+  /// The start of the fleet-loss error's description, followed by the reason:
+  /// every wait of a robot whose lease is lost fails with it.
+  static constexpr const char* kLeaseLost = "fleet lease lost: ";
+
   /// The fencing token of the robot's grant, 0 when it holds none.
   std::int64_t fencingToken() const;
 
@@ -104,6 +108,10 @@ class ZUResourceFleet : public ZUResource {
   /// `lease`. Same results as acquireFleet. No lock is held.
   bool awaitTurn(const ZUOwner& owner, std::int64_t lease, std::int64_t token,
                  Clock::time_point deadline, bool noWait);
+  /// Throws the fleet-loss error when the claim was lost or `lease` is no
+  /// longer the robot's or past its deadline. Takes: claimMutex, then the
+  /// session's (never both at once).
+  void failIfLost(std::int64_t lease);
   /// Tells observers that `owner` waits behind robot `robot`, the key just
   /// ahead of its own (the holder, or a robot that asked earlier). Called
   /// with no lock held.

@@ -90,6 +90,15 @@ void ZUModule::waitIdle() {
     lock.wait(tasks_->changed);
 }
 
+bool ZUModule::waitIdleFor(std::chrono::milliseconds timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  ZUMutexLock lock(tasks_->mutex);
+  while (!tasks_->stopping && (!tasks_->queue.empty() || tasks_->running))
+    if (!lock.waitUntil(tasks_->changed, deadline))
+      return tasks_->stopping || (tasks_->queue.empty() && !tasks_->running);
+  return true;
+}
+
 int ZUModule::startedTasks() const {
   ZUMutexLock lock(tasks_->mutex);
   return tasks_->nextTaskId - 1;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -76,6 +77,9 @@ class ZUModule {
 
   /// Blocks until no task is queued or running. For tests and tools.
   void waitIdle();
+  /// Like waitIdle(), for at most `timeout`; returns whether the module was
+  /// idle (or stopping) then.
+  bool waitIdleFor(std::chrono::milliseconds timeout);
 
   /// Number of tasks started so far.
   int startedTasks() const;

@@ -50,8 +50,6 @@ ZUResourceState* asState(const boost::shared_ptr<ZUResource>& r) {
   return dynamic_cast<ZUResourceState*>(r.get());
 }
 
-std::string quoteName(const std::string& name) { return ZUValue(name).serializeToText(); }
-
 constexpr std::chrono::milliseconds kPollPeriod{ZUOwnerStrong::kPollPeriodMs};
 /// A free resource goes to its fallback owner once it has been free this
 /// long: a waiter that was just served takes it within one polling period.
@@ -161,6 +159,49 @@ class ZUManager::Listener : public ZUObserver {
 };
 
 // --- Construction -------------------------------------------------------------
+
+std::vector<boost::shared_ptr<ZUResource>> buildResources(const ZUResourceTree& tree,
+                                                          const ZUFleetFactory& fleet) {
+  std::unordered_map<std::string, boost::shared_ptr<ZUResource>> made;
+  for (const ZUTreeResource& r : tree.resources) {
+    boost::shared_ptr<ZUResource> one;
+    if (r.fleet) {
+      if (!fleet)
+        throw ZUManagerError(ZUManagerError::Code::BadArgument, "buildResources",
+                             "the fleet resource " + quoteName(r.name) +
+                                 " needs a fleet session, which this manager has not");
+      one = fleet(r);
+    } else if (r.kind == ZUTreeKind::Plain) {
+      one = boost::make_shared<ZUResource>(r.libraryName, nullptr);
+    } else if (r.kind == ZUTreeKind::State) {
+      one = boost::make_shared<ZUResourceState>(r.libraryName, nullptr);
+    } else {
+      one = boost::make_shared<ZUResourceList>(r.libraryName, nullptr);
+    }
+    made[r.name] = one;
+  }
+  for (const ZUTreeResource& r : tree.resources) {
+    for (const std::string& m : r.members) made.at(r.name)->addResource(made.at(m));
+    if (r.activated) asState(made.at(r.name))->setState(true);
+  }
+  std::vector<boost::shared_ptr<ZUResource>> roots;
+  for (const std::string& r : tree.roots()) roots.push_back(made.at(r));
+  return roots;
+}
+
+std::map<std::string, ZUResourcePolicy> ZUManager::policiesOf(const ZUResourceTree& tree) {
+  std::map<std::string, ZUResourcePolicy> policies;
+  for (const ZUTreeResource& r : tree.resources) {
+    if (r.graceMs < 0 && r.fallback.empty()) continue;
+    ZUResourcePolicy& p = policies[r.libraryName];
+    if (r.graceMs >= 0) p.graceMs = static_cast<int>(r.graceMs);
+    p.fallback = r.fallback;
+  }
+  return policies;
+}
+
+ZUManager::ZUManager(const ZUResourceTree& tree, const ZUFleetFactory& fleet)
+    : ZUManager(buildResources(tree, fleet), policiesOf(tree)) {}
 
 ZUManager::ZUManager(const std::vector<boost::shared_ptr<ZUResource>>& roots,
                      const std::map<std::string, ZUResourcePolicy>& policies)
@@ -286,6 +327,10 @@ std::vector<std::string> ZUManager::leavesOf(const std::string& name) const {
 void ZUManager::openModule(const std::string& name, ZUNoticeHandler onNotice) {
   if (name.empty())
     throw ZUManagerError(ZUManagerError::Code::EmptyName, "openModule", "empty module name");
+  if (name.size() > kMaxNameLength)
+    throw ZUManagerError(ZUManagerError::Code::BadArgument, "openModule",
+                         "a module name of " + std::to_string(name.size()) +
+                             " bytes is over the limit of " + std::to_string(kMaxNameLength));
   if (name == contract::kPlaceholderName)
     throw ZUManagerError(ZUManagerError::Code::BadArgument, "openModule",
                          quoteName(name) + " is the name of a free resource's holder");
@@ -402,6 +447,10 @@ std::vector<boost::shared_ptr<ZUModule>> ZUManager::purgeClosedLocked() {
 void ZUManager::makeOwner(const std::string& module, const std::string& owner, int priority) {
   if (owner.empty())
     throw ZUManagerError(ZUManagerError::Code::EmptyName, "makeOwner", "empty owner name");
+  if (owner.size() > kMaxNameLength)
+    throw ZUManagerError(ZUManagerError::Code::BadArgument, "makeOwner",
+                         "an owner name of " + std::to_string(owner.size()) +
+                             " bytes is over the limit of " + std::to_string(kMaxNameLength));
   if (owner == contract::kPlaceholderName)
     throw ZUManagerError(ZUManagerError::Code::BadArgument, "makeOwner",
                          quoteName(owner) + " is the name of a free resource's holder");
@@ -571,7 +620,7 @@ void ZUManager::pruneLocked(const std::string& name) {
   // descendant it handed a resource down to; while no descendant waits or
   // holds, no such hand-back can come.
   for (std::size_t length = 1; length <= name.size(); ++length) {
-    auto it = owners_.find(name.substr(0, length));
+    auto it = owners_.find(std::string_view(name).substr(0, length));
     if (it == owners_.end()) continue;
     Owner& o = *it->second;
     if (o.objects.empty() || descendantBusyLocked(o.name)) continue;

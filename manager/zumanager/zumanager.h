@@ -14,6 +14,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <string_view>
 #include <string>
 #include <thread>
 #include <unordered_map>
@@ -32,6 +33,8 @@
 #include <zuresource/zuresource.h>
 #include <zuresource/zuresourcestate.h>
 
+#include <zumanager/zuresourcetree.h>
+
 namespace ZU {
 
 /// A request of a front end that the manager refuses. The code tells the
@@ -49,7 +52,9 @@ class ZUManagerError : public ZUError {
     ModuleExists,     ///< a module of that name is open already
     OtherModule,      ///< the owner belongs to another module
     NotAState,        ///< setState/releaseState on a resource that is no state resource
-    BadArgument       ///< any other argument out of range
+    BadArgument,      ///< any other argument out of range
+    Unauthenticated,  ///< the caller is not known (ZURights)
+    PermissionDenied  ///< beyond the caller's rights (ZURights)
   };
   ZUManagerError(Code code, const std::string& method, const std::string& description);
   Code code() const { return code_; }
@@ -90,6 +95,18 @@ struct ZUResourcePolicy {
   /// it at once to any request; empty for none.
   std::string fallback;
 };
+
+/// Makes a fleet resource of a tree (the fleet layer is above the manager's
+/// reach); see buildResources.
+using ZUFleetFactory = std::function<boost::shared_ptr<ZUResource>(const ZUTreeResource&)>;
+
+/// The library's resources of `tree`, one robot's: groups filled in member
+/// order, state resources activated as declared. Returns the roots (the
+/// resources that are no group's member) in declaration order. A fleet
+/// resource is made by `fleet`; without one it is refused (ZUManagerError
+/// BadArgument).
+std::vector<boost::shared_ptr<ZUResource>> buildResources(const ZUResourceTree& tree,
+                                                          const ZUFleetFactory& fleet = {});
 
 /// Called in the module's own task thread, one notice at a time and in order,
 /// with no lock of the manager held.
@@ -175,6 +192,9 @@ class ZUAcquireCancel {
 /// library's locks (reading holders); a cancel token's mutex is a leaf.
 class ZUManager {
  public:
+  /// The longest module or owner name, in bytes.
+  static constexpr std::size_t kMaxNameLength = 1024;
+
   /// Manages the trees `roots` (groups with their members; each resource
   /// name once). Throws ZUManagerError for an empty handle or a name used
   /// twice.
@@ -184,6 +204,12 @@ class ZUManager {
   /// a state resource.
   explicit ZUManager(const std::vector<boost::shared_ptr<ZUResource>>& roots,
                      const std::map<std::string, ZUResourcePolicy>& policies = {});
+  /// Manages the resources of `tree` (buildResources) with the policies it
+  /// declares (policiesOf).
+  explicit ZUManager(const ZUResourceTree& tree, const ZUFleetFactory& fleet = {});
+  /// The policies `tree` declares: a grace period or a fallback owner given
+  /// to a resource (by its library name).
+  static std::map<std::string, ZUResourcePolicy> policiesOf(const ZUResourceTree& tree);
   /// Closes every module (their requests stop, their holdings are released).
   ~ZUManager();
   ZUManager(const ZUManager&) = delete;
@@ -192,7 +218,8 @@ class ZUManager {
   // --- Modules and owners. ------------------------------------------------
 
   /// Opens module `name`; `onNotice` receives its notices. Throws
-  /// ZUManagerError (EmptyName, ModuleExists). Takes: mutex_.
+  /// ZUManagerError (EmptyName, ModuleExists; BadArgument for a name over
+  /// kMaxNameLength or "emptyOwner"). Takes: mutex_.
   void openModule(const std::string& name, ZUNoticeHandler onNotice);
   /// Closes module `name` as the manager stops a box: every request of its
   /// owners ends with "box stop while waiting" (stop ModuleClosed), then
@@ -205,10 +232,11 @@ class ZUManager {
   void closeModule(const std::string& name);
   /// Whether module `name` is open. Takes: mutex_.
   bool hasModule(const std::string& name) const;
-  /// Makes owner `owner` in module `module`; again in the same module does
-  /// nothing. Names are the library's (hierarchical by prefix: "box/arm" is
+  /// Makes owner `owner` in module `module`; again in the same module sets its
+  /// priority. Names are the library's (hierarchical by prefix: "box/arm" is
   /// a descendant of "box"). Throws ZUManagerError (EmptyName, UnknownModule,
-  /// OtherModule). Takes: mutex_.
+  /// OtherModule; BadArgument for a name over kMaxNameLength, "emptyOwner" or
+  /// a resource's name). Takes: mutex_.
   void makeOwner(const std::string& module, const std::string& owner, int priority = 0);
   /// The module of `owner`, or empty. Takes: mutex_.
   std::string moduleOf(const std::string& owner) const;
@@ -380,7 +408,7 @@ class ZUManager {
   /// By name. The records' own fields are guarded by mutex_ too.
   std::map<std::string, std::shared_ptr<Module>> modules_ ZU_GUARDED_BY(mutex_);
   /// By name, sorted: an owner's descendants follow it.
-  std::map<std::string, std::unique_ptr<Owner>> owners_ ZU_GUARDED_BY(mutex_);
+  std::map<std::string, std::unique_ptr<Owner>, std::less<>> owners_ ZU_GUARDED_BY(mutex_);
   /// Closed modules still on the broker, oldest first.
   std::deque<Closed> closed_ ZU_GUARDED_BY(mutex_);
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <unordered_set>
 
+#include "zumanager/zumanager.h"
 #include "zumanager/zuresourcetreereader.h"
 
 namespace ZU {
@@ -17,7 +18,7 @@ std::string qualified(int robot, const std::string& robotName, const std::string
 
 void readResource(const ZUJsonEntry& e, int robot, const std::string& robotName,
                   ZUResourceTree& tree) {
-  e.allow({"name", "kind", "activated", "members"});
+  e.allow({"name", "kind", "activated", "members", "graceMs", "fallback"});
   ZUTreeResource r;
   r.robot = robot;
   r.libraryName = robotLocalName(e, "name", "resource", robot);
@@ -45,6 +46,12 @@ void readResource(const ZUJsonEntry& e, int robot, const std::string& robotName,
   if (r.kind != ZUTreeKind::Group && e.has("members")) e.fail("only a group has \"members\"");
   if (r.kind != ZUTreeKind::State && e.has("activated"))
     e.fail("only a state resource has \"activated\"");
+  // The manager's policies. A state resource is shared: never taken from its
+  // holders, never held by a fallback owner.
+  if (r.kind == ZUTreeKind::State && (e.has("graceMs") || e.has("fallback")))
+    e.fail("a state resource is shared: it has no \"graceMs\" and no \"fallback\"");
+  r.graceMs = e.time("graceMs", -1, ZUResourcePolicy::kMaxGraceMs);
+  if (e.has("fallback")) r.fallback = e.name("fallback", "owner");
   if (!tree.resourceIndex.emplace(r.name, tree.resources.size()).second)
     e.fail("resource " + quoteName(r.name) + " declared twice");
   tree.resources.push_back(std::move(r));
@@ -172,7 +179,7 @@ bool ZUResourceTree::hasFleet() const {
 ZUResourceTree parseResourceTree(const std::string& text, const std::string& file) {
   json top = readJson(text, file, "tree");
   ZUJsonEntry whole(top, file, "tree");
-  whole.allow({"resources"});
+  whole.allow({"resources", "clients"});  // the clients are the rights' (zurights.h)
   ZUResourceTree tree;
   readResources(top, file, "", -1, "", tree);
   checkNesting(tree, file);

@@ -33,6 +33,8 @@ struct ZUTreeResource {
   std::string libraryName;           // the resource's own name: the bare name of a fleet resource
   bool activated = false;            // state resources: activated at the start
   std::vector<std::string> members;  // groups: member names, in order
+  long graceMs = -1;                 // the grace period before a take, in ms; -1: not given
+  std::string fallback;              // the owner that holds it while nobody else does, if any
 };
 
 /// The resources of a file, in declaration order, and their index by name.

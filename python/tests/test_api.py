@@ -1,4 +1,5 @@
 """The module's surface: one row per call, on a fresh tree each time."""
+import contextlib
 import types
 
 import pytest
@@ -75,9 +76,57 @@ def test_error(w, call, expected):
     assert str(e).startswith(f"ZUError: {e.module}::{e.method}: {e.description} (behavior/lib/")
 
 
-def test_not_obtained_gives_everything_back(w):
+@pytest.mark.parametrize("arm_busy", [False, True], ids=["block ran", "not obtained"])
+def test_the_block_gives_back_only_what_it_took(w, arm_busy):
+    leg, ran = zr.Resource("Leg"), []
+    w.head.wait_for(w.a)  # held before the block
+    if arm_busy:
+        w.arm.wait_for(w.b)
+    with contextlib.suppress(zr.NotObtained), zr.Group("All", [w.head, w.arm, leg]).acquired(w.a, no_wait=["Arm"]):
+        ran.append((w.arm.holder, leg.holder))
+    assert ran == ([] if arm_busy else [("a", "a")])
+    assert (w.head.holder, w.arm.holder, leg.holder) == ("a", "b" if arm_busy else zr.PLACEHOLDER, zr.PLACEHOLDER)
+
+
+def test_not_obtained_names_what_is_missing(w):
     w.arm.wait_for(w.b)
     with pytest.raises(zr.NotObtained) as raised, zr.Group("Both", [w.head, w.arm]).acquired(w.a, no_wait=["Arm"]):
         pytest.fail("the body ran without the arm")
     assert raised.value.names == ["Arm"] and isinstance(raised.value, zr.Error)
-    assert (w.head.holder, w.arm.holder) == (zr.PLACEHOLDER, "b")
+
+
+# Names are str: bytes (or a str that UTF-8 cannot encode) are refused where a name goes in.
+NOT_NAMES = [
+    ("resource", lambda w: zr.Resource(b"He\xffad")),
+    ("state resource", lambda w: zr.StateResource(b"Stand")),
+    ("group", lambda w: zr.Group(b"Body")),
+    ("owner", lambda w: zr.Owner(b"\xfe", "A")),
+    ("owner's module", lambda w: zr.Owner("a", b"A")),
+    ("module", lambda w: w.broker.add_module(b"A", None)),
+    ("no-wait list", lambda w: w.body.wait_for(w.a, no_wait=["Head", b"Stand"])),
+    ("label", lambda w: w.head.acquired(w.a, label=b"x")),
+    ("member", lambda w: w.body.delete_resource(b"Head")),
+    ("lone surrogate", lambda w: zr.Resource("He\udcffad")),
+]
+
+
+@pytest.mark.parametrize("call", [r[1] for r in NOT_NAMES], ids=[r[0] for r in NOT_NAMES])
+def test_a_name_that_is_not_str_is_refused(w, call):
+    with pytest.raises(TypeError):
+        call(w)
+    assert (w.head.holder, w.body.members) == (zr.PLACEHOLDER, [w.head, w.stand])
+
+
+def test_a_name_comes_back_as_given_in_attributes_errors_and_events(w):
+    head, events = zr.Resource("Kopf-ü"), []
+    a, b = zr.Owner("ä/1", "Mödul", w.broker), zr.Owner("b", "B")
+    w.broker.add_module("Mödul", lambda name: events.append(("told", name)))
+    with zr.Observer(lambda e: events.append((e["kind"], e["resource"], e["owner"], e["holder_module"]))):
+        head.wait_for(a)
+        with pytest.raises(zr.Error) as raised:
+            head.wait_for(b, timeout=0)
+    w.broker.module("Mödul").wait_idle()
+    assert (head.name, head.holder, a.name, a.module) == ("Kopf-ü", "ä/1", "ä/1", "Mödul")
+    assert raised.value.description == zr.WAIT_TIMED_OUT_PREFIX + "Kopf-ü"
+    assert ("granted", "Kopf-ü", "ä/1", "") in events and ("told", "Kopf-ü") in events
+    assert ("timedOut", "Kopf-ü", "b", "Mödul") in events

@@ -131,3 +131,18 @@ def test_an_observer_sees_the_handover_from_both_threads_until_closed():
         ("requested", "s", "", True, None), ("waiting", "s", "t", True, None),
         ("notified", "s", "t", True, None), ("released", "t", "", False, None),
         ("granted", "s", "", True, "---Head -> S eStrong null 0<br />")], key=str)
+
+
+def test_a_handler_waiting_for_its_own_module_to_be_idle_gets_runtime_error():
+    broker, head, raised = zr.Broker(), zr.Resource("Head"), []
+
+    def handler(name):
+        with pytest.raises(RuntimeError) as error:
+            module.wait_idle()  # would wait for itself
+        raised.append(str(error.value))
+    module = broker.add_module("A", handler)
+    head.wait_for(zr.Owner("a", "A", broker))
+    with pytest.raises(zr.Error):
+        head.wait_for(zr.Owner("b", "B", broker), timeout=0)
+    module.wait_idle()
+    assert raised == ["cannot wait for module 'A' to be idle from its own handler"]

@@ -68,9 +68,9 @@ class ManagerTest : public ::testing::Test {
   }
   std::string holder(const std::string& leaf) { return manager.holdersOf(leaf).at(0); }
 
-  ZUManager manager{robot()};
   std::mutex mutex;
   std::vector<std::string> notices;  // guarded by mutex
+  ZUManager manager{robot()};  // last: it ends its modules' notices first
 };
 
 // How a request ends, and who holds what afterwards. Arm is held by "other"
@@ -240,6 +240,25 @@ TEST_F(ManagerTest, HandDownsGoBack) {
   }
 }
 
+// A tree as a file declares it: groups, an activated state, the policies.
+TEST(ManagerOfATree, BuildsWhatTheFileDeclares) {
+  ZU::ZUResourceTree tree = ZU::parseResourceTree(R"({"resources": [
+    {"name": "Body", "kind": "group", "members": ["Head", "Legs"], "graceMs": 100},
+    {"name": "Head"}, {"name": "Legs", "fallback": "posture"},
+    {"name": "Standing", "kind": "state", "activated": true}]})",
+                                                  "t.json");
+  ZUManager m(tree);
+  EXPECT_EQ(m.leavesOf("Body"), (std::vector<std::string>{"Head", "Legs"}));
+  EXPECT_EQ(m.roots().size(), 2u);
+  m.openModule("P", nullptr);
+  m.makeOwner("P", "posture");
+  EXPECT_EQ(m.acquire({"posture", "Standing", 0, {}}).kind, Kind::Granted);  // activated
+  auto policies = ZUManager::policiesOf(tree);
+  EXPECT_EQ(policies.at("Body").graceMs, 100);
+  EXPECT_EQ(policies.at("Legs").fallback, "posture");
+  EXPECT_EQ(policies.at("Legs").graceMs, ZU::ZUResourcePolicy::kDefaultGraceMs);
+}
+
 // Refused calls change nothing.
 TEST_F(ManagerTest, RefusedCalls) {
   using Code = ZUManagerError::Code;
@@ -259,6 +278,8 @@ TEST_F(ManagerTest, RefusedCalls) {
       {"owner of another module", [&] { manager.makeOwner("A", "other"); }, Code::OtherModule},
       {"owner in no module", [&] { manager.makeOwner("Z", "z"); }, Code::UnknownModule},
       {"owner named like a state", [&] { manager.makeOwner("A", "Standing"); },
+       Code::BadArgument},
+      {"owner name of 1 MB", [&] { manager.makeOwner("A", std::string(1 << 20, 'x')); },
        Code::BadArgument},
       {"module opened twice", [&] { manager.openModule("A", nullptr); }, Code::ModuleExists},
       {"state of a plain resource", [&] { manager.setState("Arm", true); }, Code::NotAState},

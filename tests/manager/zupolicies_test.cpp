@@ -47,6 +47,7 @@ class Stage {
  public:
   explicit Stage(std::map<std::string, ZU::ZUResourcePolicy> policies = {})
       : manager(robot(), policies) {}
+
   void open(const std::string& module, const std::string& owner, int priority, bool letsGo) {
     manager.openModule(module, [this, module, letsGo](const ZUNotice& n) {
       {
@@ -92,15 +93,15 @@ class Stage {
     return true;
   }
 
-  ZUManager manager;
+  std::mutex mutex_;
+  std::vector<std::string> notices_;  // guarded by mutex_
+  ZUManager manager;  // last: it ends its modules' notices first
 
  private:
   static std::string describe(const std::string& module, const ZUNotice& n) {
     if (n.kind == ZUNotice::Kind::Wanted) return module + ": " + n.resource + " wanted";
     return module + ": " + n.owner + " lost " + n.resource + " to " + n.by;
   }
-  std::mutex mutex_;
-  std::vector<std::string> notices_;  // guarded by mutex_
 };
 
 // A holder of lower priority that does not let go within the grace period

@@ -55,6 +55,9 @@ TEST(ResourceTree, RefusesFaultsNamingFileEntryAndWhat) {
        "t.json: resources[0]: only a group has \"members\""},
       {R"({"resources": [{"name": "H", "kind": "pla\nin"}]})",
        "t.json: resources[0]: unknown kind \"pla\\nin\""},
+      {R"({"resources": [{"name": "S", "kind": "state", "fallback": "p"}]})",
+       "t.json: resources[0]: a state resource is shared"},
+      {R"({"resources": [{"name": "H", "graceMs": -1}]})", "t.json: resources[0]: \"graceMs\""},
   };
   for (const Row& row : rows)
     EXPECT_EQ(refusal(row.text).rfind(row.message, 0), 0u) << row.text << "\n" << refusal(row.text);

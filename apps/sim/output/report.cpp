@@ -56,6 +56,11 @@ const int kMarkRow = 16;           // the marks below them
 const int kLeastRow = 5;           // a crowded lane's sub-lanes shrink down to this
 const double kLeastBar = 2.5;      // px: the narrowest bar, and a little room after it
 const std::size_t kListFrom = 31;  // owners from which the legend is a searchable list
+const std::size_t kListName = 22;    // bytes of a name the list's columns show
+const std::size_t kLegendName = 36;  // and a legend of few owners
+const double kHoldCharPx = 8.0;    // room a holding's label (12 px) takes per character
+const double kWaitCharPx = 6.7;    // and a wait's (10 px)
+const std::size_t kLeastLabel = 3;  // characters: a label cut shorter is left out
 
 /// How an event kind is marked on its lane; kinds without a mark are not drawn.
 struct Mark {
@@ -102,6 +107,17 @@ std::string ownerColour(std::size_t i) {
 }
 
 std::size_t ownerPattern(std::size_t i) { return (i / kPaletteSize) % kPatternCount; }
+
+/// `label` whole if it has room for `room` characters, else cut to that
+/// room with an ellipsis (as wide as two characters; never inside a UTF-8
+/// sequence), or empty when less than kLeastLabel characters would show.
+std::string fitted(const std::string& label, double room) {
+  if (room >= static_cast<double>(label.size())) return label;
+  if (room < static_cast<double>(kLeastLabel) + 2) return "";
+  std::size_t keep = static_cast<std::size_t>(room) - 2;
+  while (keep > 0 && (static_cast<unsigned char>(label[keep]) & 0xC0) == 0x80) --keep;
+  return label.substr(0, keep) + "\xe2\x80\xa6";
+}
 
 /// The height of each of `rows` sub-lanes: `full` while there are few, then
 /// shrinking so that a crowded lane stays within a few full rows' height.
@@ -342,8 +358,11 @@ class Timeline {
     if (pattern)
       out_ << "<rect x=\"" << from << "\" y=\"" << y << "\" width=\"" << width << "\" height=\""
            << h << "\" class=\"p" << pattern << "\"/>";
-    std::string label = wait ? who + " waits" : who;
-    if (h >= (wait ? 10 : 14) && width > 7.0 * static_cast<double>(label.size()))
+    std::string label = !wait               ? who
+                        : s.owner.empty() ? "deactivation waits for " + s.holder
+                                          : who + " waits";
+    label = fitted(label, (width - 6.0) / (wait ? kWaitCharPx : kHoldCharPx));
+    if (h >= (wait ? 10 : 14) && !label.empty())
       out_ << "<text x=\"" << from << "\" dx=\"4\" y=\"" << y + h - (wait ? 2 : 4) << "\" class=\""
            << (wait ? "tw" : "th") << "\">" << escapeHtml(label) << "</text>";
     out_ << "</g>\n";
@@ -382,8 +401,22 @@ class Timeline {
   std::ostringstream out_;
 };
 
+/// `name` whole if it has at most `most` bytes, else its start and its end
+/// around an ellipsis, so that names that differ only at the end (a number)
+/// still look different; never cut inside a UTF-8 sequence.
+std::string middleCut(const std::string& name, std::size_t most) {
+  if (name.size() <= most) return name;
+  auto boundary = [&](std::size_t at) {
+    while (at > 0 && at < name.size() && (static_cast<unsigned char>(name[at]) & 0xC0) == 0x80)
+      --at;
+    return at;
+  };
+  std::size_t head = boundary((most - 1) / 2), tail = boundary(name.size() - (most - 1 - head));
+  return name.substr(0, head) + "\xe2\x80\xa6" + name.substr(tail);
+}
+
 /// The legend: the owners (a searchable list when there are many), then the
-/// marks.
+/// marks. A long name is shown cut in the middle, whole on hover.
 std::string legend(const Scenario& s) {
   std::ostringstream out;
   bool list = s.owners.size() >= kListFrom;
@@ -394,8 +427,10 @@ std::string legend(const Scenario& s) {
   else
     out << "<div class=\"legend\">";
   for (std::size_t i = 0; i < s.owners.size(); ++i)
-    out << (list ? "<li" : "<span") << " data-o=\"" << i << "\">" << Timeline::swatch(i)
-        << escapeHtml(s.owners[i].name) << (list ? "</li>" : "</span>");
+    out << (list ? "<li" : "<span") << " data-o=\"" << i << "\" data-tip=\""
+        << escapeHtml(s.owners[i].name) << "\">" << Timeline::swatch(i)
+        << escapeHtml(middleCut(s.owners[i].name, list ? kListName : kLegendName))
+        << (list ? "</li>" : "</span>");
   if (list) out << "</ul></div>\n<div class=\"legend\">";
   out << "<span><i class=\"wait\"></i>waiting (pale, dashed)</span>"
       << "<span><i class=\"on\"></i>state activated</span>";
@@ -420,7 +455,10 @@ const char kStyle[] =
     ".legend i.wait{background:#ddd;border:1px dashed #888}.legend i.on{background:#d9f2d9}.legend "
     "svg{margin-right:4px;vertical-align:-2px}"
     ".owners ul{list-style:none;padding:0;margin:6px 0;max-height:180px;overflow-y:auto;"
-    "columns:14em}.owners li{white-space:nowrap;cursor:default}.owners input{width:20em}"
+    "columns:14em}.owners li{white-space:nowrap;cursor:default;overflow:hidden;"
+    "text-overflow:ellipsis}.owners input{width:20em}"
+    ".legend span[data-o]{display:inline-block;max-width:24em;overflow:hidden;"
+    "text-overflow:ellipsis;vertical-align:bottom}"
     ".timeline .frame{display:flex;align-items:flex-start}.timeline .scroll{overflow-x:auto;"
     "flex:1}.timeline svg{display:block}.zoom{font-size:13px;color:#555;margin-bottom:4px}"
     ".chart .h{stroke:none}.chart .w{fill-opacity:.3;stroke-dasharray:4 2}"
@@ -507,7 +545,7 @@ const char kScript[] = R"JS(
   if (find) find.addEventListener('input', function () {
     var q = find.value.toLowerCase(), items = document.querySelectorAll('#owners li'), only = null, n = 0;
     for (var i = 0; i < items.length; ++i) {
-      var show = items[i].textContent.toLowerCase().indexOf(q) >= 0;
+      var show = items[i].dataset.tip.toLowerCase().indexOf(q) >= 0;
       items[i].style.display = show ? '' : 'none';
       if (show) { ++n; only = items[i].dataset.o; }
     }

@@ -37,12 +37,21 @@ Stage::Stage(const Scenario& scenario, OnResource onResource, const std::vector<
   }
   const std::string prefix = runPrefix();
   sessions_.resize(scenario.robots.size());
+  relays_.resize(scenario.robots.size());
+  for (const ActionEntry& a : scenario.actions)
+    if ((a.kind == ActionKind::CutOff || a.kind == ActionKind::Kill) && relays_[a.robot].empty())
+      for (const std::string& endpoint : endpoints)
+        relays_[a.robot].push_back(std::make_unique<ZU::ZUTcpRelay>(endpoint));
   for (std::size_t i = 0; i < std::max<std::size_t>(1, scenario.robots.size()); ++i)
     brokers_.push_back(boost::make_shared<ZU::ZUBroker>());
   for (const ResourceEntry& r : scenario.resources) {
     if (!r.fleet || sessions_[r.robot]) continue;
     ZU::ZUFleetConfig config;
     config.endpoints = endpoints;
+    if (!relays_[r.robot].empty()) {
+      config.endpoints.clear();
+      for (const auto& relay : relays_[r.robot]) config.endpoints.push_back(relay->endpoint());
+    }
     config.robot = scenario.robots[r.robot].name;
     config.ttlSeconds = static_cast<int>(scenario.robots[r.robot].ttlSeconds);
     config.prefix = prefix;
@@ -154,7 +163,8 @@ void Stage::waitIdle() const {
 }
 
 void Stage::cutOff(int robot, bool on) const {
-  if (sessions_[robot]) sessions_[robot]->client().setCutOff(on);
+  for (const auto& relay : relays_[robot])
+    relay->setMode(on ? ZU::ZUTcpRelay::Mode::refuse : ZU::ZUTcpRelay::Mode::pass);
 }
 
 void Stage::etcdDown() { etcd_->kill(0); }

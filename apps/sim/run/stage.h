@@ -18,8 +18,9 @@
 #include <zuresource/zuresource.h>
 #include <zuresource/zuresourcestate.h>
 
-#include <zufleet/zuetcdserver.h>
 #include <zufleet/zufleetsession.h>
+#include <zufleettesting/zuetcdserver.h>
+#include <zufleettesting/zutcprelay.h>
 
 #include "scenario/scenario.h"
 
@@ -100,6 +101,10 @@ class Stage {
  private:
   const Scenario& scenario_;
   std::unique_ptr<ZU::ZUEtcdServer> etcd_;  // the stage's own etcd, if it started one
+  /// By robot number: the relays between a robot that is cut off or killed
+  /// and etcd (one per endpoint), which refuse its traffic while it is cut off.
+  /// They outlive the sessions.
+  std::vector<std::vector<std::unique_ptr<ZU::ZUTcpRelay>>> relays_;
   /// By robot number; null for a robot without fleet resources.
   std::vector<boost::shared_ptr<ZU::ZUFleetSession>> sessions_;
   std::vector<boost::shared_ptr<ZU::ZUBroker>> brokers_;  // by robot number (one without robots)

@@ -57,17 +57,6 @@ bool Timeline::record(const ZU::ZUEvent& e, long ms) {
       end(waits_, e.resource, &nobody, &e.owner, ms);  // a deactivation's wait on it
       return true;
     }
-    case Kind::StateActivated:
-    case Kind::StateDeactivated: {
-      bool on = e.kind == Kind::StateActivated;
-      const std::string nobody;
-      bool open = std::any_of(activations_.begin(), activations_.end(), [&](const Span& a) {
-        return a.toMs < 0 && a.resource == e.resource;
-      });
-      if (on && !open) activations_.push_back({e.resource, "", ms, -1, ""});
-      if (!on) end(activations_, e.resource, &nobody, nullptr, ms);
-      return true;
-    }
     default:
       return true;
   }
@@ -76,10 +65,11 @@ bool Timeline::record(const ZU::ZUEvent& e, long ms) {
 void Timeline::activated(const std::string& resource, bool on, long ms) {
   std::lock_guard<std::mutex> lock(mutex_);
   const std::string nobody;
-  if (on)
-    activations_.push_back({resource, "", ms, -1, ""});
-  else
-    end(activations_, resource, &nobody, nullptr, ms);
+  bool open = std::any_of(activations_.begin(), activations_.end(), [&](const Span& a) {
+    return a.toMs < 0 && a.resource == resource;
+  });
+  if (on && !open) activations_.push_back({resource, "", ms, -1, ""});
+  if (!on) end(activations_, resource, &nobody, nullptr, ms);
 }
 
 std::string Timeline::waitsEnd(const std::string& owner, long ms, const std::string& fallback) {

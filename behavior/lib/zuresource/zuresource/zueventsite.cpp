@@ -1,6 +1,5 @@
 #include <algorithm>
 #include <map>
-#include <mutex>
 #include <utility>
 
 #include <boost/shared_ptr.hpp>
@@ -22,14 +21,14 @@ thread_local ZUResource* tWaitingOn = nullptr;
 // What the waits' polls have reported and still stands. Made once and never
 // destroyed, so that a wait ending while the process exits still finds it.
 struct Reports {
-  std::mutex mutex;
-  // Guarded by mutex. By the sorted ids of its edges: each cycle reported.
-  std::map<std::vector<std::uint64_t>, ZUEvent> cycles;
-  // Guarded by mutex. By wait id: each stale wait reported.
-  std::map<std::uint64_t, ZUEvent> stale;
-  // Guarded by mutex. (owner, resource) -> the owner that handed it down,
-  // from the hand-downs seen while observers were registered.
-  std::map<std::pair<std::string, std::string>, std::string> parents;
+  ZUMutex mutex;
+  // By the sorted ids of its edges: each cycle reported.
+  std::map<std::vector<std::uint64_t>, ZUEvent> cycles ZU_GUARDED_BY(mutex);
+  // By wait id: each stale wait reported.
+  std::map<std::uint64_t, ZUEvent> stale ZU_GUARDED_BY(mutex);
+  // (owner, resource) -> the owner that handed it down, from the hand-downs
+  // seen while observers were registered.
+  std::map<std::pair<std::string, std::string>, std::string> parents ZU_GUARDED_BY(mutex);
   // Atomic: cycles.size() + stale.size(), so that a wait that ends looks no
   // further when nothing is reported.
   std::atomic<int> count{0};
@@ -101,7 +100,7 @@ void granted(ZUPendingEvent& pending, const std::string& resource, const ZUOwner
     if (parent) {
       event.parent = parent->name;
       Reports& r = reports();
-      std::lock_guard<std::mutex> lock(r.mutex);
+      ZUMutexLock lock(r.mutex);
       r.parents[std::make_pair(owner.name, resource)] = parent->name;
     }
     pending.set(std::move(event));
@@ -117,7 +116,7 @@ void keep(ZUPendingEvent& pending, ZUEvent::Kind kind, const std::string& resour
     if (parent) event.parent = parent->name;
     if (owner) {
       Reports& r = reports();
-      std::lock_guard<std::mutex> lock(r.mutex);
+      ZUMutexLock lock(r.mutex);
       r.parents.erase(std::make_pair(owner->name, resource));
     }
     pending.set(std::move(event));
@@ -202,7 +201,7 @@ void WaitWatch::poll() noexcept {
       ZUWaitCycle keyed;
       keyed.edges = event.waits;
       Reports& r = reports();
-      std::lock_guard<std::mutex> lock(r.mutex);
+      ZUMutexLock lock(r.mutex);
       if (r.cycles.emplace(cycleKey(keyed), event).second) {
         r.count.fetch_add(1);
         found.push_back(std::move(event));
@@ -228,7 +227,7 @@ void WaitWatch::poll() noexcept {
           event.since = notHoldingSince_;
           event.waits.push_back(wait);
           Reports& r = reports();
-          std::lock_guard<std::mutex> lock(r.mutex);
+          ZUMutexLock lock(r.mutex);
           r.stale.emplace(waitId_, event);
           r.count.fetch_add(1);
           found.push_back(std::move(event));
@@ -248,7 +247,7 @@ WaitWatch::~WaitWatch() {
   if (r.count.load() == 0) return;
   std::vector<ZUEvent> broken;
   try {
-    std::lock_guard<std::mutex> lock(r.mutex);
+    ZUMutexLock lock(r.mutex);
     if (r.stale.erase(waitId_)) r.count.fetch_sub(1);
     for (auto it = r.cycles.begin(); it != r.cycles.end();) {
       if (std::binary_search(it->first.begin(), it->first.end(), waitId_)) {
@@ -273,7 +272,7 @@ WaitWatch::~WaitWatch() {
 void currentDiagnostics(std::vector<ZUEvent>& cycles, std::vector<ZUEvent>& staleWaits,
                         std::map<std::pair<std::string, std::string>, std::string>& parents) {
   Reports& r = reports();
-  std::lock_guard<std::mutex> lock(r.mutex);
+  ZUMutexLock lock(r.mutex);
   parents = r.parents;
   for (const auto& entry : r.cycles) cycles.push_back(entry.second);
   for (const auto& entry : r.stale) staleWaits.push_back(entry.second);

@@ -1,8 +1,9 @@
 #include <algorithm>
 #include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <utility>
+
+#include <zuhost/zumutex.h>
 
 #include <zuresource/zuobserver.h>
 #include <zuresource/zuowner.h>
@@ -22,7 +23,7 @@ struct Registration {
   boost::shared_ptr<ZUObserver> observer;  // immutable
   std::atomic<int> inFlight{0};            // atomic: calls running now
   std::atomic<bool> removed{false};        // atomic: no call starts once set
-  std::mutex mutex;                        // guards nothing; pairs with `idle`
+  ZUMutex mutex;                           // guards nothing; pairs with `idle`
   std::condition_variable idle;
 };
 
@@ -31,7 +32,7 @@ struct Registration {
 void leave(Registration& r) {
   r.inFlight.fetch_sub(1);
   if (r.removed.load()) {
-    std::lock_guard<std::mutex> lock(r.mutex);
+    ZUMutexLock lock(r.mutex);
     r.idle.notify_all();
   }
 }
@@ -41,8 +42,8 @@ using List = std::vector<std::shared_ptr<Registration> >;
 // The list behind ZUObservers. Made once and never destroyed, so that an
 // event emitted while the process exits still finds it.
 struct Observers {
-  std::mutex mutex;
-  std::shared_ptr<const List> list = std::make_shared<List>();  // guarded by mutex; copied on write
+  ZUMutex mutex;
+  std::shared_ptr<const List> list ZU_GUARDED_BY(mutex) = std::make_shared<List>();  // copied on write
   std::atomic<std::uint64_t> sequence{0};
   std::atomic<std::uint64_t> failures{0};
 };
@@ -61,7 +62,7 @@ void deliver(const ZUEvent& event) noexcept {
   Observers& all = observers();
   std::shared_ptr<const List> list;
   {
-    std::lock_guard<std::mutex> lock(all.mutex);
+    ZUMutexLock lock(all.mutex);
     list = all.list;
   }
   for (const std::shared_ptr<Registration>& r : *list) {
@@ -174,7 +175,7 @@ void ZUObservers::add(const boost::shared_ptr<ZUObserver>& observer) {
   if (!observer) return;
   Observers& all = observers();
   std::shared_ptr<Registration> added = std::make_shared<Registration>(observer);
-  std::lock_guard<std::mutex> lock(all.mutex);
+  ZUMutexLock lock(all.mutex);
   std::shared_ptr<List> list = std::make_shared<List>(*all.list);
   list->push_back(std::move(added));
   all.list = std::move(list);
@@ -185,7 +186,7 @@ bool ZUObservers::remove(const boost::shared_ptr<ZUObserver>& observer) {
   Observers& all = observers();
   List gone;
   {
-    std::lock_guard<std::mutex> lock(all.mutex);
+    ZUMutexLock lock(all.mutex);
     std::shared_ptr<List> list = std::make_shared<List>();
     for (const std::shared_ptr<Registration>& r : *all.list)
       (r->observer == observer ? gone : *list).push_back(r);
@@ -196,8 +197,8 @@ bool ZUObservers::remove(const boost::shared_ptr<ZUObserver>& observer) {
   for (const std::shared_ptr<Registration>& r : gone) {
     const int own = static_cast<int>(std::count(tDelivering.begin(), tDelivering.end(), r.get()));
     r->removed.store(true);
-    std::unique_lock<std::mutex> lock(r->mutex);
-    r->idle.wait(lock, [&r, own] { return r->inFlight.load() <= own; });
+    ZUMutexLock lock(r->mutex);
+    while (r->inFlight.load() > own) lock.wait(r->idle);
   }
   return true;
 }

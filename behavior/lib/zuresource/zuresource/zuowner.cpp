@@ -29,9 +29,13 @@ void ZUOwner::setParentOwner(boost::shared_ptr<ZUOwner> parent, const std::strin
 }
 
 ZUValue ZUOwner::copyWaiters() const {
-  if (!waitersMutex) return waiters;
+  if (!waitersMutex) return unchangingWaiters();
   ZUCriticalSectionRead lock(waitersMutex);
   return waiters;
 }
+
+// An owner with no waitersMutex (a weak owner) never changes `waiters`, so it
+// is read without a lock; the analysis knows only the guard.
+const ZUValue& ZUOwner::unchangingWaiters() const ZU_NO_THREAD_SAFETY_ANALYSIS { return waiters; }
 
 }  // namespace ZU

@@ -12,6 +12,7 @@
 #include <zuhost/zuerror.h>
 #include <zuhost/zuhierarchyowner.h>
 #include <zuhost/zumutex.h>
+#include <zuhost/zuthreadannotations.h>
 #include <zuhost/zuvalue.h>
 
 namespace ZU {
@@ -54,7 +55,7 @@ class ZUOwner : public boost::enable_shared_from_this<ZUOwner> {
   /// Guarded by waitersMutex (exclusive to change, shared to copy). Module
   /// names of the owners waiting on this owner, oldest first. A weak owner
   /// never changes it and it is read without a lock there.
-  ZUValue waiters;
+  ZUValue waiters ZU_GUARDED_BY(waitersMutex);
   /// Immutable after construction. The host's handle; never read here.
   boost::shared_ptr<ZUHierarchyOwner> hierarchyOwner;
   /// Not locked: callers serialise calls on one owner (it is written by this
@@ -97,7 +98,7 @@ class ZUOwner : public boost::enable_shared_from_this<ZUOwner> {
   void setParentOwner(boost::shared_ptr<ZUOwner> parent, const std::string& resourceName);
   /// A copy of `waiters`, taken under waitersMutex held shared where the
   /// owner has one. Takes: waitersMutex (read).
-  ZUValue copyWaiters() const;
+  ZUValue copyWaiters() const ZU_EXCLUDES(waitersMutex);
 
  protected:
   /// Every handle and string empty, `waiters` invalid, flag false, timeout 0.
@@ -108,6 +109,10 @@ class ZUOwner : public boost::enable_shared_from_this<ZUOwner> {
 
   ZUOwner(const ZUOwner&) = delete;
   ZUOwner& operator=(const ZUOwner&) = delete;
+
+ private:
+  /// `waiters` of an owner that has no waitersMutex. No lock.
+  const ZUValue& unchangingWaiters() const;
 };
 
 }  // namespace ZU

@@ -30,7 +30,7 @@ class ZUOwnerStrong final : public ZUOwner {
   /// Sets the release flag, so that every wait on this owner ends at its next
   /// poll, then takes conflictMutex exclusively (waiting for every running
   /// conflict() to return) and lets it go. Takes: conflictMutex (write).
-  ~ZUOwnerStrong();
+  ~ZUOwnerStrong() ZU_EXCLUDES(conflictMutex);
 
   /// See ZUOwner::conflict. Hands down at once (true) when `requester` is a
   /// descendant of this owner, recording this owner as its parent owner for
@@ -51,7 +51,7 @@ class ZUOwnerStrong final : public ZUOwner {
   /// wait). The caller may hold one lock of the resource (its waitMutex, or a
   /// state resource's holdersMutex).
   bool conflict(const std::string& resourceName, boost::shared_ptr<ZUOwner> requester,
-                int timeoutSeconds) override;
+                int timeoutSeconds) ZU_EXCLUDES(conflictMutex, waitersMutex) override;
   /// Sets the release flag: every wait on this owner returns false at its next
   /// poll, and this owner's own pending wait fails. No lock.
   void freeResource() override;
@@ -63,7 +63,7 @@ class ZUOwnerStrong final : public ZUOwner {
   /// Appends the requester's moduleName to `waiters`. `timeout` plays no part.
   /// Throws ZUError (nothing changed) for an empty `requester`.
   /// Takes: waitersMutex (write).
-  void addWaiter(boost::shared_ptr<ZUOwner> requester, int timeout);
+  void addWaiter(boost::shared_ptr<ZUOwner> requester, int timeout) ZU_EXCLUDES(waitersMutex);
 
   /// Starts "__onResource__" with `resourceName` on this owner's module through
   /// the broker, asynchronously; nothing when no broker is set or it is gone.
@@ -78,7 +78,7 @@ class ZUOwnerStrong final : public ZUOwner {
 
  private:
   /// Removes the oldest entry of `waiters`. Takes: waitersMutex (write).
-  void popWaiter();
+  void popWaiter() ZU_EXCLUDES(waitersMutex);
 };
 
 }  // namespace ZU

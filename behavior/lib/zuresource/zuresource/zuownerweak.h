@@ -19,7 +19,7 @@ class ZUOwnerWeak final : public ZUOwner {
   ZUOwnerWeak(const std::string& name, const std::string& moduleName);
   /// Takes conflictMutex exclusively and lets it go, then the fields go.
   /// Takes: conflictMutex (write).
-  ~ZUOwnerWeak();
+  ~ZUOwnerWeak() ZU_EXCLUDES(conflictMutex);
 
   /// Returns false at once, for any arguments (an empty requester included).
   /// No lock, no waiter, no notification, never throws.

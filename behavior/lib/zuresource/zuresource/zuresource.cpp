@@ -46,27 +46,31 @@ class WakeOnExit {
 
 // --- Holder handle -------------------------------------------------------------
 
-class ZUHolderHandle::SpinLock {
+void ZUHolderHandle::Spin::lock() {
+  while (busy_.test_and_set(std::memory_order_acquire)) std::this_thread::yield();
+}
+
+void ZUHolderHandle::Spin::unlock() { busy_.clear(std::memory_order_release); }
+
+class ZU_SCOPED_CAPABILITY ZUHolderHandle::SpinLock {
  public:
-  explicit SpinLock(std::atomic_flag& busy) : busy_(busy) {
-    while (busy_.test_and_set(std::memory_order_acquire)) std::this_thread::yield();
-  }
-  ~SpinLock() { busy_.clear(std::memory_order_release); }
+  explicit SpinLock(Spin& spin) ZU_ACQUIRE(spin) : spin_(spin) { spin_.lock(); }
+  ~SpinLock() ZU_RELEASE() { spin_.unlock(); }
   SpinLock(const SpinLock&) = delete;
   SpinLock& operator=(const SpinLock&) = delete;
 
  private:
-  std::atomic_flag& busy_;
+  Spin& spin_;
 };
 
 boost::shared_ptr<ZUOwner> ZUHolderHandle::load() const {
-  SpinLock lock(busy_);
+  SpinLock lock(spin_);
   return owner_;
 }
 
 void ZUHolderHandle::store(boost::shared_ptr<ZUOwner> owner) {
   {
-    SpinLock lock(busy_);
+    SpinLock lock(spin_);
     owner_.swap(owner);
     address_.store(owner_.get(), std::memory_order_release);
   }
@@ -189,14 +193,8 @@ std::vector<std::string> ZUResource::waitFor(boost::shared_ptr<ZUOwner> owner,
 
       // The holder let go; only the pass that holds waitMutex may take it.
       if (!busy) {
-        ZUCriticalSectionWrite ownerLock(currentOwnerMutex);
-        if (isFree()) {
-          ZUCriticalSection taking(owner->ownerMutex);
-          currentOwner.store(owner);
-          if (ZUObservers::active())
-            eventsite::granted(granted, name, *owner, ZUEvent::Grant::WasFree, nullptr);
-          return std::vector<std::string>();
-        }
+        passHoldsWaitMutex();
+        if (takeIfFree(owner, granted)) return std::vector<std::string>();
       }
     }
     if (busy && isFree()) {
@@ -217,6 +215,16 @@ std::vector<std::string> ZUResource::waitFor(boost::shared_ptr<ZUOwner> owner,
       std::this_thread::yield();
     }
   }
+}
+
+bool ZUResource::takeIfFree(const boost::shared_ptr<ZUOwner>& owner, ZUPendingEvent& granted) {
+  ZUCriticalSectionWrite ownerLock(currentOwnerMutex);
+  if (!isFree()) return false;
+  ZUCriticalSection taking(owner->ownerMutex);
+  currentOwner.store(owner);
+  if (ZUObservers::active())
+    eventsite::granted(granted, name, *owner, ZUEvent::Grant::WasFree, nullptr);
+  return true;
 }
 
 void ZUResource::switchOwner(boost::shared_ptr<ZUOwner> owner, const std::string& /*label*/,

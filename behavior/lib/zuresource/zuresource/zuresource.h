@@ -10,6 +10,7 @@
 #include <zuhost/zuerror.h>
 #include <zuhost/zuhierarchyowner.h>
 #include <zuhost/zumutex.h>
+#include <zuhost/zuthreadannotations.h>
 #include <zuhost/zuvalue.h>
 #include <zuhost/zuwaitpoint.h>
 
@@ -18,6 +19,8 @@
 #include <zuresource/zuownerweak.h>
 
 namespace ZU {
+
+class ZUPendingEvent;
 
 /// The holder handle of a resource: a shared owner handle that several threads
 /// may copy and replace at once, each copy and each replacement whole (a
@@ -54,14 +57,22 @@ class ZUHolderHandle {
   }
 
  private:
+  /// A spin lock: a thread that finds it taken yields and tries again.
+  class ZU_CAPABILITY("spin lock") Spin {
+   public:
+    void lock() ZU_ACQUIRE();
+    void unlock() ZU_RELEASE();
+
+   private:
+    std::atomic_flag busy_ = ATOMIC_FLAG_INIT;
+  };
   class SpinLock;
 
-  /// Guarded by busy_.
-  boost::shared_ptr<ZUOwner> owner_;
-  /// Atomic: owner_.get(), written under busy_ with owner_.
-  std::atomic<const ZUOwner*> address_{nullptr};
   /// The spin lock.
-  mutable std::atomic_flag busy_ = ATOMIC_FLAG_INIT;
+  mutable Spin spin_;
+  boost::shared_ptr<ZUOwner> owner_ ZU_GUARDED_BY(spin_);
+  /// Atomic: owner_.get(), written under spin_ with owner_.
+  std::atomic<const ZUOwner*> address_{nullptr};
 };
 
 /// One named resource, held by exactly one owner at a time; also the base of
@@ -119,7 +130,8 @@ class ZUResource {
   /// (let go at once when taken).
   virtual std::vector<std::string> waitFor(boost::shared_ptr<ZUOwner> owner,
                                            const std::string& label, int timeout,
-                                           const std::vector<std::string>& noWaitList);
+                                           const std::vector<std::string>& noWaitList)
+      ZU_EXCLUDES(waitMutex, currentOwnerMutex);
   /// Makes `owner` the holder unconditionally; tells nobody. `label` and
   /// `timeout` are not used. Throws ZUError (nothing changed) for an empty
   /// `owner`. Takes no lock of the resource (wakes passEnded).
@@ -131,9 +143,9 @@ class ZUResource {
   /// empty `owner` changes nothing.
   /// Takes: the owner's ownerMutex (locked and unlocked at once), then
   /// currentOwnerMutex (read) for the rest.
-  virtual void release(boost::shared_ptr<ZUOwner> owner);
+  virtual void release(boost::shared_ptr<ZUOwner> owner) ZU_EXCLUDES(currentOwnerMutex);
   /// Whether the holder is named "emptyOwner". Takes: currentOwnerMutex (write).
-  virtual bool isResourceFree();
+  virtual bool isResourceFree() ZU_EXCLUDES(currentOwnerMutex);
   /// Refuses: throws ZUError "Add resource only in resource list".
   virtual void addResource(boost::shared_ptr<ZUResource> resource);
   /// Whether `resourceName` is this resource's name. No lock.
@@ -147,11 +159,11 @@ class ZUResource {
   /// name, and when held " -> <module> <ownerType> <waiters> <seconds>",
   /// then "<br />". Takes: currentOwnerMutex (read) while copying the holder;
   /// the holder's waitersMutex (read) while copying its waiters.
-  virtual std::string httpGet(int depth);
+  virtual std::string httpGet(int depth) ZU_EXCLUDES(currentOwnerMutex);
   /// The status value: invalid for a name that starts with "ZU"; otherwise
   /// [name] when free, [name, holder's module, holder's waiters] when held.
   /// Takes the same locks as httpGet.
-  virtual ZUValue ownersGet();
+  virtual ZUValue ownersGet() ZU_EXCLUDES(currentOwnerMutex);
 
   /// The owner factory: always a strong owner (the int is ignored). No lock.
   static boost::shared_ptr<ZUOwner> createOwner(int, const std::string& name,
@@ -167,7 +179,7 @@ class ZUResource {
 
   /// The holder, copied under currentOwnerMutex (read); an empty handle when
   /// the holder is this resource's own placeholder, which reports as free.
-  boost::shared_ptr<ZUOwner> copyOwner();
+  boost::shared_ptr<ZUOwner> copyOwner() ZU_EXCLUDES(currentOwnerMutex);
   /// [name] when `holder` is empty or a placeholder, else [name, holder's
   /// module, holder's waiters]: the value ownersGet() reports for one
   /// resource. Takes: the holder's waitersMutex (read), via copyWaiters().
@@ -189,6 +201,17 @@ class ZUResource {
   ZUResource& operator=(const ZUResource&) = delete;
 
  private:
+  /// Makes `owner` the holder if the resource is free: the step of the one
+  /// pass that holds waitMutex. True when taken; Granted (was free) is kept
+  /// in `granted`. Takes: currentOwnerMutex (write), inside it the owner's
+  /// ownerMutex.
+  bool takeIfFree(const boost::shared_ptr<ZUOwner>& owner, ZUPendingEvent& granted)
+      ZU_REQUIRES(waitMutex) ZU_EXCLUDES(currentOwnerMutex);
+  /// Tells the analysis that this pass holds waitMutex: it took it with the
+  /// try-lock whose result is the flag `busy`, which the analysis cannot
+  /// follow. Call it only where `busy` is false. Does nothing.
+  void passHoldsWaitMutex() const ZU_ASSERT_CAPABILITY(waitMutex) {}
+
   /// Atomic (a wait point). Where waitFor's passes wait for their turn: a pass
   /// that did not get waitMutex and found the resource free may not take it,
   /// and instead of retrying at once it sleeps here, holding none of the

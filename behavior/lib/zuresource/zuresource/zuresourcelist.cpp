@@ -1,5 +1,4 @@
 #include <memory>
-#include <mutex>
 #include <typeinfo>
 #include <utility>
 #include <vector>
@@ -14,8 +13,8 @@ const char* const kFile = "behavior/lib/zuresource/zuresource/zuresourcelist";
 
 // Serialises additions to all groups, so that two additions cannot close a
 // cycle between them that neither saw alone.
-std::mutex& additionMutex() {
-  static std::mutex m;
+ZUMutex& additionMutex() {
+  static ZUMutex m;
   return m;
 }
 }  // namespace
@@ -49,7 +48,7 @@ bool ZUResourceList::reachableFrom(const boost::shared_ptr<ZUResource>& resource
 void ZUResourceList::addResource(boost::shared_ptr<ZUResource> resource) {
   if (!resource)
     throw ZUError("ZUResourceList", "addResource", "empty resource handle", kFile, __LINE__);
-  std::lock_guard<std::mutex> additions(additionMutex());
+  ZUMutexLock additions(additionMutex());
   if (resource.get() == this)
     throw ZUError("ZUResourceList", "addResource", "a group cannot be a member of itself: " + name,
                   kFile, __LINE__);
@@ -115,11 +114,12 @@ std::string ZUResourceList::httpGet(int depth) {
   open.push_back(Open{this, std::make_unique<ZUCriticalSectionRead>(resourceListMutex), 0, depth});
   while (!open.empty()) {
     Open& top = open.back();
-    if (top.next == top.group->resourceList.size()) {
+    const std::vector<boost::shared_ptr<ZUResource> >& members = membersHeldOpen(*top.group);
+    if (top.next == members.size()) {
       open.pop_back();
       continue;
     }
-    ZUResource* member = top.group->resourceList[top.next++].get();
+    ZUResource* member = members[top.next++].get();
     const int memberDepth = top.depth + 1;
     if (typeid(*member) != typeid(ZUResourceList)) {
       text += member->httpGet(memberDepth);
@@ -131,6 +131,11 @@ std::string ZUResourceList::httpGet(int depth) {
                         memberDepth});
   }
   return text;
+}
+
+const std::vector<boost::shared_ptr<ZUResource> >& ZUResourceList::membersHeldOpen(
+    const ZUResourceList& group) ZU_NO_THREAD_SAFETY_ANALYSIS {
+  return group.resourceList;
 }
 
 ZUValue ZUResourceList::ownersGet() {
@@ -162,7 +167,7 @@ std::vector<std::string> ZUResourceList::waitFor(boost::shared_ptr<ZUOwner> owne
   std::vector<std::string> notObtained;
   for (const boost::shared_ptr<ZUResource>& member : resourceList) {
     if (abortRequested) {
-      release(owner);  // takes the read side again, on this thread
+      releaseMembers(owner);
       if (ZUObservers::active()) eventsite::givenBack(givenBack, name, *owner, "abort requested");
       return std::vector<std::string>();
     }
@@ -170,7 +175,7 @@ std::vector<std::string> ZUResourceList::waitFor(boost::shared_ptr<ZUOwner> owne
       std::vector<std::string> names = member->waitFor(owner, label, timeout, noWaitList);
       notObtained.insert(notObtained.end(), names.begin(), names.end());
     } catch (const ZUError& e) {
-      release(owner);  // give back every member, then the very same error
+      releaseMembers(owner);  // give back every member, then the very same error
       if (ZUObservers::active()) eventsite::givenBack(givenBack, name, *owner, e.what());
       throw;
     }
@@ -184,7 +189,7 @@ void ZUResourceList::switchOwner(boost::shared_ptr<ZUOwner> owner, const std::st
   ZUCriticalSectionRead lock(resourceListMutex);
   for (const boost::shared_ptr<ZUResource>& member : resourceList) {
     if (abortRequested) {
-      release(owner);
+      releaseMembers(owner);
       return;
     }
     member->switchOwner(owner, label, timeout);
@@ -193,6 +198,10 @@ void ZUResourceList::switchOwner(boost::shared_ptr<ZUOwner> owner, const std::st
 
 void ZUResourceList::release(boost::shared_ptr<ZUOwner> owner) {
   ZUCriticalSectionRead lock(resourceListMutex);
+  releaseMembers(owner);
+}
+
+void ZUResourceList::releaseMembers(const boost::shared_ptr<ZUOwner>& owner) {
   for (const boost::shared_ptr<ZUResource>& member : resourceList) member->release(owner);
 }
 

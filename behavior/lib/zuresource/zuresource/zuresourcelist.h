@@ -31,7 +31,7 @@ class ZUResourceList : public ZUResource {
 
   /// Guarded by resourceListMutex. The members, in the order they were added;
   /// a resource may stand more than once.
-  std::vector<boost::shared_ptr<ZUResource> > resourceList;
+  std::vector<boost::shared_ptr<ZUResource> > resourceList ZU_GUARDED_BY(resourceListMutex);
   /// Immutable handle. Read side for every walk, write side to change the list.
   boost::shared_ptr<ZUMutexRW> resourceListMutex;
   /// Atomic, read afresh before each member without a lock. While true,
@@ -51,7 +51,7 @@ class ZUResourceList : public ZUResource {
   void setAbortRequested(bool requested);
 
   /// A copy of the member list. Takes: resourceListMutex (read).
-  std::vector<boost::shared_ptr<ZUResource> > getResourceList();
+  std::vector<boost::shared_ptr<ZUResource> > getResourceList() ZU_EXCLUDES(resourceListMutex);
 
   /// Each member's waitFor in list order with the same arguments; returns the
   /// names not obtained, joined in member order. On a ZUError from a member,
@@ -59,43 +59,53 @@ class ZUResourceList : public ZUResource {
   /// Throws ZUError (nothing changed) for an empty `owner`.
   /// Takes: resourceListMutex (read) for the whole call, members' locks inside.
   std::vector<std::string> waitFor(boost::shared_ptr<ZUOwner> owner, const std::string& label,
-                                   int timeout,
-                                   const std::vector<std::string>& noWaitList) override;
+                                   int timeout, const std::vector<std::string>& noWaitList)
+      ZU_EXCLUDES(resourceListMutex) override;
   /// Each member's switchOwner in list order. An error ends the walk with
   /// nothing undone. Throws ZUError (nothing changed) for an empty `owner`.
   /// Takes: resourceListMutex (read) for the whole call.
-  void switchOwner(boost::shared_ptr<ZUOwner> owner, const std::string& label,
-                   int timeout) override;
+  void switchOwner(boost::shared_ptr<ZUOwner> owner, const std::string& label, int timeout)
+      ZU_EXCLUDES(resourceListMutex) override;
   /// Each member's release in list order. Takes: resourceListMutex (read).
-  void release(boost::shared_ptr<ZUOwner> owner) override;
+  void release(boost::shared_ptr<ZUOwner> owner) ZU_EXCLUDES(resourceListMutex) override;
   /// Whether every member is free (stops at the first busy one); true when
   /// empty. Takes: resourceListMutex (read).
-  bool isResourceFree() override;
+  bool isResourceFree() ZU_EXCLUDES(resourceListMutex) override;
   /// Appends `resource` (again, if already a member). Throws ZUError and
   /// leaves the list as it was for an empty handle, for the group itself, or
   /// for a group that contains this group. Takes: a process-wide mutex that
   /// serialises additions to groups, the members' read locks while looking
   /// for a cycle, then resourceListMutex (write).
-  void addResource(boost::shared_ptr<ZUResource> resource) override;
+  void addResource(boost::shared_ptr<ZUResource> resource) ZU_EXCLUDES(resourceListMutex) override;
   /// Whether `resourceName` is the group's name or is in a member, depth
   /// first. Takes: resourceListMutex (read).
-  bool isInGroup(const std::string& resourceName) override;
+  bool isInGroup(const std::string& resourceName) ZU_EXCLUDES(resourceListMutex) override;
   /// Removes the first direct member of that name; throws ZUError "Resource
   /// not found <name>" when there is none. Takes: resourceListMutex (write).
-  void deleteResource(const std::string& resourceName) override;
+  void deleteResource(const std::string& resourceName) ZU_EXCLUDES(resourceListMutex) override;
   /// Whether every member is owned by `moduleName` (true when empty).
   /// Takes: resourceListMutex (read).
-  bool isResourceOwned(const std::string& moduleName) override;
+  bool isResourceOwned(const std::string& moduleName) ZU_EXCLUDES(resourceListMutex) override;
   /// The group's own line, then each member's at depth + 1, however deep.
   /// Takes: resourceListMutex (read), and each nested group's while its
   /// members are written (one per level: more than 64 levels are more than
   /// the thread sanitizer follows).
-  std::string httpGet(int depth) override;
+  std::string httpGet(int depth) ZU_EXCLUDES(resourceListMutex) override;
   /// [own value] or [own value, [valid member values...]]; the own value alone
   /// when it is invalid. Takes: resourceListMutex (read).
-  ZUValue ownersGet() override;
+  ZUValue ownersGet() ZU_EXCLUDES(resourceListMutex) override;
 
  private:
+  /// Each member's release in list order, under the read side the caller
+  /// already holds (a failed or stopped walk gives the owner back this way).
+  void releaseMembers(const boost::shared_ptr<ZUOwner>& owner)
+      ZU_REQUIRES_SHARED(resourceListMutex);
+  /// The members of `group`, whose resourceListMutex (read) the caller holds
+  /// through a lock kept in its list of open groups (httpGet's walk), where
+  /// the analysis cannot follow it. No lock.
+  static const std::vector<boost::shared_ptr<ZUResource> >& membersHeldOpen(
+      const ZUResourceList& group);
+
   /// Whether this group is `resource` or is reachable through its members.
   /// Takes: the read side of each group visited, one at a time.
   bool reachableFrom(const boost::shared_ptr<ZUResource>& resource);

@@ -30,7 +30,7 @@ class ZUResourceState : public ZUResource {
   std::atomic<bool> state;
   /// Guarded by holdersMutex. The holders, in the order they were granted;
   /// an owner granted twice stands twice.
-  std::vector<boost::shared_ptr<ZUOwner> > holders;
+  std::vector<boost::shared_ptr<ZUOwner> > holders ZU_GUARDED_BY(holdersMutex);
   /// Immutable after construction: a strong owner named after the resource
   /// (name and module), with no broker, on which requests wait for activation.
   boost::shared_ptr<ZUOwner> stateOwner;
@@ -53,34 +53,34 @@ class ZUResourceState : public ZUResource {
   /// Takes: currentOwnerMutex (write) to set the holder before a wait; no lock
   /// during the wait; to register, the owner's ownerMutex then holdersMutex.
   std::vector<std::string> waitFor(boost::shared_ptr<ZUOwner> owner, const std::string& label,
-                                   int timeout,
-                                   const std::vector<std::string>& noWaitList) override;
+                                   int timeout, const std::vector<std::string>& noWaitList)
+      ZU_EXCLUDES(currentOwnerMutex, holdersMutex) override;
   /// Tells `owner` freeResource() (holder or not) and removes every holder of
   /// the same name. An empty `owner` does nothing. Takes: holdersMutex.
-  void release(boost::shared_ptr<ZUOwner> owner) override;
+  void release(boost::shared_ptr<ZUOwner> owner) ZU_EXCLUDES(holdersMutex) override;
   /// Whether the state is activated. No lock.
   bool isResourceFree() override;
   /// The status line: indentation, name, " (Activated) " while activated, a
   /// " -> " segment per holder, " Waiter: ", the activation waiters, "<br />".
   /// Takes: holdersMutex while walking the holders; each owner's waitersMutex
   /// (read) while copying its waiters.
-  std::string httpGet(int depth) override;
+  std::string httpGet(int depth) ZU_EXCLUDES(holdersMutex) override;
   /// [name] until a request has waited, then [name, holder's module, holder's
   /// waiters] of the resource's holder (stateOwner unless switched).
   /// Takes: currentOwnerMutex (read) while copying the holder.
-  ZUValue ownersGet() override;
+  ZUValue ownersGet() ZU_EXCLUDES(currentOwnerMutex) override;
 
   /// Activates (true: frees stateOwner, so that waiting requests go through
   /// within one polling period) or deactivates (false: releaseState()). A
   /// ZUError on the way is dropped. Takes: stateMutex; with false also
   /// holdersMutex, for one polling period per strong holder at most.
-  void setState(bool activated);
+  void setState(bool activated) ZU_EXCLUDES(stateMutex, holdersMutex);
   /// Deactivates and tells each holder in order of a conflict by a temporary
   /// strong owner named after the resource, with timeout 0; the first error
   /// (a strong holder that did not let go within one polling period) ends the
   /// pass and passes to the caller. Nobody is removed from `holders`.
   /// Takes: holdersMutex for the whole pass.
-  void releaseState();
+  void releaseState() ZU_EXCLUDES(holdersMutex);
 };
 
 }  // namespace ZU

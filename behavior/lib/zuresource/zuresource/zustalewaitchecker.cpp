@@ -67,7 +67,7 @@ std::vector<ZUStaleWait> ZUStaleWaitChecker::check(
   const std::chrono::steady_clock::time_point now = std::chrono::steady_clock::now();
 
   std::vector<ZUStaleWait> stale;
-  std::lock_guard<std::mutex> lock(mutex_);
+  ZUMutexLock lock(mutex_);
   std::map<std::uint64_t, Seen> stillSeen;
   for (const ZUWait& wait : waits) {
     Holders::const_iterator current = holders.find(wait.resource);

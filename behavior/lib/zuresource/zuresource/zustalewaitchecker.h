@@ -3,7 +3,6 @@
 #include <chrono>
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <vector>
 
 #include <boost/shared_ptr.hpp>
@@ -73,17 +72,18 @@ class ZUStaleWaitChecker {
   /// (read) while copying its members; a plain resource's currentOwnerMutex
   /// (read) while copying the holder; a state resource's holdersMutex while
   /// copying the holders' names; then this checker's mutex.
-  std::vector<ZUStaleWait> check(const std::vector<boost::shared_ptr<ZUResource> >& roots);
+  std::vector<ZUStaleWait> check(const std::vector<boost::shared_ptr<ZUResource> >& roots)
+      ZU_EXCLUDES(mutex_);
 
  private:
   struct Seen {
     std::chrono::steady_clock::time_point notHoldingSince;
     bool reported = false;
   };
-  std::mutex mutex_;
-  /// Guarded by mutex_. By wait id: the waits whose holder was not holding at
-  /// the last check. Entries go when the wait ends or its holder holds again.
-  std::map<std::uint64_t, Seen> seen_;
+  ZUMutex mutex_;
+  /// By wait id: the waits whose holder was not holding at the last check.
+  /// Entries go when the wait ends or its holder holds again.
+  std::map<std::uint64_t, Seen> seen_ ZU_GUARDED_BY(mutex_);
 };
 
 }  // namespace ZU

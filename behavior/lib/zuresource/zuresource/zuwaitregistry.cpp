@@ -1,5 +1,4 @@
 #include <map>
-#include <mutex>
 #include <set>
 #include <utility>
 
@@ -13,9 +12,9 @@ namespace {
 // The record behind ZUWaitRegistry. Made once and never destroyed, so that a
 // wait that ends while the process exits still finds it.
 struct Registry {
-  std::mutex mutex;
-  std::uint64_t lastId = 0;               // guarded by mutex
-  std::map<std::uint64_t, ZUWait> waits;  // guarded by mutex; by id, oldest first
+  ZUMutex mutex;
+  std::uint64_t lastId ZU_GUARDED_BY(mutex) = 0;
+  std::map<std::uint64_t, ZUWait> waits ZU_GUARDED_BY(mutex);  // by id, oldest first
 };
 
 Registry& registry() {
@@ -124,7 +123,7 @@ ZUWaitRegistry::Record::Record(const boost::shared_ptr<ZUOwner>& waiter, ZUOwner
     wait.timeout = timeoutSeconds;
 
     Registry& r = registry();
-    std::lock_guard<std::mutex> lock(r.mutex);
+    ZUMutexLock lock(r.mutex);
     wait.id = ++r.lastId;
     r.waits.emplace(wait.id, std::move(wait));
     id_ = r.lastId;
@@ -136,14 +135,14 @@ ZUWaitRegistry::Record::Record(const boost::shared_ptr<ZUOwner>& waiter, ZUOwner
 ZUWaitRegistry::Record::~Record() {
   if (id_ == 0) return;
   Registry& r = registry();
-  std::lock_guard<std::mutex> lock(r.mutex);
+  ZUMutexLock lock(r.mutex);
   r.waits.erase(id_);
 }
 
 std::vector<ZUWait> ZUWaitRegistry::snapshot() {
   Registry& r = registry();
   std::vector<ZUWait> waits;
-  std::lock_guard<std::mutex> lock(r.mutex);
+  ZUMutexLock lock(r.mutex);
   waits.reserve(r.waits.size());
   for (const auto& entry : r.waits) waits.push_back(entry.second);
   return waits;

@@ -12,14 +12,14 @@
 #include <sys/wait.h>
 
 #include <zufleet/zuetcdclient.h>
-#include <zufleet/zuetcdserver.h>
+#include <zufleettesting/zuetcdserver.h>
 
 extern char** environ;
 
 namespace ZU {
 
 namespace {
-const char* const kFile = "fleet/zufleet/zuetcdserver";
+const char* const kFile = "fleet/testing/zufleettesting/zuetcdserver";
 const int kStartLimitMs = 30000;
 
 // A port of 127.0.0.1 that nothing listens on now.

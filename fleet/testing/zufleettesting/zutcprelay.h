@@ -1,0 +1,57 @@
+#pragma once
+
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include <sys/socket.h>
+
+namespace ZU {
+
+/// A TCP relay on a free port of 127.0.0.1 in front of one etcd endpoint, for
+/// tests and simulations that play a network between a robot and etcd:
+/// traffic passes, is held (nothing moves either way, new connections wait
+/// unanswered: a partition; what was held moves on, late, when traffic
+/// passes again), or is refused (new connections are refused, open ones
+/// reset: a robot that cannot reach etcd and knows it at once).
+///
+/// Thread safety: thread safe. One thread of its own moves the bytes; the
+/// mode is guarded by `mutex_`.
+class ZUTcpRelay {
+ public:
+  enum class Mode { pass, hold, refuse };
+
+  /// Relays to `upstream` ("http://HOST:PORT"). Throws ZUError when it
+  /// cannot listen or `upstream` is not of that form or not found.
+  explicit ZUTcpRelay(const std::string& upstream);
+  /// Stops the thread and closes every connection.
+  ~ZUTcpRelay();
+  ZUTcpRelay(const ZUTcpRelay&) = delete;
+  ZUTcpRelay& operator=(const ZUTcpRelay&) = delete;
+
+  /// The relay's own endpoint, "http://127.0.0.1:PORT".
+  std::string endpoint() const;
+  /// Switches the mode; returns once the relay's thread has applied it.
+  /// Takes: mutex_.
+  void setMode(Mode mode);
+
+ private:
+  void run();
+
+  /// Immutable after construction.
+  sockaddr_storage upstream_{};
+  socklen_t upstreamSize_ = 0;
+  int port_ = 0;
+  /// The pipe that wakes the thread: written by setMode and the destructor.
+  int wake_[2] = {-1, -1};
+  std::mutex mutex_;
+  std::condition_variable applied_;
+  Mode mode_ = Mode::pass;       // guarded by mutex_
+  unsigned requested_ = 0;       // guarded by mutex_: changes asked
+  unsigned done_ = 0;            // guarded by mutex_: changes applied
+  bool stopping_ = false;        // guarded by mutex_
+  std::thread thread_;
+};
+
+}  // namespace ZU
