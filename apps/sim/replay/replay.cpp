@@ -291,7 +291,7 @@ class ScenarioBuilder {
       for (std::size_t k = top_[t] + 1; k < r_.events.size(); ++k) {
         const RecordedEvent& f = r_.events[k];
         if (f.owner != request.owner) continue;
-        if (std::find(top_.begin(), top_.end(), k) != top_.end()) {
+        if (std::binary_search(top_.begin(), top_.end(), k)) {  // top_ is in event order
           later = true;
           break;
         }
