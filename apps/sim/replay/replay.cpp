@@ -1,5 +1,7 @@
 #include "replay/replay.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
@@ -606,6 +608,11 @@ class RecordingReader {
 }  // namespace
 
 Recording Recording::read(const std::string& path) {
+  // A folder or a device is refused before it is opened: /dev/zero would
+  // never end its first line.
+  struct stat st;
+  if (stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode))
+    throw ScenarioError(escapeControls(path, false) + ": cannot be read (not a regular file)");
   std::ifstream in(path, std::ios::binary);
   if (!in) throw ScenarioError(escapeControls(path, false) + ": cannot be read");
   return parse(in, path);
