@@ -47,6 +47,8 @@ for what in recording scenario; do
   read -r user system kilobytes <"$work/time"
   awk -v s="$(awk -v u="$user" -v y="$system" 'BEGIN { print u + y }')" -v kb="$kilobytes" \
       -v b="$bytes" -v l="$lines" -v w="$what" 'BEGIN {
-    printf "| %s load, of a %d-line recording (%.1f MB) | %.2f s processor | %.0f MB peak, %.1f x the file |\n",
-           w, l, b / 1e6, s, kb / 1024, kb * 1024 / b }'
+    label = w == "recording" ? sprintf("read and check a %d-line recording", l) \
+                             : "read and check its actions as a scenario"
+    printf "| %s (%.1f MB) | %.2f s processor | %.0f MB peak, %.1f x the file |\n",
+           label, b / 1e6, s, kb / 1024, kb * 1024 / b }'
 done
