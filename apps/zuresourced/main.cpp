@@ -4,7 +4,6 @@
 
 #include <cerrno>
 #include <csignal>
-#include <map>
 #include <cstring>
 #include <iostream>
 #include <memory>
@@ -23,8 +22,6 @@
 #include <zumanager/zuresourcetree.h>
 #include <zuobserve/zurecorder.h>
 #include <zuresource/zuobserver.h>
-#include <zuresource/zuresourcelist.h>
-#include <zuresource/zuresourcestate.h>
 #include <zuresource/zusnapshot.h>
 #include <zuservice/zudefaulttree.h>
 #include <zuservice/zuserver.h>
@@ -56,7 +53,6 @@ bool answers(const std::string& path) {
   ::close(fd);
   return ok;
 }
-
 
 }  // namespace
 

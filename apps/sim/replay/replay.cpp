@@ -131,7 +131,7 @@ class ScenarioBuilder {
         if (kind == "state") entry["activated"] = res.value("activated", false);
         if (kind == "group") entry["members"] = res.value("members", json::array());
         if (kind == "group")
-          for (const json& m : entry["members"]) members_[entry["name"]].push_back(m);
+          for (const ordered_json& m : entry["members"]) members_[entry["name"]].push_back(m);
         known_.insert(text(res, "name"));
         resources_.push_back(entry);
       }
