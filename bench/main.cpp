@@ -22,6 +22,9 @@
 #ifdef ZUBENCH_FLEET
 #include "fleetbench.h"
 #endif
+#ifdef ZUBENCH_MANAGER
+#include "managerbench.h"
+#endif
 #include "memory.h"
 #include "resulttable.h"
 #include "waiting.h"
@@ -205,7 +208,7 @@ int main(int argc, char** argv) {
   // --rows=LIST picks the parts of the table to measure, from micro, waiting,
   // contention, memory and fleet (default: all of them; fleet only where the
   // fleet library is built).
-  std::string rows = "micro,waiting,contention,memory,fleet";
+  std::string rows = "micro,waiting,contention,memory,fleet,manager";
   std::vector<char*> args{argv[0]};
   std::string defaults[] = {"--benchmark_repetitions=5",
                             "--benchmark_enable_random_interleaving=true",
@@ -241,6 +244,9 @@ int main(int argc, char** argv) {
   if (wanted("contention")) addContentionRows(table);
 #ifdef ZUBENCH_FLEET
   if (wanted("fleet")) addFleetRows(table);
+#endif
+#ifdef ZUBENCH_MANAGER
+  if (wanted("manager")) addManagerRows(table);
 #endif
   std::cout << "\n";
   table.print(std::cout);

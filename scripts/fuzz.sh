@@ -10,6 +10,14 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
+# Reports name functions and lines when clang's symbolizer is found.
+for s in /usr/bin/llvm-symbolizer-15 /usr/lib/llvm-15/bin/llvm-symbolizer; do
+  [ -x "$s" ] && export ASAN_SYMBOLIZER_PATH=$s && break
+done
+# Reports name functions and lines when a symbolizer is found.
+for s in /usr/bin/llvm-symbolizer-15 /usr/bin/llvm-symbolizer; do
+  [ -x "$s" ] && export ASAN_SYMBOLIZER_PATH=$s && break
+done
 cmake --preset fuzz >/dev/null
 cmake --build --preset fuzz -j "$(nproc)"
 

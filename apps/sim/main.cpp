@@ -22,11 +22,11 @@
 #include <zuresource/zuobserver.h>
 #include <zuresource/zusnapshot.h>
 
+#include <zulive/zulivefeed.h>
 #include <zuobserve/zujson.h>
 #include <zuobserve/zurecorder.h>
 
 #include "cli.h"
-#include "live/feed.h"
 #include "live/server.h"
 #include "output/junit.h"
 #include "output/report.h"
@@ -173,7 +173,7 @@ int runOne(const std::string& path, const zusim::Options& options, zusim::SuiteR
     ~Forget() { interrupts.onInterrupt({}); }
   } forget{interrupts};
   std::unique_ptr<zusim::LiveServer> server;
-  auto feed = boost::make_shared<zusim::LiveFeed>();
+  auto feed = boost::make_shared<ZU::ZULiveFeed>();
   if (options.port >= 0) {
     server = std::make_unique<zusim::LiveServer>(scenario, simulation, log);
     server->stream(*feed, [&simulation, &feed] {
@@ -209,7 +209,15 @@ int runOne(const std::string& path, const zusim::Options& options, zusim::SuiteR
   }
   if (server) observers.push_back(feed);
   for (const auto& o : observers) ZU::ZUObservers::add(o);
-  zusim::RunRecord record = simulation.run();
+  zusim::RunRecord record;
+  try {
+    record = simulation.run();
+  } catch (const zusim::ScenarioError& e) {  // the system refused a thread
+    for (const auto& o : observers) ZU::ZUObservers::remove(o);
+    suite.refused = e.what();
+    std::cerr << "zuresource-sim: " << suite.refused << std::endl;
+    return ExitStatus::kRefused;
+  }
   if (recording) recording->record(ZU::takeSnapshot(simulation.roots()));
   for (const auto& o : observers) ZU::ZUObservers::remove(o);
   suite.results = record.results;

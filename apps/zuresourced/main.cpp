@@ -4,7 +4,6 @@
 
 #include <cerrno>
 #include <csignal>
-#include <map>
 #include <cstring>
 #include <iostream>
 #include <memory>
@@ -23,8 +22,6 @@
 #include <zumanager/zuresourcetree.h>
 #include <zuobserve/zurecorder.h>
 #include <zuresource/zuobserver.h>
-#include <zuresource/zuresourcelist.h>
-#include <zuresource/zuresourcestate.h>
 #include <zuresource/zusnapshot.h>
 #include <zuservice/zudefaulttree.h>
 #include <zuservice/zuserver.h>
@@ -55,31 +52,6 @@ bool answers(const std::string& path) {
   const bool ok = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
   ::close(fd);
   return ok;
-}
-
-/// The library's resources of `tree`, as its roots.
-std::vector<boost::shared_ptr<ZU::ZUResource>> buildResources(const ZU::ZUResourceTree& tree) {
-  std::map<std::string, boost::shared_ptr<ZU::ZUResource>> made;
-  for (const auto& r : tree.resources) {
-    switch (r.kind) {
-      case ZU::ZUTreeKind::Plain:
-        made[r.name] = boost::make_shared<ZU::ZUResource>(r.name, nullptr);
-        break;
-      case ZU::ZUTreeKind::State:
-        made[r.name] = boost::make_shared<ZU::ZUResourceState>(r.name, nullptr);
-        break;
-      case ZU::ZUTreeKind::Group:
-        made[r.name] = boost::make_shared<ZU::ZUResourceList>(r.name, nullptr);
-        break;
-    }
-  }
-  for (const auto& r : tree.resources) {
-    for (const auto& member : r.members) made.at(r.name)->addResource(made.at(member));
-    if (r.activated) dynamic_cast<ZU::ZUResourceState&>(*made.at(r.name)).setState(true);
-  }
-  std::vector<boost::shared_ptr<ZU::ZUResource>> roots;
-  for (const auto& name : tree.roots()) roots.push_back(made.at(name));
-  return roots;
 }
 
 }  // namespace
@@ -147,7 +119,7 @@ int main(int argc, char** argv) {
   }
 
   try {
-    ZU::ZUManager manager(buildResources(tree));
+    ZU::ZUManager manager(tree);
     std::unique_ptr<ZU::ZURecorder> recorder;
     boost::shared_ptr<ZU::ZURecorder> recording;
     if (!recordFile.empty()) {

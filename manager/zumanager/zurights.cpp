@@ -2,6 +2,8 @@
 
 #include <zuhost/zulog.h>
 
+#include "zumanager/zujsonreader.h"
+
 namespace ZU {
 
 namespace {
@@ -112,6 +114,36 @@ void ZURights::authorize(const ZUManager& manager, const ZUCaller& caller, ZUAct
                  "authorize", __LINE__);
     throw;
   }
+}
+
+ZURights parseRights(const std::string& text, const std::string& file) {
+  nlohmann::json top = readJson(text, file, "file");
+  ZURights rights;
+  forEachEntry(top, "clients", file, [&rights](const ZUJsonEntry& e) {
+    e.allow({"user", "token", "resources", "maxPriority", "operator"});
+    if (e.has("user") == e.has("token")) e.fail("give either \"user\" or \"token\"");
+    ZURight right;
+    right.resources = e.texts("resources");
+    if (right.resources.empty()) e.fail("\"resources\" names none");
+    for (const std::string& p : right.resources)
+      if (p.empty()) e.fail("\"resources\" has an empty pattern");
+    right.maxPriority = static_cast<int>(
+        e.integer("maxPriority", 0, -ZURights::kMaxPriority, ZURights::kMaxPriority));
+    right.isOperator = e.has("operator") && e.boolean("operator");
+    // Neither a user nor a token is quoted back: a token is a secret.
+    const bool user = e.has("user");
+    const std::string key = user ? e.name("user", "user") : e.name("token", "token");
+    if (user ? rights.users_.count(key) : rights.tokens_.count(key))
+      e.fail(std::string("this ") + (user ? "user" : "token") + " is given twice");
+    (user ? rights.users_ : rights.tokens_).emplace(key, right);
+  });
+  if (top.contains("clients") && !rights.restricted())
+    throw ZUInputError(file + ": \"clients\" names none: give at least one, or leave it out");
+  return rights;
+}
+
+ZURights loadRights(const std::string& path) {
+  return parseRights(readInputFile(path), escapeControls(path, false));
 }
 
 }  // namespace ZU

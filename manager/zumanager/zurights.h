@@ -77,9 +77,26 @@ class ZURights {
   /// Whether `name` matches `pattern` ('*' any run, '?' any one character).
   static bool matches(const std::string& pattern, const std::string& name);
 
+  /// The widest priority a client may be given, either way.
+  static constexpr long kMaxPriority = 1000000;
+
  private:
+  friend ZURights parseRights(const std::string& text, const std::string& file);
+
   std::map<std::string, ZURight> users_;
   std::map<std::string, ZURight> tokens_;
 };
+
+/// The "clients" section of a file (the service's resource tree file):
+///   {"clients": [{"user": "nav", "resources": ["Head", "*Arm"], "maxPriority": 5},
+///                {"token": "...", "resources": ["*"], "operator": true}], ...}
+/// Each entry gives a Unix user or a bearer token, the resource names or
+/// patterns it may ask for (at least one), its highest priority (default 0,
+/// within +-kMaxPriority) and whether it is an operator (default false).
+/// Other sections are not read. No "clients" section gives rights that allow
+/// everything. Throws ZUInputError naming the file, the entry and the field.
+ZURights parseRights(const std::string& text, const std::string& file);
+/// Reads and parses the regular file at `path`. Throws ZUInputError.
+ZURights loadRights(const std::string& path);
 
 }  // namespace ZU

@@ -36,7 +36,7 @@ void ZURecorder::startWriting() {
 
 ZURecorder::~ZURecorder() {
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    ZUMutexLock lock(mutex_);
     stopping_ = true;
   }
   changed_.notify_all();
@@ -45,7 +45,7 @@ ZURecorder::~ZURecorder() {
 
 void ZURecorder::push(Item&& item) {
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    ZUMutexLock lock(mutex_);
     if (queue_.size() >= limit_) {
       ++droppedTotal_;
       ++droppedUnsaid_;
@@ -64,21 +64,21 @@ void ZURecorder::record(const ZUSnapshot& snapshot) {
 }
 
 void ZURecorder::flush() {
-  std::unique_lock<std::mutex> lock(mutex_);
+  ZUMutexLock lock(mutex_);
   const std::uint64_t target = queued_;
   changed_.notify_all();  // a drop alone does not wake the writer
-  changed_.wait(lock, [this, target] { return written_ >= target && droppedUnsaid_ == 0; });
+  while (written_ < target || droppedUnsaid_ != 0) lock.wait(changed_);
 }
 
 std::uint64_t ZURecorder::dropped() const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  ZUMutexLock lock(mutex_);
   return droppedTotal_;
 }
 
 void ZURecorder::run() {
-  std::unique_lock<std::mutex> lock(mutex_);
+  ZUMutexLock lock(mutex_);
   for (;;) {
-    changed_.wait(lock, [this] { return stopping_ || !queue_.empty() || droppedUnsaid_ != 0; });
+    while (!stopping_ && queue_.empty() && droppedUnsaid_ == 0) lock.wait(changed_);
     if (queue_.empty() && droppedUnsaid_ == 0 && stopping_) return;
     std::deque<Item> batch;
     batch.swap(queue_);

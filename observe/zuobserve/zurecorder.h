@@ -9,9 +9,10 @@
 #include <fstream>
 #include <iosfwd>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
+
+#include <zuhost/zumutex.h>
 
 #include <zuresource/zuobserver.h>
 #include <zuresource/zusnapshot.h>
@@ -50,10 +51,10 @@ class ZURecorder : public ZUObserver {
   /// Queues `snapshot` as a line of its own (dropped like an event when full).
   void record(const ZUSnapshot& snapshot);
   /// Waits until every line queued before the call is written and flushed.
-  void flush();
+  void flush() ZU_EXCLUDES(mutex_);
 
   /// Events and snapshots dropped so far.
-  std::uint64_t dropped() const;
+  std::uint64_t dropped() const ZU_EXCLUDES(mutex_);
   /// The start, as every time in the recording counts from it.
   std::chrono::steady_clock::time_point start() const { return start_; }
 
@@ -64,22 +65,22 @@ class ZURecorder : public ZUObserver {
     std::shared_ptr<const ZUSnapshot> snapshot;
   };
   void startWriting();
-  void push(Item&& item);
-  void run();
+  void push(Item&& item) ZU_EXCLUDES(mutex_);
+  void run() ZU_EXCLUDES(mutex_);
 
   std::ofstream file_;       // the writer's; unused when recording to a stream
   std::ostream& out_;        // the writer's
   const std::size_t limit_;  // immutable
   const std::chrono::steady_clock::time_point start_;  // immutable
 
-  mutable std::mutex mutex_;
+  mutable ZUMutex mutex_;
   std::condition_variable changed_;
-  std::deque<Item> queue_;           // guarded by mutex_
-  std::uint64_t droppedTotal_ = 0;   // guarded by mutex_
-  std::uint64_t droppedUnsaid_ = 0;  // guarded by mutex_: not yet written in a line
-  std::uint64_t queued_ = 0;         // guarded by mutex_: items ever queued
-  std::uint64_t written_ = 0;        // guarded by mutex_: items ever written
-  bool stopping_ = false;            // guarded by mutex_
+  std::deque<Item> queue_ ZU_GUARDED_BY(mutex_);
+  std::uint64_t droppedTotal_ ZU_GUARDED_BY(mutex_) = 0;
+  std::uint64_t droppedUnsaid_ ZU_GUARDED_BY(mutex_) = 0;  // not yet written in a line
+  std::uint64_t queued_ ZU_GUARDED_BY(mutex_) = 0;         // items ever queued
+  std::uint64_t written_ ZU_GUARDED_BY(mutex_) = 0;        // items ever written
+  bool stopping_ ZU_GUARDED_BY(mutex_) = false;
 
   std::thread writer_;  // started last, joined by the destructor
 };

@@ -32,11 +32,12 @@ std::vector<boost::shared_ptr<ZU::ZUResource>> robot() {
 }
 
 TEST(Rights, Table) {
-  ZU::ZURights rights;
-  rights.addUser("nav", {{"Head", "*Arm"}, 5, false});
-  rights.addUser("ops", {{"*"}, 100, true});
-  rights.addToken("s3cret", {{"Arms"}, 0, false});
-  ZU::ZURights open;  // no clients known
+  const ZU::ZURights rights = ZU::parseRights(R"({"resources": [], "clients": [
+    {"user": "nav", "resources": ["Head", "*Arm"], "maxPriority": 5},
+    {"user": "ops", "resources": ["*"], "maxPriority": 100, "operator": true},
+    {"token": "s3cret", "resources": ["Arms"]}]})",
+                                              "robot.json");
+  const ZU::ZURights open = ZU::parseRights(R"({"resources": []})", "robot.json");
 
   struct Row {
     const char* name;
@@ -97,6 +98,32 @@ TEST(Rights, Table) {
       EXPECT_EQ(log.records()[0].message.find("guess"), std::string::npos);
     }
     EXPECT_EQ(manager.statusText(), before);
+  }
+}
+
+TEST(Rights, FileRefusals) {
+  const std::vector<std::pair<std::string, std::string>> rows = {
+      {R"({"clients": [{"resources": ["*"]}]})", "f: clients[0]: give either"},
+      {R"({"clients": [{"user": "a", "token": "t", "resources": ["*"]}]})",
+       "f: clients[0]: give either"},
+      {R"({"clients": [{"user": "a"}]})", "f: clients[0]: "},
+      {R"({"clients": [{"user": "a", "resources": []}]})", "f: clients[0]: \"resources\" names"},
+      {R"({"clients": [{"user": "a", "resources": ["*"], "maxPriority": 2000000}]})",
+       "f: clients[0]: "},
+      {R"({"clients": [{"token": "t", "resources": ["*"]}, {"token": "t", "resources": ["*"]}]})",
+       "f: clients[1]: this token is given twice"},
+      {R"({"clients": [{"user": "a", "resources": ["*"], "admin": true}]})",
+       "f: clients[0]: unknown field \"admin\""},
+      {R"({"clients": []})", "f: \"clients\" names none"},
+  };
+  for (const auto& row : rows) {
+    try {
+      ZU::parseRights(row.first, "f");
+      ADD_FAILURE() << "accepted: " << row.first;
+    } catch (const ZU::ZUInputError& e) {
+      EXPECT_EQ(std::string(e.what()).rfind(row.second, 0), 0u) << e.what();
+      EXPECT_EQ(std::string(e.what()).find("\"t\""), std::string::npos) << e.what();
+    }
   }
 }
 

@@ -3,24 +3,16 @@
 // The live status page, served on 127.0.0.1 while a scenario runs.
 
 #include <atomic>
-#include <cstddef>
 #include <functional>
-#include <memory>
 #include <string>
-#include <thread>
+
+#include <zulive/zuliveserver.h>
 
 #include "run/eventlog.h"
 #include "run/runrecord.h"
 #include "scenario/scenario.h"
 
-namespace httplib {
-class Server;
-struct DataSink;
-}  // namespace httplib
-
 namespace zusim {
-
-class LiveFeed;
 
 /// Serves "/" : a page that follows the event stream (see stream()), or
 /// reloads itself every second without one, and shows each resource's status
@@ -28,7 +20,8 @@ class LiveFeed;
 /// characters, never as markup), the waits running now with any deadlock and
 /// stale wait among them, and the latest events; and
 /// "/explain?owner=NAME&resource=NAME": what waitFor would do now, as plain text
-/// (404 for an unknown owner or resource, 400 when either is missing).
+/// (404 for an unknown owner or resource, 400 when either is missing). The
+/// connections are ZU::ZULiveServer's, with its limits.
 ///
 /// Thread safety: stream(), start(), finished() and stop() are called from one
 /// thread; the pages are served from the server's own threads, which only read
@@ -43,16 +36,14 @@ class LiveServer {
   /// Binds 127.0.0.1:`port` (0: any free port) and starts serving. Returns
   /// the port, or -1 when it cannot be bound.
   int start(int port);
-  /// Before start(): serve "/events", a server-sent-events stream of
-  /// `feed`'s lines from its first (or after the Last-Event-ID a reader sends
-  /// back), ended by a "finished" event with the exit status once the run is
-  /// over; the page follows it instead of reloading. And "/snapshot.json",
-  /// `snapshot`'s answer. Both must outlive the server.
-  void stream(LiveFeed& feed, std::function<std::string()> snapshot);
+  /// Before start(): serve "/events" and "/snapshot.json" (see
+  /// ZU::ZULiveServer::stream); the page follows the stream instead of
+  /// reloading. Both must outlive the server.
+  void stream(ZU::ZULiveFeed& feed, std::function<std::string()> snapshot);
   /// The run is over with exit status `status`; the page says so, and the
   /// event stream ends once its readers have every line.
   void finished(int status);
-  /// Stops serving and waits for the server's thread. Idempotent.
+  /// Stops serving, closing every connection. Idempotent.
   void stop();
 
   /// The page as it is now.
@@ -65,16 +56,9 @@ class LiveServer {
   const Scenario& scenario_;
   RunView& simulation_;
   EventLog& log_;
-  /// Writes the lines of the feed from `next` on, or waits a little for
-  /// one; false when the reader is gone or the server stops.
-  bool sendEvents(std::size_t& next, httplib::DataSink& sink);
-
-  LiveFeed* feed_ = nullptr;               // set before start(), then immutable
-  std::function<std::string()> snapshot_;  // set before start(), then immutable
-  std::atomic<bool> stopping_{false};
-  std::atomic<int> status_{-1};              // -1 while the scenario runs
-  std::unique_ptr<httplib::Server> server_;  // set by start(), before the thread
-  std::thread thread_;
+  bool streamed_ = false;        // set before start(), then immutable
+  std::atomic<int> status_{-1};  // -1 while the scenario runs
+  ZU::ZULiveServer server_;
 };
 
 }  // namespace zusim

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <fstream>
 #include <map>
 #include <mutex>
@@ -30,6 +31,16 @@ const std::set<std::string> kDecisions = {"granted", "waiting",   "notObtained",
 const double kStopSeenLate = 100;
 // The replayed run lasts this long after the last recorded event.
 const int kTail = 1000;
+// Lines written by different threads may come out of time order by this much.
+const double kOutOfOrder = 100;
+// What the recorder writes.
+const std::set<std::string> kKinds = {
+    "requested",      "waiting",        "notified",         "granted",  "handedBack",
+    "released",       "givenBack",      "notObtained",      "timedOut", "stopped",
+    "switched",       "stateActivated", "stateDeactivated", "lost",     "deadlockFormed",
+    "deadlockBroken", "staleWait"};
+const std::set<std::string> kGrants = {"wasFree", "handedDown", "alreadyHeld", "stateActivated"};
+const std::set<std::string> kCauses = {"ownRelease", "managerStop", "destruction"};
 
 // The text fields of an event line that replay reads.
 const std::pair<const char*, std::string RecordedEvent::*> kTextFields[] = {
@@ -120,7 +131,7 @@ class ScenarioBuilder {
         if (kind == "state") entry["activated"] = res.value("activated", false);
         if (kind == "group") entry["members"] = res.value("members", json::array());
         if (kind == "group")
-          for (const json& m : res["members"]) members_[entry["name"]].push_back(m);
+          for (const ordered_json& m : entry["members"]) members_[entry["name"]].push_back(m);
         known_.insert(text(res, "name"));
         resources_.push_back(entry);
       }
@@ -132,6 +143,10 @@ class ScenarioBuilder {
         resources_.push_back(state.count(e.resource)
                                  ? ordered_json{{"name", e.resource}, {"kind", "state"}}
                                  : ordered_json{{"name", e.resource}});
+    // A no-wait list may name a resource the recording shows nothing else of.
+    for (const RecordedEvent& e : r_.events)
+      for (const std::string& n : e.noWait)
+        if (known_.insert(n).second) resources_.push_back(ordered_json{{"name", n}});
   }
 
   void owners() {
@@ -324,46 +339,280 @@ class ScenarioBuilder {
   std::map<std::string, std::vector<double>> delays_;  // module -> its delays to let go
 };
 
+/// Reads a recording line by line and refuses, naming the line and the
+/// field, whatever the recorder cannot have written or replay cannot carry
+/// into a scenario: a recording comes from outside, possibly cut off, edited
+/// or corrupted.
+class RecordingReader {
+ public:
+  explicit RecordingReader(const std::string& file) : file_(file) { r_.file = file; }
+
+  Recording read(std::istream& in) {
+    std::string text;
+    for (line_ = 1; std::getline(in, text); ++line_) {
+      if (text.empty()) continue;
+      json j = json::parse(text, nullptr, false);
+      if (j.is_discarded()) {
+        // Only the last line may be incomplete: the recorder stopped mid-line.
+        if (in.peek() != std::char_traits<char>::eof()) refuse("", "not JSON");
+        r_.cut = true;
+        r_.cutLine = line_;
+        r_.cutMs = r_.events.empty() ? 0 : r_.events.back().ms;
+        break;
+      }
+      if (!j.is_object()) refuse("", "not a JSON object");
+      std::string type = required(j, "type");
+      if (type == "start") {
+        r_.wallClock = optional(j, "wallClock");
+      } else if (type == "snapshot") {
+        snapshot(j);
+      } else if (type == "event") {
+        event(j);
+      } else if (type == "dropped") {
+        number(j, "ms");
+      } else {
+        refuse("type",
+               "unknown line type " + quoteName(type) + " (start, event, snapshot or dropped)");
+      }
+    }
+    if (r_.events.empty())
+      throw ScenarioError(escapeControls(file_, false) + ": records no event" +
+                          (r_.cut ? " before its cut at line " + std::to_string(r_.cutLine)
+                                  : std::string()));
+    if (r_.lastSnapshot.is_null()) {
+      r_.lastSnapshot = r_.firstSnapshot;
+      lastSnapshotLine_ = firstSnapshotLine_;
+    }
+    finalSnapshot();
+    return std::move(r_);
+  }
+
+ private:
+  [[noreturn]] void refuse(const std::string& field, const std::string& what) const {
+    refuseAt(line_, field, what);
+  }
+  [[noreturn]] void refuseAt(std::size_t line, const std::string& field,
+                             const std::string& what) const {
+    throw ScenarioError(escapeControls(file_, false) + ": line " + std::to_string(line) + ": " +
+                        (field.empty() ? "" : "\"" + escapeControls(field, true) + "\": ") + what);
+  }
+
+  static const char* typeName(const json& j) { return j.type_name(); }
+
+  /// A text field: absent is empty; anything but a string is refused.
+  std::string optional(const json& j, const char* key) const {
+    auto it = j.find(key);
+    if (it == j.end()) return std::string();
+    if (!it->is_string()) refuse(key, std::string("must be a string, not ") + typeName(*it));
+    return it->get<std::string>();
+  }
+  std::string required(const json& j, const char* key) const {
+    if (!j.contains(key)) refuse(key, "missing");
+    std::string t = optional(j, key);
+    if (t.empty()) refuse(key, "empty");
+    return t;
+  }
+  /// A time in ms: a finite number.
+  double number(const json& j, const char* key) const {
+    auto it = j.find(key);
+    if (it == j.end()) refuse(key, "missing");
+    if (!it->is_number()) refuse(key, std::string("must be a number, not ") + typeName(*it));
+    double v = it->get<double>();
+    if (!std::isfinite(v)) refuse(key, "must be a finite number");
+    return v;
+  }
+  /// A list of names; `field` names it in messages.
+  std::vector<std::string> names(const json& j, const char* key, const std::string& field) const {
+    std::vector<std::string> out;
+    auto it = j.find(key);
+    if (it == j.end()) return out;
+    if (!it->is_array())
+      refuse(field, std::string("must be a list of names, not ") + typeName(*it));
+    for (const json& n : *it) {
+      if (!n.is_string())
+        refuse(field, std::string("must be a list of names, not of ") + typeName(n) + "s");
+      out.push_back(n.get<std::string>());
+    }
+    return out;
+  }
+
+  void event(const json& j) {
+    RecordedEvent e;
+    e.line = line_;
+    e.ms = number(j, "ms");
+    if (e.ms < 0 || e.ms > kMaxMs - kTail)
+      refuse("ms", "must be from 0 to " + std::to_string(kMaxMs - kTail) +
+                       " (the simulator replays up to an hour), not " + j.at("ms").dump());
+    // Lines written by different threads may come out a moment apart.
+    if (e.ms < latestMs_ - kOutOfOrder)
+      refuse("ms", "goes back to " + j.at("ms").dump() + " after " + std::to_string(at(latestMs_)) +
+                       " ms (line " + std::to_string(latestLine_) + ")");
+    if (e.ms > latestMs_) latestMs_ = e.ms, latestLine_ = line_;
+    for (const auto& field : kTextFields) e.*field.second = optional(j, field.first);
+    if (!kKinds.count(e.kind))
+      refuse("kind", (e.kind.empty() ? "missing" : "unknown kind " + quoteName(e.kind)));
+    bool aboutCycle =
+        e.kind == "deadlockFormed" || e.kind == "deadlockBroken" || e.kind == "staleWait";
+    if (!aboutCycle && e.resource.empty()) refuse("resource", "empty resource name");
+    bool needsOwner = !aboutCycle && e.kind != "notified" && e.kind != "stateActivated" &&
+                      e.kind != "stateDeactivated" && e.kind != "lost" &&
+                      !(e.kind == "stopped" && e.cause == "destruction");
+    if (needsOwner && e.owner.empty()) refuse("owner", "empty owner name");
+    if (!e.owner.empty()) owner(e);
+    if (e.kind == "notified" && e.holderModule.empty()) refuse("holderModule", "empty module name");
+    if (e.kind == "granted" && !e.grant.empty() && !kGrants.count(e.grant))
+      refuse("grant", "unknown grant " + quoteName(e.grant));
+    if (e.kind == "stopped" && !e.cause.empty() && !kCauses.count(e.cause))
+      refuse("cause", "unknown cause " + quoteName(e.cause));
+    if (j.contains("timeout")) {
+      const json& t = j["timeout"];
+      // Negative is no limit; over the simulator's hour cannot be replayed.
+      if (!t.is_number_integer() ||
+          (t.is_number_unsigned() &&
+           t.get<std::uint64_t>() > static_cast<std::uint64_t>(kMaxTimeoutSeconds)) ||
+          (!t.is_number_unsigned() && t.get<std::int64_t>() > kMaxTimeoutSeconds))
+        refuse("timeout", "must be a whole number of seconds up to " +
+                              std::to_string(kMaxTimeoutSeconds) + " (negative: no limit), not " +
+                              t.dump());
+      e.timeout = t.is_number_unsigned() || t.get<std::int64_t>() >= 0
+                      ? static_cast<int>(t.get<std::int64_t>())
+                      : -1;
+    }
+    e.noWait = names(j, "noWaitList", "noWaitList");
+    for (const std::string& n : e.noWait)
+      if (n.empty()) refuse("noWaitList", "empty resource name");
+    if (e.kind == "stateActivated" || e.kind == "stateDeactivated") {
+      auto declared = kinds_.find(e.resource);
+      if (declared != kinds_.end() && declared->second != "state")
+        refuse("resource", quoteName(e.resource) + " changes state, but the snapshot (line " +
+                               std::to_string(firstSnapshotLine_) + ") has it " + declared->second);
+    }
+    seen_.emplace(e.resource, line_);
+    r_.events.push_back(std::move(e));
+  }
+
+  /// An owner keeps its module, and is not named as the placeholder.
+  void owner(const RecordedEvent& e) {
+    if (e.owner == ZU::contract::kPlaceholderName)
+      refuse("owner", quoteName(e.owner) + " is the placeholder's name");
+    if (e.ownerModule.empty()) refuse("ownerModule", "empty module name");
+    auto known = owners_.emplace(e.owner, std::make_pair(e.ownerModule, line_)).first;
+    if (known->second.first != e.ownerModule)
+      refuse("ownerModule", quoteName(e.owner) + " is of module " + quoteName(known->second.first) +
+                                " (line " + std::to_string(known->second.second) + "), not " +
+                                quoteName(e.ownerModule));
+  }
+
+  void snapshot(json& j) {
+    number(j, "ms");
+    auto list = j.find("resources");
+    if (list == j.end()) refuse("resources", "missing");
+    if (!list->is_array())
+      refuse("resources", std::string("must be a list, not ") + typeName(*list));
+    bool first = r_.firstSnapshot.is_null();
+    std::set<std::string> listedNames;
+    for (std::size_t i = 0; i < list->size(); ++i) {
+      const json& res = (*list)[i];
+      std::string at = "resources[" + std::to_string(i) + "]";
+      if (!res.is_object()) refuse(at, std::string("must be an object, not ") + typeName(res));
+      std::string name = required(res, "name");
+      if (!listedNames.insert(name).second) refuse(at, quoteName(name) + " listed twice");
+      std::string kind = required(res, "kind");
+      if (kind != "plain" && kind != "state" && kind != "group")
+        refuse(at + ".kind", "unknown kind " + quoteName(kind) + " (plain, state or group)");
+      names(res, "holders", at + ".holders");
+      if (res.contains("activated") && !res["activated"].is_boolean())
+        refuse(at + ".activated",
+               std::string("must be true or false, not ") + typeName(res["activated"]));
+      std::vector<std::string> members = names(res, "members", at + ".members");
+      if (kind == "group" && !res.contains("members")) refuse(at + ".members", "missing");
+      if (kind == "group" && first) {
+        std::set<std::string> listed;
+        for (const std::string& m : members) {
+          if (m.empty()) refuse(at + ".members", "empty resource name");
+          if (!listed.insert(m).second) refuse(at + ".members", quoteName(m) + " listed twice");
+        }
+        members_[name] = members;
+      }
+      if (first) kinds_[name] = kind;
+    }
+    if (first) {
+      for (const auto& g : members_)
+        for (const std::string& m : g.second)
+          if (!kinds_.count(m))
+            refuse("resources",
+                   "group " + quoteName(g.first) + " has the unknown member " + quoteName(m));
+      std::map<std::string, int> depth;
+      for (const auto& g : members_) nesting(g.first, depth, 0);
+      r_.firstSnapshot = std::move(j);
+      firstSnapshotLine_ = line_;
+    } else {
+      r_.lastSnapshot = std::move(j);
+      lastSnapshotLine_ = line_;
+    }
+  }
+
+  /// How deep `group` nests (a group of plain resources is 1); refuses a
+  /// group inside itself and nesting past the scenario's limit. `depth`
+  /// holds the groups done, and 0 for those being walked.
+  int nesting(const std::string& group, std::map<std::string, int>& depth, int walked) {
+    auto g = members_.find(group);
+    if (g == members_.end()) return 0;
+    auto d = depth.find(group);
+    if (d != depth.end()) {
+      if (d->second == 0) refuse("resources", "group " + quoteName(group) + " contains itself");
+      return d->second;
+    }
+    if (walked >= kMaxNesting)
+      refuse("resources", "groups nest deeper than " + std::to_string(kMaxNesting) + " levels");
+    depth[group] = 0;
+    int deepest = 0;
+    for (const std::string& m : g->second)
+      deepest = std::max(deepest, nesting(m, depth, walked + 1));
+    return depth[group] = deepest + 1;
+  }
+
+  /// What the last snapshot says becomes the replay's final expectations:
+  /// its plain resources must be known, and their holders owners of the
+  /// recording.
+  void finalSnapshot() const {
+    if (!r_.lastSnapshot.is_object()) return;
+    for (const json& res : r_.lastSnapshot.at("resources")) {
+      std::string name = res.at("name").get<std::string>();
+      if (!kinds_.count(name) && !seen_.count(name))
+        refuseAt(lastSnapshotLine_, "resources",
+                 quoteName(name) + " is in no other snapshot and no event");
+      if (res.at("kind") != "plain" || !res.contains("holders") || res.at("holders").empty())
+        continue;
+      std::string holder = res.at("holders")[0].get<std::string>();
+      if (!owners_.count(holder) && holder != ZU::contract::kPlaceholderName)
+        refuseAt(lastSnapshotLine_, "holders",
+                 quoteName(holder) + " of " + quoteName(name) + " is in no event");
+    }
+  }
+
+  const std::string file_;
+  Recording r_;
+  std::size_t line_ = 0;
+  double latestMs_ = 0;
+  std::size_t latestLine_ = 0;
+  std::size_t firstSnapshotLine_ = 0, lastSnapshotLine_ = 0;
+  std::map<std::string, std::string> kinds_;                           // in the first snapshot
+  std::map<std::string, std::vector<std::string>> members_;            // its groups
+  std::map<std::string, std::pair<std::string, std::size_t>> owners_;  // module, line
+  std::map<std::string, std::size_t> seen_;                            // resources of events
+};
+
 }  // namespace
 
 Recording Recording::read(const std::string& path) {
-  std::ifstream in(path);
-  if (!in) throw ScenarioError(path + ": cannot be read");
-  Recording r;
-  r.file = path;
-  std::string line;
-  for (std::size_t n = 1; std::getline(in, line); ++n) {
-    if (line.empty()) continue;
-    json j = json::parse(line, nullptr, false);
-    if (j.is_discarded()) {
-      // Only the last line may be incomplete: the recorder stopped mid-line.
-      std::string rest;
-      if (std::getline(in, rest) || in.eof() == false)
-        throw ScenarioError(path + ": line " + std::to_string(n) + ": not JSON");
-      r.cut = true;
-      r.cutLine = n;
-      r.cutMs = r.events.empty() ? 0 : r.events.back().ms;
-      break;
-    }
-    std::string type = text(j, "type");
-    if (type == "start") r.wallClock = text(j, "wallClock");
-    if (type == "snapshot") (r.firstSnapshot.is_null() ? r.firstSnapshot : r.lastSnapshot) = j;
-    if (type != "event") continue;
-    if (!j.contains("ms") || !j["ms"].is_number() || text(j, "kind").empty())
-      throw ScenarioError(path + ": line " + std::to_string(n) +
-                          ": an event needs \"ms\" and \"kind\"");
-    RecordedEvent e;
-    e.line = n;
-    e.ms = j["ms"].get<double>();
-    for (const auto& field : kTextFields) e.*field.second = text(j, field.first);
-    if (j.contains("timeout") && j["timeout"].is_number_integer()) e.timeout = j["timeout"];
-    for (const json& n : j.value("noWaitList", json::array()))
-      if (n.is_string()) e.noWait.push_back(n);
-    r.events.push_back(e);
-  }
-  if (r.lastSnapshot.is_null()) r.lastSnapshot = r.firstSnapshot;
-  if (r.events.empty() && !r.cut) throw ScenarioError(path + ": records no event");
-  return r;
+  std::ifstream in(path, std::ios::binary);
+  if (!in) throw ScenarioError(escapeControls(path, false) + ": cannot be read");
+  return parse(in, path);
+}
+
+Recording Recording::parse(std::istream& in, const std::string& file) {
+  return RecordingReader(file).read(in);
 }
 
 ordered_json Recording::toScenario() const { return ScenarioBuilder(*this).build(); }

@@ -4,6 +4,7 @@
 // format) turned back into a scenario, run again, and its decisions compared
 // with the recorded ones.
 
+#include <istream>
 #include <string>
 #include <vector>
 
@@ -38,9 +39,15 @@ struct Recording {
   std::size_t cutLine = 0;  // the line that is incomplete
   double cutMs = 0;         // the time of the last whole event before it
 
-  /// Reads `path`. Throws ScenarioError naming the file and line of a line
-  /// that is not a recording's (a cut last line is not an error).
+  /// Reads `path`. Throws ScenarioError naming the file, the line and the
+  /// field of what a recorder cannot have written or a scenario cannot
+  /// carry: a line that is not a JSON object, a field of the wrong type, an
+  /// unknown kind, times going back or past the simulator's hour, a time
+  /// limit past its hour, empty names, a snapshot's group inside itself or
+  /// nested too deep. A cut last line is not an error.
   static Recording read(const std::string& path);
+  /// The same from a stream; `file` names it in messages.
+  static Recording parse(std::istream& in, const std::string& file);
   /// The recording as a scenario: its resources (from the first snapshot,
   /// and any other resource its events name, plain unless switched on or
   /// off), modules and owners; every top-level request, release, switch,

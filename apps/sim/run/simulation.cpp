@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <stdexcept>
+#include <system_error>
 #include <thread>
 
 #include <boost/make_shared.hpp>
@@ -122,12 +123,32 @@ RunRecord Simulation::run() {
   }
   boost::shared_ptr<Events> events = boost::make_shared<Events>(*this);
   ZU::ZUObservers::add(events);
-  std::thread checker(&Simulation::checkerThread, this, std::ref(record.results));
-  std::thread manager(&Simulation::managerThread, this, managerActions);
+  std::thread checker, manager;
   std::vector<std::thread> threads;
-  for (const auto& entry : byOwner)
-    threads.emplace_back(&Simulation::ownerThread, this, std::ref(ownerNamed(entry.first)),
-                         entry.second);
+  try {
+    checker = std::thread(&Simulation::checkerThread, this, std::ref(record.results));
+    manager = std::thread(&Simulation::managerThread, this, managerActions);
+    threads.reserve(byOwner.size());
+    for (const auto& entry : byOwner)
+      threads.emplace_back(&Simulation::ownerThread, this, std::ref(ownerNamed(entry.first)),
+                           entry.second);
+  } catch (const std::system_error& e) {
+    // The system refuses another thread: the threads made end before they
+    // act, and the run is refused.
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      calledOff_ = started_ = true;
+    }
+    go_.notify_all();
+    for (std::thread* t : {&checker, &manager})
+      if (t->joinable()) t->join();
+    for (std::thread& t : threads) t.join();
+    ZU::ZUObservers::remove(events);
+    throw ScenarioError(escapeControls(scenario_.file, false) +
+                        ": cannot run: the system refuses a thread (" +
+                        std::to_string(threads.size()) + " of the " +
+                        std::to_string(byOwner.size()) + " owners' threads made): " + e.what());
+  }
   // Time 0 is when every thread is ready: making threads can take long.
   log_.restart();
   {
@@ -181,13 +202,14 @@ std::string Simulation::stoppedText() {
   return "the scenario stopped at " + std::to_string(stoppedAtMs_) + " ms";
 }
 
-void Simulation::awaitStart() {
+bool Simulation::awaitStart() {
   std::unique_lock<std::mutex> lock(mutex_);
   go_.wait(lock, [this] { return started_; });
+  return !calledOff_;
 }
 
 void Simulation::ownerThread(Owner& o, const std::vector<const ActionEntry*>& actions) {
-  awaitStart();
+  if (!awaitStart()) return;
   for (const ActionEntry* a : actions) {
     sleepUntil(a->atMs);
     bool stopped, killed;
@@ -220,9 +242,18 @@ void Simulation::ownerThread(Owner& o, const std::vector<const ActionEntry*>& ac
 }
 
 void Simulation::managerThread(const std::vector<const ActionEntry*>& actions) {
-  awaitStart();
+  if (!awaitStart()) return;
   for (const ActionEntry* a : actions) {
     if (!sleepUntil(a->atMs)) return;
+    // A long state change may delay the manager's later actions past stopAt,
+    // also when every owner is done before it.
+    if (log_.now() > scenario_.stopAtMs) {
+      log_.add(EventKind::Manager, a->owner, a->resource,
+               a->entry + " (at " + std::to_string(a->atMs) +
+                   " ms) is dropped: the scenario stopped at " +
+                   std::to_string(scenario_.stopAtMs) + " ms");
+      continue;
+    }
     if (a->kind == ActionKind::Stop) {
       log_.add(EventKind::Manager, a->owner, a->resource,
                "the manager stops " + a->owner + " on " + a->resource);
@@ -241,7 +272,7 @@ void Simulation::managerThread(const std::vector<const ActionEntry*>& actions) {
 }
 
 void Simulation::checkerThread(std::vector<ExpectResult>& results) {
-  awaitStart();
+  if (!awaitStart()) return;
   std::vector<const ExpectEntry*> timed;
   for (const ExpectEntry& x : scenario_.expectations)
     if (x.atMs >= 0) timed.push_back(&x);

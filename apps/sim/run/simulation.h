@@ -44,6 +44,8 @@ class Simulation : public World, public RunView {
   Simulation(const Simulation&) = delete;
   Simulation& operator=(const Simulation&) = delete;
 
+  /// Plays the scenario. Throws ScenarioError, having run nothing, when the
+  /// system refuses one of its threads.
   RunRecord run();
   /// Ends the run now as stopAt would (its later actions and timed
   /// expectations are dropped), for an interrupted program. Any thread, any
@@ -78,8 +80,9 @@ class Simulation : public World, public RunView {
   // handed resources down, and mutex_ only between library calls, briefly,
   // to record what happened.
 
-  /// Blocks until run() has made every thread and restarted the clock (mutex_).
-  void awaitStart();
+  /// Blocks until run() has made every thread and restarted the clock
+  /// (mutex_); false when the run is called off and the thread is to end.
+  bool awaitStart();
   /// Runs `actions` (the owner's own, in time order), then counts itself done.
   void ownerThread(Owner& owner, const std::vector<const ActionEntry*>& actions);
   /// Runs setState, releaseState, stop and the actions on robots and etcd in
@@ -147,6 +150,7 @@ class Simulation : public World, public RunView {
   std::vector<std::vector<std::string>> notified_;  // by module number
   int running_ = 0;                                 // owner threads not yet done
   bool started_ = false;                            // the run's threads may go
+  bool calledOff_ = false;                          // they end at once: a thread was refused
   bool stopped_ = false;                            // stopAt has passed
   bool interrupted_ = false;                        // stopNow() was called
   long stoppedAtMs_ = 0;                            // when the run was stopped

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <limits>
+#include <unordered_map>
+#include <unordered_set>
 
 #include <zuresource/zucontract.h>
 #include <zuresource/zuownerstrong.h>
@@ -11,6 +13,7 @@ namespace zusim {
 namespace {
 
 const long kForever = std::numeric_limits<long>::max();
+const long kPollMs = ZU::ZUOwnerStrong::kPollPeriodMs;
 
 /// Whether `requester` is granted what `holder` holds at once: its name
 /// extends the holder's.
@@ -26,9 +29,28 @@ bool contains(const std::vector<std::string>& names, const std::string& name) {
   return std::find(names.begin(), names.end(), name) != names.end();
 }
 
+/// Reads a scenario for what will surprise its author. Every finding is
+/// looked up through indexes built once (the actions of each owner, the
+/// requests of each leaf), so that a scenario of 100,000 actions is checked
+/// in about the time it takes to read.
 class Linter {
  public:
-  explicit Linter(const Scenario& s) : s_(s) {}
+  explicit Linter(const Scenario& s) : s_(s), leaves_(s.actions.size()), plain_(s.actions.size()) {
+    for (std::size_t i = 0; i < s.actions.size(); ++i) {
+      const ActionEntry& a = s.actions[i];
+      if (!a.owner.empty()) byOwner_[a.owner].push_back(i);
+      if (a.resource.empty() || !s.findResource(a.resource)) continue;
+      leaves_[i] = s.leavesOf(a.resource);
+      for (const std::string& leaf : leaves_[i])
+        if (s.findResource(leaf)->kind == ResourceKind::Plain && !contains(a.noWait, leaf))
+          plain_[i].push_back(leaf);
+      if (a.kind == ActionKind::WaitFor)
+        for (const std::string& leaf : plain_[i]) requestsOf_[leaf].push_back(i);
+      bool deactivation = (a.kind == ActionKind::SetState && !a.activated) ||
+                          a.kind == ActionKind::ReleaseState;
+      if (deactivation) requestsOf_[a.resource].push_back(i);
+    }
+  }
 
   std::vector<Warning> run() {
     requestsAfterRelease();
@@ -42,6 +64,15 @@ class Linter {
   }
 
  private:
+  /// Something that leaves an owner's release flag set: from `ms` on, after
+  /// the action `index` in the scenario's order, and why.
+  struct FlagSet {
+    long ms = kForever;
+    std::size_t index = 0;
+    std::string why;
+    bool before(long atMs, std::size_t at) const { return ms < atMs || (ms == atMs && index < at); }
+  };
+
   /// Sorts entries by section, then by index.
   static std::pair<int, long> order(const std::string& entry) {
     static const char* const kSections[] = {"resources", "modules", "owners", "actions", "expect"};
@@ -53,149 +84,136 @@ class Linter {
     return {section, open == std::string::npos ? 0 : std::stol(entry.substr(open + 1))};
   }
 
+  const std::vector<std::size_t>& actionsOf(const std::string& owner) const {
+    static const std::vector<std::size_t> kNone;
+    auto it = byOwner_.find(owner);
+    return it == byOwner_.end() ? kNone : it->second;
+  }
+  /// The waitFor actions that ask for `leaf` (a plain one, not on their
+  /// no-wait list), and the deactivations of `leaf` (a state resource), in
+  /// time order.
+  const std::vector<std::size_t>& requestsOf(const std::string& leaf) const {
+    static const std::vector<std::size_t> kNone;
+    auto it = requestsOf_.find(leaf);
+    return it == requestsOf_.end() ? kNone : it->second;
+  }
   bool isGroup(const std::string& resource) const {
     return s_.findResource(resource)->kind == ResourceKind::Group;
   }
-  /// The plain resources a request takes in order, less its no-wait list.
-  std::vector<std::string> plainLeaves(const ActionEntry& a) const {
-    std::vector<std::string> out;
-    for (const std::string& leaf : s_.leavesOf(a.resource))
-      if (s_.findResource(leaf)->kind == ResourceKind::Plain && !contains(a.noWait, leaf))
-        out.push_back(leaf);
-    return out;
+  const ModuleEntry& moduleOf(const std::string& owner) const {
+    return *s_.findModule(s_.findOwner(owner)->module);
   }
-  /// When `owner` next lets go of `leaf` after `from` (release or the
+  /// When `owner` next lets go of `leaf` at or after `from` (release or the
   /// manager's stop), or kForever.
   long letGo(const std::string& owner, const std::string& leaf, long from) const {
-    for (const ActionEntry& a : s_.actions)
-      if (a.owner == owner && a.atMs >= from &&
-          (a.kind == ActionKind::Release || a.kind == ActionKind::Stop) &&
-          contains(s_.leavesOf(a.resource), leaf))
+    for (std::size_t i : actionsOf(owner)) {
+      const ActionEntry& a = s_.actions[i];
+      if (a.atMs >= from && (a.kind == ActionKind::Release || a.kind == ActionKind::Stop) &&
+          contains(leaves_[i], leaf))
         return a.atMs;
+    }
     return kForever;
   }
-
-  /// Something that leaves an owner's release flag set: from `ms` on, after
-  /// the action `index` in the scenario's order, and why.
-  struct FlagSet {
-    long ms;
-    std::size_t index;
-    std::string why;
-  };
-
   /// Whether state resource `name` is activated at `ms`: its start, then
   /// every switch at or before `ms`.
   bool activeAt(const std::string& name, long ms) const {
     bool on = s_.findResource(name)->activated;
-    for (const ActionEntry& a : s_.actions)
-      if (a.atMs <= ms && a.resource == name &&
-          (a.kind == ActionKind::SetState || a.kind == ActionKind::ReleaseState))
+    for (const ActionEntry& a : s_.actions) {
+      if (a.atMs > ms) break;
+      if (a.resource == name && (a.kind == ActionKind::SetState || a.kind == ActionKind::ReleaseState))
         on = a.kind == ActionKind::SetState && a.activated;
+    }
     return on;
   }
-
-  /// The module of `owner`'s answer to "__onResource__": how long it takes
-  /// to let go, or kForever when it ignores it.
-  long answerMs(const std::string& owner) const {
-    const ModuleEntry* m = s_.findModule(s_.findOwner(owner)->module);
-    return m->releases ? m->delayMs : kForever;
+  /// Whether state resource `name` is activated within [from, until].
+  bool activatedWithin(const std::string& name, long from, long until) const {
+    if (activeAt(name, from)) return true;
+    return std::any_of(s_.actions.begin(), s_.actions.end(), [&](const ActionEntry& a) {
+      return a.kind == ActionKind::SetState && a.activated && a.resource == name &&
+             a.atMs >= from && a.atMs <= until;
+    });
   }
 
-  /// Whether the group wait `a` (with a time limit) may end at that limit
+  /// Whether the group wait `ai` (with a time limit) may end at that limit
   /// and give back what it took. A waiter sees a release at most one polling
   /// period late, so a holder that lets go closer to the limit than that
   /// counts as one that does not.
   bool groupWaitMayFail(std::size_t ai) const {
     const ActionEntry& a = s_.actions[ai];
-    const long poll = ZU::ZUOwnerStrong::kPollPeriodMs;
     const long limit = a.atMs + 1000L * a.timeout;
-    for (const std::string& leaf : s_.leavesOf(a.resource)) {
+    for (const std::string& leaf : leaves_[ai]) {
       if (contains(a.noWait, leaf)) continue;
       if (s_.findResource(leaf)->kind == ResourceKind::State) {
-        bool on = activeAt(leaf, a.atMs);
-        for (const ActionEntry& b : s_.actions)
-          on = on || (b.kind == ActionKind::SetState && b.activated && b.resource == leaf &&
-                      b.atMs >= a.atMs && b.atMs + poll < limit);
-        if (!on) return true;
+        if (!activatedWithin(leaf, a.atMs, limit - kPollMs - 1)) return true;
         continue;
       }
-      for (std::size_t bi = 0; bi < s_.actions.size(); ++bi) {
+      for (std::size_t bi : requestsOf(leaf)) {
         const ActionEntry& b = s_.actions[bi];
-        if (bi == ai || b.kind != ActionKind::WaitFor || related(a.owner, b.owner) ||
-            b.atMs > limit || !contains(plainLeaves(b), leaf))
-          continue;
+        if (b.atMs > limit) break;
+        if (bi == ai || related(a.owner, b.owner)) continue;
         long gone = letGo(b.owner, leaf, b.atMs);
         if (gone <= a.atMs) continue;  // let go before the wait began
+        const ModuleEntry& m = moduleOf(b.owner);
         long told = std::max(a.atMs, b.atMs);
-        long answer = answerMs(b.owner);
-        long letsGo = std::min(gone, answer == kForever ? kForever : told + answer);
-        if (letsGo == kForever || letsGo + poll >= limit) return true;
+        long letsGo = std::min(gone, m.releases ? told + m.delayMs : kForever);
+        if (letsGo == kForever || letsGo + kPollMs >= limit) return true;
       }
     }
     return false;
   }
 
-  /// Everything that leaves `owner`'s release flag set: its releases, the
-  /// manager's stops, its group waits that may fail, and its module letting
+  /// The first thing that leaves `owner`'s release flag set: its release, the
+  /// manager's stop, its group wait that may time out, or its module letting
   /// go when told "__onResource__" (for another owner's request, or a
   /// deactivation) of something the owner may still hold.
-  std::vector<FlagSet> flagSetters(const OwnerEntry& o) const {
-    std::vector<FlagSet> out;
-    const ModuleEntry* module = s_.findModule(o.module);
-    for (std::size_t ai = 0; ai < s_.actions.size(); ++ai) {
+  FlagSet firstFlagSet(const OwnerEntry& o) const {
+    FlagSet first;
+    const ModuleEntry& module = *s_.findModule(o.module);
+    for (std::size_t ai : actionsOf(o.name)) {
       const ActionEntry& a = s_.actions[ai];
-      if (a.owner != o.name) continue;
+      if (first.before(a.atMs, ai)) break;  // nothing from here on comes earlier
+      FlagSet f{a.atMs, ai, ""};
       if (a.kind == ActionKind::Release)
-        out.push_back({a.atMs, ai, "its release of " + a.resource + " (" + a.entry + ")"});
-      if (a.kind == ActionKind::Stop)
-        out.push_back(
-            {a.atMs, ai, "the manager's stop on " + a.resource + " (" + a.entry + ")"});
-      if (a.kind != ActionKind::WaitFor) continue;
-      if (a.timeout >= 0 && isGroup(a.resource) && groupWaitMayFail(ai))
-        out.push_back({a.atMs, ai,
-                       "its wait for the group " + a.resource + " (" + a.entry +
-                           "), which gives back what it took if it times out"});
-      if (!module->releases) continue;
+        f.why = "its release of " + a.resource + " (" + a.entry + ")";
+      else if (a.kind == ActionKind::Stop)
+        f.why = "the manager's stop on " + a.resource + " (" + a.entry + ")";
+      else if (a.kind == ActionKind::WaitFor && a.timeout >= 0 && isGroup(a.resource) &&
+               groupWaitMayFail(ai))
+        f.why = "its wait for the group " + a.resource + " (" + a.entry +
+                "), which gives back what it took if it times out";
+      if (!f.why.empty() && f.before(first.ms, first.index)) first = f;
+      if (a.kind != ActionKind::WaitFor || !module.releases) continue;
       // Who may be told to let go of what this request took, while it still
       // holds it: another owner's request, or a deactivation.
-      for (std::size_t bi = ai + 1; bi < s_.actions.size(); ++bi) {
-        const ActionEntry& b = s_.actions[bi];
-        bool deactivation = (b.kind == ActionKind::SetState && !b.activated) ||
-                            b.kind == ActionKind::ReleaseState;
-        bool request = b.kind == ActionKind::WaitFor && !related(o.name, b.owner);
-        if (!deactivation && !request) continue;
-        std::vector<std::string> wanted =
-            deactivation ? std::vector<std::string>{b.resource} : plainLeaves(b);
-        for (const std::string& leaf : s_.leavesOf(a.resource)) {
-          if (contains(a.noWait, leaf) || !contains(wanted, leaf) ||
-              letGo(o.name, leaf, a.atMs) <= b.atMs)
-            continue;
-          out.push_back({b.atMs, bi,
-                         "its module " + module->name + " let go of " + leaf +
-                             " when told \"__onResource__\" for " +
-                             (deactivation ? "the deactivation of " + leaf
-                                           : b.owner + "'s request") +
-                             " (" + b.entry + ")"});
+      for (const std::string& leaf : leaves_[ai]) {
+        if (contains(a.noWait, leaf)) continue;
+        long until = letGo(o.name, leaf, a.atMs);
+        for (std::size_t bi : requestsOf(leaf)) {
+          const ActionEntry& b = s_.actions[bi];
+          if (b.atMs >= until || !FlagSet{b.atMs, bi, ""}.before(first.ms, first.index)) break;
+          if (bi <= ai) continue;
+          bool deactivation = b.kind != ActionKind::WaitFor;
+          if (!deactivation && related(o.name, b.owner)) continue;
+          first = {b.atMs, bi,
+                   "its module " + module.name + " let go of " + leaf +
+                       " when told \"__onResource__\" for " +
+                       (deactivation ? "the deactivation of " + leaf : b.owner + "'s request") +
+                       " (" + b.entry + ")"};
           break;
         }
       }
     }
-    return out;
+    return first;
   }
 
   void requestsAfterRelease() {
     for (const OwnerEntry& o : s_.owners) {
-      std::vector<FlagSet> setters = flagSetters(o);
-      for (std::size_t ci = 0; ci < s_.actions.size(); ++ci) {
+      FlagSet first = firstFlagSet(o);
+      if (first.ms == kForever) continue;
+      for (std::size_t ci : actionsOf(o.name)) {
         const ActionEntry& c = s_.actions[ci];
-        if (c.owner != o.name || c.kind != ActionKind::WaitFor) continue;
-        // The earliest that comes before this request.
-        const FlagSet* first = nullptr;
-        for (const FlagSet& f : setters)
-          if ((f.ms < c.atMs || (f.ms == c.atMs && f.index < ci)) && (!first || f.ms < first->ms))
-            first = &f;
-        if (!first) continue;
-        out_.push_back({c.entry, o.name + " requests " + c.resource + " after " + first->why +
+        if (c.kind != ActionKind::WaitFor || !first.before(c.atMs, ci)) continue;
+        out_.push_back({c.entry, o.name + " requests " + c.resource + " after " + first.why +
                                      ": that leaves its release flag set, so if this request "
                                      "has to wait it fails with \"" +
                                      ZU::contract::kStopWhileWaiting + "\""});
@@ -205,51 +223,63 @@ class Linter {
   }
 
   void endlessWaits() {
-    for (const ActionEntry& a : s_.actions) {
+    for (std::size_t ai = 0; ai < s_.actions.size(); ++ai) {
+      const ActionEntry& a = s_.actions[ai];
       if (a.kind != ActionKind::WaitFor || a.timeout >= 0) continue;
-      bool stopped = std::any_of(s_.actions.begin(), s_.actions.end(), [&](const ActionEntry& b) {
-        return b.kind == ActionKind::Stop && b.owner == a.owner && b.atMs >= a.atMs;
+      const std::vector<std::size_t>& own = actionsOf(a.owner);
+      bool stopped = std::any_of(own.begin(), own.end(), [&](std::size_t i) {
+        return s_.actions[i].kind == ActionKind::Stop && s_.actions[i].atMs >= a.atMs;
       });
       if (stopped) continue;
-      std::vector<std::string> wanted = plainLeaves(a);
-      // Actions are in time order: those before `a` start first.
-      for (const ActionEntry& b : s_.actions) {
-        if (&b == &a) break;
-        if (b.kind != ActionKind::WaitFor || related(a.owner, b.owner) ||
-            s_.findModule(s_.findOwner(b.owner)->module)->releases)
-          continue;
-        auto leaf = std::find_if(wanted.begin(), wanted.end(), [&](const std::string& l) {
-          return contains(plainLeaves(b), l) && letGo(b.owner, l, b.atMs) == kForever;
-        });
-        if (leaf == wanted.end()) continue;
-        out_.push_back({a.entry, a.owner + " waits with no time limit for " + *leaf + ", which " +
-                                     b.owner + " takes first (" + b.entry +
-                                     ") and never lets go, and whose module " +
-                                     s_.findOwner(b.owner)->module +
-                                     " ignores \"__onResource__\": the wait never ends (the run "
-                                     "stops it at stopAt, " +
-                                     std::to_string(s_.stopAtMs) + " ms)"});
-        break;
-      }
+      // The first request before `a` (actions are in time order: those
+      // before start first) that takes one of its leaves and never lets go,
+      // while its module ignores "__onResource__".
+      std::size_t holder = ai;
+      std::string leaf;
+      for (const std::string& l : plain_[ai])
+        for (std::size_t bi : requestsOf(l)) {
+          if (bi >= holder) break;
+          const ActionEntry& b = s_.actions[bi];
+          if (related(a.owner, b.owner) || moduleOf(b.owner).releases ||
+              letGo(b.owner, l, b.atMs) != kForever)
+            continue;
+          holder = bi;
+          leaf = l;
+          break;
+        }
+      if (holder == ai) continue;
+      // Named by the first of `a`'s leaves that this holder keeps.
+      const ActionEntry& b = s_.actions[holder];
+      for (const std::string& l : plain_[ai])
+        if (contains(plain_[holder], l) && letGo(b.owner, l, b.atMs) == kForever) {
+          leaf = l;
+          break;
+        }
+      out_.push_back({a.entry, a.owner + " waits with no time limit for " + leaf + ", which " +
+                                   b.owner + " takes first (" + b.entry +
+                                   ") and never lets go, and whose module " +
+                                   s_.findOwner(b.owner)->module +
+                                   " ignores \"__onResource__\": the wait never ends (the run "
+                                   "stops it at stopAt, " +
+                                   std::to_string(s_.stopAtMs) + " ms)"});
     }
   }
 
   void unusedModules() {
-    for (std::size_t i = 0; i < s_.modules.size(); ++i) {
-      const std::string& name = s_.modules[i].name;
-      if (std::none_of(s_.owners.begin(), s_.owners.end(),
-                       [&](const OwnerEntry& o) { return o.module == name; }))
+    std::unordered_set<std::string> used;
+    for (const OwnerEntry& o : s_.owners) used.insert(o.module);
+    for (std::size_t i = 0; i < s_.modules.size(); ++i)
+      if (!used.count(s_.modules[i].name))
         out_.push_back({"modules[" + std::to_string(i) + "]",
-                        "module " + name + " has no owner: nothing of it takes part"});
-    }
+                        "module " + s_.modules[i].name + " has no owner: nothing of it takes part"});
   }
 
   /// Until when a request may hold what it takes: its owner's next release of
   /// it, or the end.
-  long heldUntil(const ActionEntry& a) const {
+  long heldUntil(std::size_t ai) const {
     long until = kForever;
-    for (const std::string& leaf : s_.leavesOf(a.resource))
-      until = std::min(until, letGo(a.owner, leaf, a.atMs));
+    for (const std::string& leaf : leaves_[ai])
+      until = std::min(until, letGo(s_.actions[ai].owner, leaf, s_.actions[ai].atMs));
     return until;
   }
 
@@ -257,14 +287,22 @@ class Linter {
     for (std::size_t i = 0; i < s_.actions.size(); ++i) {
       const ActionEntry& a = s_.actions[i];
       if (a.kind != ActionKind::WaitFor || !isGroup(a.resource)) continue;
-      std::vector<std::string> first = plainLeaves(a);
-      for (std::size_t j = i + 1; j < s_.actions.size(); ++j) {
+      // The later group requests that share a member with `a` and start
+      // while it may still hold what it takes.
+      long until = heldUntil(i);
+      std::vector<std::size_t> later;
+      for (const std::string& leaf : plain_[i]) {
+        const std::vector<std::size_t>& r = requestsOf(leaf);
+        for (auto j = std::upper_bound(r.begin(), r.end(), i);
+             j != r.end() && s_.actions[*j].atMs <= until; ++j)
+          if (isGroup(s_.actions[*j].resource)) later.push_back(*j);
+      }
+      std::sort(later.begin(), later.end());
+      later.erase(std::unique(later.begin(), later.end()), later.end());
+      for (std::size_t j : later) {
         const ActionEntry& b = s_.actions[j];
-        if (b.kind != ActionKind::WaitFor || !isGroup(b.resource) || related(a.owner, b.owner) ||
-            heldUntil(a) < b.atMs)
-          continue;
-        std::vector<std::string> second = plainLeaves(b);
-        std::string pair = crossing(first, second);
+        if (related(a.owner, b.owner)) continue;
+        std::string pair = crossing(plain_[i], plain_[j]);
         if (pair.empty()) continue;
         out_.push_back({b.entry, b.owner + " takes " + pair + " through " + b.resource +
                                      " in the opposite order to " + a.owner + " through " +
@@ -288,6 +326,10 @@ class Linter {
   }
 
   const Scenario& s_;
+  std::vector<std::vector<std::string>> leaves_;  // of each action's resource
+  std::vector<std::vector<std::string>> plain_;   // and its plain ones, less its no-wait list
+  std::unordered_map<std::string, std::vector<std::size_t>> byOwner_;     // in time order
+  std::unordered_map<std::string, std::vector<std::size_t>> requestsOf_;  // by leaf, in time order
   std::vector<Warning> out_;
 };
 

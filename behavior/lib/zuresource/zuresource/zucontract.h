@@ -31,9 +31,11 @@ inline std::string waitTimedOut(const std::string& resourceName) {
 inline constexpr char kLogCategory[] = "behavior.zuressource";
 
 /// The line numbers that the refusals of a plain resource's addResource and
-/// deleteResource report, whatever line of the source throws them.
+/// deleteResource, and a group's deleteResource of a name it does not hold,
+/// report, whatever line of the source throws them.
 inline constexpr int kAddResourceErrorLine = 57;
 inline constexpr int kDeleteResourceErrorLine = 63;
+inline constexpr int kGroupDeleteResourceErrorLine = 156;
 
 }  // namespace contract
 }  // namespace ZU

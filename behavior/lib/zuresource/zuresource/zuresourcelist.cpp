@@ -3,6 +3,7 @@
 #include <utility>
 #include <vector>
 
+#include <zuresource/zucontract.h>
 #include <zuresource/zueventsite.h>
 #include <zuresource/zuresourcelist.h>
 
@@ -70,7 +71,7 @@ void ZUResourceList::deleteResource(const std::string& resourceName) {
     }
   }
   throw ZUError("ZUResourceList", "deleteResource", "Resource not found " + resourceName, kFile,
-                156);
+                contract::kGroupDeleteResourceErrorLine);
 }
 
 bool ZUResourceList::isInGroup(const std::string& resourceName) {

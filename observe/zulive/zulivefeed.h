@@ -1,18 +1,19 @@
 #pragma once
 
-// The arbitration's events as JSON lines, kept in memory for the live page's
-// event stream.
+// The arbitration's events as JSON lines, kept in memory for a live page's
+// event stream (see ZULiveServer).
 
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include <zuhost/zumutex.h>
+
 #include <zuresource/zuobserver.h>
 
-namespace zusim {
+namespace ZU {
 
 /// An observer that turns every event into its JSON line (the recorder's
 /// format, times in ms since the feed was made) and keeps the lines, so that
@@ -20,13 +21,13 @@ namespace zusim {
 ///
 /// Thread safety: thread safe. mutex_ guards the lines and `closed_`; onEvent
 /// takes it only to append, after the line is made.
-class LiveFeed : public ZU::ZUObserver {
+class ZULiveFeed : public ZUObserver {
  public:
   using Clock = std::chrono::steady_clock;
 
-  LiveFeed();
+  ZULiveFeed();
 
-  void onEvent(const ZU::ZUEvent& event) override;
+  void onEvent(const ZUEvent& event) override;
 
   /// Appends a line of its own (the run's end, say). mutex_.
   void add(const std::string& line);
@@ -42,10 +43,10 @@ class LiveFeed : public ZU::ZUObserver {
 
  private:
   const Clock::time_point start_;
-  std::mutex mutex_;
+  ZUMutex mutex_;
   std::condition_variable grown_;
-  std::vector<std::string> lines_;  // guarded by mutex_
-  bool closed_ = false;             // guarded by mutex_
+  std::vector<std::string> lines_ ZU_GUARDED_BY(mutex_);
+  bool closed_ ZU_GUARDED_BY(mutex_) = false;
 };
 
-}  // namespace zusim
+}  // namespace ZU

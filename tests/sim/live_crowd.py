@@ -1,0 +1,142 @@
+#!/usr/bin/python3
+"""The live page survives a crowd, over real sockets to a real simulator:
+- 300 clients that send their request head a byte every half second, and 60
+  that open /events and never read, leave an ordinary request served within
+  a second;
+- Last-Event-ID resumes after a decimal line number; any other value starts
+  from the first line;
+- SIGTERM with 20 slow clients attached ends the run and the program within
+  two seconds.
+Times allow ZU_TEST_LATE_TOLERANCE_MS more (sanitizer builds).
+usage: live_crowd.py ZURESOURCE_SIM SCENARIO"""
+import os
+import re
+import signal
+import socket
+import subprocess
+import sys
+import threading
+import time
+
+sim, scenario = sys.argv[1], sys.argv[2]
+late = int(os.environ.get("ZU_TEST_LATE_TOLERANCE_MS", "0")) / 1000
+failures = []
+
+
+def check(what, ok, detail=""):
+    print(("ok      " if ok else "FAILED  ") + what + (": " + detail if detail else ""))
+    if not ok:
+        failures.append(what)
+
+
+def connect():
+    return socket.create_connection(("127.0.0.1", port), timeout=10)
+
+
+def get(path, headers=""):
+    """An ordinary request: the whole answer, and how long it took."""
+    began = time.monotonic()
+    s = connect()
+    s.sendall(f"GET {path} HTTP/1.1\r\nHost: x\r\n{headers}\r\n".encode())
+    data = b""
+    while True:
+        chunk = s.recv(65536)
+        if not chunk:
+            break
+        data += chunk
+    s.close()
+    return data.decode(errors="replace"), time.monotonic() - began
+
+
+def first_id(last_event_id):
+    """The id of the first line /events sends after this Last-Event-ID."""
+    s = connect()
+    header = "" if last_event_id is None else f"Last-Event-ID: {last_event_id}\r\n"
+    s.sendall(f"GET /events HTTP/1.1\r\nHost: x\r\n{header}\r\n".encode())
+    data = b""
+    while b"\nid: " not in data or not re.search(rb"\nid: \d+\n", data):
+        chunk = s.recv(4096)
+        if not chunk:
+            break
+        data += chunk
+    s.close()
+    found = re.search(rb"\nid: (\d+)\n", data)
+    return int(found.group(1)) if found else None
+
+
+sim_process = subprocess.Popen([sim, scenario, "--serve", "0"], stdout=subprocess.PIPE,
+                               stderr=subprocess.STDOUT, text=True)
+port = None
+for line in sim_process.stdout:
+    found = re.search(r"http://127\.0\.0\.1:(\d+)/", line)
+    if found:
+        port = int(found.group(1))
+        break
+if port is None:
+    sys.exit("the simulator printed no address")
+threading.Thread(target=lambda: sim_process.stdout.read(), daemon=True).start()
+
+try:
+    time.sleep(0.5)  # the run's first events are in the feed
+    for header, expected in [(None, 0), ("2", 3), ("0", 1), ("-5", 0), ("3abc", 0), ("1e3", 0),
+                             ("+3", 0), ("0x3", 0), ("18446744073709551615", 0),
+                             ("99999999999999999999999", 0)]:
+        found = first_id(header)
+        check(f"Last-Event-ID {header!r}: the stream starts at line {expected}",
+              found == expected, f"starts at {found}")
+
+    # The crowd.
+    crowd, stop_dripping = [], threading.Event()
+    for _ in range(300):
+        s = connect()
+        s.sendall(b"G")
+        crowd.append(s)
+    streams = []
+    for _ in range(60):
+        s = connect()
+        s.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+        s.sendall(b"GET /events HTTP/1.1\r\nHost: x\r\n\r\n")
+        streams.append(s)
+
+    def drip():
+        while not stop_dripping.wait(0.5):
+            for s in crowd:
+                try:
+                    s.send(b"E")
+                except OSError:
+                    pass
+    threading.Thread(target=drip, daemon=True).start()
+    time.sleep(1)
+    for path in ["/", "/snapshot.json"]:
+        answer, took = get(path)
+        check(f"{path} with 360 slow clients attached is served within a second",
+              answer.startswith("HTTP/1.1 200") and took <= 1 + late, f"{took:.2f} s")
+    stop_dripping.set()
+    for s in crowd + streams:
+        s.close()
+
+    # SIGTERM with 20 slow clients attached: 10 sending their head slowly, 10
+    # streams that do not read.
+    attached = []
+    for i in range(20):
+        s = connect()
+        s.sendall(b"GET /events HTTP/1.1\r\nHost: x\r\n\r\n" if i % 2 else b"GET / HT")
+        attached.append(s)
+    time.sleep(0.5)
+    began = time.monotonic()
+    sim_process.send_signal(signal.SIGTERM)
+    try:
+        sim_process.wait(timeout=30)
+    except subprocess.TimeoutExpired:
+        pass
+    took = time.monotonic() - began
+    check("SIGTERM with 20 slow clients attached: the program exits within 2 s",
+          sim_process.returncode is not None and took <= 2 + late, f"{took:.2f} s")
+    for s in attached:
+        s.close()
+finally:
+    if sim_process.poll() is None:
+        sim_process.kill()
+        sim_process.wait()
+
+sys.exit(1 if failures else 0)
