@@ -41,6 +41,7 @@
 #include <zuresource/zuwaitregistry.h>
 
 #include "pyhandlers.h"
+#include "pyservice.h"
 #include "pyinterrupt.h"
 
 PYBIND11_DECLARE_HOLDER_TYPE(T, boost::shared_ptr<T>)
@@ -728,4 +729,7 @@ PYBIND11_MODULE(zuresource, m) {
       "resource"_a, "owner"_a, "cycles"_a, NoGil(),
       "The uncontended cycle (wait_for on a free resource, then release), run\n"
       "`cycles` times in C++: the baseline of the Python cycle's benchmark.");
+
+  // The client of the robot's resource service (zuresourced).
+  zupy::registerService(m);
 }
