@@ -1,16 +1,29 @@
 #include "fleetbench.h"
 
+#include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <csignal>
+#include <cstdlib>
 #include <atomic>
 #include <chrono>
 #include <iostream>
+#include <memory>
+#include <stdexcept>
 #include <thread>
 #include <vector>
 
+#include <sys/wait.h>
+
 #include <boost/make_shared.hpp>
 
-#include <zufleettesting/zuetcdserver.h>
 #include <zufleet/zuresourcefleet.h>
+#include <zufleettesting/zuetcdserver.h>
+
+extern char** environ;
 
 namespace zubench {
 
@@ -65,6 +78,74 @@ std::vector<double> handovers(Robot& a, Robot& b, int count) {
   return latencies;
 }
 
+/// `etcdctl lock <name> -- <command>` as a process of its own: once it holds
+/// the lock, its command prints its process id and sleeps; etcdctl gives the
+/// lock back when the command ends.
+class EtcdctlLock {
+ public:
+  EtcdctlLock(const std::string& endpoint, const std::string& name) {
+    int out[2];
+    // Close-on-exec: no later etcdctl keeps this one's pipe open.
+    if (::pipe2(out, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+    std::string args[] = {"etcdctl", "--endpoints=" + endpoint, "lock", name, "--",
+                          "sh", "-c", "echo $$; exec sleep 1000"};
+    char* argv[] = {&args[0][0], &args[1][0], &args[2][0], &args[3][0], &args[4][0],
+                    &args[5][0], &args[6][0], &args[7][0], nullptr};
+    const int failed = posix_spawnp(&pid_, "etcdctl", &actions, nullptr, argv, environ);
+    posix_spawn_file_actions_destroy(&actions);
+    ::close(out[1]);
+    out_ = out[0];
+    if (failed) pid_ = -1;
+  }
+  ~EtcdctlLock() {
+    if (command_ > 0) ::kill(command_, SIGKILL);
+    if (pid_ > 0) {
+      ::kill(pid_, SIGKILL);
+      ::waitpid(pid_, nullptr, 0);
+    }
+    ::close(out_);
+  }
+  bool started() const { return pid_ > 0; }
+  /// Waits up to `ms` for the command to start: true once it holds the lock.
+  bool awaitHeld(int ms) {
+    pollfd p{out_, POLLIN, 0};
+    char buffer[64] = {};
+    if (::poll(&p, 1, ms) != 1 || ::read(out_, buffer, sizeof buffer - 1) <= 0) return false;
+    command_ = std::atoi(buffer);
+    return command_ > 0;
+  }
+  /// Ends its command: it gives the lock back.
+  void release() { ::kill(command_, SIGTERM); }
+
+ private:
+  pid_t pid_ = -1;
+  pid_t command_ = -1;
+  int out_ = -1;
+};
+
+/// The same handovers between two `etcdctl lock` processes: the holder's
+/// command ends -> the waiter's command starts. Each waiter is given 300 ms to start
+/// and queue. Milliseconds, sorted; empty when etcdctl is missing.
+std::vector<double> etcdctlHandovers(const std::string& endpoint, int count) {
+  std::vector<double> latencies;
+  auto holder = std::make_unique<EtcdctlLock>(endpoint, "bench-door");
+  if (!holder->started() || !holder->awaitHeld(10000)) return latencies;
+  for (int i = 0; i < count; ++i) {
+    auto waiter = std::make_unique<EtcdctlLock>(endpoint, "bench-door");
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    const Clock::time_point released = Clock::now();
+    holder->release();
+    if (!waiter->awaitHeld(10000)) return {};
+    latencies.push_back(msSince(released));
+    holder = std::move(waiter);
+  }
+  std::sort(latencies.begin(), latencies.end());
+  return latencies;
+}
+
 /// Traffic of all `robots` together.
 ZU::ZUEtcdTraffic traffic(const std::vector<std::unique_ptr<Robot>>& robots) {
   ZU::ZUEtcdTraffic sum;
@@ -85,14 +166,23 @@ void addFleetRows(ResultTable& table) {
   ZU::ZUEtcdServer etcd;
   const std::vector<std::string> endpoints = etcd.endpoints();
 
-  std::cerr << "fleet: 40 handovers between two robots..." << std::endl;
+  std::cerr << "fleet: 40 handovers between two robots, 20 between two etcdctl lock..."
+            << std::endl;
   {
     Robot a("a", endpoints), b("b", endpoints);
     const std::vector<double> latencies = handovers(a, b, 40);
-    table.addText("fleet handover latency, median of 40",
-                  formatNumber(latencies[latencies.size() / 2], 1) + " ms", "", "", "report", "-");
+    const std::vector<double> etcdctl = etcdctlHandovers(endpoints[0], 20);
+    const double median = latencies[latencies.size() / 2];
+    table.addText("fleet handover latency, median of 40", formatNumber(median, 1) + " ms", "",
+                  "", "report", "-");
     table.addText("fleet handover latency, maximum of 40",
                   formatNumber(latencies.back(), 1) + " ms", "", "", "report", "-");
+    if (!etcdctl.empty()) {
+      const double base = etcdctl[etcdctl.size() / 2];
+      table.addText("fleet handover latency, median", formatNumber(median, 1) + " ms",
+                    "etcdctl lock (with its command's start), median of 20 " + formatNumber(base, 1) + " ms",
+                    formatNumber(median / base, 2), "report", "-");
+    }
   }
 
   std::cerr << "fleet: one robot, 50 uncontended grants..." << std::endl;

@@ -228,3 +228,99 @@ class Observer(_ContextManager):
     def close(self) -> None:
         """Unregisters; the deliveries running in other threads have ended on return."""
     def __enter__(self) -> Observer: ...
+
+# --- The client of the robot's resource service (zuresourced). -------------
+
+class ServiceError(Exception):
+    """A call the resource service refused or could not answer: `code` is the
+    gRPC status code's name ("NOT_FOUND", "UNAVAILABLE", ...), `reason` why."""
+
+    code: str
+    reason: str
+
+def default_service() -> str:
+    """The service's default address: $ZURESOURCE_SERVICE, else
+    unix:$XDG_RUNTIME_DIR/zuresource.sock, or unix:/run/zuresource/zuresource.sock."""
+
+class ServiceClient:
+    """The reads of the resource service, with no session."""
+
+    def __init__(self, target: Optional[str] = None) -> None: ...
+    @property
+    def target(self) -> str: ...
+    def status(self) -> str:
+        """Every root's status lines."""
+    def status_values(self) -> Any:
+        """Every root's status value, as lists and strings."""
+    def snapshot(self) -> Dict[str, Any]:
+        """The snapshot, as the recording's JSON form (a dict)."""
+    def explain(self, owner: str, resource: str, no_wait: Sequence[str] = ...) -> str:
+        """What an acquire of `owner` for `resource` would do now, in one sentence."""
+
+class ServiceAcquisition(_ContextManager):
+    """Resources held through the service, given back by release() or on
+    leaving a with block. Dropped, it leaves them held."""
+
+    @property
+    def owner(self) -> str: ...
+    @property
+    def resource(self) -> str: ...
+    @property
+    def not_obtained(self) -> List[str]: ...
+    @property
+    def lost(self) -> bool:
+        """Whether the resources went while held: the session ended (the
+        service stopped or gave this client up) or the manager took one."""
+    @property
+    def lost_reason(self) -> str: ...
+    def release(self) -> None:
+        """Gives the resources back; raises ServiceError when they were lost."""
+    def __enter__(self) -> ServiceAcquisition: ...
+
+class ServiceAcquired(_ContextManager):
+    """The context manager of ServiceSession.acquired."""
+
+    def __enter__(self) -> ServiceAcquisition: ...
+
+class ServiceSession(ServiceClient, _ContextManager):
+    """This process's session with the resource service: a module of the
+    service whose owners hold and wait. Ending it (close(), leaving a with
+    block) releases everything its owners hold. Handlers get one argument, a
+    namespace: on_wanted(n) n.resource, n.owner; on_lost(n) n.resource,
+    n.owner, n.by, n.reason; on_ended(n) n.code, n.reason. They run in the
+    session's own thread."""
+
+    def __init__(
+        self,
+        module: str,
+        target: Optional[str] = None,
+        on_wanted: Optional[Callable[[Any], None]] = None,
+        on_lost: Optional[Callable[[Any], None]] = None,
+        on_ended: Optional[Callable[[Any], None]] = None,
+        connect_timeout: float = 5.0,
+    ) -> None: ...
+    @property
+    def id(self) -> str: ...
+    @property
+    def module(self) -> str: ...
+    @property
+    def alive(self) -> bool: ...
+    def acquire(
+        self, owner: str, resource: str, timeout: int = -1, no_wait: Sequence[str] = ...
+    ) -> ServiceAcquisition:
+        """Acquires `resource` for `owner`, waiting up to `timeout` seconds (-1:
+        no limit; 0 is refused). Raises Error when the wait fails (time limit,
+        stopped) and ServiceError when the service refuses."""
+    def acquired(
+        self, owner: str, resource: str, timeout: int = -1, no_wait: Sequence[str] = ...
+    ) -> ServiceAcquired:
+        """A context manager: `with session.acquired(owner, "Arms", timeout=5):`
+        acquires as acquire() does and gives back on leaving. Raises
+        NotObtained, after giving back, when some were not obtained; on leaving,
+        ServiceError when the resources were lost meanwhile."""
+    def release(self, owner: str, resource: str) -> None: ...
+    def switch_owner(self, owner: str, resource: str, new_owner: str) -> None: ...
+    def set_state(self, resource: str, active: bool) -> None: ...
+    def close(self) -> None:
+        """Ends the session; the service releases what its owners hold."""
+    def __enter__(self) -> ServiceSession: ...

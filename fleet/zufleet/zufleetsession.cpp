@@ -4,7 +4,9 @@
 #include <deque>
 #include <iostream>
 #include <map>
-#include <mutex>
+
+#include <zuhost/zumutex.h>
+#include <zuhost/zuthreadannotations.h>
 
 #include <zufleet/zufleetsession.h>
 #include <zufleet/zuresourcefleet.h>
@@ -71,62 +73,76 @@ struct ZUFleetSession::Core {
   ZUEtcdClient client;
 
   /// Guards every field below.
-  std::mutex mutex;
+  ZUMutex mutex;
+  /// Signals every change of the fields below.
   std::condition_variable changed;
-  bool stopping = false;
+  bool stopping ZU_GUARDED_BY(mutex) = false;
   /// The robot's lease, 0 while it has none, and the TTL etcd granted it.
-  std::int64_t lease = 0;
-  Ms ttl{0};
+  std::int64_t lease ZU_GUARDED_BY(mutex) = 0;
+  Ms ttl ZU_GUARDED_BY(mutex){0};
   /// When the robot gives the lease up unless a renewal succeeds first: the
   /// sending of the last renewal that succeeded (or of the grant), plus the
   /// TTL, less the margin. etcd counts from when the renewal reached it, so
   /// this is always before etcd could expire the lease.
-  Clock::time_point deadline;
+  Clock::time_point deadline ZU_GUARDED_BY(mutex);
   /// When the next renewal is due: a third of the TTL after the last one.
-  Clock::time_point renewDue;
+  Clock::time_point renewDue ZU_GUARDED_BY(mutex);
   /// Why the last renewal failed, empty after a success.
-  std::string renewFailure;
+  std::string renewFailure ZU_GUARDED_BY(mutex);
   /// The lease given up last, and why.
-  std::int64_t lostLease = 0;
-  std::string lostReason;
+  std::int64_t lostLease ZU_GUARDED_BY(mutex) = 0;
+  std::string lostReason ZU_GUARDED_BY(mutex);
   /// Whether the granted TTL was logged as differing from the one asked.
-  bool ttlLogged = false;
+  bool ttlLogged ZU_GUARDED_BY(mutex) = false;
   /// Keys whose deletion failed, and leases given up while etcd was away.
-  std::vector<std::string> toErase;
-  std::vector<std::int64_t> toRevoke;
+  std::vector<std::string> toErase ZU_GUARDED_BY(mutex);
+  std::vector<std::int64_t> toRevoke ZU_GUARDED_BY(mutex);
   /// Deletions seen by the watch: how many so far, and the latest keys with
   /// their numbers, so that a waiter learns of a deletion that came between
   /// its read of the queue and its wait.
-  std::uint64_t deletions = 0;
+  std::uint64_t deletions ZU_GUARDED_BY(mutex) = 0;
   /// Whether the watch has started: from then on it misses no change, since
   /// it resumes after the last revision it saw whenever it breaks.
-  bool watching = false;
-  std::deque<std::pair<std::uint64_t, std::string>> recentDeletions;
+  bool watching ZU_GUARDED_BY(mutex) = false;
+  std::deque<std::pair<std::uint64_t, std::string>> recentDeletions ZU_GUARDED_BY(mutex);
   /// Escaped resource name -> fleet resource.
-  std::map<std::string, boost::weak_ptr<ZUResourceFleet>> resources;
+  std::map<std::string, boost::weak_ptr<ZUResourceFleet>> resources ZU_GUARDED_BY(mutex);
 
   explicit Core(ZUFleetConfig c)
       : config(std::move(c)), client(config.endpoints, config.callTimeoutMs) {}
 
-  /// Sleeps up to `ms`, or until stopping. False when stopping.
-  bool pause(int ms) {
-    std::unique_lock<std::mutex> lock(mutex);
-    changed.wait_for(lock, std::chrono::milliseconds(ms), [this] { return stopping; });
+  /// Sleeps up to `ms`, or until stopping. False when stopping. Takes: mutex.
+  bool pause(int ms) ZU_EXCLUDES(mutex) {
+    const Clock::time_point until = Clock::now() + Ms(ms);
+    ZUMutexLock lock(mutex);
+    while (!stopping && lock.waitUntil(changed, until)) {
+    }
     return !stopping;
   }
 
-  std::vector<boost::shared_ptr<ZUResourceFleet>> liveResources() {
+  /// Whether the watch saw `key` deleted after deletion number `since`.
+  bool deletedSince(const std::string& key, std::uint64_t since) const ZU_REQUIRES(mutex) {
+    for (auto it = recentDeletions.rbegin(); it != recentDeletions.rend() && it->first > since;
+         ++it)
+      if (it->second == key) return true;
+    return false;
+  }
+
+  /// Takes: mutex.
+  std::vector<boost::shared_ptr<ZUResourceFleet>> liveResources() ZU_EXCLUDES(mutex) {
     std::vector<boost::shared_ptr<ZUResourceFleet>> live;
-    std::lock_guard<std::mutex> lock(mutex);
+    ZUMutexLock lock(mutex);
     for (const auto& entry : resources)
       if (auto resource = entry.second.lock()) live.push_back(resource);
     return live;
   }
 
   /// The lease `lost` is gone: every resource gives up what it had under it.
-  void loseLease(std::int64_t lost, const std::string& reason, bool revokeLater) {
+  /// Takes: mutex, then (no lock held) each resource's leaseLost.
+  void loseLease(std::int64_t lost, const std::string& reason, bool revokeLater)
+      ZU_EXCLUDES(mutex) {
     {
-      std::lock_guard<std::mutex> lock(mutex);
+      ZUMutexLock lock(mutex);
       if (lease != lost) return;
       lease = 0;
       lostLease = lost;
@@ -139,11 +155,12 @@ struct ZUFleetSession::Core {
 
   /// Retries the deletions and revocations that failed; stops when etcd is
   /// unreachable, drops what etcd turns down (a lease that expired meanwhile).
-  void settleLeftovers() {
+  /// Takes: mutex, never across a call to etcd.
+  void settleLeftovers() ZU_EXCLUDES(mutex) {
     std::vector<std::string> keys;
     std::vector<std::int64_t> leases;
     {
-      std::lock_guard<std::mutex> lock(mutex);
+      ZUMutexLock lock(mutex);
       keys.swap(toErase);
       leases.swap(toRevoke);
     }
@@ -151,7 +168,7 @@ struct ZUFleetSession::Core {
       for (; !keys.empty(); keys.pop_back()) attempt([&] { client.erase(keys.back()); });
       for (; !leases.empty(); leases.pop_back()) attempt([&] { client.revoke(leases.back()); });
     } catch (const ZUEtcdError&) {
-      std::lock_guard<std::mutex> lock(mutex);
+      ZUMutexLock lock(mutex);
       toErase.insert(toErase.end(), keys.begin(), keys.end());
       toRevoke.insert(toRevoke.end(), leases.begin(), leases.end());
     }
@@ -169,15 +186,16 @@ struct ZUFleetSession::Core {
 
   /// The reason of giving up a lease whose deadline passed. Takes: mutex
   /// (held by the caller).
-  std::string overdueReason() const {
+  std::string overdueReason() const ZU_REQUIRES(mutex) {
     return "lease not renewed within its TTL of " + seconds(ttl) + " less a margin of " +
            seconds(marginOf(ttl)) + (renewFailure.empty() ? "" : ": " + renewFailure);
   }
 
   /// A renewal of `renewed` sent at `sent` succeeded, etcd reporting a TTL of
   /// `reportedSeconds`. Takes: mutex.
-  void confirm(std::int64_t renewed, Clock::time_point sent, std::int64_t reportedSeconds) {
-    std::lock_guard<std::mutex> lock(mutex);
+  void confirm(std::int64_t renewed, Clock::time_point sent, std::int64_t reportedSeconds)
+      ZU_EXCLUDES(mutex) {
+    ZUMutexLock lock(mutex);
     if (lease != renewed) return;  // given up meanwhile: it stays given up
     ttl = std::min(ttl, Ms(reportedSeconds * 1000));
     deadline = std::max(deadline, sent + ttl - marginOf(ttl));
@@ -191,15 +209,15 @@ struct ZUFleetSession::Core {
   /// to the time left before the deadline. A refusal means the lease expired.
   /// With no lease, retries leftover deletions and revocations. Takes: mutex,
   /// never across a call to etcd.
-  void keepAliveLoop() {
+  void keepAliveLoop() ZU_EXCLUDES(mutex) {
     Clock::time_point settleAt = Clock::now() + kSettle;
     Clock::time_point retryAt;
-    std::unique_lock<std::mutex> lock(mutex);
+    ZUMutexLock lock(mutex);
     while (!stopping) {
       const Clock::time_point now = Clock::now();
       if (lease == 0) {
         if (now < settleAt) {
-          changed.wait_until(lock, settleAt);
+          lock.waitUntil(changed, settleAt);
           continue;
         }
         settleAt = now + kSettle;
@@ -210,13 +228,13 @@ struct ZUFleetSession::Core {
       }
       const Clock::time_point due = std::max(renewDue, retryAt);
       if (now < due) {
-        changed.wait_until(lock, due);
+        lock.waitUntil(changed, due);
         continue;
       }
       const std::int64_t current = lease;
       const auto left = std::chrono::duration_cast<Ms>(deadline - now).count();
-      const int timeoutMs = static_cast<int>(
-          std::clamp<long long>(left, kRenewCallMinMs, config.callTimeoutMs));
+      const int timeoutMs = static_cast<int>(std::max<long long>(
+          kRenewCallMinMs, std::min<long long>(left, config.callTimeoutMs)));
       lock.unlock();
       const Clock::time_point sent = Clock::now();
       std::int64_t reported = -1;
@@ -243,15 +261,15 @@ struct ZUFleetSession::Core {
   /// Gives the lease up when its deadline passes, whatever the keep-alive
   /// thread is doing (its call may hang until its own time limit). Takes:
   /// mutex, never across loseLease.
-  void guardLoop() {
-    std::unique_lock<std::mutex> lock(mutex);
+  void guardLoop() ZU_EXCLUDES(mutex) {
+    ZUMutexLock lock(mutex);
     while (!stopping) {
       if (lease == 0) {
-        changed.wait(lock);
+        lock.wait(changed);
         continue;
       }
       if (Clock::now() < deadline) {
-        changed.wait_until(lock, deadline);
+        lock.waitUntil(changed, deadline);
         continue;
       }
       const std::int64_t current = lease;
@@ -264,13 +282,14 @@ struct ZUFleetSession::Core {
 
   /// Follows every change under the fleet's prefix, resuming after the last
   /// revision seen whenever the stream breaks.
-  void watchLoop() {
+  /// Takes: mutex, never across a call to etcd or a resource.
+  void watchLoop() ZU_EXCLUDES(mutex) {
     const std::string end = ZUEtcdClient::prefixEnd(config.prefix);
     std::int64_t seen = 0;
     auto onEvents = [&](const std::vector<ZUEtcdEvent>& events, std::int64_t revision) {
       if (seen == 0 || revision > seen) seen = revision;
       for (const ZUEtcdEvent& event : events) dispatch(event);
-      std::lock_guard<std::mutex> lock(mutex);
+      ZUMutexLock lock(mutex);
       if (!watching) {
         watching = true;
         changed.notify_all();
@@ -279,7 +298,7 @@ struct ZUFleetSession::Core {
     };
     for (;;) {
       {
-        std::lock_guard<std::mutex> lock(mutex);
+        ZUMutexLock lock(mutex);
         if (stopping) return;
       }
       try {
@@ -297,9 +316,10 @@ struct ZUFleetSession::Core {
     }
   }
 
-  void dispatch(const ZUEtcdEvent& event) {
+  /// Takes: mutex, then (no lock held) the resource's contenderArrived.
+  void dispatch(const ZUEtcdEvent& event) ZU_EXCLUDES(mutex) {
     if (event.deleted) {
-      std::lock_guard<std::mutex> lock(mutex);
+      ZUMutexLock lock(mutex);
       recentDeletions.emplace_back(++deletions, event.kv.key);
       if (recentDeletions.size() > kRecentDeletions) recentDeletions.pop_front();
       changed.notify_all();
@@ -311,7 +331,7 @@ struct ZUFleetSession::Core {
     if (event.kv.createRevision == 0 || slash == std::string::npos) return;
     boost::shared_ptr<ZUResourceFleet> resource;
     {
-      std::lock_guard<std::mutex> lock(mutex);
+      ZUMutexLock lock(mutex);
       auto found = resources.find(rest.substr(0, slash));
       if (found != resources.end()) resource = found->second.lock();
     }
@@ -320,10 +340,12 @@ struct ZUFleetSession::Core {
 };
 
 ZUFleetSession::ZUFleetSession(ZUFleetConfig config) {
-  if (config.endpoints.empty() || config.robot.empty() || config.ttlSeconds < 1)
+  if (config.endpoints.empty() || config.robot.empty() || config.ttlSeconds < 1 ||
+      config.callTimeoutMs < 1)
     throw ZUError("ZUFleetSession", "ZUFleetSession",
-                  "a fleet session needs endpoints, a robot name and a TTL of 1 s or more", kFile,
-                  __LINE__);
+                  "a fleet session needs endpoints, a robot name, a TTL of 1 s or more and a "
+                  "call time limit of 1 ms or more",
+                  kFile, __LINE__);
   core_ = std::make_shared<Core>(std::move(config));
   std::shared_ptr<Core> core = core_;
   keepAlive_ = std::thread([core] { core->keepAliveLoop(); });
@@ -333,7 +355,7 @@ ZUFleetSession::ZUFleetSession(ZUFleetConfig config) {
 
 ZUFleetSession::~ZUFleetSession() {
   {
-    std::lock_guard<std::mutex> lock(core_->mutex);
+    ZUMutexLock lock(core_->mutex);
     core_->stopping = true;
     core_->changed.notify_all();
   }
@@ -358,28 +380,36 @@ const ZUFleetConfig& ZUFleetSession::config() const { return core_->config; }
 ZUEtcdClient& ZUFleetSession::client() { return core_->client; }
 
 std::int64_t ZUFleetSession::lease() {
+  std::int64_t overdue = 0;
+  std::string reason;
   {
-    std::lock_guard<std::mutex> lock(core_->mutex);
-    if (core_->lease != 0) return core_->lease;
+    ZUMutexLock lock(core_->mutex);
+    if (core_->lease != 0 && Clock::now() < core_->deadline) return core_->lease;
+    // A lease past its deadline that the guard has not given up yet is given
+    // up here: a new request takes a new lease.
+    if (core_->lease != 0) {
+      overdue = core_->lease;
+      reason = core_->overdueReason();
+    }
   }
+  if (overdue != 0) core_->loseLease(overdue, reason, true);
   const Clock::time_point sent = Clock::now();
   const ZUEtcdLease granted = core_->client.grant(core_->config.ttlSeconds);
   bool log = false;
   std::int64_t result;
   {
-    std::lock_guard<std::mutex> lock(core_->mutex);
+    ZUMutexLock lock(core_->mutex);
     if (core_->lease != 0) {
       core_->toRevoke.push_back(granted.id);  // another wait was quicker
     } else {
-      Core& c = *core_;
-      c.lease = granted.id;
-      c.ttl = Ms(granted.ttlSeconds * 1000);
-      c.deadline = sent + c.ttl - marginOf(c.ttl);
-      c.renewDue = sent + c.ttl / 3;
-      c.renewFailure.clear();
-      log = granted.ttlSeconds != c.config.ttlSeconds && !c.ttlLogged;
-      c.ttlLogged = c.ttlLogged || log;
-      c.changed.notify_all();
+      core_->lease = granted.id;
+      core_->ttl = Ms(granted.ttlSeconds * 1000);
+      core_->deadline = sent + core_->ttl - marginOf(core_->ttl);
+      core_->renewDue = sent + core_->ttl / 3;
+      core_->renewFailure.clear();
+      log = granted.ttlSeconds != core_->config.ttlSeconds && !core_->ttlLogged;
+      core_->ttlLogged = core_->ttlLogged || log;
+      core_->changed.notify_all();
     }
     result = core_->lease;
   }
@@ -392,14 +422,14 @@ std::int64_t ZUFleetSession::lease() {
 }
 
 std::chrono::milliseconds ZUFleetSession::leaseTtl() const {
-  std::lock_guard<std::mutex> lock(core_->mutex);
+  ZUMutexLock lock(core_->mutex);
   return core_->lease == 0 ? Ms(0) : core_->ttl;
 }
 
 std::optional<std::string> ZUFleetSession::lossOf(std::int64_t lease) {
   std::string reason;
   {
-    std::lock_guard<std::mutex> lock(core_->mutex);
+    ZUMutexLock lock(core_->mutex);
     if (core_->lease != lease)
       return core_->lostLease == lease ? core_->lostReason : std::string("lease given up");
     if (Clock::now() < core_->deadline) return std::nullopt;
@@ -424,45 +454,43 @@ std::string ZUFleetSession::keyOf(const std::string& name, std::int64_t lease) c
 }
 
 bool ZUFleetSession::awaitWatch(std::chrono::steady_clock::time_point until) {
-  std::unique_lock<std::mutex> lock(core_->mutex);
-  return core_->changed.wait_until(lock, until, [&] { return core_->watching || core_->stopping; });
+  ZUMutexLock lock(core_->mutex);
+  while (!core_->watching && !core_->stopping)
+    if (!lock.waitUntil(core_->changed, until)) break;
+  return core_->watching || core_->stopping;
 }
 
 std::uint64_t ZUFleetSession::deletions() const {
-  std::lock_guard<std::mutex> lock(core_->mutex);
+  ZUMutexLock lock(core_->mutex);
   return core_->deletions;
 }
 
 bool ZUFleetSession::awaitDeletion(const std::string& key, std::uint64_t since, std::int64_t lease,
                                    std::chrono::steady_clock::time_point until) {
-  std::unique_lock<std::mutex> lock(core_->mutex);
-  auto deleted = [&] {
-    const auto& recent = core_->recentDeletions;
-    for (auto it = recent.rbegin(); it != recent.rend() && it->first > since; ++it)
-      if (it->second == key) return true;
-    return false;
-  };
-  core_->changed.wait_until(lock, until,
-                            [&] { return deleted() || core_->stopping || core_->lease != lease; });
-  return deleted();
+  ZUMutexLock lock(core_->mutex);
+  for (;;) {
+    if (core_->deletedSince(key, since)) return true;
+    if (core_->stopping || core_->lease != lease || Clock::now() >= until) return false;
+    lock.waitUntil(core_->changed, until);
+  }
 }
 
 void ZUFleetSession::erase(const std::string& key) {
   try {
     core_->client.erase(key);
   } catch (const ZUEtcdError&) {
-    std::lock_guard<std::mutex> lock(core_->mutex);
+    ZUMutexLock lock(core_->mutex);
     core_->toErase.push_back(key);
   }
 }
 
 void ZUFleetSession::attach(const boost::shared_ptr<ZUResourceFleet>& resource) {
-  std::lock_guard<std::mutex> lock(core_->mutex);
+  ZUMutexLock lock(core_->mutex);
   core_->resources[escapeName(resource->name)] = resource;
 }
 
 void ZUFleetSession::detach(const std::string& name) {
-  std::lock_guard<std::mutex> lock(core_->mutex);
+  ZUMutexLock lock(core_->mutex);
   core_->resources.erase(escapeName(name));
 }
 

@@ -59,7 +59,7 @@ ZUResourceFleet::~ZUResourceFleet() {
 }
 
 std::int64_t ZUResourceFleet::fencingToken() const {
-  std::lock_guard<std::mutex> lock(claimMutex_);
+  ZUMutexLock lock(claimMutex_);
   return claim_ == Claim::held ? token_ : 0;
 }
 
@@ -86,7 +86,7 @@ void ZUResourceFleet::release(boost::shared_ptr<ZUOwner> owner) {
   std::string key;
   {
     ZUEventDeferral deferral;  // the release's event goes out after claimMutex
-    std::lock_guard<std::mutex> lock(claimMutex_);
+    ZUMutexLock lock(claimMutex_);
     ZUResource::release(owner);
     if (claim_ == Claim::held && isFree()) {
       key.swap(key_);
@@ -102,7 +102,7 @@ std::string ZUResourceFleet::httpGet(int depth) {
   std::string line = ZUResource::httpGet(depth);
   std::string fleet;
   {
-    std::lock_guard<std::mutex> lock(claimMutex_);
+    ZUMutexLock lock(claimMutex_);
     if (claim_ == Claim::held) fleet = " fleet token " + std::to_string(token_);
     if (claim_ == Claim::waiting && token_ != 0) fleet = " fleet waiting";
   }
@@ -112,20 +112,24 @@ std::string ZUResourceFleet::httpGet(int depth) {
 
 bool ZUResourceFleet::acquireFleet(const boost::shared_ptr<ZUOwner>& owner,
                                    Clock::time_point deadline, bool noWait) {
-  std::unique_lock<std::mutex> lock(claimMutex_);
-  // The holder before a hand-down may be waiting for the lock already: its
-  // wait serves the descendant too.
-  while (claim_ == Claim::waiting && Clock::now() < deadline)
-    claimChanged_.wait_until(lock, std::min(deadline, Clock::now() + kPoll));
-  if (claim_ == Claim::held) return true;
-  if (claim_ == Claim::waiting) {
-    lock.unlock();
+  bool started = false;
+  {
+    ZUMutexLock lock(claimMutex_);
+    // The holder before a hand-down may be waiting for the lock already: its
+    // wait serves the descendant too.
+    while (claim_ == Claim::waiting && Clock::now() < deadline)
+      lock.waitUntil(claimChanged_, std::min(deadline, Clock::now() + kPoll));
+    if (claim_ == Claim::held) return true;
+    if (claim_ != Claim::waiting) {
+      claim_ = Claim::waiting;
+      token_ = 0;
+      started = true;
+    }
+  }
+  if (!started) {
     abandon(owner);
     throw waitError(contract::waitTimedOut(name), __LINE__);
   }
-  claim_ = Claim::waiting;
-  token_ = 0;
-  lock.unlock();
 
   try {
     std::int64_t lease = 0, token = 0;
@@ -135,13 +139,13 @@ bool ZUResourceFleet::acquireFleet(const boost::shared_ptr<ZUOwner>& owner,
         lease = session_->lease();
         key = session_->keyOf(name, lease);
         {
-          std::lock_guard<std::mutex> relock(claimMutex_);
+          ZUMutexLock lock(claimMutex_);
           if (claim_ == Claim::lost) throw lostError(lostReason_, __LINE__);
           lease_ = lease;
           key_ = key;
         }
         token = session_->client().put(key, session_->config().robot, lease);
-        std::lock_guard<std::mutex> relock(claimMutex_);
+        ZUMutexLock lock(claimMutex_);
         if (claim_ == Claim::waiting) token_ = token;  // queued
         break;
       } catch (const ZUEtcdError& e) {
@@ -163,25 +167,25 @@ bool ZUResourceFleet::acquireFleet(const boost::shared_ptr<ZUOwner>& owner,
     // The queue said "your turn" while the key existed; the lease must still
     // be within its deadline now, or the turn may already be another robot's.
     failIfLost(lease);
-    lock.lock();
-    if (claim_ == Claim::lost) throw lostError(lostReason_, __LINE__);
-    if (isFree()) throw waitError(contract::kStopWhileWaiting, __LINE__);
-    claim_ = Claim::held;
-    token_ = token;
-    claimChanged_.notify_all();
-    lock.unlock();
+    {
+      ZUMutexLock lock(claimMutex_);
+      if (claim_ == Claim::lost) throw lostError(lostReason_, __LINE__);
+      if (isFree()) throw waitError(contract::kStopWhileWaiting, __LINE__);
+      claim_ = Claim::held;
+      token_ = token;
+      claimChanged_.notify_all();
+    }
     // The grant is the robot's: when the manager released `owner` and another
     // local owner took the resource meanwhile, that owner keeps the grant and
     // this wait ends as a stopped one. A grant lost meanwhile (the lease went
     // and took the local holder with it) ends the wait as a loss.
     boost::shared_ptr<ZUOwner> holder = copyOwner();
     if (!holder || (holder->name != owner->name && !holder->isParent(owner))) {
-      lock.lock();
+      ZUMutexLock lock(claimMutex_);
       if (claim_ != Claim::held || token_ != token) throw lostError(lostReason_, __LINE__);
       throw waitError(contract::kStopWhileWaiting, __LINE__);
     }
   } catch (...) {
-    if (lock.owns_lock()) lock.unlock();
     abandon(owner);
     throw;
   }
@@ -255,11 +259,11 @@ bool ZUResourceFleet::awaitTurn(const ZUOwner& owner, std::int64_t lease, std::i
 
 void ZUResourceFleet::failIfLost(std::int64_t lease) {
   {
-    std::lock_guard<std::mutex> lock(claimMutex_);
+    ZUMutexLock lock(claimMutex_);
     if (claim_ == Claim::lost) throw lostError(lostReason_, __LINE__);
   }
   if (std::optional<std::string> reason = session_->lossOf(lease)) {
-    std::lock_guard<std::mutex> lock(claimMutex_);
+    ZUMutexLock lock(claimMutex_);
     throw lostError(claim_ == Claim::lost ? lostReason_ : *reason, __LINE__);
   }
 }
@@ -280,7 +284,7 @@ void ZUResourceFleet::waitingBehind(const ZUOwner& owner, const std::string& rob
 void ZUResourceFleet::abandon(const boost::shared_ptr<ZUOwner>& owner) {
   std::string key;
   {
-    std::lock_guard<std::mutex> lock(claimMutex_);
+    ZUMutexLock lock(claimMutex_);
     if (claim_ == Claim::waiting || claim_ == Claim::lost) {
       key.swap(key_);
       claim_ = Claim::none;
@@ -305,7 +309,7 @@ void ZUResourceFleet::tell(const boost::shared_ptr<ZUOwner>& holder) {
 
 void ZUResourceFleet::contenderArrived(const ZUEtcdKeyValue& kv) {
   {
-    std::lock_guard<std::mutex> lock(claimMutex_);
+    ZUMutexLock lock(claimMutex_);
     if (claim_ != Claim::held || kv.createRevision <= token_ || kv.lease == lease_) return;
   }
   tell(copyOwner());
@@ -314,7 +318,7 @@ void ZUResourceFleet::contenderArrived(const ZUEtcdKeyValue& kv) {
 void ZUResourceFleet::leaseLost(std::int64_t lease, const std::string& reason) {
   boost::shared_ptr<ZUOwner> holder;
   {
-    std::lock_guard<std::mutex> lock(claimMutex_);
+    ZUMutexLock lock(claimMutex_);
     if ((claim_ != Claim::waiting && claim_ != Claim::held) || lease_ != lease) return;
     const bool held = claim_ == Claim::held;
     // A wait learns of the loss from the claim and fails; a grant is taken

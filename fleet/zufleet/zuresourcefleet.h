@@ -1,13 +1,16 @@
 #pragma once
 
 #include <chrono>
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include <boost/shared_ptr.hpp>
+
+#include <zuhost/zumutex.h>
+#include <zuhost/zuthreadannotations.h>
 
 #include <zuresource/zuresource.h>
 
@@ -79,19 +82,19 @@ class ZUResourceFleet : public ZUResource {
   static constexpr const char* kLeaseLost = "fleet lease lost: ";
 
   /// The fencing token of the robot's grant, 0 when it holds none.
-  std::int64_t fencingToken() const;
+  std::int64_t fencingToken() const ZU_EXCLUDES(claimMutex_);
 
   // --- For the session. ------------------------------------------------------
 
   /// Another robot's key `kv` appeared: when this robot holds the lock and
   /// `kv` queues behind it, the local holder's module is told.
-  void contenderArrived(const ZUEtcdKeyValue& kv);
+  void contenderArrived(const ZUEtcdKeyValue& kv) ZU_EXCLUDES(claimMutex_);
   /// The robot's lease `lease` is gone: a grant under it is lost (the local
   /// holder released, its module told, observers given a Lost event with
   /// `reason`) and a wait under it fails. Takes: claimMutex, inside it the
   /// holder's ownerMutex, then currentOwnerMutex (read); tells and emits with
   /// no lock held.
-  void leaseLost(std::int64_t lease, const std::string& reason);
+  void leaseLost(std::int64_t lease, const std::string& reason) ZU_EXCLUDES(claimMutex_);
 
  private:
   ZUResourceFleet(const std::string& name, boost::shared_ptr<ZUResource> parent,
@@ -102,41 +105,43 @@ class ZUResourceFleet : public ZUResource {
 
   /// Takes the fleet lock for the local holder `owner`. Returns false when it
   /// is busy and `noWait` holds; throws as waitFor documents.
+  /// Takes: claimMutex_ (then ZUResource's locks), never across a call to
+  /// etcd or the session.
   bool acquireFleet(const boost::shared_ptr<ZUOwner>& owner, Clock::time_point deadline,
-                    bool noWait);
+                    bool noWait) ZU_EXCLUDES(claimMutex_);
   /// Waits in the queue for `owner` with the key created at `token` under
   /// `lease`. Same results as acquireFleet. No lock is held.
   bool awaitTurn(const ZUOwner& owner, std::int64_t lease, std::int64_t token,
-                 Clock::time_point deadline, bool noWait);
+                 Clock::time_point deadline, bool noWait) ZU_EXCLUDES(claimMutex_);
   /// Throws the fleet-loss error when the claim was lost or `lease` is no
   /// longer the robot's or past its deadline. Takes: claimMutex, then the
   /// session's (never both at once).
-  void failIfLost(std::int64_t lease);
+  void failIfLost(std::int64_t lease) ZU_EXCLUDES(claimMutex_);
   /// Tells observers that `owner` waits behind robot `robot`, the key just
   /// ahead of its own (the holder, or a robot that asked earlier). Called
   /// with no lock held.
   void waitingBehind(const ZUOwner& owner, const std::string& robot,
                      Clock::time_point deadline) const;
   /// Ends a claim that did not become a grant and gives the resource back
-  /// locally for `owner`.
-  void abandon(const boost::shared_ptr<ZUOwner>& owner);
+  /// locally for `owner`. Takes: claimMutex_, then (without it) release.
+  void abandon(const boost::shared_ptr<ZUOwner>& owner) ZU_EXCLUDES(claimMutex_);
   /// Tells the module of `holder` that the resource is wanted. No lock.
   void tell(const boost::shared_ptr<ZUOwner>& holder);
 
   /// Immutable.
   const boost::shared_ptr<ZUFleetSession> session_;
-  /// Guards the fields below; `claimChanged` signals every change of claim_.
-  mutable std::mutex claimMutex_;
+  /// Guards the fields below; `claimChanged_` signals every change of claim_.
+  mutable ZUMutex claimMutex_;
   std::condition_variable claimChanged_;
-  Claim claim_ = Claim::none;
+  Claim claim_ ZU_GUARDED_BY(claimMutex_) = Claim::none;
   /// The robot's key and its lease while waiting or holding, else empty / 0.
-  std::string key_;
-  std::int64_t lease_ = 0;
+  std::string key_ ZU_GUARDED_BY(claimMutex_);
+  std::int64_t lease_ ZU_GUARDED_BY(claimMutex_) = 0;
   /// The key's create revision once it is queued: the fencing token while
   /// holding; else 0.
-  std::int64_t token_ = 0;
+  std::int64_t token_ ZU_GUARDED_BY(claimMutex_) = 0;
   /// Why the last claim was lost.
-  std::string lostReason_;
+  std::string lostReason_ ZU_GUARDED_BY(claimMutex_);
 };
 
 /// The check a shared device makes of the fencing tokens that come with

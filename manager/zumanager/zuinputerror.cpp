@@ -38,9 +38,17 @@ std::string readInputFile(const std::string& path) {
     throw ZUInputError(escapeControls(path, false) + ": cannot be read (not a regular file)");
   std::ifstream in(path, std::ios::binary);
   if (!in) throw ZUInputError(escapeControls(path, false) + ": cannot be read");
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
+  // Read at its size in one piece: a stream that grows by doubling and is
+  // then copied out would hold the text up to three times over.
+  std::string text(static_cast<std::size_t>(st.st_size), '\0');
+  in.read(&text[0], static_cast<std::streamsize>(text.size()));
+  text.resize(static_cast<std::size_t>(in.gcount()));
+  if (in) {  // it grew since: the rest as well
+    std::ostringstream rest;
+    rest << in.rdbuf();
+    text += rest.str();
+  }
+  return text;
 }
 
 }  // namespace ZU

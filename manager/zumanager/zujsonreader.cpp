@@ -91,6 +91,19 @@ void forEachEntry(const json& top, const char* key, const std::string& file,
     each(ZUJsonEntry(list[i], file, within + key + "[" + std::to_string(i) + "]"));
 }
 
+void consumeEachEntry(json& top, const char* key, const std::string& file,
+                      const std::function<void(const ZUJsonEntry&)>& each,
+                      const std::string& within) {
+  if (!top.contains(key)) return;
+  json& list = top.at(key);
+  if (!list.is_array())
+    throw ZUInputError(file + ": " + within + "\"" + key + "\" must be an array");
+  for (std::size_t i = 0; i < list.size(); ++i) {
+    each(ZUJsonEntry(list[i], file, within + key + "[" + std::to_string(i) + "]"));
+    list[i] = nullptr;  // frees what the element held; the positions stay
+  }
+}
+
 namespace {
 
 /// Reads through a JSON text without building it, refusing an object that

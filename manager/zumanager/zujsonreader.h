@@ -76,5 +76,10 @@ class ZUJsonEntry {
 void forEachEntry(const nlohmann::json& top, const char* key, const std::string& file,
                   const std::function<void(const ZUJsonEntry&)>& each,
                   const std::string& within = "");
+/// Like forEachEntry(), but frees each element once `each` has read it, so
+/// that a large file is never held twice, as JSON and as what it declares.
+void consumeEachEntry(nlohmann::json& top, const char* key, const std::string& file,
+                      const std::function<void(const ZUJsonEntry&)>& each,
+                      const std::string& within = "");
 
 }  // namespace ZU

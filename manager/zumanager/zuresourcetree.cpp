@@ -74,19 +74,23 @@ const ZUTreeResource& knownResource(const ZUJsonEntry& e, const ZUResourceTree& 
   return *r;
 }
 
-void readResources(const json& at, const std::string& file, const std::string& within, int robot,
+void readResources(json& at, const std::string& file, const std::string& within, int robot,
                    const std::string& robotName, ZUResourceTree& tree) {
   std::size_t first = tree.resources.size();
-  forEachEntry(
+  if (at.contains("resources") && at.at("resources").is_array()) {
+    tree.resources.reserve(first + at.at("resources").size());
+    tree.resourceIndex.reserve(first + at.at("resources").size());
+  }
+  consumeEachEntry(
       at, "resources", file,
       [&](const ZUJsonEntry& e) { readResource(e, robot, robotName, tree); }, within);
   // Members may be declared after their group: they are looked up once all
   // of this part's resources are read.
-  for (std::size_t i = first; i < tree.resources.size(); ++i) {
-    ZUJsonEntry e(at.at("resources")[i - first], file,
-                  within + "resources[" + std::to_string(i - first) + "]");
-    for (const std::string& m : tree.resources[i].members) knownResource(e, tree, m);
-  }
+  for (std::size_t i = first; i < tree.resources.size(); ++i)
+    for (const std::string& m : tree.resources[i].members)
+      if (!tree.findResource(m))
+        throw ZUInputError(file + ": " + within + "resources[" + std::to_string(i - first) +
+                           "]: unknown resource " + quoteName(m));
 }
 
 void checkNesting(const ZUResourceTree& tree, const std::string& file) {

@@ -12,12 +12,12 @@
 namespace ZU {
 
 /// Reads the "resources" array of `at` into `tree` and checks that every
-/// group's members are known. `within` names `at` in messages ("robots[1]."),
+/// group's members are known. Frees each element of the array once read. `within` names `at` in messages ("robots[1]."),
 /// empty for the whole. The resources belong to robot number `robot` named
 /// `robotName` (their names become "robotName/name"), or to no robot when
 /// `robot` is -1; only a robot's resource may be of kind "fleet". Throws
 /// ZUInputError.
-void readResources(const nlohmann::json& at, const std::string& file, const std::string& within,
+void readResources(nlohmann::json& at, const std::string& file, const std::string& within,
                    int robot, const std::string& robotName, ZUResourceTree& tree);
 
 /// Refuses a group that contains itself, directly or through other groups,

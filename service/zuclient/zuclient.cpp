@@ -208,6 +208,8 @@ const std::string& ZUAcquisition::resource() const {
   return state_ ? state_->resource : none;
 }
 
+void ZUAcquisition::detach() { state_.reset(); }
+
 void ZUAcquisition::release() {
   if (!state_) return;
   std::shared_ptr<State> state = std::move(state_);
@@ -247,9 +249,9 @@ ZUSession::ZUSession(const std::string& module, Handlers handlers, const std::st
   pb::SessionRequest hello;
   hello.mutable_hello()->set_module(module);
   pb::SessionEvent welcome;
-  if (!stream_->stream->Write(hello) || !stream_->stream->Read(&welcome) ||
-      !welcome.has_welcome()) {
-    stream_->context.TryCancel();
+  const bool answered = stream_->stream->Write(hello) && stream_->stream->Read(&welcome);
+  if (!answered || !welcome.has_welcome()) {
+    if (answered) stream_->context.TryCancel();  // something else than a welcome
     grpc::Status status = stream_->stream->Finish();
     if (status.ok()) status = grpc::Status(grpc::StatusCode::UNKNOWN, "no welcome");
     throw ZUServiceError(status);

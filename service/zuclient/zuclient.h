@@ -138,6 +138,10 @@ class ZUAcquisition {
   /// resources went already) or when the service refuses.
   void release();
 
+  /// Lets the acquisition go without releasing: the resources stay held
+  /// until released by name (ZUSession::release) or the session ends.
+  void detach();
+
   const std::string& owner() const;
   const std::string& resource() const;
 

@@ -63,6 +63,22 @@ TEST(Scenario, ActionsRunInTimeOrderKeepingFileOrderForEqualTimes) {
   EXPECT_EQ(s.stopAtMs, 300 + 10000);
 }
 
+// The timeline is put in order in place, following each cycle of the
+// permutation: several cycles, one of them long, and actions already in place.
+TEST(Scenario, TimeOrderIsRightForEveryCycleOfThePermutation) {
+  const long times[] = {50, 30, 50, 10, 30, 0, 50, 20, 60};
+  std::string actions;
+  for (long t : times)
+    actions += std::string(actions.empty() ? "" : ", ") + R"({"at": )" + std::to_string(t) +
+               R"(, "owner": "a", "do": "release", "resource": "Head"})";
+  Scenario s = withCast(R"("actions": [)" + actions + "]");
+  std::vector<std::string> order;
+  for (const auto& a : s.actions) order.push_back(a.entry + "@" + std::to_string(a.atMs));
+  EXPECT_EQ(order, (std::vector<std::string>{"actions[5]@0", "actions[3]@10", "actions[7]@20",
+                                             "actions[1]@30", "actions[4]@30", "actions[0]@50",
+                                             "actions[2]@50", "actions[6]@50", "actions[8]@60"}));
+}
+
 /// `depth` groups, each holding the next, the last holding Head.
 std::string chain(int depth) {
   std::string groups;

@@ -36,9 +36,10 @@ class Entry : public ZU::ZUJsonEntry {
 
 /// Calls `each` with an Entry for every element of the array `key` of `top`.
 /// `within` names `top` in messages ("robots[1]."), empty for the whole.
-void forEach(const json& top, const char* key, const std::string& file,
+/// The elements are freed once read: a large scenario is never held twice.
+void forEach(json& top, const char* key, const std::string& file,
              const std::function<void(const Entry&)>& each, const std::string& within = "") {
-  ZU::forEachEntry(
+  ZU::consumeEachEntry(
       top, key, file, [&](const ZU::ZUJsonEntry& e) { each(Entry(e)); }, within);
 }
 
@@ -377,8 +378,41 @@ const ModuleEntry* Scenario::findModule(const std::string& name) const {
   return find(modules, moduleIndex, name);
 }
 
-Scenario parseScenario(const std::string& text, const std::string& file) {
-  json top = ZU::readJson(text, file, "scenario");
+namespace {
+
+/// The number of elements of the array `key` of `top`, 0 if it is none.
+std::size_t arraySize(const json& top, const char* key) {
+  return top.contains(key) && top.at(key).is_array() ? top.at(key).size() : 0;
+}
+
+/// Sorts `actions` by time, keeping the file's order for equal times. Sorts
+/// their positions and moves each action once into place, so that no second
+/// copy of a large timeline is made.
+void sortByTime(std::vector<ActionEntry>& actions) {
+  std::vector<std::size_t> order(actions.size());
+  for (std::size_t i = 0; i < order.size(); ++i) order[i] = i;
+  std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
+    return actions[a].atMs < actions[b].atMs;
+  });
+  // Position i takes the action at order[i]: follow each cycle once.
+  for (std::size_t i = 0; i < order.size(); ++i) {
+    if (order[i] == i) continue;
+    ActionEntry held = std::move(actions[i]);
+    std::size_t at = i;
+    while (order[at] != i) {
+      std::size_t from = order[at];
+      actions[at] = std::move(actions[from]);
+      order[at] = at;
+      at = from;
+    }
+    actions[at] = std::move(held);
+    order[at] = at;
+  }
+}
+
+/// Reads and checks the scenario `top`, freeing its sections' elements as it
+/// goes.
+Scenario readScenario(json top, const std::string& file) {
   Entry whole(top, file, "scenario");
   whole.allow({"title", "description", "stopAt", "resources", "modules", "owners", "actions",
                "expect", "robots", "ttlSeconds"});
@@ -389,21 +423,22 @@ Scenario parseScenario(const std::string& text, const std::string& file) {
   long ttl = whole.integer("ttlSeconds", kDefaultTtlSeconds, 1, kMaxTimeoutSeconds);
   // Without robots, the scenario is one robot whose entries are at the top;
   // with robots, each robot's are in its entry.
-  std::vector<std::pair<const json*, std::string>> robots{{&top, ""}};
+  std::vector<std::pair<json*, std::string>> robots{{&top, ""}};
   if (whole.has("robots")) {
     for (const char* key : {"resources", "modules", "owners"})
       if (whole.has(key))
         whole.fail(std::string("with \"robots\", each robot has its own \"") + key + "\"");
     robots.clear();
-    forEach(top, "robots", file, [&](const Entry& e) {
+    ZU::forEachEntry(top, "robots", file, [&](const ZU::ZUJsonEntry& e) {
       e.allow({"name", "ttlSeconds", "resources", "modules", "owners"});
       RobotEntry r{ZU::robotLocalName(e, "name", "robot", 0), ttl};
       r.ttlSeconds = e.integer("ttlSeconds", ttl, 1, kMaxTimeoutSeconds);
       for (const RobotEntry& o : s.robots)
         if (o.name == r.name) e.fail("robot " + quoteName(r.name) + " declared twice");
       s.robots.push_back(r);
-      robots.emplace_back(&e.value(), e.where() + ".");
+      robots.emplace_back(nullptr, e.where() + ".");
     });
+    for (std::size_t n = 0; n < robots.size(); ++n) robots[n].first = &top.at("robots")[n];
     if (s.robots.empty()) whole.fail("\"robots\" names no robot");
   }
   for (std::size_t n = 0; n < robots.size(); ++n) {
@@ -424,6 +459,8 @@ Scenario parseScenario(const std::string& text, const std::string& file) {
         *robots[n].first, "owners", file, [&](const Entry& e) { parseOwner(e, s, robot); },
         robots[n].second);
   }
+  s.actions.reserve(arraySize(top, "actions"));
+  s.expectations.reserve(arraySize(top, "expect"));
   forEach(top, "actions", file, [&](const Entry& e) { parseAction(e, s); });
   forEach(top, "expect", file, [&](const Entry& e) { parseExpectation(e, s); });
   if (s.resources.empty()) whole.fail("declares no resource");
@@ -440,13 +477,25 @@ Scenario parseScenario(const std::string& text, const std::string& file) {
   for (const ActionEntry& a : s.actions) late(a.entry, a.atMs);
   for (const ExpectEntry& x : s.expectations) late(x.entry, x.atMs);
   // Actions of one thread run in time order, whatever order the file has.
-  std::stable_sort(s.actions.begin(), s.actions.end(),
-                   [](const ActionEntry& a, const ActionEntry& b) { return a.atMs < b.atMs; });
+  sortByTime(s.actions);
   return s;
 }
 
+}  // namespace
+
+Scenario parseScenario(const std::string& text, const std::string& file) {
+  return readScenario(ZU::readJson(text, file, "scenario"), file);
+}
+
 Scenario loadScenario(const std::string& path) {
-  return parseScenario(ZU::readInputFile(path), escapeControls(path, false));
+  std::string file = escapeControls(path, false);
+  json top;
+  {
+    // The text goes before the scenario is built from its JSON.
+    std::string text = ZU::readInputFile(path);
+    top = ZU::readJson(text, file, "scenario");
+  }
+  return readScenario(std::move(top), file);
 }
 
 }  // namespace zusim

@@ -100,7 +100,7 @@ ZUTcpRelay::ZUTcpRelay(const std::string& upstream) {
 
 ZUTcpRelay::~ZUTcpRelay() {
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    ZUMutexLock lock(mutex_);
     stopping_ = true;
   }
   const char byte = 0;
@@ -113,12 +113,12 @@ ZUTcpRelay::~ZUTcpRelay() {
 std::string ZUTcpRelay::endpoint() const { return "http://127.0.0.1:" + std::to_string(port_); }
 
 void ZUTcpRelay::setMode(Mode mode) {
-  std::unique_lock<std::mutex> lock(mutex_);
+  ZUMutexLock lock(mutex_);
   mode_ = mode;
   const unsigned ticket = ++requested_;
   const char byte = 0;
   (void)!::write(wake_[1], &byte, 1);
-  applied_.wait(lock, [&] { return done_ >= ticket; });
+  while (done_ < ticket) lock.wait(applied_);
 }
 
 void ZUTcpRelay::run() {
@@ -129,7 +129,7 @@ void ZUTcpRelay::run() {
   for (;;) {
     unsigned ticket;
     {
-      std::lock_guard<std::mutex> lock(mutex_);
+      ZUMutexLock lock(mutex_);
       if (stopping_) break;
       ticket = requested_;
       if (mode_ != mode) {

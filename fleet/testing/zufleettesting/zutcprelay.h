@@ -1,11 +1,13 @@
 #pragma once
 
 #include <condition_variable>
-#include <mutex>
 #include <string>
 #include <thread>
 
 #include <sys/socket.h>
+
+#include <zuhost/zumutex.h>
+#include <zuhost/zuthreadannotations.h>
 
 namespace ZU {
 
@@ -34,10 +36,12 @@ class ZUTcpRelay {
   std::string endpoint() const;
   /// Switches the mode; returns once the relay's thread has applied it.
   /// Takes: mutex_.
-  void setMode(Mode mode);
+  void setMode(Mode mode) ZU_EXCLUDES(mutex_);
 
  private:
-  void run();
+  /// The relay's thread. Takes: mutex_ while it applies a mode (closing and
+  /// opening sockets, which does not block), never while it moves bytes.
+  void run() ZU_EXCLUDES(mutex_);
 
   /// Immutable after construction.
   sockaddr_storage upstream_{};
@@ -45,12 +49,13 @@ class ZUTcpRelay {
   int port_ = 0;
   /// The pipe that wakes the thread: written by setMode and the destructor.
   int wake_[2] = {-1, -1};
-  std::mutex mutex_;
+  ZUMutex mutex_;
+  /// Signals that done_ moved on.
   std::condition_variable applied_;
-  Mode mode_ = Mode::pass;       // guarded by mutex_
-  unsigned requested_ = 0;       // guarded by mutex_: changes asked
-  unsigned done_ = 0;            // guarded by mutex_: changes applied
-  bool stopping_ = false;        // guarded by mutex_
+  Mode mode_ ZU_GUARDED_BY(mutex_) = Mode::pass;
+  unsigned requested_ ZU_GUARDED_BY(mutex_) = 0;  // changes asked
+  unsigned done_ ZU_GUARDED_BY(mutex_) = 0;       // changes applied
+  bool stopping_ ZU_GUARDED_BY(mutex_) = false;
   std::thread thread_;
 };
 

@@ -1,0 +1,142 @@
+"""The Python client of the resource service, against a real zuresourced."""
+import os
+import signal
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+
+import pytest
+
+import zuresource as zr
+
+ZURESOURCED = os.environ.get("ZURESOURCED", "")
+pytestmark = pytest.mark.skipif(not ZURESOURCED, reason="ZURESOURCED names no service program")
+
+
+@pytest.fixture
+def service():
+    """A zuresourced on a socket of its own; yields its address."""
+    with tempfile.TemporaryDirectory() as folder:
+        target = f"unix:{folder}/zuresource.sock"
+        process = subprocess.Popen([ZURESOURCED, "--listen", target, "--keepalive-ms", "1000"],
+                                   stdout=subprocess.PIPE, text=True)
+        assert process.stdout.readline().startswith("zuresourced: listening")
+        yield target, process
+        process.send_signal(signal.SIGTERM)
+        process.wait(timeout=30)
+
+
+def holders(session, leaf):
+    for resource in session.snapshot()["resources"]:
+        if resource["name"] == leaf:
+            return resource["holders"]
+    raise KeyError(leaf)
+
+
+def eventually(condition, seconds=30.0):
+    deadline = time.monotonic() + seconds
+    while time.monotonic() < deadline:
+        if condition():
+            return True
+        time.sleep(0.02)
+    return condition()
+
+
+def test_acquired_holds_in_the_block_and_gives_back_after(service):
+    target, _ = service
+    with zr.ServiceSession("Wave", target) as session:
+        with session.acquired("wave", "Arms", timeout=5) as held:
+            assert holders(session, "LeftArm") == ["wave"]
+            assert not held.lost
+        assert holders(session, "LeftArm") == []
+        # The in-process module's shapes: NotObtained with names, Error with
+        # the library's text.
+        with zr.ServiceSession("Other", target) as other:
+            with other.acquired("other", "Head", timeout=5):
+                with pytest.raises(zr.NotObtained) as refused:
+                    with session.acquired("wave", "Body", timeout=5, no_wait=["Head"]):
+                        pass
+                assert refused.value.names == ["Head"]
+                assert holders(session, "LeftArm") == []
+                with pytest.raises(zr.Error) as failed:
+                    session.acquire("wave", "Head", timeout=1)
+                assert failed.value.description == zr.WAIT_TIMED_OUT_PREFIX + "Head"
+
+
+def test_refusals_are_service_errors_with_their_code(service):
+    target, _ = service
+    with zr.ServiceSession("Wave", target) as session:
+        cases = {
+            "NOT_FOUND": lambda: session.acquire("wave", "Tail", timeout=1),
+            "INVALID_ARGUMENT": lambda: session.acquire("", "Head", timeout=1),
+            "ALREADY_EXISTS": lambda: zr.ServiceSession("Wave", target),
+        }
+        for code, call in cases.items():
+            with pytest.raises(zr.ServiceError) as refused:
+                call()
+            assert refused.value.code == code
+        with pytest.raises(ValueError):
+            session.acquired("wave", "Head", timeout=0)
+
+
+def test_holder_told_it_is_wanted_lets_go_from_its_handler(service):
+    target, _ = service
+    told = []
+
+    def on_wanted(notice):
+        told.append((notice.resource, notice.owner))
+        holder.release("holder", "Head")
+
+    holder = zr.ServiceSession("Holder", target, on_wanted=on_wanted)
+    holder.acquire("holder", "Head", timeout=5)
+    with zr.ServiceSession("Waiter", target) as waiter:
+        with waiter.acquired("waiter", "Head", timeout=30):
+            assert told == [("Head", "holder")]
+    holder.close()
+
+
+HOLDER = """if True:
+    import sys, time, zuresource as zr
+    session = zr.ServiceSession("Holder", sys.argv[1])
+    held = session.acquire("holder", "Legs", timeout=5)
+    print("granted", flush=True)
+    time.sleep(600)
+"""
+
+
+def test_killed_python_holder_leaves_nothing(service):
+    target, _ = service
+    holder = subprocess.Popen([sys.executable, "-c", HOLDER, target], stdout=subprocess.PIPE,
+                              text=True)
+    try:
+        assert holder.stdout.readline() == "granted\n"
+        with zr.ServiceSession("Waiter", target) as waiter:
+            kept = []
+            got = threading.Thread(
+                target=lambda: kept.append(waiter.acquire("walker", "Legs", timeout=60)))
+            got.start()
+            assert eventually(lambda: len(waiter.snapshot()["waits"]) == 1)
+            holder.kill()
+            got.join(timeout=60)
+            assert holders(waiter, "LeftLeg") == ["walker"]
+    finally:
+        holder.kill()
+        holder.wait()
+
+
+def test_stopped_service_ends_the_session_and_the_acquisition_knows(service):
+    target, process = service
+    ended = threading.Event()
+    session = zr.ServiceSession("Holder", target, on_ended=lambda notice: ended.set())
+    with pytest.raises(zr.ServiceError) as lost:
+        with session.acquired("holder", "Head", timeout=5) as held:
+            process.send_signal(signal.SIGTERM)
+            assert ended.wait(30)
+            assert held.lost
+            assert held.lost_reason == "the service is stopping"
+    assert not session.alive
+    assert "the service is stopping" in lost.value.reason
+    assert process.wait(timeout=30) == 0
+    session.close()
