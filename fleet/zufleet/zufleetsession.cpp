@@ -378,10 +378,19 @@ const ZUFleetConfig& ZUFleetSession::config() const { return core_->config; }
 ZUEtcdClient& ZUFleetSession::client() { return core_->client; }
 
 std::int64_t ZUFleetSession::lease() {
+  std::int64_t overdue = 0;
+  std::string reason;
   {
     ZUMutexLock lock(core_->mutex);
-    if (core_->lease != 0) return core_->lease;
+    if (core_->lease != 0 && Clock::now() < core_->deadline) return core_->lease;
+    // A lease past its deadline that the guard has not given up yet is given
+    // up here: a new request takes a new lease.
+    if (core_->lease != 0) {
+      overdue = core_->lease;
+      reason = core_->overdueReason();
+    }
   }
+  if (overdue != 0) core_->loseLease(overdue, reason, true);
   const Clock::time_point sent = Clock::now();
   const ZUEtcdLease granted = core_->client.grant(core_->config.ttlSeconds);
   bool log = false;
