@@ -27,6 +27,8 @@
 #include <zuservice/zuserver.h>
 #include <zuservice/zuservicecontract.h>
 
+#include "notify.h"
+
 namespace {
 
 constexpr char kUsage[] =
@@ -134,10 +136,12 @@ int main(int argc, char** argv) {
     ZU::service::ZUServer server(manager, options);
     server.start();
     std::cout << "zuresourced: listening on " << server.address() << std::endl;
+    zuresourced::notifyServiceManager("READY=1");
 
     int signal = 0;
     sigwait(&signals, &signal);
     std::cout << "zuresourced: " << strsignal(signal) << ", stopping" << std::endl;
+    zuresourced::notifyServiceManager("STOPPING=1");
     server.stop();
     if (recording) {
       recording->record(ZU::takeSnapshot(manager.roots()));
