@@ -5,7 +5,14 @@
 # <name>/<header>.h), warnings on, the project's version, and, once installed,
 # its sibling libraries found beside it. With ZURESOURCE_INSTALL, its install
 # rules: the library into export set <set> (zuresourceTargets by default) and
-# every header of <name>/ but the private ones.
+# every header of <name>/.
+#
+# Installed and private headers are kept apart by folder: <name>/ holds the
+# installed ones only; private headers go to internal/<name>/ beside it, seen
+# by the library's own sources (still included as <name>/<header>.h) and
+# never installed nor checked as public. PRIVATE_HEADERS, names of private
+# headers left in <name>/ and excluded from the install by pattern, is kept
+# until every library has moved them to internal/.
 function(zuresource_library name)
   cmake_parse_arguments(ARG "" "EXPORT" "SOURCES;PRIVATE_HEADERS" ${ARGN})
   if(NOT ARG_EXPORT)
@@ -16,6 +23,9 @@ function(zuresource_library name)
   target_include_directories(${name} PUBLIC
     $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}>
     $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+  if(IS_DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}/internal)
+    target_include_directories(${name} PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/internal)
+  endif()
   target_compile_options(${name} PRIVATE -Wall -Wextra)
   set_target_properties(${name} PROPERTIES VERSION ${PROJECT_VERSION}
                         SOVERSION ${PROJECT_VERSION_MAJOR} INSTALL_RPATH "$ORIGIN")

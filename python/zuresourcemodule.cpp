@@ -16,6 +16,7 @@
 #include <atomic>
 #include <chrono>
 #include <exception>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -160,6 +161,47 @@ bool holds(ZU::ZUResource& resource, const ZU::ZUOwner& owner) {
   return resource.currentOwner.load()->name == owner.name;
 }
 
+/// What an owner held, among the resources that a request for `resource`
+/// takes, when this was made; gained() tells what it has taken since. A plain
+/// or state resource is looked at without copying anything. Used without the
+/// GIL, by one thread. Takes: what collectLeaves() and holds() take.
+class Holdings {
+ public:
+  Holdings(const ResourceHandle& resource, const ZU::ZUOwner& owner)
+      : resource_(resource),
+        owner_(owner),
+        group_(dynamic_cast<ZU::ZUResourceList*>(resource.get()) != nullptr) {
+    if (!group_) {
+      held_ = holds(*resource, owner);
+      return;
+    }
+    collectLeaves(resource, leaves_);
+    for (const ResourceHandle& leaf : leaves_)
+      if (holds(*leaf, owner)) heldBefore_.push_back(leaf);
+  }
+
+  std::vector<ResourceHandle> gained() const {
+    std::vector<ResourceHandle> gained;
+    if (!group_) {
+      if (!held_ && holds(*resource_, owner_)) gained.push_back(resource_);
+      return gained;
+    }
+    for (const ResourceHandle& leaf : leaves_)
+      if (std::find(heldBefore_.begin(), heldBefore_.end(), leaf) == heldBefore_.end() &&
+          holds(*leaf, owner_))
+        gained.push_back(leaf);
+    return gained;
+  }
+
+ private:
+  const ResourceHandle& resource_;
+  const ZU::ZUOwner& owner_;
+  const bool group_;
+  bool held_ = false;                         // not a group: whether it was held
+  std::vector<ResourceHandle> leaves_;        // a group: its members, each once
+  std::vector<ResourceHandle> heldBefore_;    // a group: the members held
+};
+
 /// Stops an owner's wait as the manager does, by the owner's release flag,
 /// and remembers the flag as it was before. Its stop runs in the signal
 /// watcher's thread; its fields are read after Interruption::end().
@@ -195,19 +237,14 @@ Names acquire(const ResourceHandle& resource, const OwnerHandle& owner, const st
   for (int limit = timeout;;) {
     OwnerStop stopper{owner.get()};
     zupy::Interruption interruption(&OwnerStop::stop, &stopper);
-    std::vector<ResourceHandle> leaves, gained;
+    std::vector<ResourceHandle> gained;
     Names missing;
     std::exception_ptr error;
     bool stopError = false;
     {
       zupy::GilReleased nogil;
-      std::vector<ResourceHandle> heldBefore;
-      const bool watchLeaves = taken || interruption.armed();
-      if (watchLeaves) {
-        collectLeaves(resource, leaves);
-        for (const ResourceHandle& leaf : leaves)
-          if (holds(*leaf, *owner)) heldBefore.push_back(leaf);
-      }
+      std::optional<Holdings> before;
+      if (taken || interruption.armed()) before.emplace(resource, *owner);
       try {
         missing = resource->waitFor(owner, label, limit, noWait);
       } catch (const ZU::ZUError& e) {
@@ -216,11 +253,7 @@ Names acquire(const ResourceHandle& resource, const OwnerHandle& owner, const st
       }
       interruption.end();
       stopper.restore();
-      if (watchLeaves)
-        for (const ResourceHandle& leaf : leaves)
-          if (std::find(heldBefore.begin(), heldBefore.end(), leaf) == heldBefore.end() &&
-              holds(*leaf, *owner))
-            gained.push_back(leaf);
+      if (before && (taken || interruption.interrupted())) gained = before->gained();
     }
     if (interruption.interrupted() && PyErr_CheckSignals() != 0) {
       withoutGil([&] {
@@ -362,7 +395,11 @@ std::string repr(const char* cls, const std::string& name) {
 PYBIND11_MODULE(zuresource, m) {
   m.doc() =
       "Arbitration of a robot's resources between behaviours: resources, owners,\n"
-      "and an in-process broker whose modules are told \"__onResource__\".";
+      "and an in-process broker whose modules are told \"__onResource__\".\n\n"
+      "In the main thread, a signal that Python handles (Ctrl-C) stops a blocking\n"
+      "wait_for, the entry of a `with ... acquired(...)` block or wait_idle within\n"
+      "about one polling period: what the wait took is given back and the handler's\n"
+      "exception (KeyboardInterrupt) is raised.";
 
   errorType = PyErr_NewExceptionWithDoc(
       "zuresource.Error",

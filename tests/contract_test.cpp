@@ -80,8 +80,9 @@ TEST(Contract, NamesCallersRead) {
   holder->setParentBroker(broker);
   ASSERT_TRUE(arm->waitFor(holder, "", 0, {}).empty());
   zutest::WaitForRun waiting(arm, makeOwner("next", "nextModule"), -1);
-  ASSERT_TRUE(zutest::waitUntil([&] { return holder->copyWaiters().size() == 1; }));
-  module.waitIdle();
+  // The holder's module is told after the waiter is listed: wait for both.
+  ASSERT_TRUE(zutest::waitUntil([&] { return !module.calls().empty(); }));
+  ASSERT_EQ(holder->copyWaiters().size(), 1u);
 
   EXPECT_EQ(free, "---Arm<br />");
   EXPECT_EQ(arm->httpGet(0), "---Arm -> boxModule eStrong [\"nextModule\"] 0<br />");

@@ -60,7 +60,7 @@ bool recorded(std::size_t waits) { return ZU::ZUWaitRegistry::snapshot().size() 
 // timer must count this wait's polls only.
 TEST(StrongOwner, EveryWayAWaitEnds) {
   using Holder = boost::shared_ptr<ZUOwnerStrong>;
-  enum When { kBefore, kInTheOnlySleep, kAtTimer200, kAtTimer1000, kNever };
+  enum class When { Before, InTheOnlySleep, AtTimer200, AtTimer1000, Never };
   struct Row {
     const char* name;
     int limit;  // seconds
@@ -81,14 +81,14 @@ TEST(StrongOwner, EveryWayAWaitEnds) {
     EXPECT_TRUE(destroyer.joinFor(5000)) << "the destructor did not complete";
   };
   const Row rows[] = {
-      {"holder lets go", -1, kAtTimer1000, letGo, nullptr, 0, kPoll},
-      {"holder let go before the wait", 0, kBefore, letGo, kTimedOut.c_str(), kPoll, kPoll},
-      {"holder lets go in the only sleep", 0, kInTheOnlySleep, letGo, kTimedOut.c_str(), kPoll,
+      {"holder lets go", -1, When::AtTimer1000, letGo, nullptr, 0, kPoll},
+      {"holder let go before the wait", 0, When::Before, letGo, kTimedOut.c_str(), kPoll, kPoll},
+      {"holder lets go in the only sleep", 0, When::InTheOnlySleep, letGo, kTimedOut.c_str(), kPoll,
        kPoll},
-      {"time limit", 1, kNever, nullptr, kTimedOut.c_str(), 1000, 1000 + kPoll},
-      {"requester stopped", -1, kAtTimer200, stop, kStop, 0, kPoll},
-      {"requester stopped before, limit passed too", 0, kBefore, stop, kStop, kPoll, kPoll},
-      {"holder destroyed (the destroyed-holder race)", -1, kAtTimer200, destroy, nullptr, 0, 0},
+      {"time limit", 1, When::Never, nullptr, kTimedOut.c_str(), 1000, 1000 + kPoll},
+      {"requester stopped", -1, When::AtTimer200, stop, kStop, 0, kPoll},
+      {"requester stopped before, limit passed too", 0, When::Before, stop, kStop, kPoll, kPoll},
+      {"holder destroyed (the destroyed-holder race)", -1, When::AtTimer200, destroy, nullptr, 0, 0},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
@@ -97,20 +97,20 @@ TEST(StrongOwner, EveryWayAWaitEnds) {
     holder->addWaiter(owner("e"), 0);
     holder->timeout = 100;  // left over from an earlier wait
     const boost::weak_ptr<ZU::ZUOwner> watched = holder;
-    if (row.when == kBefore) row.trigger(holder, *requester);
+    if (row.when == When::Before) row.trigger(holder, *requester);
     ConflictRun run(*holder, "R", requester, row.limit);
     ASSERT_TRUE(waitUntil([] { return recorded(1); }));
     EXPECT_EQ(ZU::ZUWaitRegistry::snapshot().front().waiterOwner.lock(), requester);
     // The record keeps the requester's limit, not the holder's leftover timer.
     EXPECT_EQ(ZU::ZUWaitRegistry::snapshot().front().timeout, row.limit);
-    if (row.when == kInTheOnlySleep) ko::os::msleep(150);
+    if (row.when == When::InTheOnlySleep) ko::os::msleep(150);
     int base = 0;  // the timer when the trigger came
-    if (row.when == kAtTimer200 || row.when == kAtTimer1000) {
-      const int at = row.when == kAtTimer200 ? 200 : 1000;
+    if (row.when == When::AtTimer200 || row.when == When::AtTimer1000) {
+      const int at = row.when == When::AtTimer200 ? 200 : 1000;
       ASSERT_TRUE(waitUntil([&] { return holder->timeout >= at; }, 20000));
       base = holder->timeout;
     }
-    if (row.when != kBefore && row.trigger) row.trigger(holder, *requester);
+    if (row.when != When::Before && row.trigger) row.trigger(holder, *requester);
 
     const zutest::ConflictOutcome outcome = run.wait();
     EXPECT_TRUE(row.error ? waitFailed(outcome, row.error) : zutest::waitReturned(outcome));

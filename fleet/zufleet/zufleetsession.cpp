@@ -233,8 +233,8 @@ struct ZUFleetSession::Core {
       }
       const std::int64_t current = lease;
       const auto left = std::chrono::duration_cast<Ms>(deadline - now).count();
-      const int timeoutMs = static_cast<int>(
-          std::clamp<long long>(left, kRenewCallMinMs, config.callTimeoutMs));
+      const int timeoutMs = static_cast<int>(std::max<long long>(
+          kRenewCallMinMs, std::min<long long>(left, config.callTimeoutMs)));
       lock.unlock();
       const Clock::time_point sent = Clock::now();
       std::int64_t reported = -1;
@@ -340,10 +340,12 @@ struct ZUFleetSession::Core {
 };
 
 ZUFleetSession::ZUFleetSession(ZUFleetConfig config) {
-  if (config.endpoints.empty() || config.robot.empty() || config.ttlSeconds < 1)
+  if (config.endpoints.empty() || config.robot.empty() || config.ttlSeconds < 1 ||
+      config.callTimeoutMs < 1)
     throw ZUError("ZUFleetSession", "ZUFleetSession",
-                  "a fleet session needs endpoints, a robot name and a TTL of 1 s or more", kFile,
-                  __LINE__);
+                  "a fleet session needs endpoints, a robot name, a TTL of 1 s or more and a "
+                  "call time limit of 1 ms or more",
+                  kFile, __LINE__);
   core_ = std::make_shared<Core>(std::move(config));
   std::shared_ptr<Core> core = core_;
   keepAlive_ = std::thread([core] { core->keepAliveLoop(); });
@@ -378,10 +380,19 @@ const ZUFleetConfig& ZUFleetSession::config() const { return core_->config; }
 ZUEtcdClient& ZUFleetSession::client() { return core_->client; }
 
 std::int64_t ZUFleetSession::lease() {
+  std::int64_t overdue = 0;
+  std::string reason;
   {
     ZUMutexLock lock(core_->mutex);
-    if (core_->lease != 0) return core_->lease;
+    if (core_->lease != 0 && Clock::now() < core_->deadline) return core_->lease;
+    // A lease past its deadline that the guard has not given up yet is given
+    // up here: a new request takes a new lease.
+    if (core_->lease != 0) {
+      overdue = core_->lease;
+      reason = core_->overdueReason();
+    }
   }
+  if (overdue != 0) core_->loseLease(overdue, reason, true);
   const Clock::time_point sent = Clock::now();
   const ZUEtcdLease granted = core_->client.grant(core_->config.ttlSeconds);
   bool log = false;

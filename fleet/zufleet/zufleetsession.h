@@ -58,7 +58,7 @@ class ZUFleetSession {
  public:
   /// Starts the three threads; etcd is first called by the first fleet wait.
   /// Throws ZUError for a config without endpoints or robot name, or with a
-  /// TTL under 1 s.
+  /// TTL under 1 s or a call time limit under 1 ms.
   explicit ZUFleetSession(ZUFleetConfig config);
   /// Revokes nothing: the keys of a robot that leaves without giving its
   /// resources back go when its lease expires.

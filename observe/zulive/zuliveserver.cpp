@@ -219,24 +219,22 @@ void ZULiveServer::acceptLoop() {
 }
 
 bool ZULiveServer::admit(const std::string& peer) {
-  // Makes room within `limit` among the connections `counts`, closing the
-  // oldest of them still sending its head.
-  auto room = [this](int limit, auto counts) {
-    int open = 0;
-    Connection* oldestHead = nullptr;
-    for (Connection& c : connections_) {
-      if (c.closed || !counts(c)) continue;
-      ++open;
-      if (!oldestHead && c.state == State::Head) oldestHead = &c;
-    }
-    if (open < limit) return true;
-    if (!oldestHead) return false;
-    shutdown(oldestHead->fd, SHUT_RDWR);
-    oldestHead->closed = true;
-    return true;
-  };
-  return room(limits_.perAddress, [&peer](const Connection& c) { return c.peer == peer; }) &&
-         room(limits_.connections, [](const Connection&) { return true; });
+  return makeRoom(limits_.perAddress, &peer) && makeRoom(limits_.connections, nullptr);
+}
+
+bool ZULiveServer::makeRoom(int limit, const std::string* peer) {
+  int open = 0;
+  Connection* oldestHead = nullptr;
+  for (Connection& c : connections_) {
+    if (c.closed || (peer && c.peer != *peer)) continue;
+    ++open;
+    if (!oldestHead && c.state == State::Head) oldestHead = &c;
+  }
+  if (open < limit) return true;
+  if (!oldestHead) return false;
+  shutdown(oldestHead->fd, SHUT_RDWR);
+  oldestHead->closed = true;
+  return true;
 }
 
 void ZULiveServer::serve(Connections::iterator c) {

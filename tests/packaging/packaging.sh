@@ -19,6 +19,14 @@ case "$mode" in
   install)
     rm -rf "$prefix"
     cmake --install "$build" --prefix "$prefix"
+    # Private headers (internal/<library>/ in the source) are never installed.
+    while IFS= read -r private; do
+      installed=$prefix/include/${private#*/internal/}
+      if [ -e "$installed" ]; then
+        echo "private header installed: $installed" >&2
+        exit 1
+      fi
+    done < <(find "$source" -path "$source/build*" -prune -o -path '*/internal/*.h' -print)
     ;;
   find_package)
     "${configure[@]}" -S "$consumer" -B "$work/installed" -DCMAKE_PREFIX_PATH="$prefix"

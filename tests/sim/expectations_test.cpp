@@ -4,9 +4,11 @@
 #include <string>
 #include <vector>
 
+#include <boost/make_shared.hpp>
 #include <gtest/gtest.h>
 
 #include <zuresource/zucontract.h>
+#include <zuresource/zuresourcestate.h>
 
 using namespace zusim;
 
@@ -18,7 +20,13 @@ class FakeWorld : public World {
   std::map<std::string, std::vector<Outcome>> outcomes;
 
   std::string holderOf(const std::string& r) override { return holder[r]; }
-  std::vector<std::string> holdersOf(const std::string&) override { return {"a", "b"}; }
+  // The holders of a real state resource, as the library keeps them.
+  std::vector<std::string> holdersOf(const std::string&) override {
+    std::vector<std::string> names;
+    ZU::ZUCriticalSection lock(standing->holdersMutex);
+    for (const auto& holder : standing->holders) names.push_back(holder->name);
+    return names;
+  }
   bool isActivated(const std::string&) override { return true; }
   std::vector<Outcome> outcomesOf(const std::string& o) override { return outcomes[o]; }
   std::vector<std::string> notifiedOf(const std::string&) override { return {"Head"}; }
@@ -30,6 +38,8 @@ class FakeWorld : public World {
   std::vector<Finding> deadlockList;
   std::vector<Span> waitList;
   std::vector<Span> holdingList;
+  boost::shared_ptr<ZU::ZUResourceState> standing =
+      boost::make_shared<ZU::ZUResourceState>("Standing", nullptr);
 };
 
 ExpectEntry outcome(const std::string& resource, OutcomeKind kind) {
@@ -74,14 +84,20 @@ TEST_F(Expectations, OutcomeIsTheLatestRequestAndComparesErrorAndNamesOnlyWhenGi
   EXPECT_FALSE(check(x, world).held);
 }
 
+// Holders are compared in the order the resource granted them, not as a set.
 TEST_F(Expectations, HoldersAreInGrantOrder) {
+  world.standing->setState(true);
+  for (const char* name : {"b", "a"})
+    world.standing->waitFor(ZU::ZUResource::createOwner(0, name, name, nullptr), "", 0, {});
   ExpectEntry x;
   x.entry = "expect[3]";
   x.atMs = 500;
   x.kind = ExpectKind::Holders;
   x.resource = "Standing";
   x.names = {"b", "a"};
-  EXPECT_EQ(check(x, world).text, "Standing held by [b, a] at 500 ms, found [a, b]");
+  EXPECT_TRUE(check(x, world).held);
+  x.names = {"a", "b"};
+  EXPECT_EQ(check(x, world).text, "Standing held by [a, b] at 500 ms, found [b, a]");
 }
 
 // Owners match as a set, a resource on any edge, and only what was reported by its time.

@@ -13,6 +13,8 @@
 #include <zuresource/zuexplain.h>
 #include <zuresource/zuownerstrong.h>
 
+#include "run/sentences.h"
+
 namespace zusim {
 
 namespace {
@@ -21,12 +23,6 @@ namespace {
 const char kFleet[] = "the fleet";
 // Changes this close together are taken as one step of the library.
 const std::chrono::milliseconds kSameMoment(50);
-
-std::string join(const std::vector<std::string>& names) {
-  std::string out;
-  for (std::size_t i = 0; i < names.size(); ++i) out += (i ? ", " : "") + names[i];
-  return out;
-}
 
 bool contains(const std::vector<std::string>& names, const std::string& name) {
   return std::find(names.begin(), names.end(), name) != names.end();
@@ -186,7 +182,7 @@ void Simulation::stopNow() {
     interrupted_ = true;
     stoppedAtMs_ = log_.now();
   }
-  log_.add(EventKind::Manager, "", "", "interrupted: the scenario stops now");
+  log_.add(EventKind::Manager, "", "", sentence::interrupted());
   ownersDone_.notify_all();
 }
 
@@ -199,7 +195,7 @@ bool Simulation::sleepUntil(long ms) {
 
 std::string Simulation::stoppedText() {
   std::lock_guard<std::mutex> lock(mutex_);
-  return "the scenario stopped at " + std::to_string(stoppedAtMs_) + " ms";
+  return sentence::stoppedAt(stoppedAtMs_);
 }
 
 bool Simulation::awaitStart() {
@@ -220,16 +216,14 @@ void Simulation::ownerThread(Owner& o, const std::vector<const ActionEntry*>& ac
     }
     if (killed) {
       log_.add(EventKind::Manager, o.entry.name, a->resource,
-               a->entry + " of " + o.entry.name + " (at " + std::to_string(a->atMs) +
-                   " ms) is dropped: its robot " + scenario_.robots[o.entry.robot].name +
-                   " was killed");
+               sentence::dropped(a->entry, o.entry.name, a->atMs,
+                                 sentence::robotWasKilled(scenario_.robots[o.entry.robot].name)));
       continue;
     }
     // A blocking request may delay an owner's later actions past stopAt.
     if (stopped) {
       log_.add(EventKind::Manager, o.entry.name, a->resource,
-               a->entry + " of " + o.entry.name + " (at " + std::to_string(a->atMs) +
-                   " ms) is dropped: " + stoppedText());
+               sentence::dropped(a->entry, o.entry.name, a->atMs, stoppedText()));
       continue;
     }
     if (a->kind == ActionKind::WaitFor) waitFor(o, *a);
@@ -249,20 +243,18 @@ void Simulation::managerThread(const std::vector<const ActionEntry*>& actions) {
     // also when every owner is done before it.
     if (log_.now() > scenario_.stopAtMs) {
       log_.add(EventKind::Manager, a->owner, a->resource,
-               a->entry + " (at " + std::to_string(a->atMs) +
-                   " ms) is dropped: the scenario stopped at " +
-                   std::to_string(scenario_.stopAtMs) + " ms");
+               sentence::managerActionDropped(a->entry, a->atMs, scenario_.stopAtMs));
       continue;
     }
     if (a->kind == ActionKind::Stop) {
       log_.add(EventKind::Manager, a->owner, a->resource,
-               "the manager stops " + a->owner + " on " + a->resource);
+               sentence::managerStops(a->owner, a->resource));
       Owner& o = ownerNamed(a->owner);
       {
         std::lock_guard<std::mutex> lock(mutex_);
         o.stopRequested = !o.pending.empty();
       }
-      release(o, a->resource, " (stopped by the manager)");
+      release(o, a->resource, sentence::stoppedByManager());
     } else if (a->kind == ActionKind::SetState || a->kind == ActionKind::ReleaseState) {
       setState(*a);
     } else {
@@ -288,11 +280,8 @@ void Simulation::checkerThread(std::vector<ExpectResult>& results) {
 
 void Simulation::waitFor(Owner& o, const ActionEntry& a) {
   const std::string& who = o.entry.name;
-  std::string limit =
-      a.timeout < 0 ? "no time limit" : "time limit " + std::to_string(a.timeout) + " s";
-  if (!a.noWait.empty()) limit += ", no wait for " + join(a.noWait);
   log_.add(EventKind::Request, who, a.resource,
-           who + " requests " + a.resource + " (" + limit + ")");
+           sentence::requests(who, a.resource, a.timeout, a.noWait));
   std::map<std::string, std::string> before = stage_.leafHolders(a.resource);
   {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -305,7 +294,7 @@ void Simulation::waitFor(Owner& o, const ActionEntry& a) {
   out.resource = a.resource;
   std::vector<std::string> noWait;  // as the library names them
   for (const std::string& n : a.noWait) noWait.push_back(scenario_.findResource(n)->libraryName);
-  std::unique_lock<std::mutex> calls = serialise(o, who + "'s request of " + a.resource);
+  std::unique_lock<std::mutex> calls = serialise(o, sentence::requestCall(who, a.resource));
   try {
     out.notObtained = stage_.resource(a.resource)->waitFor(o.owner, a.label, a.timeout, noWait);
     for (std::string& n : out.notObtained) n = scenario_.resourceOf(o.entry.robot, n);
@@ -319,7 +308,7 @@ void Simulation::waitFor(Owner& o, const ActionEntry& a) {
       boost::shared_ptr<ZU::ZUOwner> parent = o.owner->getParentOwner(b.first);
       if (parent && parent->name == b.second)
         log_.add(EventKind::HandedDown, who, b.first,
-                 b.first + " is handed down from " + b.second + " to " + who);
+                 sentence::handedDown(b.first, b.second, who));
     }
   } catch (const ZU::ZUError& e) {
     out.error = e.getDescription();
@@ -349,13 +338,12 @@ void Simulation::finish(Owner& o, const Outcome& result) {
   o.fleetGrants.clear();
   if (granted || !heldNow.empty()) o.acquired.push_back(result.resource);
   if (granted) {
-    log_.add(EventKind::Granted, who, result.resource, who + " is granted " + result.resource);
+    log_.add(EventKind::Granted, who, result.resource, sentence::granted(who, result.resource));
     return;
   }
   if (out.kind == OutcomeKind::NotObtained) {
     log_.add(EventKind::NotObtained, who, out.notObtained.front(),
-             who + " gives up on " + join(out.notObtained) + " (busy, on its no-wait list)" +
-                 (heldNow.empty() ? "" : "; it holds " + join(heldNow)));
+             sentence::givesUpOn(who, out.notObtained, heldNow));
     return;
   }
   if (out.kind == OutcomeKind::TimedOut)
@@ -369,17 +357,16 @@ void Simulation::finish(Owner& o, const Outcome& result) {
   std::string why;
   if (out.kind == OutcomeKind::Stopped && !o.stopRequested && o.flagAtRequest &&
       o.lastReleaseMs >= 0)
-    why = " (own release at " + std::to_string(o.lastReleaseMs) + " ms left the release flag set)";
-  if (o.entry.robot >= 0 && killed_[o.entry.robot]) why = " (its robot was killed)";
-  log_.add(kind, who, lane,
-           who + "'s wait for " + result.resource + " fails: \"" + out.error + "\"" + why);
+    why = sentence::ownReleaseLeftFlag(o.lastReleaseMs);
+  if (o.entry.robot >= 0 && killed_[o.entry.robot]) why = sentence::killedRobot();
+  log_.add(kind, who, lane, sentence::waitFails(who, result.resource, out.error, why));
   // What the owner held in the group until the failure, and no longer holds,
   // was given back by the group on the way out. A holding that ended well
   // before the failure was let go for another reason.
   for (const std::string& g : timeline_.heldSince(who, leaves, out.ms - kSameMoment.count()))
     if (!contains(heldNow, g) && g != lane)
       log_.add(EventKind::GaveBack, who, g,
-               who + " gives back " + g + ": its wait for " + result.resource + " failed");
+               sentence::givesBack(who, g, result.resource));
 }
 
 void Simulation::release(Owner& o, const std::string& name, const std::string& why) {
@@ -388,7 +375,7 @@ void Simulation::release(Owner& o, const std::string& name, const std::string& w
   std::vector<std::string> heldBefore;
   for (const std::string& l : leaves)
     if (stage_.holds(l, who)) heldBefore.push_back(l);
-  std::unique_lock<std::mutex> calls = serialise(o, who + "'s release of " + name);
+  std::unique_lock<std::mutex> calls = serialise(o, sentence::releaseCall(who, name));
   stage_.resource(name)->release(o.owner);
   if (calls) calls.unlock();
   {
@@ -403,18 +390,13 @@ void Simulation::release(Owner& o, const std::string& name, const std::string& w
       released.push_back(l);
     else if (holder != who)
       log_.add(EventKind::HandedBack, who, l,
-               l + " is handed back from " + who + " to " + holder + why);
+               sentence::handedBack(l, who, holder, why));
   }
   if (!released.empty())
-    log_.add(
-        EventKind::Released, who, name,
-        who + " releases " +
-            (released.size() == 1 && released[0] == name ? name
-                                                         : name + " (" + join(released) + ")") +
-            why);
+    log_.add(EventKind::Released, who, name, sentence::releases(who, name, released, why));
   if (heldBefore.empty())
     log_.add(EventKind::Released, who, name,
-             who + " gives up " + name + ", which it does not hold" + why);
+             sentence::givesUpNotHeld(who, name, why));
   std::lock_guard<std::mutex> lock(mutex_);
   o.acquired.erase(std::remove(o.acquired.begin(), o.acquired.end(), name), o.acquired.end());
 }
@@ -425,12 +407,11 @@ void Simulation::switchOwner(Owner& o, const ActionEntry& a) {
   for (const auto& b : before)
     was += (was.empty() ? "" : ", ") + (before.size() == 1 ? b.second : b.first + ": " + b.second);
   std::unique_lock<std::mutex> calls =
-      serialise(o, o.entry.name + "'s switchOwner of " + a.resource);
+      serialise(o, sentence::switchCall(o.entry.name, a.resource));
   stage_.resource(a.resource)->switchOwner(o.owner, a.label, a.timeout);
   if (calls) calls.unlock();
   log_.add(EventKind::Switched, o.entry.name, a.resource,
-           a.resource + " is switched over to " + o.entry.name +
-               (was.empty() ? "" : " (was " + was + ")"));
+           sentence::switched(a.resource, o.entry.name, was));
   std::lock_guard<std::mutex> lock(mutex_);
   o.acquired.push_back(a.resource);
 }
@@ -438,7 +419,7 @@ void Simulation::switchOwner(Owner& o, const ActionEntry& a) {
 void Simulation::setState(const ActionEntry& a) {
   ZU::ZUResourceState* state = stage_.stateResource(a.resource);
   if (a.kind == ActionKind::SetState && a.activated) {
-    log_.add(EventKind::State, "", a.resource, a.resource + " is activated");
+    log_.add(EventKind::State, "", a.resource, sentence::activated(a.resource));
     timeline_.activated(a.resource, true, log_.now());
     state->setState(true);
     return;
@@ -450,16 +431,16 @@ void Simulation::setState(const ActionEntry& a) {
   timeline_.activated(a.resource, false, log_.now());
   if (a.kind == ActionKind::SetState) {
     log_.add(EventKind::State, "", a.resource,
-             a.resource + " is deactivated; its holders are told");
+             sentence::deactivated(a.resource));
     state->setState(false);
   } else {
     log_.add(EventKind::State, "", a.resource,
-             a.resource + " is deactivated by releaseState; its holders are told");
+             sentence::deactivatedByReleaseState(a.resource));
     try {
       state->releaseState();
     } catch (const ZU::ZUError& e) {
       log_.add(EventKind::Failed, "", a.resource,
-               "releaseState on " + a.resource + " ends with \"" + e.getDescription() + "\"");
+               sentence::releaseStateEnds(a.resource, e.getDescription()));
     }
   }
   // The holders are told in turn, each given one polling period to let go;
@@ -478,10 +459,7 @@ void Simulation::setState(const ActionEntry& a) {
   }
   if (!last.empty() && !untold.empty())
     log_.add(EventKind::State, "", a.resource,
-             "the deactivation of " + a.resource + " stopped at " + last +
-                 ", which had not let go within one polling period; " + join(untold) +
-                 (untold.size() == 1 ? " was" : " were") + " not told and still hold" +
-                 (untold.size() == 1 ? "s " : " ") + a.resource);
+             sentence::deactivationStopped(a.resource, last, untold));
 }
 
 std::vector<std::size_t> Simulation::notifications(const std::string& resource) {
@@ -501,9 +479,7 @@ void Simulation::onResource(std::size_t module, const std::string& libraryName) 
     notified_[module].push_back(name);
   }
   log_.add(EventKind::Notified, "", name,
-           m.name + " is told \"__onResource__\" for " + name +
-               (m.releases ? " and lets go in " + std::to_string(m.delayMs) + " ms"
-                           : " and ignores it"));
+           sentence::told(m.name, name, m.releases, m.delayMs));
   if (!m.releases) return;
   {
     std::unique_lock<std::mutex> lock(mutex_);
@@ -512,7 +488,7 @@ void Simulation::onResource(std::size_t module, const std::string& libraryName) 
     if (stopping_.wait_until(lock, until, [this] { return stopped_; })) {
       lock.unlock();
       log_.add(EventKind::Manager, "", name,
-               m.name + "'s release of " + name + " is dropped: " + stoppedText());
+               sentence::moduleReleaseDropped(m.name, name, stoppedText()));
       return;
     }
   }
@@ -525,7 +501,7 @@ void Simulation::onResource(std::size_t module, const std::string& libraryName) 
       for (const std::string& a : o->acquired)
         if (contains(scenario_.leavesOf(a), name)) what = a;
     }
-    release(*o, what, " after \"__onResource__\"");
+    release(*o, what, sentence::afterOnResource());
   }
 }
 
@@ -544,8 +520,7 @@ void Simulation::stopEverything() {
       if (std::find(logged.begin(), logged.end(), o.get()) != logged.end()) continue;
       logged.push_back(o.get());
       log_.add(EventKind::Manager, o->entry.name, o->pending,
-               "the scenario stops: the manager stops " + o->entry.name + ", still waiting for " +
-                   o->pending);
+               sentence::stopsStillWaiting(o->entry.name, o->pending));
     }
     lock.unlock();
     interrupt(waits);
@@ -569,9 +544,7 @@ void Simulation::fleetAction(const ActionEntry& a) {
   switch (a.kind) {
     case ActionKind::Kill: {
       log_.add(EventKind::Manager, "", "",
-               "the manager kills " + robot +
-                   ": its lease is no longer renewed, its owners' waits and later actions are "
-                   "dropped");
+               sentence::kills(robot));
       stage_.cutOff(a.robot, true);
       std::vector<std::pair<Owner*, std::string>> waits;
       {
@@ -588,7 +561,7 @@ void Simulation::fleetAction(const ActionEntry& a) {
     }
     case ActionKind::CutOff:
       log_.add(EventKind::Manager, "", "",
-               robot + " is cut off from etcd until " + std::to_string(a.untilMs) + " ms");
+               sentence::cutOff(robot, a.untilMs));
       stage_.cutOff(a.robot, true);
       return;
     case ActionKind::Reconnect: {
@@ -599,17 +572,17 @@ void Simulation::fleetAction(const ActionEntry& a) {
       }
       if (killed) return;
       stage_.cutOff(a.robot, false);
-      log_.add(EventKind::Manager, "", "", robot + " reaches etcd again");
+      log_.add(EventKind::Manager, "", "", sentence::reconnects(robot));
       return;
     }
     case ActionKind::EtcdDown:
       log_.add(EventKind::Manager, "", "",
-               "etcd is killed; it starts again at " + std::to_string(a.untilMs) + " ms");
+               sentence::etcdDown(a.untilMs));
       stage_.etcdDown();
       return;
     case ActionKind::EtcdUp:
       stage_.etcdUp();
-      log_.add(EventKind::Manager, "", "", "etcd serves again");
+      log_.add(EventKind::Manager, "", "", sentence::etcdUp());
       return;
     default:
       return;
@@ -621,9 +594,7 @@ std::unique_lock<std::mutex> Simulation::serialise(Owner& o, const std::string& 
   std::unique_lock<std::mutex> calls(o.calls, std::try_to_lock);
   if (calls) return calls;
   log_.add(EventKind::Manager, o.entry.name, "",
-           what + " waits for " + o.entry.name +
-               "'s running call: the simulator keeps one owner's calls apart, since a "
-               "hand-down records the giver where a release reads it");
+           sentence::callWaits(what, o.entry.name));
   calls.lock();
   return calls;
 }
@@ -661,7 +632,7 @@ void Simulation::onEvent(const ZU::ZUEvent& event) {
       wait.holder = kFleet;
       timeline_.record(wait, ms);
       log_.add(ms, EventKind::Waiting, e.owner, e.resource,
-               e.owner + " asks the fleet for " + r->libraryName);
+               sentence::asksFleet(e.owner, r->libraryName));
       return;
     }
   }
@@ -672,22 +643,21 @@ void Simulation::onEvent(const ZU::ZUEvent& event) {
       if (killed_[by->robot]) return;  // a dead robot learns nothing
     }
     log_.add(ms, EventKind::Lost, e.owner, e.resource,
-             e.owner + " loses " + e.resource + ": " + e.reason);
+             sentence::loses(e.owner, e.resource, e.reason));
   }
   if (e.kind == Kind::Waiting && news) {
     if (deactivation)
       log_.add(ms, EventKind::Waiting, "", e.resource,
-               "the deactivation of " + e.resource + " waits for " + e.holder + " to let go");
+               sentence::deactivationWaits(e.resource, e.holder));
     else if (r->fleet && e.holder != kFleet)
       log_.add(ms, EventKind::Waiting, e.owner, e.resource,
-               e.owner + " waits for " + e.resource + " behind robot " + e.holder +
-                   " in the fleet's queue");
+               sentence::waitsBehindRobot(e.owner, e.resource, e.holder));
     else if (e.holder == e.resource && r->kind == ResourceKind::State)
       log_.add(ms, EventKind::Waiting, e.owner, e.resource,
-               e.owner + " waits for " + e.resource + " to be activated");
+               sentence::waitsToBeActivated(e.owner, e.resource));
     else
       log_.add(ms, EventKind::Waiting, e.owner, e.resource,
-               e.owner + " waits for " + e.resource + ", held by " + e.holder);
+               sentence::waitsHeldBy(e.owner, e.resource, e.holder));
   } else if (e.kind == Kind::Granted && r->kind != ResourceKind::Group &&
              e.grant != ZU::ZUEvent::Grant::AlreadyHeld) {
     // A group's member taken on the way through the group's walk.
@@ -699,7 +669,7 @@ void Simulation::onEvent(const ZU::ZUEvent& event) {
     if (!pending.empty() && pending != e.resource &&
         scenario_.findResource(pending)->kind == ResourceKind::Group)
       log_.add(ms, EventKind::Granted, e.owner, e.resource,
-               e.owner + " takes " + e.resource + ", a member of " + pending);
+               sentence::takesMember(e.owner, e.resource, pending));
   }
 }
 

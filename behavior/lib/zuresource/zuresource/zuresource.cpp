@@ -158,7 +158,7 @@ std::vector<std::string> ZUResource::waitFor(boost::shared_ptr<ZUOwner> owner,
   for (;;) {
     bool busy = false;
     {
-      WakeOnExit wake(passEnded);  // destroyed last: after waitMutex is let go
+      WakeOnExit wake(passEnded_);  // destroyed last: after waitMutex is let go
       ZUCriticalTrueIfLocked pass(waitMutex, busy);
       if (!busy) wake.arm();
 
@@ -201,13 +201,13 @@ std::vector<std::string> ZUResource::waitFor(boost::shared_ptr<ZUOwner> owner,
       // Free, but another pass holds waitMutex and is the one to take it: wait
       // until that pass ends or the holder changes, then look again; at once
       // when either happened already.
-      const unsigned ticket = passEnded.ticket();  // then look again
+      const unsigned ticket = passEnded_.ticket();  // then look again
       if (!isFree()) continue;
       if (waitMutex->tryLock()) {
         waitMutex->unlock();
-        passEnded.wake();
+        passEnded_.wake();
       } else {
-        passEnded.park(ticket, ZUOwnerStrong::kPollPeriodMs);
+        passEnded_.park(ticket, ZUOwnerStrong::kPollPeriodMs);
       }
     } else {
       // Held by an owner (taken meanwhile, or kept): ask it again at once; its
@@ -231,7 +231,7 @@ void ZUResource::switchOwner(boost::shared_ptr<ZUOwner> owner, const std::string
                              int /*timeout*/) {
   requireOwner(owner, "ZUResource", "switchOwner");
   currentOwner.store(owner);
-  passEnded.wake();
+  passEnded_.wake();
   if (ZUObservers::active()) eventsite::emit(ZUEvent::Kind::Switched, name, owner.get());
 }
 
@@ -250,7 +250,7 @@ void ZUResource::release(boost::shared_ptr<ZUOwner> owner) {
       if (ZUObservers::active())
         eventsite::keep(released, ZUEvent::Kind::HandedBack, name, owner.get(), yielder.get());
       currentOwner.store(std::move(yielder));  // back to the owner that handed it down
-      passEnded.wake();
+      passEnded_.wake();
     } else {
       if (ZUObservers::active())
         eventsite::keep(released, ZUEvent::Kind::Released, name, owner.get());

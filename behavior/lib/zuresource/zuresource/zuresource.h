@@ -125,7 +125,7 @@ class ZUResource {
   /// Takes: per pass, waitMutex by try-lock (the holder's conflict runs under
   /// it when taken); to take a free resource, currentOwnerMutex (write) and
   /// inside it the owner's ownerMutex. Between passes, a pass that did not get
-  /// waitMutex and left the resource free sleeps on passEnded, holding none of
+  /// waitMutex and left the resource free sleeps on passEnded_, holding none of
   /// the resource's locks (see there), after one more try-lock of waitMutex
   /// (let go at once when taken).
   virtual std::vector<std::string> waitFor(boost::shared_ptr<ZUOwner> owner,
@@ -134,7 +134,7 @@ class ZUResource {
       ZU_EXCLUDES(waitMutex, currentOwnerMutex);
   /// Makes `owner` the holder unconditionally; tells nobody. `label` and
   /// `timeout` are not used. Throws ZUError (nothing changed) for an empty
-  /// `owner`. Takes no lock of the resource (wakes passEnded).
+  /// `owner`. Takes no lock of the resource (wakes passEnded_).
   virtual void switchOwner(boost::shared_ptr<ZUOwner> owner, const std::string& label, int timeout);
   /// Gives the resource back when `owner` holds it (by name): to the owner
   /// that handed it down to `owner`, if it still exists, else to the
@@ -239,7 +239,7 @@ class ZUResource {
   /// if so, whatever made that owner the holder again after the sleeper saw
   /// the resource free has woken the sleeper. A release to the placeholder
   /// wakes nobody: a sleeping pass already saw the resource free.
-  ZUWaitPoint passEnded;
+  ZUWaitPoint passEnded_;
 };
 
 }  // namespace ZU
