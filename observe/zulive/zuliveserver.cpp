@@ -221,7 +221,7 @@ void ZULiveServer::acceptLoop() {
 bool ZULiveServer::admit(const std::string& peer) {
   // Makes room within `limit` among the connections `counts`, closing the
   // oldest of them still sending its head.
-  auto room = [this](int limit, auto counts) {
+  auto room = [this](int limit, auto counts) ZU_REQUIRES(mutex_) {
     int open = 0;
     Connection* oldestHead = nullptr;
     for (Connection& c : connections_) {
