@@ -3,7 +3,13 @@ and an in-process broker whose modules are told "__onResource__".
 
 Names (of resources, owners, modules, labels) are str; bytes are refused with
 TypeError where a name goes in, and every name comes back as the same str in
-attributes, errors and events."""
+attributes, errors and events.
+
+In the main thread, a signal that Python handles (Ctrl-C) stops a blocking
+wait_for, the entry of a `with ... acquired(...)` block or wait_idle within
+about one polling period: what the wait took is given back and the handler's
+exception (KeyboardInterrupt) is raised; a handler that does not raise lets
+the wait go on."""
 
 from types import TracebackType
 from typing import Any, Callable, Dict, List, Optional, Protocol, Sequence, Type, Union

@@ -395,7 +395,11 @@ std::string repr(const char* cls, const std::string& name) {
 PYBIND11_MODULE(zuresource, m) {
   m.doc() =
       "Arbitration of a robot's resources between behaviours: resources, owners,\n"
-      "and an in-process broker whose modules are told \"__onResource__\".";
+      "and an in-process broker whose modules are told \"__onResource__\".\n\n"
+      "In the main thread, a signal that Python handles (Ctrl-C) stops a blocking\n"
+      "wait_for, the entry of a `with ... acquired(...)` block or wait_idle within\n"
+      "about one polling period: what the wait took is given back and the handler's\n"
+      "exception (KeyboardInterrupt) is raised.";
 
   errorType = PyErr_NewExceptionWithDoc(
       "zuresource.Error",

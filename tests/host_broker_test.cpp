@@ -1,6 +1,8 @@
 // The in-process broker: lookup, asynchronous calls run in order in the
-// module's own thread, refused calls start no task, and a module may drop
-// the last handle on itself inside its own call.
+// module's own thread (waited for with or without a limit), refused calls
+// start no task, and a module may drop the last handle on itself inside its
+// own call.
+#include <chrono>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -41,8 +43,9 @@ TEST(Broker, PCallReturnsAtOnceRunsTasksInOrderInTheModuleThreadAndRefusesWrongC
   EXPECT_THROW(proxy->pCall<std::string>("__onResource__", "Head"), ZUError);
   EXPECT_EQ(proxy->pCall<std::string>("step", "block"), 1);  // returns while it blocks
   EXPECT_EQ(proxy->pCall<std::string>("step", "b"), 2);
+  EXPECT_FALSE(module->waitIdleFor(std::chrono::milliseconds(20)));  // "block" runs
   mayEnd.countDown();
-  module->waitIdle();
+  EXPECT_TRUE(module->waitIdleFor(std::chrono::seconds(60)));
   std::lock_guard<std::mutex> lock(mutex);
   ASSERT_THAT(steps, ElementsAre("block", "b"));
   EXPECT_EQ(module->startedTasks(), 2);  // none for the refused calls

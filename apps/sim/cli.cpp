@@ -101,7 +101,8 @@ const std::vector<OptionEntry>& optionTable() {
       {"--quiet", nullptr, "off", "print only failed expectations and the summary",
        [](Options& o, const std::string&) { o.quiet = true; }},
       {"--check", nullptr, "off",
-       "read and check each scenario (warnings too), then exit without running it",
+       "read and check each scenario (warnings too), or the recording of --replay, then exit "
+       "without running it",
        [](Options& o, const std::string&) { o.checkOnly = true; }},
       {"--strict", nullptr, "off", "refuse a scenario that draws warnings (exit status 2)",
        [](Options& o, const std::string&) { o.strict = true; }},

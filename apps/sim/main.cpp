@@ -254,6 +254,11 @@ int replayRecording(const zusim::Options& options) {
     }
     zusim::Scenario scenario =
         zusim::parseScenario(document.dump(), options.replay + " (as a scenario)");
+    if (options.checkOnly) {
+      *text << "ok      " << options.replay << ": " << recording.events.size()
+            << " events, accepted" << std::endl;
+      return ExitStatus::kAllHeld;
+    }
     if (recording.cut)
       *text << "The recording is cut at line " << recording.cutLine << ", after "
             << std::lround(recording.cutMs) << " ms: replayed up to there" << std::endl;

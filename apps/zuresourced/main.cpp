@@ -7,6 +7,7 @@
 #include <cstring>
 #include <iostream>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -27,15 +28,21 @@
 #include <zuservice/zuserver.h>
 #include <zuservice/zuservicecontract.h>
 
+#include "livepage.h"
+#include "notify.h"
+
 namespace {
 
 constexpr char kUsage[] =
     "usage: zuresourced [--listen ADDRESS] [--tree FILE] [--keepalive-ms N] [--record FILE.jsonl]\n"
+    "                  [--http [ADDR:]PORT]\n"
     "  --listen ADDRESS   unix:/path/to.sock or HOST:PORT (default: unix:$XDG_RUNTIME_DIR/zuresource.sock,\n"
     "                     or unix:/run/zuresource/zuresource.sock as root)\n"
     "  --tree FILE        the robot's resource tree, {\"resources\": [...]} (default: the bundled robot)\n"
     "  --keepalive-ms N   give up a client that leaves pings unanswered this long (default 2000)\n"
-    "  --record FILE      write every event, as JSON lines, for zuresource-sim --replay\n";
+    "  --record FILE      write every event, as JSON lines, for zuresource-sim --replay\n"
+    "  --http [ADDR:]PORT serve the live page, read-only (default address 127.0.0.1;\n"
+    "                     port 0: any free port, the one taken is printed)\n";
 
 [[noreturn]] void usage(const std::string& problem) {
   std::cerr << "zuresourced: " << problem << "\n" << kUsage;
@@ -61,6 +68,8 @@ int main(int argc, char** argv) {
   std::string treeFile;
   std::string recordFile;
   long keepaliveMs = ZU::service::contract::kDefaultKeepaliveMs;
+  std::string httpHost;
+  int httpPort = -1;  // -1: no live page; 0: any free port
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     auto value = [&]() -> std::string {
@@ -73,6 +82,10 @@ int main(int argc, char** argv) {
       treeFile = value();
     } else if (arg == "--record") {
       recordFile = value();
+    } else if (arg == "--http") {
+      const std::string text = value();
+      if (!zuresourced::parseHttpAddress(text, httpHost, httpPort))
+        usage("--http: PORT or ADDRESS:PORT, a port 0 to 65535, not \"" + text + "\"");
     } else if (arg == "--keepalive-ms") {
       const std::string text = value();
       char* end = nullptr;
@@ -128,16 +141,30 @@ int main(int argc, char** argv) {
       recording->record(ZU::takeSnapshot(manager.roots()));
       ZU::ZUObservers::add(recording);
     }
+    // The live page is bound first: when it cannot be, nothing has started.
+    zuresourced::LivePage live(manager);
+    const int bound = httpPort < 0 ? -1 : live.start(httpHost, httpPort);
+    if (httpPort >= 0 && bound < 0) {
+      throw std::runtime_error("cannot serve the live page on " + httpHost + ":" +
+                               std::to_string(httpPort));
+    }
     ZU::service::ZUServerOptions options;
     options.listen = listen;
     options.keepalive = std::chrono::milliseconds(keepaliveMs);
     ZU::service::ZUServer server(manager, options);
     server.start();
     std::cout << "zuresourced: listening on " << server.address() << std::endl;
+    if (bound >= 0) {
+      std::cout << "zuresourced: live page on http://" << httpHost << ":" << bound << "/"
+                << std::endl;
+    }
+    zuresourced::notifyServiceManager("READY=1");
 
     int signal = 0;
     sigwait(&signals, &signal);
     std::cout << "zuresourced: " << strsignal(signal) << ", stopping" << std::endl;
+    zuresourced::notifyServiceManager("STOPPING=1");
+    live.stop();
     server.stop();
     if (recording) {
       recording->record(ZU::takeSnapshot(manager.roots()));

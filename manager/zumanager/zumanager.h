@@ -246,7 +246,7 @@ class ZUManager {
   /// Called from inside a request's wait, in the requesting thread, each
   /// time it starts waiting behind a holder. It runs inside the library's
   /// wait (see ZUObserver): it must be quick, must not wait for that resource
-  /// and must not close the holder's module.
+  /// and must close no module (closing waits for requests to end).
   using WaitHandler = std::function<void(const ZUWaitReport&)>;
 
   /// Runs `request` in the calling thread, blocking until it is granted, not

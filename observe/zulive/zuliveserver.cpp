@@ -219,24 +219,22 @@ void ZULiveServer::acceptLoop() {
 }
 
 bool ZULiveServer::admit(const std::string& peer) {
-  // Makes room within `limit` among the connections `counts`, closing the
-  // oldest of them still sending its head.
-  auto room = [this](int limit, auto counts) ZU_REQUIRES(mutex_) {
-    int open = 0;
-    Connection* oldestHead = nullptr;
-    for (Connection& c : connections_) {
-      if (c.closed || !counts(c)) continue;
-      ++open;
-      if (!oldestHead && c.state == State::Head) oldestHead = &c;
-    }
-    if (open < limit) return true;
-    if (!oldestHead) return false;
-    shutdown(oldestHead->fd, SHUT_RDWR);
-    oldestHead->closed = true;
-    return true;
-  };
-  return room(limits_.perAddress, [&peer](const Connection& c) { return c.peer == peer; }) &&
-         room(limits_.connections, [](const Connection&) { return true; });
+  return makeRoom(limits_.perAddress, &peer) && makeRoom(limits_.connections, nullptr);
+}
+
+bool ZULiveServer::makeRoom(int limit, const std::string* peer) {
+  int open = 0;
+  Connection* oldestHead = nullptr;
+  for (Connection& c : connections_) {
+    if (c.closed || (peer && c.peer != *peer)) continue;
+    ++open;
+    if (!oldestHead && c.state == State::Head) oldestHead = &c;
+  }
+  if (open < limit) return true;
+  if (!oldestHead) return false;
+  shutdown(oldestHead->fd, SHUT_RDWR);
+  oldestHead->closed = true;
+  return true;
 }
 
 void ZULiveServer::serve(Connections::iterator c) {
@@ -367,7 +365,8 @@ void ZULiveServer::serveStream(Connections::iterator c, const ZULiveRequest& req
       if (stopping_ || c->closed) return;
     }
     bool closed = false;
-    std::vector<std::string> lines = feed_->linesFrom(next, kStreamPatience, closed);
+    // Lines a slow reader missed in a feed that keeps only the latest are skipped.
+    std::vector<std::string> lines = feed_->linesFrom(next, kStreamPatience, closed, &next);
     std::string chunk;
     for (const std::string& line : lines)
       chunk += "id: " + std::to_string(next++) + "\ndata: " + line + "\n\n";

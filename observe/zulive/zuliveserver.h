@@ -114,6 +114,10 @@ class ZULiveServer {
   void acceptLoop();
   /// Makes room for a connection from `peer`, or refuses it. Holds mutex_.
   bool admit(const std::string& peer) ZU_REQUIRES(mutex_);
+  /// Makes room within `limit` among the connections (of `peer`, or all
+  /// when null), closing the oldest still sending its head; false when none
+  /// is. Holds mutex_.
+  bool makeRoom(int limit, const std::string* peer) ZU_REQUIRES(mutex_);
   void serve(Connections::iterator c);
   bool readHead(int fd, std::string& head);
   void serveStream(Connections::iterator c, const ZULiveRequest& request);

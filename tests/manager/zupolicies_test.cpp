@@ -51,8 +51,8 @@ class Stage {
   void open(const std::string& module, const std::string& owner, int priority, bool letsGo) {
     manager.openModule(module, [this, module, letsGo](const ZUNotice& n) {
       {
-        std::lock_guard<std::mutex> lock(mutex_);
-        notices_.push_back(describe(module, n));
+        std::lock_guard<std::mutex> lock(mutex);
+        notices.push_back(describe(module, n));
       }
       if (letsGo && n.kind == ZUNotice::Kind::Wanted && !n.owner.empty())
         manager.release(n.owner, n.resource);
@@ -67,9 +67,9 @@ class Stage {
   }
   /// The lost notices so far, as "module: owner lost resource to by".
   std::vector<std::string> lost() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::lock_guard<std::mutex> lock(mutex);
     std::vector<std::string> out;
-    for (const std::string& n : notices_)
+    for (const std::string& n : notices)
       if (n.find(" lost ") != std::string::npos) out.push_back(n);
     return out;
   }
@@ -93,8 +93,8 @@ class Stage {
     return true;
   }
 
-  std::mutex mutex_;
-  std::vector<std::string> notices_;  // guarded by mutex_
+  std::mutex mutex;
+  std::vector<std::string> notices;  // guarded by mutex
   ZUManager manager;  // last: it ends its modules' notices first
 
  private:

@@ -74,7 +74,9 @@ for line in sim_process.stdout:
         break
 if port is None:
     sys.exit("the simulator printed no address")
-threading.Thread(target=lambda: sim_process.stdout.read(), daemon=True).start()
+output = []
+reader = threading.Thread(target=lambda: output.append(sim_process.stdout.read()), daemon=True)
+reader.start()
 
 try:
     time.sleep(0.5)  # the run's first events are in the feed
@@ -139,4 +141,8 @@ finally:
         sim_process.kill()
         sim_process.wait()
 
+reader.join(timeout=10)
+reports = re.findall(r"(?:Thread|Address|UndefinedBehavior)Sanitizer|runtime error", "".join(output))
+check("the simulator's output has no sanitizer report", not reports,
+      "\n" + "".join(output)[-3000:] if reports else "")
 sys.exit(1 if failures else 0)

@@ -1,5 +1,7 @@
 #include "replay/replay.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
@@ -291,7 +293,7 @@ class ScenarioBuilder {
       for (std::size_t k = top_[t] + 1; k < r_.events.size(); ++k) {
         const RecordedEvent& f = r_.events[k];
         if (f.owner != request.owner) continue;
-        if (std::find(top_.begin(), top_.end(), k) != top_.end()) {
+        if (std::binary_search(top_.begin(), top_.end(), k)) {  // top_ is in event order
           later = true;
           break;
         }
@@ -606,6 +608,11 @@ class RecordingReader {
 }  // namespace
 
 Recording Recording::read(const std::string& path) {
+  // A folder or a device is refused before it is opened: /dev/zero would
+  // never end its first line.
+  struct stat st;
+  if (stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode))
+    throw ScenarioError(escapeControls(path, false) + ": cannot be read (not a regular file)");
   std::ifstream in(path, std::ios::binary);
   if (!in) throw ScenarioError(escapeControls(path, false) + ": cannot be read");
   return parse(in, path);
