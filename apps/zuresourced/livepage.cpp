@@ -21,6 +21,9 @@ const char kStyle[] =
     ".line{white-space:pre}table{border-collapse:collapse;font-size:13px}"
     "td{padding:2px 10px}td.ms{text-align:right;color:#555}.alarm{color:#c0392b}";
 
+// The events kept for the page and its stream: a service runs for weeks.
+constexpr std::size_t kKeptEvents = 10000;
+
 // The page's parts that follow the event stream.
 const std::vector<std::string> kSections = {"status", "waits", "deadlocks", "stale", "events"};
 
@@ -53,7 +56,7 @@ void section(std::ostream& out, const char* id, const char* heading,
 }  // namespace
 
 LivePage::LivePage(ZU::ZUManager& manager)
-    : manager_(manager), feed_(boost::make_shared<ZU::ZULiveFeed>()) {}
+    : manager_(manager), feed_(boost::make_shared<ZU::ZULiveFeed>(kKeptEvents)) {}
 
 LivePage::~LivePage() { stop(); }
 
@@ -107,10 +110,11 @@ std::string LivePage::page() {
   section(out, "stale", "Stale waits", stale, "line alarm");
   // The latest events, as the stream gives them.
   bool closed = false;
-  const std::vector<std::string> lines = feed_->linesFrom(0, std::chrono::milliseconds(0), closed);
+  const std::size_t count = feed_->count();
+  const std::vector<std::string> lines =
+      feed_->linesFrom(count > 12 ? count - 12 : 0, std::chrono::milliseconds(0), closed);
   out << "<h2>Latest events</h2>\n<table id=\"events\">\n";
-  for (std::size_t i = lines.size() > 12 ? lines.size() - 12 : 0; i < lines.size(); ++i)
-    out << "<tr><td>" << escape(lines[i]) << "</td></tr>\n";
+  for (const std::string& line : lines) out << "<tr><td>" << escape(line) << "</td></tr>\n";
   out << "</table>\n<h2>Event stream</h2>\n<p id=\"stream\">connecting to /events</p>\n<div "
          "id=\"streamed\" class=\"line\"></div>\n<script>"
       << ZU::ZULiveServer::followScript(kSections) << "</script>\n</body></html>\n";

@@ -365,7 +365,8 @@ void ZULiveServer::serveStream(Connections::iterator c, const ZULiveRequest& req
       if (stopping_ || c->closed) return;
     }
     bool closed = false;
-    std::vector<std::string> lines = feed_->linesFrom(next, kStreamPatience, closed);
+    // Lines a slow reader missed in a feed that keeps only the latest are skipped.
+    std::vector<std::string> lines = feed_->linesFrom(next, kStreamPatience, closed, &next);
     std::string chunk;
     for (const std::string& line : lines)
       chunk += "id: " + std::to_string(next++) + "\ndata: " + line + "\n\n";
