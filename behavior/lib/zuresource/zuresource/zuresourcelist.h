@@ -18,9 +18,9 @@ namespace ZU {
 /// Thread safety: thread safe. The group's own operations take only
 /// resourceListMutex, and hold it while they call into the members, so locks
 /// are always taken from the outer group inwards (the whole library's order:
-/// docs/design.md). A thread that holds the read side takes it again when
-/// the group releases after a failure; the reader-preferring ZUMutexRW allows
-/// that also while a writer waits.
+/// docs/design.md). A walk that fails or is aborted gives the owner back
+/// from the members under the read side it already holds, never taking it a
+/// second time (a writer waiting meanwhile would hold that up).
 ///
 /// Choices made here: addResource refuses an empty handle and any addition
 /// that would make a group a member of itself (directly or through nested
