@@ -25,6 +25,9 @@
 #ifdef ZUBENCH_MANAGER
 #include "managerbench.h"
 #endif
+#ifdef ZUBENCH_SERVICE
+#include "servicebench.h"
+#endif
 #include "memory.h"
 #include "resulttable.h"
 #include "waiting.h"
@@ -208,7 +211,7 @@ int main(int argc, char** argv) {
   // --rows=LIST picks the parts of the table to measure, from micro, waiting,
   // contention, memory and fleet (default: all of them; fleet only where the
   // fleet library is built).
-  std::string rows = "micro,waiting,contention,memory,fleet,manager";
+  std::string rows = "micro,waiting,contention,memory,fleet,manager,service";
   std::vector<char*> args{argv[0]};
   std::string defaults[] = {"--benchmark_repetitions=5",
                             "--benchmark_enable_random_interleaving=true",
@@ -247,6 +250,9 @@ int main(int argc, char** argv) {
 #endif
 #ifdef ZUBENCH_MANAGER
   if (wanted("manager")) addManagerRows(table);
+#endif
+#ifdef ZUBENCH_SERVICE
+  if (wanted("service")) addServiceRows(table, ZUBENCH_ZURESOURCED, ZUBENCH_ZURESOURCECTL);
 #endif
   std::cout << "\n";
   table.print(std::cout);

@@ -111,6 +111,7 @@ std::string newSessionId() {
 
 class SessionReactor;
 class WatchReactor;
+class AcquireReactor;
 
 /// One client's session: the module it opened, until its stream ends.
 ///
@@ -141,6 +142,7 @@ class ZUServer::Impl final : public pb::ResourceService::CallbackService {
   // Every session and watch stream not done, for stop() to end them.
   std::map<const void*, std::weak_ptr<SessionReactor>> streams_;
   std::map<const void*, std::weak_ptr<WatchReactor>> watches_;
+  std::map<const void*, std::weak_ptr<AcquireReactor>> acquires_;  // waits running
   bool stopping_ = false;
   std::size_t waits_ = 0;    // acquire calls running
   std::size_t closers_ = 0;  // threads closing modules
@@ -600,6 +602,7 @@ class AcquireReactor final
       std::lock_guard<std::mutex> lock(impl_.mutex_);
       if (impl_.stopping_) refuse(StatusCode::UNAVAILABLE, contract::kStopping);
       ++impl_.waits_;
+      impl_.acquires_[this] = shared_from_this();
     });
     if (!status.ok()) {
       finish(status);
@@ -613,6 +616,8 @@ class AcquireReactor final
 
   void OnCancel() override { cancel_.cancel(); }
   void OnDone() override { letGo(); }
+  /// Stops the wait: the service is stopping.
+  void stop() { cancel_.cancel(); }
 
  private:
   void run(const ZUAcquireRequest& call, const std::string& module) {
@@ -627,6 +632,12 @@ class AcquireReactor final
             send(std::move(reply));
           },
           &cancel_);
+      {
+        // A stopping service releases everything: what a wait got meanwhile
+        // is no grant.
+        std::lock_guard<std::mutex> lock(impl_.mutex_);
+        if (impl_.stopping_) refuse(StatusCode::UNAVAILABLE, contract::kStopping);
+      }
       pb::AcquireReply reply;
       switch (result.kind) {
         case ZUAcquireResult::Kind::Granted:
@@ -648,6 +659,7 @@ class AcquireReactor final
     finish(status);
     std::lock_guard<std::mutex> lock(impl_.mutex_);
     --impl_.waits_;
+    impl_.acquires_.erase(this);
     impl_.changed_.notify_all();
   }
 
@@ -736,10 +748,14 @@ void ZUServer::Impl::stop() {
   std::vector<std::shared_ptr<ClientSession>> sessions;
   std::vector<std::shared_ptr<SessionReactor>> streams;
   std::vector<std::shared_ptr<WatchReactor>> watches;
+  std::vector<std::shared_ptr<AcquireReactor>> acquires;
   {
     std::lock_guard<std::mutex> lock(mutex_);
     if (stopping_) return;
     stopping_ = true;
+    for (const auto& entry : acquires_) {
+      if (auto acquire = entry.second.lock()) acquires.push_back(acquire);
+    }
     for (const auto& entry : sessions_) sessions.push_back(entry.second);
     for (const auto& entry : streams_) {
       if (auto stream = entry.second.lock()) streams.push_back(stream);
@@ -752,6 +768,13 @@ void ZUServer::Impl::stop() {
   // end with "box stop while waiting".
   for (const auto& stream : streams) stream->finish(grpc::Status(StatusCode::UNAVAILABLE, contract::kStopping));
   for (const auto& watch : watches) watch->finish(grpc::Status(StatusCode::UNAVAILABLE, contract::kStopping));
+  // Every wait stops before any module closes: a release of one closing
+  // module is granted to no wait of another.
+  for (const auto& acquire : acquires) acquire->stop();
+  {
+    std::unique_lock<std::mutex> lock(mutex_);
+    changed_.wait(lock, [&] { return waits_ == 0; });
+  }
   for (const auto& session : sessions) end(session);
   {
     std::unique_lock<std::mutex> lock(mutex_);
@@ -785,6 +808,7 @@ void ZUServer::start() {
   int port = 0;
   builder.AddListeningPort(impl_->options_.listen, grpc::InsecureServerCredentials(), &port);
   builder.RegisterService(impl_.get());
+  if (impl_->options_.extend) impl_->options_.extend(builder);
   impl_->server_ = builder.BuildAndStart();
   if (!impl_->server_) {
     ZUObservers::remove(impl_->feed_);

@@ -2,8 +2,13 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
+
+namespace grpc {
+class ServerBuilder;
+}
 
 namespace ZU {
 
@@ -19,6 +24,9 @@ struct ZUServerOptions {
   /// up and its session ends; also how long a new session stream may take to
   /// say hello.
   std::chrono::milliseconds keepalive{2000};
+  /// Called with the server's builder before it starts: more services on
+  /// the same socket (the benchmark's echo service), more channel arguments.
+  std::function<void(grpc::ServerBuilder&)> extend;
 };
 
 /// The service's gRPC server: sessions (one manager module each), the calls

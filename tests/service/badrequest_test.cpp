@@ -129,7 +129,8 @@ const Row kRows[] = {
 };
 
 TEST(BadRequest, RefusedWithTheRightStatusAndNothingChanged) {
-  zutest::RunningService service(ZURESOURCED);
+  // Pings given ample time: a 1 MB request keeps a sanitized client busy.
+  zutest::RunningService service(ZURESOURCED, {"--keepalive-ms", "30000"});
   ASSERT_TRUE(service.listening());
   ZU::client::ZUSession mine("Mine", {}, service.target());
   ZU::client::ZUSession theirs("Theirs", {}, service.target());
