@@ -7,51 +7,23 @@
 
 #include <boost/make_shared.hpp>
 
+#include <zulive/zulivepage.h>
 #include <zuobserve/zujson.h>
 #include <zuresource/zuobserver.h>
 #include <zuresource/zusnapshot.h>
 
 namespace zuresourced {
 
-namespace {
+using ZU::zulivepage::escapeHtml;
+using ZU::zulivepage::section;
 
-const char kStyle[] =
-    "body{font-family:sans-serif;margin:24px;color:#222}"
-    "#status{font-family:monospace;font-size:14px;background:#f5f6f8;padding:10px}"
-    ".line{white-space:pre}table{border-collapse:collapse;font-size:13px}"
-    "td{padding:2px 10px}td.ms{text-align:right;color:#555}.alarm{color:#c0392b}";
+namespace {
 
 // The events kept for the page and its stream: a service runs for weeks.
 constexpr std::size_t kKeptEvents = 10000;
 
 // The page's parts that follow the event stream.
 const std::vector<std::string> kSections = {"status", "waits", "deadlocks", "stale", "events"};
-
-/// `text` as HTML text: markup in a name shows as its characters.
-std::string escape(const std::string& text) {
-  std::string out;
-  for (char c : text) {
-    switch (c) {
-      case '&': out += "&amp;"; break;
-      case '<': out += "&lt;"; break;
-      case '>': out += "&gt;"; break;
-      case '"': out += "&quot;"; break;
-      case '\'': out += "&#39;"; break;
-      default: out += c;
-    }
-  }
-  return out;
-}
-
-/// A heading and `lines` as text, or "none" when there are none.
-void section(std::ostream& out, const char* id, const char* heading,
-             const std::vector<std::string>& lines, const char* lineClass) {
-  out << "<h2>" << heading << "</h2>\n<div id=\"" << id << "\">\n";
-  if (lines.empty()) out << "<div>none</div>\n";
-  for (const std::string& line : lines)
-    out << "<div class=\"" << lineClass << "\">" << escape(line) << "</div>\n";
-  out << "</div>\n";
-}
 
 }  // namespace
 
@@ -87,19 +59,12 @@ std::string LivePage::page() {
   std::ostringstream out;
   out << "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">"
       << "<noscript><meta http-equiv=\"refresh\" content=\"1\"></noscript>"
-      << "<title>zuresourced live</title><style>" << kStyle
+      << "<title>zuresourced live</title><style>" << ZU::zulivepage::kStyle
       << "</style></head><body>\n<h1>zuresourced</h1>\n<h2>Resources</h2>\n<div id=\"status\">\n";
-  // Each root's status text, cut at the line breaks the library ends its lines with.
-  static const std::string kBreak = "<br />";
-  for (const auto& root : manager_.roots()) {
-    const std::string text = root->httpGet(0);
-    for (std::size_t from = 0; from < text.size();) {
-      std::size_t end = text.find(kBreak, from);
-      if (end == std::string::npos) end = text.size();
-      out << "<div class=\"line\">" << escape(text.substr(from, end - from)) << "</div>\n";
-      from = end + kBreak.size();
-    }
-  }
+  std::vector<std::string> roots;
+  for (const auto& root : manager_.roots()) roots.push_back(root->httpGet(0));
+  for (const std::string& line : ZU::zulivepage::statusPageLines(roots))
+    out << "<div class=\"line\">" << escapeHtml(line) << "</div>\n";
   out << "</div>\n";
   std::vector<std::string> waits, deadlocks, stale;
   for (const auto& w : snapshot.waits) waits.push_back(w.toString());
@@ -114,7 +79,7 @@ std::string LivePage::page() {
   const std::vector<std::string> lines =
       feed_->linesFrom(count > 12 ? count - 12 : 0, std::chrono::milliseconds(0), closed);
   out << "<h2>Latest events</h2>\n<table id=\"events\">\n";
-  for (const std::string& line : lines) out << "<tr><td>" << escape(line) << "</td></tr>\n";
+  for (const std::string& line : lines) out << "<tr><td>" << escapeHtml(line) << "</td></tr>\n";
   out << "</table>\n<h2>Event stream</h2>\n<p id=\"stream\">connecting to /events</p>\n<div "
          "id=\"streamed\" class=\"line\"></div>\n<script>"
       << ZU::ZULiveServer::followScript(kSections) << "</script>\n</body></html>\n";

@@ -3,31 +3,19 @@
 #include <sstream>
 #include <stdexcept>
 
+#include <zulive/zulivepage.h>
+
 #include "output/html.h"
 
 namespace zusim {
 
-namespace {
+using ZU::zulivepage::section;
 
-const char kStyle[] =
-    "body{font-family:sans-serif;margin:24px;color:#222}"
-    "#status{font-family:monospace;font-size:14px;background:#f5f6f8;padding:10px}"
-    ".line{white-space:pre}table{border-collapse:collapse;font-size:13px}"
-    "td{padding:2px 10px}td.ms{text-align:right;color:#555}.alarm{color:#c0392b}";
+namespace {
 
 // The page's parts that follow the event stream.
 const std::vector<std::string> kSections = {"clock",     "status", "waits",
                                             "deadlocks", "stale",  "events"};
-
-/// A heading and `lines` as text, or `none` when there are none.
-void section(std::ostream& out, const char* id, const char* heading,
-             const std::vector<std::string>& lines, const char* lineClass) {
-  out << "<h2>" << heading << "</h2>\n<div id=\"" << id << "\">\n";
-  if (lines.empty()) out << "<div>none</div>\n";
-  for (const std::string& line : lines)
-    out << "<div class=\"" << lineClass << "\">" << escapeHtml(line) << "</div>\n";
-  out << "</div>\n";
-}
 
 }  // namespace
 
@@ -73,7 +61,7 @@ std::string LiveServer::page() {
   out << "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">"
       << (streamed_ ? "<noscript>" + std::string(reload) + "</noscript>" : reload)
       << "<title>zuresource-sim live: " << escapeHtml(scenario_.title) << "</title><style>"
-      << kStyle << "</style></head><body>\n<h1>" << escapeHtml(scenario_.title)
+      << ZU::zulivepage::kStyle << "</style></head><body>\n<h1>" << escapeHtml(scenario_.title)
       << "</h1>\n<p id=\"clock\">";
   if (status < 0)
     out << "running: " << log_.now() << " ms";
