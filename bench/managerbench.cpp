@@ -1,4 +1,5 @@
 #include "managerbench.h"
+#include "benchsupport.h"
 
 #include <algorithm>
 #include <chrono>
@@ -20,24 +21,8 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-double nsPer(Clock::time_point start, int count) {
-  return std::chrono::duration<double, std::nano>(Clock::now() - start).count() / count;
-}
-
 double msBetween(Clock::time_point from, Clock::time_point to) {
   return std::chrono::duration<double, std::milli>(to - from).count();
-}
-
-/// The fastest of five rounds of `count` calls of `cycle`, in ns per call.
-template <typename Cycle>
-double fastest(int count, Cycle cycle) {
-  double best = 1e300;
-  for (int round = 0; round < 5; ++round) {
-    const Clock::time_point start = Clock::now();
-    for (int i = 0; i < count; ++i) cycle();
-    best = std::min(best, nsPer(start, count));
-  }
-  return best;
 }
 
 std::vector<boost::shared_ptr<ZU::ZUResource>> plains(int count) {

@@ -1,4 +1,5 @@
 #include "servicebench.h"
+#include "benchsupport.h"
 
 #include <algorithm>
 #include <atomic>
@@ -96,18 +97,6 @@ void echoOnce(grpc::GenericStub& stub, const grpc::ByteBuffer& request) {
   }
 }
 
-/// The fastest of five rounds of `count` calls of `cycle`, in ns per call.
-template <typename Cycle>
-double fastest(int count, Cycle cycle) {
-  double best = 1e300;
-  for (int round = 0; round < 5; ++round) {
-    const Clock::time_point start = Clock::now();
-    for (int i = 0; i < count; ++i) cycle();
-    best = std::min(best, std::chrono::duration<double, std::nano>(Clock::now() - start).count() /
-                              count);
-  }
-  return best;
-}
 
 /// A process started with posix_spawn in a process group of its own.
 struct Process {
