@@ -14,10 +14,6 @@ cd "$(dirname "$0")/.."
 for s in /usr/bin/llvm-symbolizer-15 /usr/lib/llvm-15/bin/llvm-symbolizer; do
   [ -x "$s" ] && export ASAN_SYMBOLIZER_PATH=$s && break
 done
-# Reports name functions and lines when a symbolizer is found.
-for s in /usr/bin/llvm-symbolizer-15 /usr/bin/llvm-symbolizer; do
-  [ -x "$s" ] && export ASAN_SYMBOLIZER_PATH=$s && break
-done
 cmake --preset fuzz >/dev/null
 cmake --build --preset fuzz -j "$(nproc)"
 

@@ -587,12 +587,8 @@ class AcquireReactor final
       auto session = impl_.session(request.session());
       impl_.checkOwner(*session, request.owner());
       impl_.checkResource(request.resource());
-      if (request.timeout_seconds() < 0 || request.timeout_seconds() > contract::kMaxTimeoutSeconds) {
-        refuse(StatusCode::INVALID_ARGUMENT,
-               "timeout_seconds must be 0 (no limit) to " +
-                   std::to_string(contract::kMaxTimeoutSeconds) + ", not " +
-                   std::to_string(request.timeout_seconds()));
-      }
+      const std::string late = contract::timeoutProblem(request.timeout_seconds());
+      if (!late.empty()) refuse(StatusCode::INVALID_ARGUMENT, late);
       for (const auto& name : request.no_wait()) checkName("no-wait name", name);
       call.owner = request.owner();
       call.resource = request.resource();

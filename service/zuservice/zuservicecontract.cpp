@@ -13,6 +13,12 @@ std::string nameProblem(const char* what, const std::string& name) {
   return {};
 }
 
+std::string timeoutProblem(std::int64_t seconds) {
+  if (seconds >= 0 && seconds <= kMaxTimeoutSeconds) return {};
+  return "timeout_seconds must be 0 (no limit) to " + std::to_string(kMaxTimeoutSeconds) + ", not " +
+         std::to_string(seconds);
+}
+
 }  // namespace contract
 }  // namespace service
 }  // namespace ZU

@@ -31,6 +31,10 @@ inline constexpr char kNoHello[] = "no hello: a session stream must open with a 
 /// `name` is acceptable.
 std::string nameProblem(const char* what, const std::string& name);
 
+/// "timeout_seconds must be 0 (no limit) to 86400, not <n>", or empty when
+/// `seconds` is an acceptable time limit of a request.
+std::string timeoutProblem(std::int64_t seconds);
+
 }  // namespace contract
 }  // namespace service
 }  // namespace ZU
