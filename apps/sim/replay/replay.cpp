@@ -33,7 +33,7 @@ const std::set<std::string> kDecisions = {"granted", "waiting",   "notObtained",
 const double kStopSeenLate = 100;
 // The replayed run lasts this long after the last recorded event.
 const int kTail = 1000;
-// Lines written by different threads may come out of time order by this much.
+// One thread's lines may come out of time order by this much.
 const double kOutOfOrder = 100;
 // What the recorder writes.
 const std::set<std::string> kKinds = {
@@ -94,6 +94,14 @@ class Collector : public ZU::ZUObserver {
   std::vector<ZU::ZUEvent> events_;
 };
 
+/// The time of the latest event (lines of different threads may come out of
+/// time order), or 0 for none.
+double latestMs(const std::vector<RecordedEvent>& events) {
+  double latest = 0;
+  for (const auto& e : events) latest = std::max(latest, e.ms);
+  return latest;
+}
+
 /// What a name means when it says nothing: "none" is left empty.
 std::string named(const char* name) { return std::string(name) == "none" ? "" : name; }
 
@@ -111,7 +119,7 @@ class ScenarioBuilder {
     s["description"] =
         "Recorded from " + (r_.wallClock.empty() ? "an unknown time" : r_.wallClock) +
         (r_.cut ? "; the recording is cut at line " + std::to_string(r_.cutLine) : std::string());
-    s["stopAt"] = (r_.events.empty() ? 0 : at(r_.events.back().ms)) + kTail;
+    s["stopAt"] = at(latestMs(r_.events)) + kTail;
     s["resources"] = resources_;
     s["modules"] = modules();
     s["owners"] = ordered_json::array();
@@ -359,7 +367,7 @@ class RecordingReader {
         if (in.peek() != std::char_traits<char>::eof()) refuse("", "not JSON");
         r_.cut = true;
         r_.cutLine = line_;
-        r_.cutMs = r_.events.empty() ? 0 : r_.events.back().ms;
+        r_.cutMs = latestMs(r_.events);
         break;
       }
       if (!j.is_object()) refuse("", "not a JSON object");
@@ -445,11 +453,14 @@ class RecordingReader {
     if (e.ms < 0 || e.ms > kMaxMs - kTail)
       refuse("ms", "must be from 0 to " + std::to_string(kMaxMs - kTail) +
                        " (the simulator replays up to an hour), not " + j.at("ms").dump());
-    // Lines written by different threads may come out a moment apart.
-    if (e.ms < latestMs_ - kOutOfOrder)
-      refuse("ms", "goes back to " + j.at("ms").dump() + " after " + std::to_string(at(latestMs_)) +
-                       " ms (line " + std::to_string(latestLine_) + ")");
-    if (e.ms > latestMs_) latestMs_ = e.ms, latestLine_ = line_;
+    // One thread's events come in the order it made them. Different threads'
+    // lines may come out of time order by as long as a wait lasts: a waiting
+    // thread tells its events once it lets go of the resource's lock.
+    Latest& latest = latest_[optional(j, "thread")];
+    if (e.ms < latest.ms - kOutOfOrder)
+      refuse("ms", "goes back to " + j.at("ms").dump() + " after " + std::to_string(at(latest.ms)) +
+                       " ms (line " + std::to_string(latest.line) + ")");
+    if (e.ms > latest.ms) latest = {e.ms, line_};
     for (const auto& field : kTextFields) e.*field.second = optional(j, field.first);
     if (!kKinds.count(e.kind))
       refuse("kind", (e.kind.empty() ? "missing" : "unknown kind " + quoteName(e.kind)));
@@ -596,8 +607,12 @@ class RecordingReader {
   const std::string file_;
   Recording r_;
   std::size_t line_ = 0;
-  double latestMs_ = 0;
-  std::size_t latestLine_ = 0;
+  /// The latest time seen from one thread, and its line.
+  struct Latest {
+    double ms = 0;
+    std::size_t line = 0;
+  };
+  std::map<std::string, Latest> latest_;  // by the events' "thread"
   std::size_t firstSnapshotLine_ = 0, lastSnapshotLine_ = 0;
   std::map<std::string, std::string> kinds_;                           // in the first snapshot
   std::map<std::string, std::vector<std::string>> members_;            // its groups

@@ -37,7 +37,7 @@ struct Recording {
   std::vector<RecordedEvent> events;           // in line order
   bool cut = false;
   std::size_t cutLine = 0;  // the line that is incomplete
-  double cutMs = 0;         // the time of the last whole event before it
+  double cutMs = 0;         // the latest time of the whole events before it
 
   /// Reads `path`. Throws ScenarioError naming the file, the line and the
   /// field of what a recorder cannot have written or a scenario cannot
