@@ -327,9 +327,14 @@ class ScenarioBuilder {
     ordered_json out = ordered_json::array();
     for (const auto& key : order)
       out.push_back({{"owner", key.first}, {"resource", key.second}, {"outcome", outcome.at(key)}});
+    // A final holder is expected of what the scenario has as plain, whatever
+    // the last snapshot says of its kind.
+    std::set<std::string> plain;
+    for (const auto& res : resources_)
+      if (!res.contains("kind")) plain.insert(res.value("name", std::string()));
     if (!r_.cut && r_.lastSnapshot.is_object())
       for (const json& res : r_.lastSnapshot.value("resources", json::array()))
-        if (text(res, "kind") == "plain") {
+        if (text(res, "kind") == "plain" && plain.count(text(res, "name"))) {
           json holders = res.value("holders", json::array());
           out.push_back({{"resource", text(res, "name")},
                          {"holder", holders.empty() ? std::string(ZU::contract::kPlaceholderName)
