@@ -176,7 +176,7 @@ json readJson(const std::string& text, const std::string& file, const char* whol
   json::sax_parse(text, &duplicates);
   try {
     return json::parse(text);
-  } catch (const json::parse_error& e) {
+  } catch (const json::exception& e) {  // a syntax error, or a number too large (out_of_range)
     throw ZUInputError(file + ": not JSON: " + e.what());
   }
 }
