@@ -59,10 +59,10 @@ for row in ROWS:
 
 
 @pytest.mark.parametrize("ready,call,expected", [r[1:] for r in ROWS], ids=[r[0] for r in ROWS])
-def test_ctrl_c_stops_the_wait(ready, call, expected):
+def test_ctrl_c_stops_the_wait(ready, call, expected, child_env):
     script = SETUP + REPORT.format(ready=ready, call=call)
     child = subprocess.Popen([sys.executable, "-c", script], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                             text=True)
+                             text=True, env=child_env)
     assert child.stdout.readline() == "blocked\n", child.stderr.read()
     child.send_signal(signal.SIGINT)
     # Without the fix, each call here waits for ten minutes or for ever.
@@ -71,7 +71,7 @@ def test_ctrl_c_stops_the_wait(ready, call, expected):
     assert json.loads(out) == expected
 
 
-def test_a_handler_that_does_not_raise_lets_the_wait_go_on():
+def test_a_handler_that_does_not_raise_lets_the_wait_go_on(child_env):
     script = SETUP + """
     def handled(*args):
         print("handled", flush=True)
@@ -81,7 +81,7 @@ def test_a_handler_that_does_not_raise_lets_the_wait_go_on():
     print(arm.wait_for(me, 600), arm.holder, me.stopped)
     """
     child = subprocess.Popen([sys.executable, "-c", script.replace("import json,", "import json, signal,")],
-                             stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+                             stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, env=child_env)
     assert child.stdout.readline() == "blocked\n", child.stderr.read()
     child.send_signal(signal.SIGINT)
     assert child.communicate(timeout=20) == ("handled\n[] me False\n", "")
