@@ -97,7 +97,7 @@ def test_dropping_the_last_python_reference_while_others_wait(drop):
     assert out == {"result": []} and w.head.holder == "b"
 
 
-def test_exit_while_a_handler_runs():
+def test_exit_while_a_handler_runs(child_env):
     script = """if True:
         import time, zuresource as zr
         broker, head = zr.Broker(), zr.Resource("Head")
@@ -108,7 +108,7 @@ def test_exit_while_a_handler_runs():
         except zr.Error:
             pass
     """
-    run = subprocess.run([sys.executable, "-c", script], capture_output=True, text=True, timeout=60)
+    run = subprocess.run([sys.executable, "-c", script], capture_output=True, text=True, timeout=60, env=child_env)
     assert (run.returncode, run.stdout) == (0, "done Head\n"), run.stderr
 
 

@@ -6,8 +6,9 @@
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -62,44 +63,46 @@ std::unique_ptr<ChildProcess> startService(const std::string& dir, const std::st
   return process;
 }
 
+// The manager's socket a path or an abstract name; or gone, or a name that is
+// no socket at all, which zuresourced ignores.
 struct NotifyRow {
   const char* what;
-  bool abstract;
+  std::string name;  // DIR: a fresh folder
+  bool managerListens;
 };
 
-class NotifyTest : public ::testing::TestWithParam<NotifyRow> {};
-
-TEST_P(NotifyTest, ReadyOnlyOnceItAnswersAndStoppingOnTerm) {
-  TempDir dir;
-  const std::string name = GetParam().abstract
-                               ? "@zutest-notify-" + std::to_string(::getpid())
-                               : dir.path() + "/notify";
-  ManagerSocket manager(name);
-  ASSERT_TRUE(manager.bound()) << name;
-  auto service = startService(dir.path(), name);
-
-  ASSERT_EQ(manager.receive(), "READY=1");
-  // Ready means a client is served now, not after some retry.
-  ZU::client::ZUClient client("unix:" + dir.path() + "/zuresource.sock");
-  EXPECT_NO_THROW(client.status());
-
-  service->signal(SIGTERM);
-  EXPECT_EQ(manager.receive(), "STOPPING=1");
-  EXPECT_EQ(service->wait(), 0);
-}
-
-INSTANTIATE_TEST_SUITE_P(Sockets, NotifyTest,
-                         ::testing::Values(NotifyRow{"path", false}, NotifyRow{"abstract", true}),
-                         [](const auto& info) { return std::string(info.param.what); });
-
-// A manager socket that is gone, or a name that is no socket at all, is ignored.
-TEST(NotifyTest, UnreachableManagerIsIgnored) {
-  for (const std::string notify : {"/nonexistent/notify", "not-a-socket-name", "@"}) {
+TEST(NotifyTest, ReadyOnlyOnceItAnswersAndStoppingOnTerm) {
+  const std::vector<NotifyRow> rows = {
+      {"path", "DIR/notify", true},
+      {"abstract", "@zutest-notify-" + std::to_string(::getpid()), true},
+      {"gone", "/nonexistent/notify", false},
+      {"no socket name", "not-a-socket-name", false},
+      {"empty abstract name", "@", false},
+  };
+  for (const NotifyRow& row : rows) {
+    SCOPED_TRACE(row.what);
     TempDir dir;
-    auto service = startService(dir.path(), notify);
-    EXPECT_FALSE(service->lineStartingWith("zuresourced: listening").empty()) << notify;
+    std::string name = row.name;
+    if (name.rfind("DIR", 0) == 0) name.replace(0, 3, dir.path());
+    std::unique_ptr<ManagerSocket> manager;
+    if (row.managerListens) {
+      manager = std::make_unique<ManagerSocket>(name);
+      ASSERT_TRUE(manager->bound()) << name;
+    }
+    auto service = startService(dir.path(), name);
+    if (manager) {
+      ASSERT_EQ(manager->receive(), "READY=1");
+      // Ready means a client is served now, not after some retry.
+      ZU::client::ZUClient client("unix:" + dir.path() + "/zuresource.sock");
+      EXPECT_NO_THROW(client.status());
+    } else {
+      EXPECT_FALSE(service->lineStartingWith("zuresourced: listening").empty());
+    }
     service->signal(SIGTERM);
-    EXPECT_EQ(service->wait(), 0) << notify;
+    if (manager) {
+      EXPECT_EQ(manager->receive(), "STOPPING=1");
+    }
+    EXPECT_EQ(service->wait(), 0);
   }
 }
 
