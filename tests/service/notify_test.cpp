@@ -63,46 +63,32 @@ std::unique_ptr<ChildProcess> startService(const std::string& dir, const std::st
   return process;
 }
 
-// The manager's socket a path or an abstract name; or gone, or a name that is
-// no socket at all, which zuresourced ignores.
-struct NotifyRow {
-  const char* what;
-  std::string name;  // DIR: a fresh folder
-  bool managerListens;
-};
-
+// The manager's socket a path or an abstract name.
 TEST(NotifyTest, ReadyOnlyOnceItAnswersAndStoppingOnTerm) {
-  const std::vector<NotifyRow> rows = {
-      {"path", "DIR/notify", true},
-      {"abstract", "@zutest-notify-" + std::to_string(::getpid()), true},
-      {"gone", "/nonexistent/notify", false},
-      {"no socket name", "not-a-socket-name", false},
-      {"empty abstract name", "@", false},
-  };
-  for (const NotifyRow& row : rows) {
-    SCOPED_TRACE(row.what);
+  for (const bool abstract : {false, true}) {
     TempDir dir;
-    std::string name = row.name;
-    if (name.rfind("DIR", 0) == 0) name.replace(0, 3, dir.path());
-    std::unique_ptr<ManagerSocket> manager;
-    if (row.managerListens) {
-      manager = std::make_unique<ManagerSocket>(name);
-      ASSERT_TRUE(manager->bound()) << name;
-    }
+    const std::string name =
+        abstract ? "@zutest-notify-" + std::to_string(::getpid()) : dir.path() + "/notify";
+    ManagerSocket manager(name);
+    ASSERT_TRUE(manager.bound()) << name;
     auto service = startService(dir.path(), name);
-    if (manager) {
-      ASSERT_EQ(manager->receive(), "READY=1");
-      // Ready means a client is served now, not after some retry.
-      ZU::client::ZUClient client("unix:" + dir.path() + "/zuresource.sock");
-      EXPECT_NO_THROW(client.status());
-    } else {
-      EXPECT_FALSE(service->lineStartingWith("zuresourced: listening").empty());
-    }
+    ASSERT_EQ(manager.receive(), "READY=1") << name;
+    // Ready means a client is served now, not after some retry.
+    EXPECT_NO_THROW(ZU::client::ZUClient("unix:" + dir.path() + "/zuresource.sock").status());
     service->signal(SIGTERM);
-    if (manager) {
-      EXPECT_EQ(manager->receive(), "STOPPING=1");
-    }
-    EXPECT_EQ(service->wait(), 0);
+    EXPECT_EQ(manager.receive(), "STOPPING=1") << name;
+    EXPECT_EQ(service->wait(), 0) << name;
+  }
+}
+
+// A manager socket that is gone, or a name that is no socket at all, is ignored.
+TEST(NotifyTest, UnreachableManagerIsIgnored) {
+  for (const std::string notify : {"/nonexistent/notify", "not-a-socket-name", "@"}) {
+    TempDir dir;
+    auto service = startService(dir.path(), notify);
+    EXPECT_FALSE(service->lineStartingWith("zuresourced: listening").empty()) << notify;
+    service->signal(SIGTERM);
+    EXPECT_EQ(service->wait(), 0) << notify;
   }
 }
 

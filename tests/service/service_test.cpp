@@ -1,26 +1,26 @@
 // The service with real processes on real sockets: a zuresourced per test,
 // clients in this process and in processes of their own.
 
-#include <atomic>
+#include <unistd.h>
+
 #include <chrono>
 #include <csignal>
-#include <fstream>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <future>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 #include <nlohmann/json.hpp>
 
 #include <zuclient/zuclient.h>
 #include <zuprotocol/zuresource.grpc.pb.h>
 
 #include "support/childprocess.h"
+#include "support/resourcehelpers.h"
 #include "support/runningservice.h"
 #include "support/threads.h"
 
@@ -36,15 +36,8 @@ using zutest::ChildProcess;
 using zutest::RunningService;
 
 /// Far longer than anything here should take, even in a sanitizer build.
-constexpr auto kEventually = 30s;
-
 bool eventually(const std::function<bool()>& condition) {
-  const auto deadline = std::chrono::steady_clock::now() + kEventually;
-  while (std::chrono::steady_clock::now() < deadline) {
-    if (condition()) return true;
-    std::this_thread::sleep_for(20ms);
-  }
-  return condition();
+  return zutest::waitUntil(condition, 30000);
 }
 
 /// The waits the service's snapshot shows now.
@@ -105,52 +98,35 @@ TEST_F(ServiceTest, HolderToldItIsWantedLetsGoAndTheWaiterIsGranted) {
   EXPECT_EQ(holderOf(waiter, "RightArm"), "hug");
 }
 
-// A client process killed or frozen while it holds or waits: a frozen one is
-// given up after about one keepalive, and learns it once it runs again. Its
-// holdings go to the waiter behind it, its wait ends, and nothing goes to it later.
-struct LostClientRow {
-  const char* name;
-  const char* verb;
-  int signal;
-};
-
-const LostClientRow kLostClientRows[] = {
-    {"killed holding", "hold", SIGKILL}, {"frozen holding", "hold", SIGSTOP},
-    {"killed waiting", "wait", SIGKILL}, {"frozen waiting", "wait", SIGSTOP},
-};
-
+// Client processes killed or frozen, one holding and one waiting: a frozen
+// one is given up after about one keepalive, and learns it once it runs
+// again. What it held goes to the waiter behind it, its wait ends, and
+// nothing goes to it later.
 TEST_F(ServiceTest, LostClientLeavesNothing) {
   ZUSession here("Here", {}, service.target());
-  int row = 0;
-  for (const LostClientRow& lost : kLostClientRows) {
-    SCOPED_TRACE(lost.name);
-    const std::string n = std::to_string(++row);
-    const bool holds = std::string(lost.verb) == "hold";
-    std::unique_ptr<ZUAcquisition> head;
-    if (!holds) head = std::make_unique<ZUAcquisition>(here.acquire("here", "Head", 5));
-    auto child = client(service, "Child" + n, lost.verb, "child" + n, "Head");
-    std::future<ZUAcquisition> got;
-    if (holds) {
-      ASSERT_EQ(child->lineStartingWith("granted"), "granted");
-      got = std::async(std::launch::async, [&] { return here.acquire("here", "Head", 60); });
-      ASSERT_TRUE(eventually([&] { return waitCount(here) == 1; }));
-    } else {
-      ASSERT_EQ(child->lineStartingWith("waiting"), "waiting Head behind here");
-    }
+  for (const int signal : {SIGKILL, SIGSTOP}) {
+    SCOPED_TRACE(strsignal(signal));
+    const std::string n = std::to_string(signal);
+    auto head = std::make_unique<ZUAcquisition>(here.acquire("here", "Head", 5));
+    auto holder = client(service, "Holder" + n, "hold", "holder" + n, "Legs");
+    auto waiter = client(service, "Waiter" + n, "wait", "waiter" + n, "Head");
+    ASSERT_EQ(holder->lineStartingWith("granted"), "granted");
+    ASSERT_EQ(waiter->lineStartingWith("waiting"), "waiting Head behind here");
+    auto gotLegs = std::async(std::launch::async, [&] { return here.acquire("here", "Legs", 60); });
+    ASSERT_TRUE(eventually([&] { return waitCount(here) == 2; }));
     const auto start = std::chrono::steady_clock::now();
-    child->signal(lost.signal);
-    if (holds) {
-      auto held = got.get();
-      EXPECT_EQ(holderOf(here, "Head"), "here");
-    } else {
-      EXPECT_TRUE(eventually([&] { return waitCount(here) == 0; }));
-      head.reset();
-      EXPECT_EQ(holderOf(here, "Head"), "");
-    }
-    if (lost.signal == SIGSTOP) {
-      EXPECT_GE(std::chrono::steady_clock::now() - start, 500ms) << "given up, but not at once";
-      child->signal(SIGCONT);
-      EXPECT_EQ(child->lineStartingWith("ended").rfind("ended UNAVAILABLE", 0), 0u)
+    holder->signal(signal);
+    waiter->signal(signal);
+    const ZUAcquisition legs = gotLegs.get();
+    EXPECT_EQ(holderOf(here, "LeftLeg"), "here");
+    EXPECT_TRUE(eventually([&] { return waitCount(here) == 0; }));
+    head.reset();
+    EXPECT_EQ(holderOf(here, "Head"), "");
+    if (signal != SIGSTOP) continue;
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 500ms) << "given up, but not at once";
+    for (ChildProcess* lost : {holder.get(), waiter.get()}) {
+      lost->signal(SIGCONT);
+      EXPECT_EQ(lost->lineStartingWith("ended").rfind("ended UNAVAILABLE", 0), 0u)
           << "a client given up learns that its session ended";
     }
   }
