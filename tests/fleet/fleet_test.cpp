@@ -244,42 +244,32 @@ TEST(Fleet, AnOwnerReleasedWhileItsRobotWaitsLeavesTheGrantToTheLocalOwnerThatTo
   EXPECT_TRUE(b.holds());
 }
 
-TEST(Fleet, AKilledHolderProcessHandsOverWithinItsTtlAndAPollingPeriod) {
-  ZU::ZUEtcdServer etcd;
-  const int ttl = 2;
-  RobotProcess holder(etcd.endpoints()[0], ttl);
-  const std::string held = holder.await("held");
-  ASSERT_FALSE(held.empty());
-
-  Robot b("b", etcd.endpoints(), ttl);
-  Waiter waitB(b, 30);
-  ASSERT_TRUE(waitUntil([&] { return b.waiting(); }));
-  holder.signal(SIGKILL);
-  zutest::Stopwatch watch;
-  ASSERT_TRUE(waitB.thread.joinFor(30000));
-  EXPECT_FALSE(waitB.error) << waitB.error->toString();
-  // etcd sweeps expired leases every 500 ms.
-  EXPECT_LE(watch.elapsedMs(), ttl * 1000 + kPollMs + 500 + zutest::lateToleranceMs());
-  EXPECT_GT(b.lift->fencingToken(), word(held, 1));
-}
-
-// The race: the holder is cut off from etcd (its packets held) and renews
-// no more; etcd expires its lease TTL after the last renewal reached it and
-// deletes its key; b, next in the queue, reads the queue and is granted. The
-// holder must have given Lift up before: it counts the TTL from when it sent
-// its last renewal that succeeded (not from when the answer came back), less
-// a margin, and a guard of its own gives up at that deadline even while a
-// renewal call still hangs. The TTL it counts is the one etcd granted (etcd's
-// minimum is 2 s: a robot that asked for 1 s counts 2 s). Both robots write
-// the monotonic clock of the machine.
-TEST(Fleet, AHolderCutOffFromEtcdGivesUpBeforeTheNextRobotIsGranted) {
+// A holder process that etcd hears from no more (its packets held, killed,
+// or frozen) hands Lift on within its TTL, etcd's sweep of expired leases
+// (every 500 ms) and a polling period. The race, when it is cut off: etcd
+// expires its lease TTL after the last renewal reached it and deletes its key;
+// b, next in the queue, reads the queue and is granted. The holder must have
+// given Lift up before: it counts the TTL from when it sent its last renewal
+// that succeeded (not from when the answer came back), less a margin, and a
+// guard of its own gives up at that deadline even while a renewal call still
+// hangs. The TTL it counts is the one etcd granted (etcd's minimum is 2 s: a
+// robot that asked for 1 s counts 2 s). Both robots write the monotonic clock
+// of the machine. A frozen holder gives Lift up once it is thawed.
+TEST(Fleet, AHolderEtcdHearsFromNoMoreHandsOverWithinItsTtlHavingGivenUpFirst) {
+  enum class Cut { Off, Killed, Frozen };
   struct Row {
+    const char* what;
     int ttlAsked;  // 0: the default
     long long ttlGrantedMs;
+    Cut cut;
   };
-  const Row rows[] = {{2, 2000}, {0, 5000}, {1, 2000}};
+  const Row rows[] = {{"cut off, TTL 2 s", 2, 2000, Cut::Off},
+                      {"cut off, the default TTL", 0, 5000, Cut::Off},
+                      {"cut off, TTL 1 s asked", 1, 2000, Cut::Off},
+                      {"killed", 2, 2000, Cut::Killed},
+                      {"frozen", 2, 2000, Cut::Frozen}};
   for (const Row& row : rows) {
-    SCOPED_TRACE("TTL asked " + std::to_string(row.ttlAsked));
+    SCOPED_TRACE(row.what);
     ZU::ZUEtcdServer etcd;
     ZU::ZUTcpRelay link(etcd.endpoints()[0]);
     RobotProcess holder(link.endpoint(), row.ttlAsked);
@@ -290,13 +280,21 @@ TEST(Fleet, AHolderCutOffFromEtcdGivesUpBeforeTheNextRobotIsGranted) {
     Robot b("b", etcd.endpoints(), 2);
     Waiter waitB(b, 60);
     ASSERT_TRUE(waitUntil([&] { return b.waiting(); }));
-    link.setMode(ZU::ZUTcpRelay::Mode::Hold);
+    if (row.cut == Cut::Off)
+      link.setMode(ZU::ZUTcpRelay::Mode::Hold);
+    else
+      holder.signal(row.cut == Cut::Killed ? SIGKILL : SIGSTOP);
+    zutest::Stopwatch watch;
     ASSERT_TRUE(waitB.thread.joinFor(30000));
     ASSERT_FALSE(waitB.error) << waitB.error->toString();
+    EXPECT_LE(watch.elapsedMs(), row.ttlGrantedMs + kPollMs + 500 + zutest::lateToleranceMs());
     EXPECT_GT(b.lift->fencingToken(), word(held, 1));
+    if (row.cut == Cut::Killed) continue;
 
+    if (row.cut == Cut::Frozen) holder.signal(SIGCONT);
     const std::string lost = holder.await("lost", 5000);
     ASSERT_FALSE(lost.empty()) << "the holder never gave Lift up";
+    if (row.cut == Cut::Frozen) continue;  // it learns of the loss one way or another
     EXPECT_LT(word(lost, 0), waitB.endedMs) << "b was granted while the holder held";
     EXPECT_NE(lost.find(" lease not renewed within its TTL of " +
                         std::to_string(row.ttlGrantedMs / 1000) + " s"),
