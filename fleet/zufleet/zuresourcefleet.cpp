@@ -34,6 +34,14 @@ ZUError waitError(const std::string& description, unsigned line) {
 ZUError lostError(const std::string& reason, unsigned line) {
   return waitError(ZUResourceFleet::kLeaseLost + reason, line);
 }
+
+/// A wait that etcd did not answer while `doing` ("asking for NAME", ...).
+ZUError unreachableError(const std::string& doing, const ZUEtcdError& e, unsigned line) {
+  return ZUError("ZUResourceFleet", "waitFor",
+                 "etcd unreachable while " + doing + ": " + e.getDescription(), kFile, line);
+}
+
+const char* const kKeyLeft = "the robot's key left the queue (its lease expired)";
 }  // namespace
 
 boost::shared_ptr<ZUResourceFleet> ZUResourceFleet::create(
@@ -154,9 +162,7 @@ bool ZUResourceFleet::acquireFleet(const boost::shared_ptr<ZUOwner>& owner,
           session_->lose(lease, "etcd turned the key's put down: " + e.getDescription());
         // Refused: nothing listens there. Otherwise etcd may answer in time.
         if (e.refused() || Clock::now() + kPoll >= deadline)
-          throw ZUError("ZUResourceFleet", "waitFor",
-                        "etcd unreachable while asking for " + name + ": " + e.getDescription(),
-                        kFile, __LINE__);
+          throw unreachableError("asking for " + name, e, __LINE__);
         std::this_thread::sleep_for(kPoll);
       }
     }
@@ -219,14 +225,13 @@ bool ZUResourceFleet::awaitTurn(const ZUOwner& owner, std::int64_t lease, std::i
         // whose key is gone (its lease expired while it could not renew it,
         // frozen or cut off) has lost its place: the keys ahead of it may be
         // gone too, and another robot served meanwhile.
-        const std::vector<ZUEtcdKeyValue> keys =
-            session_->client().range(prefix, end, token, 2);
+        const std::vector<ZUEtcdKeyValue> keys = session_->client().range(prefix, end, token, 2);
         unreachable.reset();
         lastRead = Clock::now();
         if (keys.empty() || keys.front().createRevision != token) {
-          session_->lose(lease, "the robot's key left the queue (its lease expired)");
+          session_->lose(lease, kKeyLeft);
           failIfLost(lease);
-          throw lostError("the robot's key left the queue (its lease expired)", __LINE__);
+          throw lostError(kKeyLeft, __LINE__);
         }
         if (keys.size() == 1) return true;
         if (noWait) return false;
@@ -240,11 +245,7 @@ bool ZUResourceFleet::awaitTurn(const ZUOwner& owner, std::int64_t lease, std::i
     if (isFree()) throw waitError(contract::kStopWhileWaiting, __LINE__);
     const Clock::time_point now = Clock::now();
     if (now >= deadline) {
-      if (unreachable)
-        throw ZUError(
-            "ZUResourceFleet", "waitFor",
-            "etcd unreachable while waiting for " + name + ": " + unreachable->getDescription(),
-            kFile, __LINE__);
+      if (unreachable) throw unreachableError("waiting for " + name, *unreachable, __LINE__);
       throw waitError(contract::waitTimedOut(name), __LINE__);
     }
     const Clock::time_point until = std::min(deadline, now + kPoll);
