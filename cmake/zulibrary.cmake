@@ -10,9 +10,11 @@
 # Installed and private headers are kept apart by folder: <name>/ holds the
 # installed ones only; private headers go to internal/<name>/ beside it, seen
 # by the library's own sources (still included as <name>/<header>.h) and
-# never installed nor checked as public. PRIVATE_HEADERS, names of private
-# headers left in <name>/ and excluded from the install by pattern, is kept
-# until every library has moved them to internal/.
+# never installed nor checked as public. A program of this project that needs
+# them too links <name>_internal (zuresource::<name>_internal): the library
+# with its internal folder, neither installed nor exported. PRIVATE_HEADERS,
+# names of private headers left in <name>/ and excluded from the install by
+# pattern, is kept until every library has moved them to internal/.
 function(zuresource_library name)
   cmake_parse_arguments(ARG "" "EXPORT" "SOURCES;PRIVATE_HEADERS" ${ARGN})
   if(NOT ARG_EXPORT)
@@ -25,6 +27,10 @@ function(zuresource_library name)
     $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
   if(IS_DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}/internal)
     target_include_directories(${name} PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/internal)
+    add_library(${name}_internal INTERFACE)
+    add_library(zuresource::${name}_internal ALIAS ${name}_internal)
+    target_include_directories(${name}_internal INTERFACE ${CMAKE_CURRENT_SOURCE_DIR}/internal)
+    target_link_libraries(${name}_internal INTERFACE ${name})
   endif()
   target_compile_options(${name} PRIVATE -Wall -Wextra)
   set_target_properties(${name} PROPERTIES VERSION ${PROJECT_VERSION}
