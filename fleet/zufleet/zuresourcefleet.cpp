@@ -34,6 +34,14 @@ ZUError waitError(const std::string& description, unsigned line) {
 ZUError lostError(const std::string& reason, unsigned line) {
   return waitError(ZUResourceFleet::kLeaseLost + reason, line);
 }
+
+/// A wait that etcd did not answer while `doing` ("asking for NAME", ...).
+ZUError unreachableError(const std::string& doing, const ZUEtcdError& e, unsigned line) {
+  return ZUError("ZUResourceFleet", "waitFor",
+                 "etcd unreachable while " + doing + ": " + e.getDescription(), kFile, line);
+}
+
+const char* const kKeyLeft = "the robot's key left the queue (its lease expired)";
 }  // namespace
 
 boost::shared_ptr<ZUResourceFleet> ZUResourceFleet::create(
@@ -60,7 +68,7 @@ ZUResourceFleet::~ZUResourceFleet() {
 
 std::int64_t ZUResourceFleet::fencingToken() const {
   ZUMutexLock lock(claimMutex_);
-  return claim_ == Claim::held ? token_ : 0;
+  return claim_ == Claim::Held ? token_ : 0;
 }
 
 std::vector<std::string> ZUResourceFleet::waitFor(boost::shared_ptr<ZUOwner> owner,
@@ -88,9 +96,9 @@ void ZUResourceFleet::release(boost::shared_ptr<ZUOwner> owner) {
     ZUEventDeferral deferral;  // the release's event goes out after claimMutex
     ZUMutexLock lock(claimMutex_);
     ZUResource::release(owner);
-    if (claim_ == Claim::held && isFree()) {
+    if (claim_ == Claim::Held && isFree()) {
       key.swap(key_);
-      claim_ = Claim::none;
+      claim_ = Claim::None;
       lease_ = token_ = 0;
       claimChanged_.notify_all();
     }
@@ -103,8 +111,8 @@ std::string ZUResourceFleet::httpGet(int depth) {
   std::string fleet;
   {
     ZUMutexLock lock(claimMutex_);
-    if (claim_ == Claim::held) fleet = " fleet token " + std::to_string(token_);
-    if (claim_ == Claim::waiting && token_ != 0) fleet = " fleet waiting";
+    if (claim_ == Claim::Held) fleet = " fleet token " + std::to_string(token_);
+    if (claim_ == Claim::Waiting && token_ != 0) fleet = " fleet waiting";
   }
   line.insert(line.size() - std::char_traits<char>::length(kLineEnd), fleet);
   return line;
@@ -117,11 +125,11 @@ bool ZUResourceFleet::acquireFleet(const boost::shared_ptr<ZUOwner>& owner,
     ZUMutexLock lock(claimMutex_);
     // The holder before a hand-down may be waiting for the lock already: its
     // wait serves the descendant too.
-    while (claim_ == Claim::waiting && Clock::now() < deadline)
+    while (claim_ == Claim::Waiting && Clock::now() < deadline)
       lock.waitUntil(claimChanged_, std::min(deadline, Clock::now() + kPoll));
-    if (claim_ == Claim::held) return true;
-    if (claim_ != Claim::waiting) {
-      claim_ = Claim::waiting;
+    if (claim_ == Claim::Held) return true;
+    if (claim_ != Claim::Waiting) {
+      claim_ = Claim::Waiting;
       token_ = 0;
       started = true;
     }
@@ -140,13 +148,13 @@ bool ZUResourceFleet::acquireFleet(const boost::shared_ptr<ZUOwner>& owner,
         key = session_->keyOf(name, lease);
         {
           ZUMutexLock lock(claimMutex_);
-          if (claim_ == Claim::lost) throw lostError(lostReason_, __LINE__);
+          if (claim_ == Claim::Lost) throw lostError(lostReason_, __LINE__);
           lease_ = lease;
           key_ = key;
         }
         token = session_->client().put(key, session_->config().robot, lease);
         ZUMutexLock lock(claimMutex_);
-        if (claim_ == Claim::waiting) token_ = token;  // queued
+        if (claim_ == Claim::Waiting) token_ = token;  // queued
         break;
       } catch (const ZUEtcdError& e) {
         // Turned down: the lease expired before the key was put.
@@ -154,9 +162,7 @@ bool ZUResourceFleet::acquireFleet(const boost::shared_ptr<ZUOwner>& owner,
           session_->lose(lease, "etcd turned the key's put down: " + e.getDescription());
         // Refused: nothing listens there. Otherwise etcd may answer in time.
         if (e.refused() || Clock::now() + kPoll >= deadline)
-          throw ZUError("ZUResourceFleet", "waitFor",
-                        "etcd unreachable while asking for " + name + ": " + e.getDescription(),
-                        kFile, __LINE__);
+          throw unreachableError("asking for " + name, e, __LINE__);
         std::this_thread::sleep_for(kPoll);
       }
     }
@@ -169,9 +175,9 @@ bool ZUResourceFleet::acquireFleet(const boost::shared_ptr<ZUOwner>& owner,
     failIfLost(lease);
     {
       ZUMutexLock lock(claimMutex_);
-      if (claim_ == Claim::lost) throw lostError(lostReason_, __LINE__);
+      if (claim_ == Claim::Lost) throw lostError(lostReason_, __LINE__);
       if (isFree()) throw waitError(contract::kStopWhileWaiting, __LINE__);
-      claim_ = Claim::held;
+      claim_ = Claim::Held;
       token_ = token;
       claimChanged_.notify_all();
     }
@@ -182,7 +188,7 @@ bool ZUResourceFleet::acquireFleet(const boost::shared_ptr<ZUOwner>& owner,
     boost::shared_ptr<ZUOwner> holder = copyOwner();
     if (!holder || (holder->name != owner->name && !holder->isParent(owner))) {
       ZUMutexLock lock(claimMutex_);
-      if (claim_ != Claim::held || token_ != token) throw lostError(lostReason_, __LINE__);
+      if (claim_ != Claim::Held || token_ != token) throw lostError(lostReason_, __LINE__);
       throw waitError(contract::kStopWhileWaiting, __LINE__);
     }
   } catch (...) {
@@ -219,14 +225,13 @@ bool ZUResourceFleet::awaitTurn(const ZUOwner& owner, std::int64_t lease, std::i
         // whose key is gone (its lease expired while it could not renew it,
         // frozen or cut off) has lost its place: the keys ahead of it may be
         // gone too, and another robot served meanwhile.
-        const std::vector<ZUEtcdKeyValue> keys =
-            session_->client().range(prefix, end, token, 2);
+        const std::vector<ZUEtcdKeyValue> keys = session_->client().range(prefix, end, token, 2);
         unreachable.reset();
         lastRead = Clock::now();
         if (keys.empty() || keys.front().createRevision != token) {
-          session_->lose(lease, "the robot's key left the queue (its lease expired)");
+          session_->lose(lease, kKeyLeft);
           failIfLost(lease);
-          throw lostError("the robot's key left the queue (its lease expired)", __LINE__);
+          throw lostError(kKeyLeft, __LINE__);
         }
         if (keys.size() == 1) return true;
         if (noWait) return false;
@@ -240,11 +245,7 @@ bool ZUResourceFleet::awaitTurn(const ZUOwner& owner, std::int64_t lease, std::i
     if (isFree()) throw waitError(contract::kStopWhileWaiting, __LINE__);
     const Clock::time_point now = Clock::now();
     if (now >= deadline) {
-      if (unreachable)
-        throw ZUError(
-            "ZUResourceFleet", "waitFor",
-            "etcd unreachable while waiting for " + name + ": " + unreachable->getDescription(),
-            kFile, __LINE__);
+      if (unreachable) throw unreachableError("waiting for " + name, *unreachable, __LINE__);
       throw waitError(contract::waitTimedOut(name), __LINE__);
     }
     const Clock::time_point until = std::min(deadline, now + kPoll);
@@ -260,11 +261,11 @@ bool ZUResourceFleet::awaitTurn(const ZUOwner& owner, std::int64_t lease, std::i
 void ZUResourceFleet::failIfLost(std::int64_t lease) {
   {
     ZUMutexLock lock(claimMutex_);
-    if (claim_ == Claim::lost) throw lostError(lostReason_, __LINE__);
+    if (claim_ == Claim::Lost) throw lostError(lostReason_, __LINE__);
   }
   if (std::optional<std::string> reason = session_->lossOf(lease)) {
     ZUMutexLock lock(claimMutex_);
-    throw lostError(claim_ == Claim::lost ? lostReason_ : *reason, __LINE__);
+    throw lostError(claim_ == Claim::Lost ? lostReason_ : *reason, __LINE__);
   }
 }
 
@@ -285,9 +286,9 @@ void ZUResourceFleet::abandon(const boost::shared_ptr<ZUOwner>& owner) {
   std::string key;
   {
     ZUMutexLock lock(claimMutex_);
-    if (claim_ == Claim::waiting || claim_ == Claim::lost) {
+    if (claim_ == Claim::Waiting || claim_ == Claim::Lost) {
       key.swap(key_);
-      claim_ = Claim::none;
+      claim_ = Claim::None;
       lease_ = token_ = 0;
       claimChanged_.notify_all();
     }
@@ -310,7 +311,7 @@ void ZUResourceFleet::tell(const boost::shared_ptr<ZUOwner>& holder) {
 void ZUResourceFleet::contenderArrived(const ZUEtcdKeyValue& kv) {
   {
     ZUMutexLock lock(claimMutex_);
-    if (claim_ != Claim::held || kv.createRevision <= token_ || kv.lease == lease_) return;
+    if (claim_ != Claim::Held || kv.createRevision <= token_ || kv.lease == lease_) return;
   }
   tell(copyOwner());
 }
@@ -319,11 +320,11 @@ void ZUResourceFleet::leaseLost(std::int64_t lease, const std::string& reason) {
   boost::shared_ptr<ZUOwner> holder;
   {
     ZUMutexLock lock(claimMutex_);
-    if ((claim_ != Claim::waiting && claim_ != Claim::held) || lease_ != lease) return;
-    const bool held = claim_ == Claim::held;
+    if ((claim_ != Claim::Waiting && claim_ != Claim::Held) || lease_ != lease) return;
+    const bool held = claim_ == Claim::Held;
     // A wait learns of the loss from the claim and fails; a grant is taken
     // back here.
-    claim_ = held ? Claim::none : Claim::lost;
+    claim_ = held ? Claim::None : Claim::Lost;
     lostReason_ = reason;
     key_.clear();
     lease_ = token_ = 0;

@@ -100,7 +100,7 @@ class ZUResourceFleet : public ZUResource {
   ZUResourceFleet(const std::string& name, boost::shared_ptr<ZUResource> parent,
                   boost::shared_ptr<ZUFleetSession> session);
 
-  enum class Claim { none, waiting, held, lost };
+  enum class Claim { None, Waiting, Held, Lost };
   using Clock = std::chrono::steady_clock;
 
   /// Takes the fleet lock for the local holder `owner`. Returns false when it
@@ -133,7 +133,7 @@ class ZUResourceFleet : public ZUResource {
   /// Guards the fields below; `claimChanged_` signals every change of claim_.
   mutable ZUMutex claimMutex_;
   std::condition_variable claimChanged_;
-  Claim claim_ ZU_GUARDED_BY(claimMutex_) = Claim::none;
+  Claim claim_ ZU_GUARDED_BY(claimMutex_) = Claim::None;
   /// The robot's key and its lease while waiting or holding, else empty / 0.
   std::string key_ ZU_GUARDED_BY(claimMutex_);
   std::int64_t lease_ ZU_GUARDED_BY(claimMutex_) = 0;

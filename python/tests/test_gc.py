@@ -11,26 +11,13 @@ def threads():
     return len(os.listdir("/proc/self/task"))
 
 
-def test_an_unreachable_observer_holder_is_collected_and_no_longer_called():
-    calls = []
-
-    class Watcher:
-        def __init__(self):
-            self.observer = zr.Observer(self.on_event)
-
-        def on_event(self, event):
-            calls.append(event["kind"])
-    watcher = weakref.ref(Watcher())
-    gc.collect()
-    zr.Resource("Head").wait_for(zr.Owner("a", "A"))
-    assert (watcher(), calls) == (None, [])
-
-
 class Behaviour:
-    """Holds its broker, whose module's handler reaches back to it."""
+    """Holds its broker, whose module's handler reaches back to it, and an
+    observer whose callback does too."""
 
-    def __init__(self, handler):
+    def __init__(self, handler, seen):
         self.broker, self.calls = zr.Broker(), []
+        self.observer = zr.Observer(lambda event: seen.append((event["kind"], len(self.calls))))
         self.module = self.broker.add_module("A", handler(self))
         self.owner = zr.Owner("a", "A", self.broker)
 
@@ -47,7 +34,8 @@ HANDLERS = [
 
 @pytest.mark.parametrize("handler", [h[1] for h in HANDLERS], ids=[h[0] for h in HANDLERS])
 def test_a_behaviour_holding_its_broker_is_freed_with_module_and_task_thread(handler):
-    before, head, behaviour = threads(), zr.Resource("Head"), Behaviour(handler)
+    before, head, seen = threads(), zr.Resource("Head"), []
+    behaviour = Behaviour(handler, seen)
     head.wait_for(behaviour.owner)
     with pytest.raises(zr.Error):
         head.wait_for(zr.Owner("b", "B"), timeout=0)
@@ -58,3 +46,6 @@ def test_a_behaviour_holding_its_broker_is_freed_with_module_and_task_thread(han
     del behaviour
     gc.collect()
     assert (freed(), threads()) == (None, before)
+    told = len(seen)
+    zr.Resource("Leg").wait_for(zr.Owner("x", "X"))  # the observer is no longer called
+    assert len(seen) == told > 0

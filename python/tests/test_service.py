@@ -1,11 +1,9 @@
 """The Python client of the resource service, against a real zuresourced."""
 import os
+import queue
 import signal
 import subprocess
-import sys
 import tempfile
-import threading
-import time
 
 import pytest
 
@@ -33,15 +31,6 @@ def holders(session, leaf):
         if resource["name"] == leaf:
             return resource["holders"]
     raise KeyError(leaf)
-
-
-def eventually(condition, seconds=30.0):
-    deadline = time.monotonic() + seconds
-    while time.monotonic() < deadline:
-        if condition():
-            return True
-        time.sleep(0.02)
-    return condition()
 
 
 def test_acquired_holds_in_the_block_and_gives_back_after(service):
@@ -97,46 +86,22 @@ def test_holder_told_it_is_wanted_lets_go_from_its_handler(service):
     holder.close()
 
 
-HOLDER = """if True:
-    import sys, time, zuresource as zr
-    session = zr.ServiceSession("Holder", sys.argv[1])
-    held = session.acquire("holder", "Legs", timeout=5)
-    print("granted", flush=True)
-    time.sleep(600)
-"""
-
-
-def test_killed_python_holder_leaves_nothing(service):
-    target, _ = service
-    holder = subprocess.Popen([sys.executable, "-c", HOLDER, target], stdout=subprocess.PIPE,
-                              text=True)
-    try:
-        assert holder.stdout.readline() == "granted\n"
-        with zr.ServiceSession("Waiter", target) as waiter:
-            kept = []
-            got = threading.Thread(
-                target=lambda: kept.append(waiter.acquire("walker", "Legs", timeout=60)))
-            got.start()
-            assert eventually(lambda: len(waiter.snapshot()["waits"]) == 1)
-            holder.kill()
-            got.join(timeout=60)
-            assert holders(waiter, "LeftLeg") == ["walker"]
-    finally:
-        holder.kill()
-        holder.wait()
-
-
-def test_stopped_service_ends_the_session_and_the_acquisition_knows(service):
+@pytest.mark.parametrize("stop", [signal.SIGTERM, signal.SIGKILL])
+def test_stopped_or_killed_service_ends_the_session_and_the_acquisition_knows(service, stop):
     target, process = service
-    ended = threading.Event()
-    session = zr.ServiceSession("Holder", target, on_ended=lambda notice: ended.set())
+    ended = queue.Queue()
+    session = zr.ServiceSession("Holder", target, on_ended=ended.put)
     with pytest.raises(zr.ServiceError) as lost:
         with session.acquired("holder", "Head", timeout=5) as held:
-            process.send_signal(signal.SIGTERM)
-            assert ended.wait(30)
+            process.send_signal(stop)
+            notice = ended.get(timeout=30)
             assert held.lost
-            assert held.lost_reason == "the service is stopping"
+            reason = held.lost_reason
     assert not session.alive
-    assert "the service is stopping" in lost.value.reason
-    assert process.wait(timeout=30) == 0
+    assert process.wait(timeout=30) == (0 if stop == signal.SIGTERM else -stop)
+    assert notice.code == "UNAVAILABLE"
+    assert lost.value.code == "ABORTED"
+    if stop == signal.SIGTERM:
+        assert reason == notice.reason == "the service is stopping"
+        assert "the service is stopping" in lost.value.reason
     session.close()

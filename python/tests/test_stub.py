@@ -24,29 +24,17 @@ def stub_functions():
                     yield f"{node.name}.{item.name}", node.name, item
 
 
-def split_top_level(text):
-    parts, depth, current = [], 0, ""
-    for c in text:
-        depth += (c in "[(") - (c in "])")
-        if c == "," and depth == 0:
-            parts.append(current.strip())
-            current = ""
-        else:
-            current += c
-    return parts + [current.strip()] if current.strip() else parts
-
-
-def module_parameters(function):
-    """[(name, has_default)] from the signature line that pybind11 writes first in the doc."""
-    line = function.__doc__.split("\n", 1)[0]
-    inside = line[line.index("(") + 1:line.rindex(") ->")]
-    return [(p.split(":")[0].split("=")[0].strip(), "=" in p) for p in split_top_level(inside)]
-
-
-def stub_parameters(node):
+def parameters(node):
+    """[(name, has_default)] of a function's definition."""
     args = node.args.posonlyargs + node.args.args
     defaults = [False] * (len(args) - len(node.args.defaults)) + [True] * len(node.args.defaults)
     return [(a.arg, d) for a, d in zip(args, defaults)]
+
+
+def module_parameters(function):
+    """Those of the signature line that pybind11 writes first in the doc (less its return type)."""
+    line = function.__doc__.split("\n", 1)[0]
+    return parameters(ast.parse(f"def {line[:line.rindex(') ->') + 1]}: pass").body[0])
 
 
 FUNCTIONS = [f for f in stub_functions() if f[0] not in SPELLED_OUT]
@@ -55,4 +43,4 @@ FUNCTIONS = [f for f in stub_functions() if f[0] not in SPELLED_OUT]
 @pytest.mark.parametrize("name,cls,node", FUNCTIONS, ids=[f[0] for f in FUNCTIONS])
 def test_the_stub_takes_the_parameters_the_module_takes(name, cls, node):
     owner = getattr(zr, cls) if cls else zr
-    assert stub_parameters(node) == module_parameters(getattr(owner, node.name))
+    assert parameters(node) == module_parameters(getattr(owner, node.name))

@@ -812,7 +812,8 @@ void ZUServer::start() {
                   __LINE__);
   }
   impl_->address_ = impl_->options_.listen;
-  if (port > 0) {
+  // gRPC says port 1 for a Unix socket: only a TCP address has a port to fill in.
+  if (port > 0 && impl_->address_.rfind("unix:", 0) != 0) {
     const auto colon = impl_->address_.rfind(':');
     impl_->address_ = impl_->address_.substr(0, colon + 1) + std::to_string(port);
   }

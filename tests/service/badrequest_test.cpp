@@ -55,17 +55,22 @@ grpc::Status release(pb::ResourceService::Stub& stub, const std::string& session
   return stub.Release(&context, request, &reply);
 }
 
-grpc::Status hello(pb::ResourceService::Stub& stub, const std::string& module) {
+/// A session stream that says `messages` and then nothing more: its status.
+grpc::Status session(pb::ResourceService::Stub& stub, const std::vector<pb::SessionRequest>& messages) {
   grpc::ClientContext context;
   auto stream = stub.Session(&context);
-  pb::SessionRequest request;
-  request.mutable_hello()->set_module(module);
-  stream->Write(request);
+  for (const auto& message : messages) stream->Write(message);
+  stream->WritesDone();
   pb::SessionEvent event;
-  if (stream->Read(&event)) context.TryCancel();
   while (stream->Read(&event)) {
   }
   return stream->Finish();
+}
+
+pb::SessionRequest hello(const std::string& module) {
+  pb::SessionRequest request;
+  request.mutable_hello()->set_module(module);
+  return request;
 }
 
 const std::string kHuge(1 << 20, 'x');
@@ -120,12 +125,18 @@ const Row kRows[] = {
        pb::JsonReply reply;
        return s.Explain(&context, request, &reply);
      }},
+    {"a 5 MB request", StatusCode::RESOURCE_EXHAUSTED,
+     [](auto& s, const Ids& i) { return acquire(s, i.session, std::string(5 << 20, 'x'), "Head", 1); }},
     {"hello with an empty module", StatusCode::INVALID_ARGUMENT,
-     [](auto& s, const Ids&) { return hello(s, ""); }},
+     [](auto& s, const Ids&) { return session(s, {hello("")}); }},
     {"hello with a 1 MB module", StatusCode::INVALID_ARGUMENT,
-     [](auto& s, const Ids&) { return hello(s, kHuge); }},
+     [](auto& s, const Ids&) { return session(s, {hello(kHuge)}); }},
     {"hello with a module in use", StatusCode::ALREADY_EXISTS,
-     [](auto& s, const Ids&) { return hello(s, "Mine"); }},
+     [](auto& s, const Ids&) { return session(s, {hello("Mine")}); }},
+    {"a first message that is no hello", StatusCode::INVALID_ARGUMENT,
+     [](auto& s, const Ids&) { return session(s, {pb::SessionRequest()}); }},
+    {"hello twice", StatusCode::INVALID_ARGUMENT,
+     [](auto& s, const Ids&) { return session(s, {hello("Twice"), hello("Twice")}); }},
 };
 
 TEST(BadRequest, RefusedWithTheRightStatusAndNothingChanged) {

@@ -6,8 +6,9 @@
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -62,35 +63,23 @@ std::unique_ptr<ChildProcess> startService(const std::string& dir, const std::st
   return process;
 }
 
-struct NotifyRow {
-  const char* what;
-  bool abstract;
-};
-
-class NotifyTest : public ::testing::TestWithParam<NotifyRow> {};
-
-TEST_P(NotifyTest, ReadyOnlyOnceItAnswersAndStoppingOnTerm) {
-  TempDir dir;
-  const std::string name = GetParam().abstract
-                               ? "@zutest-notify-" + std::to_string(::getpid())
-                               : dir.path() + "/notify";
-  ManagerSocket manager(name);
-  ASSERT_TRUE(manager.bound()) << name;
-  auto service = startService(dir.path(), name);
-
-  ASSERT_EQ(manager.receive(), "READY=1");
-  // Ready means a client is served now, not after some retry.
-  ZU::client::ZUClient client("unix:" + dir.path() + "/zuresource.sock");
-  EXPECT_NO_THROW(client.status());
-
-  service->signal(SIGTERM);
-  EXPECT_EQ(manager.receive(), "STOPPING=1");
-  EXPECT_EQ(service->wait(), 0);
+// The manager's socket a path or an abstract name.
+TEST(NotifyTest, ReadyOnlyOnceItAnswersAndStoppingOnTerm) {
+  for (const bool abstract : {false, true}) {
+    TempDir dir;
+    const std::string name =
+        abstract ? "@zutest-notify-" + std::to_string(::getpid()) : dir.path() + "/notify";
+    ManagerSocket manager(name);
+    ASSERT_TRUE(manager.bound()) << name;
+    auto service = startService(dir.path(), name);
+    ASSERT_EQ(manager.receive(), "READY=1") << name;
+    // Ready means a client is served now, not after some retry.
+    EXPECT_NO_THROW(ZU::client::ZUClient("unix:" + dir.path() + "/zuresource.sock").status());
+    service->signal(SIGTERM);
+    EXPECT_EQ(manager.receive(), "STOPPING=1") << name;
+    EXPECT_EQ(service->wait(), 0) << name;
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(Sockets, NotifyTest,
-                         ::testing::Values(NotifyRow{"path", false}, NotifyRow{"abstract", true}),
-                         [](const auto& info) { return std::string(info.param.what); });
 
 // A manager socket that is gone, or a name that is no socket at all, is ignored.
 TEST(NotifyTest, UnreachableManagerIsIgnored) {

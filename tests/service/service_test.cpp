@@ -1,14 +1,16 @@
 // The service with real processes on real sockets: a zuresourced per test,
 // clients in this process and in processes of their own.
 
-#include <atomic>
+#include <unistd.h>
+
 #include <chrono>
 #include <csignal>
+#include <cstring>
+#include <fstream>
 #include <functional>
 #include <future>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -18,6 +20,7 @@
 #include <zuprotocol/zuresource.grpc.pb.h>
 
 #include "support/childprocess.h"
+#include "support/resourcehelpers.h"
 #include "support/runningservice.h"
 #include "support/threads.h"
 
@@ -33,15 +36,8 @@ using zutest::ChildProcess;
 using zutest::RunningService;
 
 /// Far longer than anything here should take, even in a sanitizer build.
-constexpr auto kEventually = 30s;
-
 bool eventually(const std::function<bool()>& condition) {
-  const auto deadline = std::chrono::steady_clock::now() + kEventually;
-  while (std::chrono::steady_clock::now() < deadline) {
-    if (condition()) return true;
-    std::this_thread::sleep_for(20ms);
-  }
-  return condition();
+  return zutest::waitUntil(condition, 30000);
 }
 
 /// The waits the service's snapshot shows now.
@@ -102,44 +98,38 @@ TEST_F(ServiceTest, HolderToldItIsWantedLetsGoAndTheWaiterIsGranted) {
   EXPECT_EQ(holderOf(waiter, "RightArm"), "hug");
 }
 
-// A client killed while it holds leaves nothing held; killed while it waits,
-// its wait ends, and the resource does not go to it later.
-TEST_F(ServiceTest, KilledClientLeavesNothing) {
-  ZUSession observer("Observer", {}, service.target());
-  {
-    auto holder = client(service, "Holder", "hold", "holder", "Legs");
+// Client processes killed or frozen, one holding and one waiting: a frozen
+// one is given up after about one keepalive, and learns it once it runs
+// again. What it held goes to the waiter behind it, its wait ends, and
+// nothing goes to it later.
+TEST_F(ServiceTest, LostClientLeavesNothing) {
+  ZUSession here("Here", {}, service.target());
+  for (const int signal : {SIGKILL, SIGSTOP}) {
+    SCOPED_TRACE(strsignal(signal));
+    const std::string n = std::to_string(signal);
+    auto head = std::make_unique<ZUAcquisition>(here.acquire("here", "Head", 5));
+    auto holder = client(service, "Holder" + n, "hold", "holder" + n, "Legs");
+    auto waiter = client(service, "Waiter" + n, "wait", "waiter" + n, "Head");
     ASSERT_EQ(holder->lineStartingWith("granted"), "granted");
-    ZUSession waiter("Waiter", {}, service.target());
-    auto got = std::async(std::launch::async, [&] { return waiter.acquire("walker", "Legs", 60); });
-    ASSERT_TRUE(eventually([&] { return waitCount(observer) == 1; }));
-    holder->signal(SIGKILL);
-    auto acquisition = got.get();
-    EXPECT_EQ(holderOf(observer, "LeftLeg"), "walker");
+    ASSERT_EQ(waiter->lineStartingWith("waiting"), "waiting Head behind here");
+    auto gotLegs = std::async(std::launch::async, [&] { return here.acquire("here", "Legs", 60); });
+    ASSERT_TRUE(eventually([&] { return waitCount(here) == 2; }));
+    const auto start = std::chrono::steady_clock::now();
+    holder->signal(signal);
+    waiter->signal(signal);
+    const ZUAcquisition legs = gotLegs.get();
+    EXPECT_EQ(holderOf(here, "LeftLeg"), "here");
+    EXPECT_TRUE(eventually([&] { return waitCount(here) == 0; }));
+    head.reset();
+    EXPECT_EQ(holderOf(here, "Head"), "");
+    if (signal != SIGSTOP) continue;
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 500ms) << "given up, but not at once";
+    for (ChildProcess* lost : {holder.get(), waiter.get()}) {
+      lost->signal(SIGCONT);
+      EXPECT_EQ(lost->lineStartingWith("ended").rfind("ended UNAVAILABLE", 0), 0u)
+          << "a client given up learns that its session ended";
+    }
   }
-  ZUSession holder("Holder2", {}, service.target());
-  auto head = holder.acquire("holder2", "Head", 5);
-  auto waiter = client(service, "Waiter2", "wait", "waiter2", "Head");
-  ASSERT_EQ(waiter->lineStartingWith("waiting"), "waiting Head behind holder2");
-  waiter->signal(SIGKILL);
-  waiter->wait();
-  EXPECT_TRUE(eventually([&] { return waitCount(observer) == 0; }));
-  head.release();
-  EXPECT_EQ(holderOf(observer, "Head"), "");
-}
-
-TEST_F(ServiceTest, FrozenHolderIsGivenUpAfterTheKeepalive) {
-  auto holder = client(service, "Frozen", "hold", "frozen", "Head");
-  ASSERT_EQ(holder->lineStartingWith("granted"), "granted");
-  holder->signal(SIGSTOP);
-  ZUSession waiter("Waiter", {}, service.target());
-  const auto start = std::chrono::steady_clock::now();
-  auto got = waiter.acquire("waiter", "Head", 60);
-  // Given up after about one keepalive: not at once, not never.
-  EXPECT_GE(std::chrono::steady_clock::now() - start, 500ms);
-  EXPECT_EQ(holderOf(waiter, "Head"), "waiter");
-  holder->signal(SIGCONT);
-  EXPECT_EQ(holder->lineStartingWith("ended").rfind("ended UNAVAILABLE", 0), 0u)
-      << "a client given up learns that its session ended";
 }
 
 // A wait stopped by its client (a cancel, or the call's deadline) leaves
@@ -226,45 +216,94 @@ TEST_F(ServiceTest, HundredWaitsDoNotStarveTheService) {
   EXPECT_TRUE(eventually([&] { return waitCount(holder) == 0; }));
 }
 
+// A stream that never says hello is ended after a keepalive.
 TEST_F(ServiceTest, StreamThatSaysNoHelloIsEnded) {
-  auto channel = grpc::CreateChannel(service.target(), grpc::InsecureChannelCredentials());
-  auto stub = zuresource::v1::ResourceService::NewStub(channel);
+  auto stub = zuresource::v1::ResourceService::NewStub(
+      grpc::CreateChannel(service.target(), grpc::InsecureChannelCredentials()));
   grpc::ClientContext context;
   auto stream = stub->Session(&context);
   zuresource::v1::SessionEvent event;
   EXPECT_FALSE(stream->Read(&event));
-  const grpc::Status status = stream->Finish();
-  EXPECT_EQ(status.error_code(), grpc::StatusCode::DEADLINE_EXCEEDED);
+  EXPECT_EQ(stream->Finish().error_code(), grpc::StatusCode::DEADLINE_EXCEEDED);
 }
 
-TEST(ServiceStop, SigtermEndsEverySessionAndTheAcquisitionsKnow) {
-  RunningService service(ZURESOURCED);
-  ASSERT_TRUE(service.listening());
-  std::promise<grpc::Status> ended;
-  ZUSession::Handlers handlers;
-  handlers.onEnded = [&](const grpc::Status& status) { ended.set_value(status); };
-  ZUSession holder("Holder", handlers, service.target());
-  auto head = holder.acquire("holder", "Head", 5);
-  ZUSession waiter("Waiter", {}, service.target());
-  auto got = std::async(std::launch::async, [&] {
-    try {
-      waiter.acquire("waiter", "Head", 60);
-      return std::string("granted");
-    } catch (const std::exception& error) {
-      return std::string(error.what());
+// A start refused: a bad value exits 2 before anything starts; what cannot
+// be had (a port, a file, the socket of a service that runs) exits 1. Either
+// way no socket is left behind, and the running service still answers.
+struct RefusedStart {
+  std::vector<std::string> args;  // DIR: a fresh folder; RUNNING: a running service's address
+  int exit;
+};
+
+TEST(ServiceStart, RefusedStartsLeaveNoSocket) {
+  RunningService running(ZURESOURCED);
+  ASSERT_TRUE(running.listening());
+  const std::vector<RefusedStart> rows = {
+      {{"--http", "65536"}, 2}, {{"--http", "-1"}, 2}, {{"--http", "80x"}, 2},
+      {{"--http", ""}, 2}, {{"--http", "127.0.0.1:"}, 2}, {{"--http", ":8080"}, 2},
+      {{"--http", "192.0.2.1:0"}, 1},  // not an address of this machine
+      {{"--keepalive-ms", "99"}, 2},
+      {{"--tree", "DIR/cut.json"}, 2}, {{"--tree", "DIR/twice.json"}, 2},
+      {{"--tree", "DIR/none.json"}, 2},
+      {{"--record", "DIR/none/day.jsonl"}, 1},
+      {{"--listen", "RUNNING"}, 1}, {{"--listen", "unix:DIR/cut.json"}, 1},
+  };
+  for (RefusedStart row : rows) {
+    zutest::TempDir dir;
+    std::ofstream(dir.path() + "/cut.json") << R"({"resources": [{"name": "Head")";
+    std::ofstream(dir.path() + "/twice.json") << R"({"resources": [{"name": "A"}, {"name": "A"}]})";
+    std::string& value = row.args.back();
+    if (const auto at = value.find("DIR"); at != std::string::npos) value.replace(at, 3, dir.path());
+    if (value == "RUNNING") value = running.target();
+    SCOPED_TRACE(row.args.front() + " " + value);
+    const std::string socket = dir.path() + "/zuresource.sock";
+    row.args.insert(row.args.begin(), {"--listen", "unix:" + socket});
+    ChildProcess refused(ZURESOURCED, row.args);
+    EXPECT_EQ(refused.wait(), row.exit);
+    EXPECT_NE(::access(socket.c_str(), F_OK), 0);
+    EXPECT_EQ(::access((dir.path() + "/cut.json").c_str(), F_OK), 0) << "a file in the way stays";
+  }
+  EXPECT_NO_THROW(ZU::client::ZUClient(running.target()).status());
+}
+
+// The service stopped or killed under its clients: every session ends, a
+// holder learns that its acquisition is lost, a waiter is not granted.
+TEST(ServiceStop, StoppedOrKilledServiceEndsEverySessionAndTheAcquisitionsKnow) {
+  for (const int signal : {SIGTERM, SIGKILL}) {
+    SCOPED_TRACE(strsignal(signal));
+    RunningService service(ZURESOURCED);
+    ASSERT_TRUE(service.listening());
+    std::promise<grpc::Status> ended;
+    ZUSession::Handlers handlers;
+    handlers.onEnded = [&](const grpc::Status& status) { ended.set_value(status); };
+    ZUSession holder("Holder", handlers, service.target());
+    auto head = holder.acquire("holder", "Head", 5);
+    ZUSession waiter("Waiter", {}, service.target());
+    auto got = std::async(std::launch::async, [&] {
+      try {
+        waiter.acquire("waiter", "Head", 60);
+        return std::string("granted");
+      } catch (const std::exception& error) {
+        return std::string(error.what());
+      }
+    });
+    ASSERT_TRUE(eventually([&] { return waitCount(holder) == 1; }));
+    service.process().signal(signal);
+    const grpc::Status status = ended.get_future().get();
+    EXPECT_EQ(status.error_code(), grpc::StatusCode::UNAVAILABLE);
+    EXPECT_TRUE(head.lost());
+    const std::string reason = head.lostReason();
+    EXPECT_THROW(head.release(), ZUServiceError);
+    const std::string outcome = got.get();
+    EXPECT_EQ(outcome.rfind("UNAVAILABLE: ", 0), 0u)
+        << "a wait is not granted what a stopping service releases: " << outcome;
+    if (signal == SIGTERM) {
+      EXPECT_EQ(status.error_message(), "the service is stopping");
+      EXPECT_EQ(reason, "the service is stopping");
+      EXPECT_EQ(outcome, "UNAVAILABLE: the service is stopping");
+      EXPECT_EQ(service.process().wait(), 0);
     }
-  });
-  ASSERT_TRUE(eventually([&] { return waitCount(holder) == 1; }));
-  service.process().signal(SIGTERM);
-  const grpc::Status status = ended.get_future().get();
-  EXPECT_EQ(status.error_code(), grpc::StatusCode::UNAVAILABLE);
-  EXPECT_EQ(status.error_message(), "the service is stopping");
-  EXPECT_TRUE(head.lost());
-  EXPECT_EQ(head.lostReason(), "the service is stopping");
-  EXPECT_THROW(head.release(), ZUServiceError);
-  EXPECT_EQ(got.get(), "UNAVAILABLE: the service is stopping")
-      << "a wait is not granted what a stopping service releases";
-  EXPECT_EQ(service.process().wait(), 0);
+  }
 }
 
 }  // namespace

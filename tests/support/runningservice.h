@@ -21,7 +21,8 @@ class RunningService {
       : target_("unix:" + dir_.path() + "/zuresource.sock") {
     args.insert(args.begin(), {"--listen", target_});
     process_ = std::make_unique<ChildProcess>(program, args);
-    listening_ = !process_->lineStartingWith("zuresourced: listening").empty();
+    listening_ =
+        process_->lineStartingWith("zuresourced: listening") == "zuresourced: listening on " + target_;
   }
   ~RunningService() {
     if (!process_->ended()) {
@@ -30,7 +31,7 @@ class RunningService {
     }
   }
 
-  /// Whether it came up and said it listens.
+  /// Whether it came up and said it listens on its socket.
   bool listening() const { return listening_; }
   /// "unix:/tmp/zutest.../zuresource.sock"
   const std::string& target() const { return target_; }

@@ -164,7 +164,7 @@ void Stage::waitIdle() const {
 
 void Stage::cutOff(int robot, bool on) const {
   for (const auto& relay : relays_[robot])
-    relay->setMode(on ? ZU::ZUTcpRelay::Mode::refuse : ZU::ZUTcpRelay::Mode::pass);
+    relay->setMode(on ? ZU::ZUTcpRelay::Mode::Refuse : ZU::ZUTcpRelay::Mode::Pass);
 }
 
 void Stage::etcdDown() { etcd_->kill(0); }

@@ -95,7 +95,7 @@ ZUTcpRelay::ZUTcpRelay(const std::string& upstream) {
   port_ = portOf(listener);
   ::close(listener);  // the thread listens on the same port
   thread_ = std::thread([this] { run(); });
-  setMode(Mode::pass);
+  setMode(Mode::Pass);
 }
 
 ZUTcpRelay::~ZUTcpRelay() {
@@ -124,7 +124,7 @@ void ZUTcpRelay::setMode(Mode mode) {
 void ZUTcpRelay::run() {
   int listener = -1;
   std::vector<Link> links;
-  Mode mode = Mode::refuse;
+  Mode mode = Mode::Refuse;
   char buffer[65536];
   for (;;) {
     unsigned ticket;
@@ -134,7 +134,7 @@ void ZUTcpRelay::run() {
       ticket = requested_;
       if (mode_ != mode) {
         mode = mode_;
-        if (mode == Mode::refuse) {
+        if (mode == Mode::Refuse) {
           if (listener >= 0) ::close(listener);
           listener = -1;
           for (const Link& link : links) {
@@ -150,7 +150,7 @@ void ZUTcpRelay::run() {
       applied_.notify_all();
     }
     std::vector<pollfd> fds{{wake_[0], POLLIN, 0}};
-    if (mode == Mode::pass) {
+    if (mode == Mode::Pass) {
       if (listener >= 0) fds.push_back({listener, POLLIN, 0});
       for (const Link& link : links) {
         fds.push_back({link.client, POLLIN, 0});

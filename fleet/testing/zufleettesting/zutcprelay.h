@@ -22,7 +22,7 @@ namespace ZU {
 /// mode is guarded by `mutex_`.
 class ZUTcpRelay {
  public:
-  enum class Mode { pass, hold, refuse };
+  enum class Mode { Pass, Hold, Refuse };
 
   /// Relays to `upstream` ("http://HOST:PORT"). Throws ZUError when it
   /// cannot listen or `upstream` is not of that form or not found.
@@ -52,7 +52,7 @@ class ZUTcpRelay {
   ZUMutex mutex_;
   /// Signals that done_ moved on.
   std::condition_variable applied_;
-  Mode mode_ ZU_GUARDED_BY(mutex_) = Mode::pass;
+  Mode mode_ ZU_GUARDED_BY(mutex_) = Mode::Pass;
   unsigned requested_ ZU_GUARDED_BY(mutex_) = 0;  // changes asked
   unsigned done_ ZU_GUARDED_BY(mutex_) = 0;       // changes applied
   bool stopping_ ZU_GUARDED_BY(mutex_) = false;
