@@ -49,6 +49,18 @@ std::shared_ptr<ZUSession> holdSession(ZUSession* session) {
   });
 }
 
+/// A read of the service that answers JSON, made with the GIL let go, as
+/// Python's lists and dicts.
+template <std::string (ZUClient::*read)()>
+py::object jsonRead(ZUClient& client) {
+  std::string json;
+  {
+    GilReleased nogil;
+    json = (client.*read)();
+  }
+  return py::module_::import("json").attr("loads")(json);
+}
+
 /// The timeout on the wire: Python's -1 (or any negative) for no limit is 0.
 int wireTimeout(int timeout) {
   if (timeout == 0) {
@@ -188,28 +200,10 @@ void registerService(py::module_& m) {
       .def_property_readonly("target", &ZUClient::target)
       .def("status", &ZUClient::status, py::call_guard<GilReleased>(),
            "Every root's status lines.")
-      .def(
-          "status_values",
-          [](ZUClient& c) {
-            std::string json;
-            {
-              GilReleased nogil;
-              json = c.statusValuesJson();
-            }
-            return py::module_::import("json").attr("loads")(json);
-          },
-          "Every root's status value, as lists and strings.")
-      .def(
-          "snapshot",
-          [](ZUClient& c) {
-            std::string json;
-            {
-              GilReleased nogil;
-              json = c.snapshotJson();
-            }
-            return py::module_::import("json").attr("loads")(json);
-          },
-          "The snapshot, as the recording's JSON form (a dict).")
+      .def("status_values", &jsonRead<&ZUClient::statusValuesJson>,
+           "Every root's status value, as lists and strings.")
+      .def("snapshot", &jsonRead<&ZUClient::snapshotJson>,
+           "The snapshot, as the recording's JSON form (a dict).")
       .def(
           "explain",
           [](ZUClient& c, const std::string& owner, const std::string& resource,

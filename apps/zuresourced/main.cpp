@@ -6,7 +6,6 @@
 #include <csignal>
 #include <cstring>
 #include <iostream>
-#include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -133,7 +132,6 @@ int main(int argc, char** argv) {
 
   try {
     ZU::ZUManager manager(tree);
-    std::unique_ptr<ZU::ZURecorder> recorder;
     boost::shared_ptr<ZU::ZURecorder> recording;
     if (!recordFile.empty()) {
       recording = boost::make_shared<ZU::ZURecorder>(recordFile);

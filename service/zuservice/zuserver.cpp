@@ -50,34 +50,28 @@ void checkName(const char* what, const std::string& name) {
   if (!problem.empty()) refuse(StatusCode::INVALID_ARGUMENT, problem);
 }
 
-/// The status a manager's refusal maps to.
-grpc::Status statusOf(const ZUManagerError& error) {
-  StatusCode code = StatusCode::INVALID_ARGUMENT;
-  switch (error.code()) {
-    case ZUManagerError::Code::EmptyName:
-    case ZUManagerError::Code::BadArgument:
-      code = StatusCode::INVALID_ARGUMENT;
-      break;
-    case ZUManagerError::Code::UnknownResource:
-    case ZUManagerError::Code::UnknownOwner:
-      code = StatusCode::NOT_FOUND;
-      break;
-    case ZUManagerError::Code::UnknownModule:
-    case ZUManagerError::Code::NotAState:
-      code = StatusCode::FAILED_PRECONDITION;
-      break;
-    case ZUManagerError::Code::ModuleExists:
-      code = StatusCode::ALREADY_EXISTS;
-      break;
-    case ZUManagerError::Code::OtherModule:
-    case ZUManagerError::Code::PermissionDenied:
-      code = StatusCode::PERMISSION_DENIED;
-      break;
-    case ZUManagerError::Code::Unauthenticated:
-      code = StatusCode::UNAUTHENTICATED;
-      break;
+/// The status code a manager's refusal maps to.
+StatusCode codeOf(ZUManagerError::Code code) {
+  using Code = ZUManagerError::Code;
+  switch (code) {
+    case Code::EmptyName:
+    case Code::BadArgument:
+      return StatusCode::INVALID_ARGUMENT;
+    case Code::UnknownResource:
+    case Code::UnknownOwner:
+      return StatusCode::NOT_FOUND;
+    case Code::UnknownModule:
+    case Code::NotAState:
+      return StatusCode::FAILED_PRECONDITION;
+    case Code::ModuleExists:
+      return StatusCode::ALREADY_EXISTS;
+    case Code::OtherModule:
+    case Code::PermissionDenied:
+      return StatusCode::PERMISSION_DENIED;
+    case Code::Unauthenticated:
+      return StatusCode::UNAUTHENTICATED;
   }
-  return grpc::Status(code, error.getDescription());
+  return StatusCode::INVALID_ARGUMENT;
 }
 
 /// Runs `body`, turning refusals and errors into a status.
@@ -89,7 +83,7 @@ grpc::Status guarded(Body&& body) {
   } catch (const Refusal& refusal) {
     return refusal.status;
   } catch (const ZUManagerError& error) {
-    return statusOf(error);
+    return grpc::Status(codeOf(error.code()), error.getDescription());
   } catch (const ZUError& error) {
     return grpc::Status(StatusCode::ABORTED, error.getDescription());
   } catch (const std::exception& error) {
