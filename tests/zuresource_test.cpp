@@ -21,33 +21,19 @@
 #include "support/asyncrun.h"
 #include "support/resourcehelpers.h"
 
-namespace zutest {
+namespace {
 
-/// A test owner whose conflict() answers from a script and counts its calls.
-/// Thread safe: the counters are atomic, the script immutable (and must itself
-/// be thread safe when several threads contest the owner).
+/// A test owner whose conflict() answers from a script (declines by default)
+/// and counts its calls. The counter is atomic, the script immutable.
 class ScriptedOwner final : public ZU::ZUOwner {
  public:
   /// conflict()'s answer for a resource name and a requester; may throw.
   using Script = std::function<bool(const std::string&, const boost::shared_ptr<ZU::ZUOwner>&)>;
 
-  static Script decline() {
-    return [](auto&, auto&) { return false; };
-  }
-  static Script yield() {
-    return [](auto&, auto&) { return true; };
-  }
-  /// Throws ZUError ("ScriptedOwner", "conflict", "scripted failure").
-  static Script fail() {
-    return [](auto&, auto&) -> bool {
-      throw ZU::ZUError("ScriptedOwner", "conflict", "scripted failure", "tests/support", 0);
-    };
-  }
-
   /// ownerType "eScripted", mutexes of its own, `waiters` left invalid.
-  static boost::shared_ptr<ScriptedOwner> create(const std::string& name,
-                                                 const std::string& moduleName,
-                                                 Script script = decline()) {
+  static boost::shared_ptr<ScriptedOwner> create(
+      const std::string& name, const std::string& moduleName,
+      Script script = [](auto&, auto&) { return false; }) {
     return boost::make_shared<ScriptedOwner>(name, moduleName, std::move(script));
   }
 
@@ -77,19 +63,14 @@ class ScriptedOwner final : public ZU::ZUOwner {
   int conflicts() const { return conflicts_.load(); }
 
  private:
-  const Script script_;            // immutable
-  std::atomic<int> conflicts_{0};  // atomic
+  const Script script_;
+  std::atomic<int> conflicts_{0};
 };
-
-}  // namespace zutest
-
-namespace {
 
 using ZU::ZUResource;
 using OwnerPtr = boost::shared_ptr<ZU::ZUOwner>;
 using Names = std::vector<std::string>;
 using zutest::errorOf;
-using zutest::ScriptedOwner;
 
 OwnerPtr strong(const std::string& name) { return zutest::makeOwner(name, name + "Module"); }
 
@@ -135,7 +116,9 @@ TEST_F(ResourceTest, WaitForAsksOnlyOtherHoldersAndTheirErrorLeavesTheHolder) {
   EXPECT_EQ(impostor->conflicts(), 1);
   EXPECT_EQ(head->currentOwner.load(), box);
 
-  auto holder = ScriptedOwner::create("box", "Walker", ScriptedOwner::fail());
+  auto holder = ScriptedOwner::create("box", "Walker", [](auto&, auto&) -> bool {
+    throw ZU::ZUError("ScriptedOwner", "conflict", "scripted failure", "tests", 0);
+  });
   head->switchOwner(holder, "", 0);
   EXPECT_TRUE(acquire(holder).empty());
   EXPECT_TRUE(acquire(ScriptedOwner::create("box", "Other")).empty());  // a namesake
@@ -152,7 +135,7 @@ TEST_F(ResourceTest, NoWaitListGivesUpOnlyWhenBusyAndListed) {
   EXPECT_TRUE(acquire(box, Names{"Head"}).empty()) << "free and listed: taken";
   EXPECT_EQ(head->currentOwner.load(), box);
 
-  auto yielder = ScriptedOwner::create("yielder", "Walker", ScriptedOwner::yield());
+  auto yielder = ScriptedOwner::create("yielder", "Walker", [](auto&, auto&) { return true; });
   head->switchOwner(yielder, "", 0);
   EXPECT_EQ(acquire(strong("req"), Names{"Arm", "Head"}), Names{"Head"});
   EXPECT_EQ(yielder->conflicts(), 0);

@@ -1,8 +1,6 @@
 // Resource groups: membership, queries and reports, then acquisition, which
 // walks the members.
-#include <atomic>
 #include <functional>
-#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -23,30 +21,16 @@
 #include "support/resourcehelpers.h"
 #include "support/threads.h"
 
-namespace zutest {
+namespace {
 
-/// Calls made on several resources, as "<resource>.<operation>", in order.
-/// Thread safe.
-class CallLog {
- public:
-  void add(const std::string& entry) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    entries_.push_back(entry);
-  }
-  std::vector<std::string> entries() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return entries_;
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<std::string> entries_;  // guarded by mutex_
-};
+/// Calls made on the members of a group, as "<resource>.<operation>", in
+/// order. The tests that record run in one thread.
+using CallLog = std::vector<std::string>;
 
 /// Stands in front of a plain resource of the same name: records waitFor,
 /// switchOwner, release and isResourceFree, then lets the inner resource
 /// answer (so its calls to itself are not recorded). Its waitFor can run an
-/// action first, or fail. Thread safe; set the action or failure before sharing.
+/// action first, or fail.
 class RecordingResource : public ZU::ZUResource {
  public:
   RecordingResource(const std::string& name, boost::shared_ptr<CallLog> log)
@@ -68,7 +52,7 @@ class RecordingResource : public ZU::ZUResource {
     if (action_) action_();
     if (failure_.empty()) return inner_->waitFor(owner, label, timeout, noWait);
     try {
-      throw ZU::ZUError("ResourceManager", "waitResource", failure_, "tests/support", 0);
+      throw ZU::ZUError("ResourceManager", "waitResource", failure_, "tests", 0);
     } catch (const ZU::ZUError& error) {
       lastError_ = &error;  // the very object that travels on
       throw;
@@ -87,29 +71,17 @@ class RecordingResource : public ZU::ZUResource {
     record("isResourceFree");
     return inner_->isResourceFree();
   }
-  bool isInGroup(const std::string& name) override { return inner_->isInGroup(name); }
   bool isResourceOwned(const std::string& m) override { return inner_->isResourceOwned(m); }
-  std::string httpGet(int depth) override { return inner_->httpGet(depth); }
-  ZU::ZUValue ownersGet() override { return inner_->ownersGet(); }
 
  private:
-  void record(const char* operation) { log_->add(name + "." + operation); }
+  void record(const char* operation) { log_->push_back(name + "." + operation); }
 
-  const boost::shared_ptr<ZU::ZUResource> inner_;  // immutable
-  const boost::shared_ptr<CallLog> log_;           // immutable
-  std::function<void()> action_;                   // set before sharing
-  std::string failure_;                            // set before sharing; empty: none
-  std::atomic<const ZU::ZUError*> lastError_{nullptr};
+  const boost::shared_ptr<ZU::ZUResource> inner_;
+  const boost::shared_ptr<CallLog> log_;
+  std::function<void()> action_;
+  std::string failure_;  // empty: none
+  const ZU::ZUError* lastError_ = nullptr;
 };
-
-inline boost::shared_ptr<RecordingResource> makeRecording(const std::string& name,
-                                                          boost::shared_ptr<CallLog> log) {
-  return boost::make_shared<RecordingResource>(name, std::move(log));
-}
-
-}  // namespace zutest
-
-namespace {
 
 using Names = std::vector<std::string>;
 using zutest::errorOf;
@@ -150,10 +122,10 @@ TEST(GroupMembershipTest, QueriesAndReportsNestAndDeleteTakesTheFirstMatch) {
 /// A group G of three recording members R1, R2, R3 sharing one log.
 class GroupAcquireTest : public ::testing::Test {
  protected:
-  boost::shared_ptr<zutest::CallLog> log = boost::make_shared<zutest::CallLog>();
-  boost::shared_ptr<zutest::RecordingResource> r1 = zutest::makeRecording("R1", log);
-  boost::shared_ptr<zutest::RecordingResource> r2 = zutest::makeRecording("R2", log);
-  boost::shared_ptr<zutest::RecordingResource> r3 = zutest::makeRecording("R3", log);
+  boost::shared_ptr<CallLog> log = boost::make_shared<CallLog>();
+  boost::shared_ptr<RecordingResource> r1 = boost::make_shared<RecordingResource>("R1", log);
+  boost::shared_ptr<RecordingResource> r2 = boost::make_shared<RecordingResource>("R2", log);
+  boost::shared_ptr<RecordingResource> r3 = boost::make_shared<RecordingResource>("R3", log);
   boost::shared_ptr<ZU::ZUResourceList> g = makeGroup("G", {r1, r2, r3});
   boost::shared_ptr<ZU::ZUOwner> owner = makeOwner("o", "M");
   boost::shared_ptr<ZU::ZUOwner> other = makeOwner("x", "X");
@@ -162,7 +134,7 @@ class GroupAcquireTest : public ::testing::Test {
 TEST_F(GroupAcquireTest, IsResourceFreeStopsAtTheFirstBusyMemberAndOwnedAsksEvery) {
   r2->inner()->waitFor(owner, "", 0, {});
   EXPECT_FALSE(g->isResourceFree());
-  EXPECT_EQ(log->entries(), (Names{"R1.isResourceFree", "R2.isResourceFree"}));
+  EXPECT_EQ(*log, (Names{"R1.isResourceFree", "R2.isResourceFree"}));
   EXPECT_FALSE(g->isResourceOwned("M"));
 }
 
@@ -172,7 +144,7 @@ TEST_F(GroupAcquireTest, EveryWalkTakesTheMembersInListOrder) {
   g->switchOwner(other, "", 0);
   EXPECT_TRUE(g->isResourceOwned("X"));
   g->release(owner);  // asks every member, also those the owner doesn't hold
-  EXPECT_EQ(log->entries(),
+  EXPECT_EQ(*log,
             (Names{"R1.waitFor", "R2.waitFor", "R3.waitFor", "R1.switchOwner", "R2.switchOwner",
                    "R3.switchOwner", "R1.release", "R2.release", "R3.release"}));
   EXPECT_TRUE(g->isResourceOwned("X"));
@@ -181,7 +153,7 @@ TEST_F(GroupAcquireTest, EveryWalkTakesTheMembersInListOrder) {
 TEST_F(GroupAcquireTest, NamesNotWaitedForAreJoinedInMemberOrderAndTheRestStaysHeld) {
   for (const auto& busy : {r1, r3}) busy->inner()->waitFor(other, "", 0, {});
   EXPECT_EQ(g->waitFor(owner, "", 0, {"R3", "R2", "R1"}), (Names{"R1", "R3"}));
-  EXPECT_EQ(log->entries(), (Names{"R1.waitFor", "R2.waitFor", "R3.waitFor"}));  // no release
+  EXPECT_EQ(*log, (Names{"R1.waitFor", "R2.waitFor", "R3.waitFor"}));  // no release
   EXPECT_TRUE(r1->isResourceOwned("X") && r2->isResourceOwned("M") && r3->isResourceOwned("X"));
 }
 
@@ -194,7 +166,7 @@ TEST_F(GroupAcquireTest, FailingMemberReleasesEveryMemberAndRethrowsTheVeryError
     EXPECT_EQ(&error, r2->lastError()) << "a copy was thrown on";
     EXPECT_EQ(error.getDescription(), "R2 gave up");
   }
-  EXPECT_EQ(log->entries(),
+  EXPECT_EQ(*log,
             (Names{"R1.waitFor", "R2.waitFor", "R1.release", "R2.release", "R3.release"}));
   EXPECT_TRUE(g->isResourceFree());
 
@@ -210,7 +182,7 @@ TEST_F(GroupAcquireTest, EveryLevelReleasesOnTheWayOut) {
   auto error = errorOf([&] { nested->waitFor(owner, "", 0, {}); });
   ASSERT_TRUE(error);
   EXPECT_EQ(error->getDescription(), "R3 gave up");
-  EXPECT_EQ(log->entries(), (Names{"R1.waitFor", "R2.waitFor", "R3.waitFor",     // the walk
+  EXPECT_EQ(*log, (Names{"R1.waitFor", "R2.waitFor", "R3.waitFor",     // the walk
                                    "R2.release", "R3.release",                   // H's release
                                    "R1.release", "R2.release", "R3.release"}));  // N's
   EXPECT_TRUE(nested->isResourceFree());
@@ -219,14 +191,14 @@ TEST_F(GroupAcquireTest, EveryLevelReleasesOnTheWayOut) {
 TEST_F(GroupAcquireTest, AbortBeforeOrDuringAWalkGivesEveryMemberBack) {
   g->setAbortRequested(true);
   g->switchOwner(owner, "", 0);
-  EXPECT_EQ(log->entries(), (Names{"R1.release", "R2.release", "R3.release"}));
+  EXPECT_EQ(*log, (Names{"R1.release", "R2.release", "R3.release"}));
   g->setAbortRequested(false);
 
   r2->onWaitFor([this] { g->setAbortRequested(true); });
   r3->inner()->waitFor(other, "", 0, {});
   // R3 is busy and listed, yet the result is empty: an aborted walk says nothing.
   EXPECT_TRUE(g->waitFor(owner, "", 0, {"R3"}).empty());
-  EXPECT_EQ(log->entries(), (Names{"R1.release", "R2.release", "R3.release", "R1.waitFor",
+  EXPECT_EQ(*log, (Names{"R1.release", "R2.release", "R3.release", "R1.waitFor",
                                    "R2.waitFor", "R1.release", "R2.release", "R3.release"}));
   EXPECT_TRUE(r1->isResourceFree() && r2->isResourceFree());
   EXPECT_TRUE(r3->isResourceOwned("X"));
