@@ -267,7 +267,8 @@ TEST(ServiceStart, RefusedStartsLeaveNoSocket) {
 }
 
 // The service stopped or killed under its clients: every session ends, a
-// holder learns that its acquisition is lost, a waiter is not granted.
+// holder learns that its acquisition is lost, a waiter is not granted. A
+// killed service's socket does not keep the next one from starting.
 TEST(ServiceStop, StoppedOrKilledServiceEndsEverySessionAndTheAcquisitionsKnow) {
   for (const int signal : {SIGTERM, SIGKILL}) {
     SCOPED_TRACE(strsignal(signal));
@@ -302,6 +303,10 @@ TEST(ServiceStop, StoppedOrKilledServiceEndsEverySessionAndTheAcquisitionsKnow) 
       EXPECT_EQ(reason, "the service is stopping");
       EXPECT_EQ(outcome, "UNAVAILABLE: the service is stopping");
       EXPECT_EQ(service.process().wait(), 0);
+    } else {  // the socket a killed service left behind is taken by the next
+      ChildProcess next(ZURESOURCED, {"--listen", service.target()});
+      EXPECT_EQ(next.lineStartingWith("zuresourced: listening"),
+                "zuresourced: listening on " + service.target());
     }
   }
 }
