@@ -399,20 +399,12 @@ void ZUManager::closeModule(const std::string& name) {
   // back to another of its owners: go round until none holds anything.
   for (int round = 0; round < 64; ++round) {
     std::vector<std::pair<std::string, boost::shared_ptr<ZUOwner>>> held;
-    for (const std::string& leaf : leafOrder_) {
-      const boost::shared_ptr<ZUResource>& r = resources_.at(leaf);
-      if (ZUResourceState* s = asState(r)) {
-        ZUCriticalSection lock(s->holdersMutex);
-        for (const auto& h : s->holders)
-          if (names.count(h->name)) {
-            held.emplace_back(leaf, h);
-            break;
-          }
-      } else {
-        boost::shared_ptr<ZUOwner> h = r->currentOwner.load();
-        if (names.count(h->name)) held.emplace_back(leaf, h);
-      }
-    }
+    for (const std::string& leaf : leafOrder_)
+      for (const auto& h : holderObjects(leaf))
+        if (names.count(h->name)) {
+          held.emplace_back(leaf, h);
+          break;
+        }
     if (held.empty()) break;
     releaseHeld(held, resources_);
   }
@@ -551,36 +543,31 @@ boost::shared_ptr<ZUOwner> ZUManager::newObject(const Owner& owner) const {
   return object;
 }
 
-std::vector<std::string> ZUManager::holdersOf(const std::string& leaf) const {
-  requireResource(leaf, "holdersOf");
+std::vector<boost::shared_ptr<ZUOwner>> ZUManager::holderObjects(const std::string& leaf) const {
   const boost::shared_ptr<ZUResource>& r = resources_.at(leaf);
-  std::vector<std::string> out;
   if (ZUResourceState* s = asState(r)) {
     ZUCriticalSection lock(s->holdersMutex);
-    for (const auto& h : s->holders) out.push_back(h->name);
-  } else {
-    out.push_back(r->currentOwner.load()->name);
+    return s->holders;
   }
+  return {r->currentOwner.load()};
+}
+
+std::vector<std::string> ZUManager::holdersOf(const std::string& leaf) const {
+  requireResource(leaf, "holdersOf");
+  std::vector<std::string> out;
+  for (const auto& h : holderObjects(leaf)) out.push_back(h->name);
   return out;
 }
 
 std::vector<std::pair<std::string, boost::shared_ptr<ZUOwner>>> ZUManager::heldLeaves(
     const std::string& owner, const std::string& resource) const {
   std::vector<std::pair<std::string, boost::shared_ptr<ZUOwner>>> held;
-  for (const std::string& leaf : leaves_.at(resource)) {
-    const boost::shared_ptr<ZUResource>& r = resources_.at(leaf);
-    if (ZUResourceState* s = asState(r)) {
-      ZUCriticalSection lock(s->holdersMutex);
-      for (const auto& h : s->holders)
-        if (h->name == owner) {
-          held.emplace_back(leaf, h);
-          break;
-        }
-    } else {
-      boost::shared_ptr<ZUOwner> h = r->currentOwner.load();
-      if (h->name == owner) held.emplace_back(leaf, h);
-    }
-  }
+  for (const std::string& leaf : leaves_.at(resource))
+    for (const auto& h : holderObjects(leaf))
+      if (h->name == owner) {
+        held.emplace_back(leaf, h);
+        break;
+      }
   return held;
 }
 
@@ -591,16 +578,9 @@ void ZUManager::releaseHeld(
 }
 
 bool ZUManager::holdsAny(const ZUOwner* object) const {
-  for (const std::string& leaf : leafOrder_) {
-    const boost::shared_ptr<ZUResource>& r = resources_.at(leaf);
-    if (ZUResourceState* s = asState(r)) {
-      ZUCriticalSection lock(s->holdersMutex);
-      for (const auto& h : s->holders)
-        if (h.get() == object) return true;
-    } else if (r->currentOwner.load().get() == object) {
-      return true;
-    }
-  }
+  for (const std::string& leaf : leafOrder_)
+    for (const auto& h : holderObjects(leaf))
+      if (h.get() == object) return true;
   return false;
 }
 

@@ -334,6 +334,9 @@ class ZUManager {
       ZU_REQUIRES(mutex_);
   /// Checks `name` names a resource, or throws (EmptyName, UnknownResource).
   void requireResource(const std::string& name, const char* method) const;
+  /// The objects holding `leaf` now: a state's holders, or the current owner
+  /// of a plain resource (the free holder when nobody holds it).
+  std::vector<boost::shared_ptr<ZUOwner>> holderObjects(const std::string& leaf) const;
   /// A new owner object of `owner`, not kept anywhere yet.
   boost::shared_ptr<ZUOwner> newObject(const Owner& owner) const;
   /// The objects of `owner`'s name that hold leaves of `resource` now, with

@@ -1,10 +1,16 @@
 // The manager over the real library: requests and their outcomes, cancels,
-// modules that close, and refused calls.
+// modules that close, refused calls, and the policies (priority with a grace
+// period, force-release by an operator, a fallback holder).
 
+#include <chrono>
 #include <functional>
 #include <future>
-#include <memory>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <boost/make_shared.hpp>
@@ -17,43 +23,56 @@
 
 #include <zumanager/zumanager.h>
 
+#include "support/observed.h"
 #include "support/threads.h"
 
 namespace {
 
-using ZU::ZUAcquireRequest;
 using ZU::ZUAcquireResult;
 using ZU::ZUManager;
-using ZU::ZUManagerError;
+using ZU::ZUNotice;
 using Kind = ZUAcquireResult::Kind;
 using Stop = ZUAcquireResult::Stop;
 const std::string kFree = ZU::contract::kPlaceholderName;
+const std::string kStopped = ZU::contract::kStopWhileWaiting;
 
-/// Head and Arm in the group Body; the state Standing.
+/// Head and Arm in the group Body; Legs; the state Standing.
 std::vector<boost::shared_ptr<ZU::ZUResource>> robot() {
   auto body = boost::make_shared<ZU::ZUResourceList>("Body", nullptr);
   body->addResource(boost::make_shared<ZU::ZUResource>("Head", nullptr));
   body->addResource(boost::make_shared<ZU::ZUResource>("Arm", nullptr));
-  return {body, boost::make_shared<ZU::ZUResourceState>("Standing", nullptr)};
+  return {body, boost::make_shared<ZU::ZUResource>("Legs", nullptr),
+          boost::make_shared<ZU::ZUResourceState>("Standing", nullptr)};
 }
 
-class ManagerTest : public ::testing::Test {
- protected:
-  /// Opens module `module` with owner `owner`. A module that `letsGo` gives
-  /// up what is wanted of it as soon as it is told.
-  void open(const std::string& module, const std::string& owner, bool letsGo) {
-    manager.openModule(module, [this, letsGo](const ZU::ZUNotice& n) {
-      {
-        std::lock_guard<std::mutex> lock(mutex);
-        notices.push_back(n.resource + " of " + n.owner);
+/// What a module does when told its resource is wanted.
+enum class OnWanted { Keep, LetGo, LetGoThenThrow };
+
+/// A manager whose modules keep what they lose ("M: h lost Arm to r").
+class Stage {
+ public:
+  explicit Stage(const std::map<std::string, ZU::ZUResourcePolicy>& policies = {})
+      : manager(robot(), policies) {}
+
+  void open(const std::string& module, const std::string& owner, OnWanted onWanted = OnWanted::Keep,
+            int priority = 0) {
+    manager.openModule(module, [this, module, onWanted](const ZUNotice& n) {
+      if (n.kind == ZUNotice::Kind::Lost) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        lost_.push_back(module + ": " + n.owner + " lost " + n.resource + " to " + n.by);
       }
-      if (letsGo && !n.owner.empty()) manager.release(n.owner, n.resource);
+      if (n.kind != ZUNotice::Kind::Wanted || n.owner.empty() || onWanted == OnWanted::Keep) return;
+      manager.release(n.owner, n.resource);
+      if (onWanted == OnWanted::LetGoThenThrow) throw std::runtime_error("handler fails");
     });
-    manager.makeOwner(module, owner);
+    manager.makeOwner(module, owner, priority);
   }
   ZUAcquireResult take(const std::string& owner, const std::string& resource, int timeout = -1,
-                       std::vector<std::string> noWait = {}) {
-    return manager.acquire(ZUAcquireRequest{owner, resource, timeout, std::move(noWait)});
+                       std::vector<std::string> noWait = {}, std::optional<int> priority = {},
+                       const ZUManager::WaitHandler& onWait = {}, ZU::ZUAcquireCancel* cancel = {}) {
+    ZU::ZUAcquireRequest r{owner, resource, timeout, std::move(noWait)};
+    r.priority = priority;
+    return manager.acquire(r, onWait, cancel);
   }
   /// Starts a request in a thread of its own; `waiting` counts down once it
   /// waits behind somebody.
@@ -61,25 +80,43 @@ class ManagerTest : public ::testing::Test {
                                      zutest::Latch& waiting, ZU::ZUAcquireCancel* cancel = nullptr,
                                      int timeout = -1) {
     return std::async(std::launch::async, [=, &waiting] {
-      return manager.acquire(ZUAcquireRequest{owner, resource, timeout, {}},
-                             [&waiting](const ZU::ZUWaitReport&) { waiting.countDown(); },
-                             cancel);
+      return take(owner, resource, timeout, {}, {},
+                  [&waiting](const ZU::ZUWaitReport&) { waiting.countDown(); }, cancel);
     });
   }
+  std::vector<std::string> lost() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return lost_;
+  }
   std::string holder(const std::string& leaf) { return manager.holdersOf(leaf).at(0); }
+  /// Waits (generously) until `done` holds.
+  static bool eventually(const std::function<bool()>& done) {
+    zutest::Stopwatch watch;
+    while (!done()) {
+      if (watch.elapsedMs() > 3000 + zutest::lateToleranceMs()) return false;
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return true;
+  }
+  bool noticed(std::size_t count) {
+    return eventually([&] { return lost().size() >= count; });
+  }
 
-  std::mutex mutex;
-  std::vector<std::string> notices;  // guarded by mutex
-  ZUManager manager{robot()};  // last: it ends its modules' notices first
+ private:
+  std::mutex mutex_;
+  std::vector<std::string> lost_;  // guarded by mutex_
+
+ public:
+  ZUManager manager;  // last: it ends its modules' notices first
 };
 
 // How a request ends, and who holds what afterwards. Arm is held by "other"
 // before the request unless the row says it is free.
-TEST_F(ManagerTest, RequestOutcomes) {
+TEST(Manager, RequestOutcomes) {
   struct Row {
     const char* name;
     bool armHeld;
-    bool holderLetsGo;
+    OnWanted holder;
     const char* resource;
     int timeout;
     std::vector<std::string> noWait;
@@ -90,41 +127,40 @@ TEST_F(ManagerTest, RequestOutcomes) {
   };
   const std::string timedOut = ZU::contract::waitTimedOut("Arm");
   const std::vector<Row> rows = {
-      {"free", false, false, "Arm", -1, {}, Kind::Granted, "", "", kFree, "a"},
-      {"busy, on the no-wait list", true, false, "Body", -1, {"Arm"}, Kind::NotObtained, "Arm", "",
-       "a", "other"},
-      {"holder ignores, time limit", true, false, "Arm", 0, {}, Kind::Failed, timedOut, "other",
-       kFree, "other"},
-      {"holder lets go when told", true, true, "Body", -1, {}, Kind::Granted, "", "other", "a", "a"},
-      {"group member times out", true, false, "Body", 0, {}, Kind::Failed, timedOut, "other",
-       kFree, "other"},
+      {"free", false, OnWanted::Keep, "Arm", -1, {}, Kind::Granted, "", "", kFree, "a"},
+      {"busy, on the no-wait list", true, OnWanted::Keep, "Body", -1, {"Arm"}, Kind::NotObtained,
+       "Arm", "", "a", "other"},
+      {"holder ignores, time limit", true, OnWanted::Keep, "Arm", 0, {}, Kind::Failed, timedOut,
+       "other", kFree, "other"},
+      {"holder lets go when told", true, OnWanted::LetGo, "Body", -1, {}, Kind::Granted, "",
+       "other", "a", "a"},
+      {"holder's handler throws after letting go", true, OnWanted::LetGoThenThrow, "Arm", -1, {},
+       Kind::Granted, "", "other", kFree, "a"},
+      {"group member times out", true, OnWanted::Keep, "Body", 0, {}, Kind::Failed, timedOut,
+       "other", kFree, "other"},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
-    ZUManager m(robot());
-    std::string behind;
-    m.openModule("A", nullptr);
-    m.makeOwner("A", "a");
-    m.openModule("O", [&m, &row](const ZU::ZUNotice& n) {
-      if (row.holderLetsGo) m.release(n.owner, n.resource);
-    });
-    m.makeOwner("O", "other");
+    Stage s;
+    s.open("A", "a");
+    s.open("O", "other", row.holder);
     if (row.armHeld) {
-      ASSERT_EQ(m.acquire({"other", "Arm", -1, {}}).kind, Kind::Granted);
+      ASSERT_EQ(s.take("other", "Arm").kind, Kind::Granted);
     }
-    ZUAcquireResult r = m.acquire({"a", row.resource, row.timeout, row.noWait},
-                                  [&behind](const ZU::ZUWaitReport& w) { behind = w.holder; });
+    std::string behind;
+    ZUAcquireResult r = s.take("a", row.resource, row.timeout, row.noWait, {},
+                               [&behind](const ZU::ZUWaitReport& w) { behind = w.holder; });
     EXPECT_EQ(r.kind, row.kind);
     EXPECT_EQ(r.kind == Kind::NotObtained ? r.notObtained.at(0) : r.error, row.detail);
     EXPECT_EQ(behind, row.waitedBehind);
-    EXPECT_EQ(m.holdersOf("Head").at(0), row.head);
-    EXPECT_EQ(m.holdersOf("Arm").at(0), row.arm);
+    EXPECT_EQ(s.holder("Head"), row.head);
+    EXPECT_EQ(s.holder("Arm"), row.arm);
   }
 }
 
 // A cancel ends the request with the stop error; the owner keeps nothing the
 // request got, no wait stays recorded, and its next request goes through.
-TEST_F(ManagerTest, CancelledRequests) {
+TEST(Manager, CancelledRequests) {
   struct Row {
     const char* name;
     const char* resource;
@@ -135,168 +171,263 @@ TEST_F(ManagerTest, CancelledRequests) {
       {"while it waits, holding part of the group", "Body", false},
       {"while it waits for an activation", "Standing", false},
   };
-  open("O", "other", false);
-  open("A", "a", false);
-  ASSERT_EQ(take("other", "Arm").kind, Kind::Granted);
+  Stage s;
+  s.open("O", "other");
+  s.open("A", "a");
+  ASSERT_EQ(s.take("other", "Arm").kind, Kind::Granted);
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
     ZU::ZUAcquireCancel cancel;
     zutest::Latch waiting;
     if (row.beforeStart) cancel.cancel();
-    auto result = start("a", row.resource, waiting, &cancel);
+    auto result = s.start("a", row.resource, waiting, &cancel);
     if (!row.beforeStart) {
       ASSERT_TRUE(waiting.waitFor(5000));
       cancel.cancel();
     }
     ZUAcquireResult r = result.get();
     EXPECT_EQ(r.kind, Kind::Failed);
-    EXPECT_EQ(r.error, ZU::contract::kStopWhileWaiting);
+    EXPECT_EQ(r.error, kStopped);
     EXPECT_EQ(r.stop, Stop::Cancelled);
-    EXPECT_EQ(holder("Head"), kFree);
-    EXPECT_EQ(holder("Arm"), "other");
-    EXPECT_TRUE(manager.holdersOf("Standing").empty());
+    EXPECT_EQ(s.holder("Head"), kFree);
+    EXPECT_EQ(s.holder("Arm"), "other");
+    EXPECT_TRUE(s.manager.holdersOf("Standing").empty());
     EXPECT_TRUE(ZU::ZUWaitRegistry::snapshot().empty());
-    EXPECT_EQ(take("a", "Head").kind, Kind::Granted);
-    manager.release("a", "Head");
+    EXPECT_EQ(s.take("a", "Head").kind, Kind::Granted);
+    s.manager.release("a", "Head");
   }
 }
 
-// The library leaves an owner's release flag set after it lets go, which would
-// fail its next wait after one polling period; each request has its own.
-TEST_F(ManagerTest, OwnerAsksAgainAfterReleasing) {
-  open("A", "a", false);
-  open("O", "other", true);
-  ASSERT_EQ(take("a", "Arm").kind, Kind::Granted);
-  manager.release("a", "Arm");
-  ASSERT_EQ(take("other", "Arm").kind, Kind::Granted);
-  ZUAcquireResult r = take("a", "Arm", 10);
-  EXPECT_EQ(r.kind, Kind::Granted) << r.error;
-  EXPECT_EQ(holder("Arm"), "a");
-  std::lock_guard<std::mutex> lock(mutex);
-  EXPECT_EQ(notices, std::vector<std::string>{"Arm of other"});
+// A cancel that comes as the holder lets go: the request either was granted
+// and holds Arm, or failed and left Arm free; never a grant nobody keeps.
+TEST(Manager, CancelRacingAGrant) {
+  Stage s;
+  s.open("O", "other");
+  s.open("A", "a");
+  for (int i = 0; i < 10; ++i) {
+    ASSERT_EQ(s.take("other", "Arm").kind, Kind::Granted);
+    ZU::ZUAcquireCancel cancel;
+    zutest::Latch waiting;
+    auto result = s.start("a", "Arm", waiting, &cancel);
+    ASSERT_TRUE(waiting.waitFor(5000));
+    s.manager.release("other", "Arm");
+    cancel.cancel();
+    ZUAcquireResult r = result.get();
+    EXPECT_EQ(s.holder("Arm"), r.kind == Kind::Granted ? "a" : kFree) << r.error;
+    EXPECT_EQ(r.stop, r.kind == Kind::Granted ? Stop::None : Stop::Cancelled);
+    s.manager.release("a", "Arm");
+  }
 }
 
-TEST_F(ManagerTest, ClosingTheHoldersModuleServesTheWaiter) {
-  open("O", "other", false);
-  open("A", "a", false);
-  ASSERT_EQ(take("other", "Body").kind, Kind::Granted);
-  zutest::Latch waiting;
-  auto result = start("a", "Arm", waiting);
-  ASSERT_TRUE(waiting.waitFor(5000));
-  manager.closeModule("O");
-  ZUAcquireResult r = result.get();
-  EXPECT_EQ(r.kind, Kind::Granted) << r.error;
-  EXPECT_EQ(holder("Arm"), "a");
-  EXPECT_EQ(holder("Head"), kFree);
-  EXPECT_FALSE(manager.hasModule("O"));
-  EXPECT_EQ(manager.moduleOf("other"), "");
-}
-
-TEST_F(ManagerTest, ClosingTheWaitersModuleStopsItsWait) {
-  open("O", "other", false);
-  open("A", "a", false);
-  ASSERT_EQ(take("other", "Arm").kind, Kind::Granted);
-  zutest::Latch waiting;
-  auto result = start("a", "Body", waiting);
-  ASSERT_TRUE(waiting.waitFor(5000));
-  ASSERT_EQ(holder("Head"), "a");
-  manager.closeModule("A");
-  ZUAcquireResult r = result.get();
-  EXPECT_EQ(r.error, ZU::contract::kStopWhileWaiting);
-  EXPECT_EQ(r.stop, Stop::ModuleClosed);
-  EXPECT_EQ(holder("Head"), kFree);
-  EXPECT_EQ(holder("Arm"), "other");
-  EXPECT_TRUE(ZU::ZUWaitRegistry::snapshot().empty());
-  // The name is free again, for a module of any name.
-  open("A2", "a", false);
-  EXPECT_EQ(take("a", "Head").kind, Kind::Granted);
+// "a" waits for Body behind "other" (holding Arm, at a high priority) when
+// the hold ends: the holder's module closing or an operator's force-release
+// serves the waiter; the waiter's module closing stops its wait and gives back
+// the member it got. A closed module's owner is gone, its name free for a
+// module of any name.
+TEST(Manager, EndingAHoldWhileARequestWaits) {
+  struct Row {
+    const char* name;
+    std::function<void(ZUManager&)> end;
+    const char* closedOwner;
+    Kind kind;
+    std::string error;
+    Stop stop;
+    std::string head, arm;  // holders afterwards
+    std::vector<std::string> lost;
+  };
+  const std::vector<Row> rows = {
+      {"holder's module closes", [](ZUManager& m) { m.closeModule("O"); }, "other", Kind::Granted,
+       "", Stop::None, "a", "a", {}},
+      {"waiter's module closes", [](ZUManager& m) { m.closeModule("A"); }, "a", Kind::Failed,
+       kStopped, Stop::ModuleClosed, kFree, "other", {}},
+      {"force-release of held members",
+       [](ZUManager& m) {
+         EXPECT_EQ(m.forceRelease("op", "other", "Body"), std::vector<std::string>{"Arm"});
+       },
+       "", Kind::Granted, "", Stop::None, "a", "a", {"O: other lost Arm to op"}},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    Stage s;
+    s.open("O", "other", OnWanted::Keep, 100);
+    s.open("A", "a");
+    ASSERT_EQ(s.take("other", "Arm").kind, Kind::Granted);
+    zutest::Latch waiting;
+    auto result = s.start("a", "Body", waiting);
+    ASSERT_TRUE(waiting.waitFor(5000));
+    ASSERT_EQ(s.holder("Head"), "a");
+    row.end(s.manager);
+    ZUAcquireResult r = result.get();
+    EXPECT_EQ(r.kind, row.kind);
+    EXPECT_EQ(r.error, row.error);
+    EXPECT_EQ(r.stop, row.stop);
+    EXPECT_EQ(s.holder("Head"), row.head);
+    EXPECT_EQ(s.holder("Arm"), row.arm);
+    EXPECT_TRUE(ZU::ZUWaitRegistry::snapshot().empty());
+    EXPECT_TRUE(s.noticed(row.lost.size()));
+    EXPECT_EQ(s.lost(), row.lost);
+    if (*row.closedOwner == 0) continue;
+    EXPECT_EQ(s.manager.moduleOf(row.closedOwner), "");
+    s.open("N", row.closedOwner);
+    EXPECT_EQ(s.take(row.closedOwner, "Legs").kind, Kind::Granted);
+  }
 }
 
 // A resource handed down goes back to the owner that handed it down: when the
 // descendant's module closes, and after the ancestor made other requests
 // meanwhile (the manager must keep what it may be given back).
-TEST_F(ManagerTest, HandDownsGoBack) {
+TEST(Manager, HandDownsGoBack) {
   for (bool closeModule : {false, true}) {
     SCOPED_TRACE(closeModule ? "descendant's module closes" : "descendant releases");
-    ZUManager m(robot());
-    m.openModule("Box", nullptr);
-    m.makeOwner("Box", "box");
-    m.openModule("Arm", nullptr);
-    m.makeOwner("Arm", "box/arm");
-    ASSERT_EQ(m.acquire({"box", "Arm", -1, {}}).kind, Kind::Granted);
-    ASSERT_EQ(m.acquire({"box/arm", "Arm", -1, {}}).kind, Kind::Granted);
-    EXPECT_EQ(m.holdersOf("Arm").at(0), "box/arm");
+    Stage s;
+    s.open("Box", "box");
+    s.open("Arm", "box/arm");
+    ASSERT_EQ(s.take("box", "Arm").kind, Kind::Granted);
+    ASSERT_EQ(s.take("box/arm", "Arm").kind, Kind::Granted);
+    EXPECT_EQ(s.holder("Arm"), "box/arm");
     for (int i = 0; i < 3; ++i) {
-      ASSERT_EQ(m.acquire({"box", "Head", -1, {}}).kind, Kind::Granted);
-      m.release("box", "Head");
+      ASSERT_EQ(s.take("box", "Head").kind, Kind::Granted);
+      s.manager.release("box", "Head");
     }
     if (closeModule)
-      m.closeModule("Arm");
+      s.manager.closeModule("Arm");
     else
-      m.release("box/arm", "Arm");
-    EXPECT_EQ(m.holdersOf("Arm").at(0), "box");
-    m.release("box", "Arm");
-    EXPECT_EQ(m.holdersOf("Arm").at(0), kFree);
+      s.manager.release("box/arm", "Arm");
+    EXPECT_EQ(s.holder("Arm"), "box");
+    s.manager.release("box", "Arm");
+    EXPECT_EQ(s.holder("Arm"), kFree);
   }
 }
 
-// A tree as a file declares it: groups, an activated state, the policies.
-TEST(ManagerOfATree, BuildsWhatTheFileDeclares) {
-  ZU::ZUResourceTree tree = ZU::parseResourceTree(R"({"resources": [
-    {"name": "Body", "kind": "group", "members": ["Head", "Legs"], "graceMs": 100},
-    {"name": "Head"}, {"name": "Legs", "fallback": "posture"},
-    {"name": "Standing", "kind": "state", "activated": true}]})",
-                                                  "t.json");
-  ZUManager m(tree);
-  EXPECT_EQ(m.leavesOf("Body"), (std::vector<std::string>{"Head", "Legs"}));
-  EXPECT_EQ(m.roots().size(), 2u);
-  m.openModule("P", nullptr);
-  m.makeOwner("P", "posture");
-  EXPECT_EQ(m.acquire({"posture", "Standing", 0, {}}).kind, Kind::Granted);  // activated
-  auto policies = ZUManager::policiesOf(tree);
-  EXPECT_EQ(policies.at("Body").graceMs, 100);
-  EXPECT_EQ(policies.at("Legs").fallback, "posture");
-  EXPECT_EQ(policies.at("Legs").graceMs, ZU::ZUResourcePolicy::kDefaultGraceMs);
-}
-
-// Refused calls change nothing.
-TEST_F(ManagerTest, RefusedCalls) {
-  using Code = ZUManagerError::Code;
-  open("A", "a", false);
-  open("O", "other", false);
-  ASSERT_EQ(take("other", "Arm").kind, Kind::Granted);
+// Refused calls and policies change nothing.
+TEST(Manager, RefusedCalls) {
+  using Code = ZU::ZUManagerError::Code;
+  Stage s;
+  s.open("A", "a");
+  s.open("O", "other");
+  ASSERT_EQ(s.take("other", "Arm").kind, Kind::Granted);
+  ZUManager& m = s.manager;
   struct Row {
     const char* name;
     std::function<void()> call;
     Code code;
   };
   const std::vector<Row> rows = {
-      {"unknown owner", [&] { take("nobody", "Arm"); }, Code::UnknownOwner},
-      {"empty owner", [&] { take("", "Arm"); }, Code::EmptyName},
-      {"unknown resource", [&] { take("a", "Tail"); }, Code::UnknownResource},
-      {"unknown no-wait name", [&] { take("a", "Head", -1, {"Tail"}); }, Code::UnknownResource},
-      {"owner of another module", [&] { manager.makeOwner("A", "other"); }, Code::OtherModule},
-      {"owner in no module", [&] { manager.makeOwner("Z", "z"); }, Code::UnknownModule},
-      {"owner named like a state", [&] { manager.makeOwner("A", "Standing"); },
+      {"unknown owner", [&] { s.take("nobody", "Arm"); }, Code::UnknownOwner},
+      {"empty owner", [&] { s.take("", "Arm"); }, Code::EmptyName},
+      {"unknown resource", [&] { s.take("a", "Tail"); }, Code::UnknownResource},
+      {"unknown no-wait name", [&] { s.take("a", "Head", -1, {"Tail"}); }, Code::UnknownResource},
+      {"owner of another module", [&] { m.makeOwner("A", "other"); }, Code::OtherModule},
+      {"owner in no module", [&] { m.makeOwner("Z", "z"); }, Code::UnknownModule},
+      {"owner named like a state", [&] { m.makeOwner("A", "Standing"); }, Code::BadArgument},
+      {"owner name of 1 MB", [&] { m.makeOwner("A", std::string(1 << 20, 'x')); },
        Code::BadArgument},
-      {"owner name of 1 MB", [&] { manager.makeOwner("A", std::string(1 << 20, 'x')); },
+      {"module opened twice", [&] { m.openModule("A", nullptr); }, Code::ModuleExists},
+      {"state of a plain resource", [&] { m.setState("Arm", true); }, Code::NotAState},
+      {"release by nobody", [&] { m.release("nobody", "Arm"); }, Code::UnknownOwner},
+      {"policy of no resource", [] { ZUManager(robot(), {{"Tail", {}}}); }, Code::BadArgument},
+      {"negative grace", [] { ZUManager(robot(), {{"Arm", {-1, ""}}}); }, Code::BadArgument},
+      {"grace over the limit",
+       [] { ZUManager(robot(), {{"Arm", {ZU::ZUResourcePolicy::kMaxGraceMs + 1, ""}}}); },
        Code::BadArgument},
-      {"module opened twice", [&] { manager.openModule("A", nullptr); }, Code::ModuleExists},
-      {"state of a plain resource", [&] { manager.setState("Arm", true); }, Code::NotAState},
-      {"release by nobody", [&] { manager.release("nobody", "Arm"); }, Code::UnknownOwner},
+      {"fallback of a state", [] { ZUManager(robot(), {{"Standing", {500, "posture"}}}); },
+       Code::BadArgument},
   };
-  const std::string before = manager.statusText();
+  const std::string before = m.statusText();
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
     try {
       row.call();
       ADD_FAILURE() << "not refused";
-    } catch (const ZUManagerError& e) {
+    } catch (const ZU::ZUManagerError& e) {
       EXPECT_EQ(e.code(), row.code) << e.what();
     }
-    EXPECT_EQ(manager.statusText(), before);
-    EXPECT_EQ(manager.moduleOf("other"), "O");
+    EXPECT_EQ(m.statusText(), before);
+    EXPECT_EQ(m.moduleOf("other"), "O");
   }
+}
+
+// A holder of lower priority that does not let go within the grace period
+// loses what the request waits for; anything else waits as the library does.
+// Afterwards the owner that lost asks again, and waits like anyone.
+TEST(Policies, Preemption) {
+  struct Row {
+    const char* name;
+    int holderPriority, requestPriority;
+    OnWanted holderDoes;
+    const char* holds;      // what the holder takes first
+    const char* requested;  // what the requester asks for
+    Kind kind;
+    std::vector<std::string> lost;
+    std::string head, arm;  // holders afterwards
+  };
+  const std::vector<std::string> armLost = {"H: h lost Arm to r"};
+  const OnWanted keep = OnWanted::Keep;
+  const std::vector<Row> rows = {
+      {"higher priority, holder ignores", 0, 5, keep, "Arm", "Arm", Kind::Granted, armLost, kFree,
+       "r"},
+      {"higher priority, holder lets go in time", 0, 5, OnWanted::LetGo, "Arm", "Arm",
+       Kind::Granted, {}, kFree, "r"},
+      {"equal priority", 3, 3, keep, "Arm", "Arm", Kind::Failed, {}, kFree, "h"},
+      {"lower priority", 3, 1, keep, "Arm", "Arm", Kind::Failed, {}, kFree, "h"},
+      {"a member of a group is taken alone", 0, 5, keep, "Body", "Arm", Kind::Granted, armLost,
+       "h", "r"},
+      {"a group waiting on one member", 0, 5, keep, "Arm", "Body", Kind::Granted, armLost, "r",
+       "r"},
+      {"a state is never taken", 0, 5, keep, "Standing", "Standing", Kind::Failed, {}, kFree,
+       kFree},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    zutest::Observed<zutest::EventKeeper> events;
+    Stage s({{"Body", {300, ""}}});
+    s.open("H", "h", row.holderDoes, row.holderPriority);
+    s.open("R", "r", OnWanted::LetGo);
+    const bool state = std::string(row.holds) == "Standing";
+    if (state) s.manager.setState("Standing", true);
+    ASSERT_EQ(s.take("h", row.holds, 0).kind, Kind::Granted);
+    if (state) s.manager.setState("Standing", false);
+    // Twice the grace period and more: a preemption comes well before it.
+    ZUAcquireResult r = s.take("r", row.requested, 2, {}, row.requestPriority);
+    EXPECT_EQ(r.kind, row.kind) << r.error;
+    EXPECT_TRUE(s.noticed(row.lost.size()));
+    EXPECT_EQ(s.lost(), row.lost);
+    EXPECT_EQ(s.holder("Head"), row.head);
+    EXPECT_EQ(s.holder("Arm"), row.arm);
+    std::vector<ZU::ZUEvent> lost = events->events(ZU::ZUEvent::Kind::Lost);
+    ASSERT_EQ(lost.size(), row.lost.size());
+    if (row.lost.empty()) continue;
+    EXPECT_EQ(lost[0].owner + " " + lost[0].resource + " " + lost[0].holder, "h Arm r");
+    // The release flag the library left on the holder does not fail the
+    // next request of the same owner: it waits, and r lets go when told.
+    ZUAcquireResult again = s.take("h", "Arm", 5);
+    EXPECT_EQ(again.kind, Kind::Granted) << again.error;
+    EXPECT_EQ(s.holder("Arm"), "h");
+  }
+}
+
+// The fallback owner holds the legs whenever nobody else does, and yields at
+// once to any request, even one of lower priority.
+TEST(Policies, FallbackHoldsWhenFreeAndYieldsAtOnce) {
+  Stage s({{"Legs", {10 * 1000, "posture"}}});
+  s.open("Posture", "posture");
+  s.open("Walk", "walker", OnWanted::Keep, -5);
+  auto legsGoTo = [&s](const std::string& owner) {
+    return Stage::eventually([&] { return s.holder("Legs") == owner; });
+  };
+  ASSERT_TRUE(legsGoTo("posture"));
+  EXPECT_NE(s.manager.statusText().find("Legs -> Posture"), std::string::npos)
+      << s.manager.statusText();
+  // Far sooner than the grace period of ten seconds.
+  ZUAcquireResult r = s.take("walker", "Legs", 5);
+  EXPECT_EQ(r.kind, Kind::Granted) << r.error;
+  EXPECT_EQ(s.holder("Legs"), "walker");
+  s.manager.release("walker", "Legs");
+  EXPECT_TRUE(legsGoTo("posture"));
+  ASSERT_TRUE(s.noticed(1));
+  s.manager.closeModule("Posture");
+  EXPECT_EQ(s.holder("Legs"), kFree);
+  EXPECT_EQ(s.lost(), std::vector<std::string>{"Posture: posture lost Legs to walker"});
 }
 
 }  // namespace

@@ -1,3 +1,4 @@
+#include <zumanager/zumanager.h>
 #include <zumanager/zuresourcetree.h>
 
 #include <string>
@@ -21,18 +22,29 @@ std::string refusal(const std::string& text) {
 
 }  // namespace
 
-// A file of one tree, read on its own: members may come after their group.
-TEST(ResourceTree, ReadsATreeOnItsOwn) {
+// A file of one tree, read on its own (members may come after their group),
+// and the manager built from it: groups, an activated state, the policies.
+TEST(ResourceTree, ReadsATreeAndTheManagerBuildsIt) {
   ZUResourceTree t = parseResourceTree(R"({"resources": [
-    {"name": "Body", "kind": "group", "members": ["Head", "Arms", "Left"]},
+    {"name": "Body", "kind": "group", "members": ["Head", "Arms", "Left"], "graceMs": 100},
     {"name": "Arms", "kind": "group", "members": ["Left", "Right"]},
-    {"name": "Head"}, {"name": "Left"}, {"name": "Right"},
+    {"name": "Head"}, {"name": "Left", "fallback": "posture"}, {"name": "Right"},
     {"name": "Standing", "kind": "state", "activated": true}]})",
                                        "t.json");
-  EXPECT_EQ(t.leavesOf("Body"), (std::vector<std::string>{"Head", "Left", "Right"}));
+  const std::vector<std::string> leaves = {"Head", "Left", "Right"};
+  EXPECT_EQ(t.leavesOf("Body"), leaves);
   EXPECT_EQ(t.roots(), (std::vector<std::string>{"Body", "Standing"}));
-  EXPECT_TRUE(t.findResource("Standing")->activated);
   EXPECT_FALSE(t.hasFleet());
+  ZU::ZUManager m(t);
+  EXPECT_EQ(m.leavesOf("Body"), leaves);
+  EXPECT_EQ(m.roots().size(), 2u);
+  m.openModule("P", nullptr);
+  m.makeOwner("P", "posture");
+  EXPECT_EQ(m.acquire({"posture", "Standing", 0, {}}).kind, ZU::ZUAcquireResult::Kind::Granted);
+  auto policies = ZU::ZUManager::policiesOf(t);
+  EXPECT_EQ(policies.at("Body").graceMs, 100);
+  EXPECT_EQ(policies.at("Left").fallback, "posture");
+  EXPECT_EQ(policies.at("Left").graceMs, ZU::ZUResourcePolicy::kDefaultGraceMs);
 }
 
 TEST(ResourceTree, RefusesFaultsNamingFileEntryAndWhat) {
@@ -41,6 +53,8 @@ TEST(ResourceTree, RefusesFaultsNamingFileEntryAndWhat) {
     std::string message;  // its beginning
   } rows[] = {
       {"{\"resources\": [\n{\"name\": }]}", "t.json: not JSON: [json.exception.parse_error.101] parse error at line 2"},
+      {R"({"resources": [{"name": "H"}, {"na)", "t.json: not JSON: "},  // cut off
+      {R"({"resources": [{"name": "H", "graceMs": 1e999}]})", "t.json: not JSON: "},
       {R"({"resources": [{"name": "H"}], "modules": []})", "t.json: tree: unknown field \"modules\""},
       {R"({"resources": []})", "t.json: tree: declares no resource"},
       {R"({"resources": [{"name": "H"}, {"name": "H"}]})",
