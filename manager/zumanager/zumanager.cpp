@@ -587,8 +587,8 @@ bool ZUManager::descendantBusyLocked(const std::string& name) const {
        it != owners_.end() && it->first.compare(0, name.size(), name) == 0; ++it) {
     if (!it->second->requests.empty()) return true;
     for (const std::string& leaf : leafOrder_)
-      for (const std::string& h : holdersOf(leaf))
-        if (h == it->first) return true;
+      for (const auto& h : holderObjects(leaf))
+        if (h->name == it->first) return true;
   }
   return false;
 }
