@@ -803,13 +803,11 @@ void ZUManager::policyLoop() {
   while (!stopping_) {
     const auto now = std::chrono::steady_clock::now();
     std::vector<Take> due;
-    auto next = now + kPollPeriod;
     for (auto it = takes_.begin(); it != takes_.end();) {
       if (it->due <= now) {
         due.push_back(std::move(*it));
         it = takes_.erase(it);
       } else {
-        next = std::min(next, it->due);
         ++it;
       }
     }
@@ -817,12 +815,11 @@ void ZUManager::policyLoop() {
     for (const Take& t : due) perform(t);
     fallbackPass(freeSince);
     lock.lock();
-    if (!stopping_ && takes_.size() == 0) lock.waitUntil(policyChanged_, next);
-    else if (!stopping_) {
-      auto soonest = next;
-      for (const Take& t : takes_) soonest = std::min(soonest, t.due);
-      if (soonest > std::chrono::steady_clock::now()) lock.waitUntil(policyChanged_, soonest);
-    }
+    // Wake at the next poll, or sooner for a take due before it (one may
+    // have come while the lock was let go).
+    auto wake = now + kPollPeriod;
+    for (const Take& t : takes_) wake = std::min(wake, t.due);
+    if (!stopping_ && wake > std::chrono::steady_clock::now()) lock.waitUntil(policyChanged_, wake);
   }
 }
 
