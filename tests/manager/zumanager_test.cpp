@@ -110,12 +110,11 @@ class Stage {
   ZUManager manager;  // last: it ends its modules' notices first
 };
 
-// How a request ends, and who holds what afterwards. Arm is held by "other"
-// before the request unless the row says it is free.
+// How a request of "a" ends while "other" holds Arm, and who holds what
+// afterwards.
 TEST(Manager, RequestOutcomes) {
   struct Row {
     const char* name;
-    bool armHeld;
     OnWanted holder;
     const char* resource;
     int timeout;
@@ -127,26 +126,21 @@ TEST(Manager, RequestOutcomes) {
   };
   const std::string timedOut = ZU::contract::waitTimedOut("Arm");
   const std::vector<Row> rows = {
-      {"free", false, OnWanted::Keep, "Arm", -1, {}, Kind::Granted, "", "", kFree, "a"},
-      {"busy, on the no-wait list", true, OnWanted::Keep, "Body", -1, {"Arm"}, Kind::NotObtained,
-       "Arm", "", "a", "other"},
-      {"holder ignores, time limit", true, OnWanted::Keep, "Arm", 0, {}, Kind::Failed, timedOut,
-       "other", kFree, "other"},
-      {"holder lets go when told", true, OnWanted::LetGo, "Body", -1, {}, Kind::Granted, "",
-       "other", "a", "a"},
-      {"holder's handler throws after letting go", true, OnWanted::LetGoThenThrow, "Arm", -1, {},
+      {"busy, on the no-wait list", OnWanted::Keep, "Body", -1, {"Arm"}, Kind::NotObtained, "Arm",
+       "", "a", "other"},
+      {"holder lets go when told", OnWanted::LetGo, "Body", -1, {}, Kind::Granted, "", "other",
+       "a", "a"},
+      {"holder's handler throws after letting go", OnWanted::LetGoThenThrow, "Arm", -1, {},
        Kind::Granted, "", "other", kFree, "a"},
-      {"group member times out", true, OnWanted::Keep, "Body", 0, {}, Kind::Failed, timedOut,
-       "other", kFree, "other"},
+      {"holder ignores, a group's time limit", OnWanted::Keep, "Body", 0, {}, Kind::Failed,
+       timedOut, "other", kFree, "other"},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
     Stage s;
     s.open("A", "a");
     s.open("O", "other", row.holder);
-    if (row.armHeld) {
-      ASSERT_EQ(s.take("other", "Arm").kind, Kind::Granted);
-    }
+    ASSERT_EQ(s.take("other", "Arm").kind, Kind::Granted);
     std::string behind;
     ZUAcquireResult r = s.take("a", row.resource, row.timeout, row.noWait, {},
                                [&behind](const ZU::ZUWaitReport& w) { behind = w.holder; });
