@@ -1,4 +1,4 @@
-# zuresource_library(<name> SOURCES <file>... [EXPORT <set>] [PRIVATE_HEADERS <file>...])
+# zuresource_library(<name> SOURCES <file>... [EXPORT <set>])
 #
 # One shared library of the project: target <name> and alias zuresource::<name>,
 # its headers in the folder <name>/ beside its sources (included as
@@ -10,11 +10,11 @@
 # Installed and private headers are kept apart by folder: <name>/ holds the
 # installed ones only; private headers go to internal/<name>/ beside it, seen
 # by the library's own sources (still included as <name>/<header>.h) and
-# never installed nor checked as public. PRIVATE_HEADERS, names of private
-# headers left in <name>/ and excluded from the install by pattern, is kept
-# until every library has moved them to internal/.
+# never installed nor checked as public. A program of this project that needs
+# them too links <name>_internal (zuresource::<name>_internal): the library
+# with its internal folder, neither installed nor exported.
 function(zuresource_library name)
-  cmake_parse_arguments(ARG "" "EXPORT" "SOURCES;PRIVATE_HEADERS" ${ARGN})
+  cmake_parse_arguments(ARG "" "EXPORT" "SOURCES" ${ARGN})
   if(NOT ARG_EXPORT)
     set(ARG_EXPORT zuresourceTargets)
   endif()
@@ -25,6 +25,10 @@ function(zuresource_library name)
     $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
   if(IS_DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}/internal)
     target_include_directories(${name} PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/internal)
+    add_library(${name}_internal INTERFACE)
+    add_library(zuresource::${name}_internal ALIAS ${name}_internal)
+    target_include_directories(${name}_internal INTERFACE ${CMAKE_CURRENT_SOURCE_DIR}/internal)
+    target_link_libraries(${name}_internal INTERFACE ${name})
   endif()
   target_compile_options(${name} PRIVATE -Wall -Wextra)
   set_target_properties(${name} PROPERTIES VERSION ${PROJECT_VERSION}
@@ -36,10 +40,6 @@ function(zuresource_library name)
           LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
           ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
           RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-  set(excluded)
-  foreach(header IN LISTS ARG_PRIVATE_HEADERS)
-    list(APPEND excluded PATTERN ${header} EXCLUDE)
-  endforeach()
   install(DIRECTORY ${name}/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${name}
-          FILES_MATCHING PATTERN "*.h" ${excluded})
+          FILES_MATCHING PATTERN "*.h")
 endfunction()

@@ -62,10 +62,8 @@ TEST(Contract, ErrorsCallersCatch) {
       EXPECT_EQ(error->getLine(), static_cast<unsigned>(row.line));
     }
   }
-  // The wait timer counts in polling periods of 200 ms; status lines show it
-  // in whole seconds.
+  // A wait is seen to end at most one polling period late.
   EXPECT_EQ(ZU::ZUOwnerStrong::kPollPeriodMs, 200);
-  EXPECT_EQ(holder->timeout % 200, 0);
 }
 
 TEST(Contract, NamesCallersRead) {
@@ -73,7 +71,6 @@ TEST(Contract, NamesCallersRead) {
   zutest::RecordingModule module(broker, "boxModule");
   auto arm = makePlain("Arm");
   const std::string free = arm->httpGet(0);
-  EXPECT_TRUE(arm->isResourceOwned("emptyOwner"));
   EXPECT_EQ(arm->currentOwner.load()->name, "emptyOwner");
 
   auto holder = makeOwner("box", "boxModule");

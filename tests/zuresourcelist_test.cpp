@@ -1,23 +1,87 @@
 // Resource groups: membership, queries and reports, then acquisition, which
 // walks the members.
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include <boost/make_shared.hpp>
+#include <boost/shared_ptr.hpp>
 #include <gtest/gtest.h>
 
 #include <zuresource/zucontract.h>
 #include <zuresource/zuexplain.h>
+#include <zuresource/zuresource.h>
 #include <zuresource/zuresourcelist.h>
 #include <zuresource/zuresourcestate.h>
 #include <zuresource/zustalewaitchecker.h>
 
-#include "support/recordingresource.h"
+#include <zuhost/zuerror.h>
+
 #include "support/resourcehelpers.h"
 #include "support/threads.h"
 
 namespace {
+
+/// Calls made on the members of a group, as "<resource>.<operation>", in
+/// order. The tests that record run in one thread.
+using CallLog = std::vector<std::string>;
+
+/// Stands in front of a plain resource of the same name: records waitFor,
+/// switchOwner, release and isResourceFree, then lets the inner resource
+/// answer (so its calls to itself are not recorded). Its waitFor can run an
+/// action first, or fail.
+class RecordingResource : public ZU::ZUResource {
+ public:
+  RecordingResource(const std::string& name, boost::shared_ptr<CallLog> log)
+      : ZUResource(name, nullptr),
+        inner_(boost::make_shared<ZUResource>(name, nullptr)),
+        log_(std::move(log)) {}
+
+  /// waitFor runs `action` after recording the call, before the inner wait.
+  void onWaitFor(std::function<void()> action) { action_ = std::move(action); }
+  /// waitFor throws ZUError ("ResourceManager", "waitResource", `description`)
+  /// after recording the call; lastError() is the address of the thrown object.
+  void failWaitFor(const std::string& description) { failure_ = description; }
+  const ZU::ZUError* lastError() const { return lastError_; }
+  const boost::shared_ptr<ZU::ZUResource>& inner() const { return inner_; }
+
+  std::vector<std::string> waitFor(boost::shared_ptr<ZU::ZUOwner> owner, const std::string& label,
+                                   int timeout, const std::vector<std::string>& noWait) override {
+    record("waitFor");
+    if (action_) action_();
+    if (failure_.empty()) return inner_->waitFor(owner, label, timeout, noWait);
+    try {
+      throw ZU::ZUError("ResourceManager", "waitResource", failure_, "tests", 0);
+    } catch (const ZU::ZUError& error) {
+      lastError_ = &error;  // the very object that travels on
+      throw;
+    }
+  }
+  void switchOwner(boost::shared_ptr<ZU::ZUOwner> owner, const std::string& label,
+                   int timeout) override {
+    record("switchOwner");
+    inner_->switchOwner(owner, label, timeout);
+  }
+  void release(boost::shared_ptr<ZU::ZUOwner> owner) override {
+    record("release");
+    inner_->release(owner);
+  }
+  bool isResourceFree() override {
+    record("isResourceFree");
+    return inner_->isResourceFree();
+  }
+  bool isResourceOwned(const std::string& m) override { return inner_->isResourceOwned(m); }
+
+ private:
+  void record(const char* operation) { log_->push_back(name + "." + operation); }
+
+  const boost::shared_ptr<ZU::ZUResource> inner_;
+  const boost::shared_ptr<CallLog> log_;
+  std::function<void()> action_;
+  std::string failure_;  // empty: none
+  const ZU::ZUError* lastError_ = nullptr;
+};
 
 using Names = std::vector<std::string>;
 using zutest::errorOf;
@@ -58,10 +122,10 @@ TEST(GroupMembershipTest, QueriesAndReportsNestAndDeleteTakesTheFirstMatch) {
 /// A group G of three recording members R1, R2, R3 sharing one log.
 class GroupAcquireTest : public ::testing::Test {
  protected:
-  boost::shared_ptr<zutest::CallLog> log = boost::make_shared<zutest::CallLog>();
-  boost::shared_ptr<zutest::RecordingResource> r1 = zutest::makeRecording("R1", log);
-  boost::shared_ptr<zutest::RecordingResource> r2 = zutest::makeRecording("R2", log);
-  boost::shared_ptr<zutest::RecordingResource> r3 = zutest::makeRecording("R3", log);
+  boost::shared_ptr<CallLog> log = boost::make_shared<CallLog>();
+  boost::shared_ptr<RecordingResource> r1 = boost::make_shared<RecordingResource>("R1", log);
+  boost::shared_ptr<RecordingResource> r2 = boost::make_shared<RecordingResource>("R2", log);
+  boost::shared_ptr<RecordingResource> r3 = boost::make_shared<RecordingResource>("R3", log);
   boost::shared_ptr<ZU::ZUResourceList> g = makeGroup("G", {r1, r2, r3});
   boost::shared_ptr<ZU::ZUOwner> owner = makeOwner("o", "M");
   boost::shared_ptr<ZU::ZUOwner> other = makeOwner("x", "X");
@@ -70,7 +134,7 @@ class GroupAcquireTest : public ::testing::Test {
 TEST_F(GroupAcquireTest, IsResourceFreeStopsAtTheFirstBusyMemberAndOwnedAsksEvery) {
   r2->inner()->waitFor(owner, "", 0, {});
   EXPECT_FALSE(g->isResourceFree());
-  EXPECT_EQ(log->entries(), (Names{"R1.isResourceFree", "R2.isResourceFree"}));
+  EXPECT_EQ(*log, (Names{"R1.isResourceFree", "R2.isResourceFree"}));
   EXPECT_FALSE(g->isResourceOwned("M"));
 }
 
@@ -80,7 +144,7 @@ TEST_F(GroupAcquireTest, EveryWalkTakesTheMembersInListOrder) {
   g->switchOwner(other, "", 0);
   EXPECT_TRUE(g->isResourceOwned("X"));
   g->release(owner);  // asks every member, also those the owner doesn't hold
-  EXPECT_EQ(log->entries(),
+  EXPECT_EQ(*log,
             (Names{"R1.waitFor", "R2.waitFor", "R3.waitFor", "R1.switchOwner", "R2.switchOwner",
                    "R3.switchOwner", "R1.release", "R2.release", "R3.release"}));
   EXPECT_TRUE(g->isResourceOwned("X"));
@@ -89,7 +153,7 @@ TEST_F(GroupAcquireTest, EveryWalkTakesTheMembersInListOrder) {
 TEST_F(GroupAcquireTest, NamesNotWaitedForAreJoinedInMemberOrderAndTheRestStaysHeld) {
   for (const auto& busy : {r1, r3}) busy->inner()->waitFor(other, "", 0, {});
   EXPECT_EQ(g->waitFor(owner, "", 0, {"R3", "R2", "R1"}), (Names{"R1", "R3"}));
-  EXPECT_EQ(log->entries(), (Names{"R1.waitFor", "R2.waitFor", "R3.waitFor"}));  // no release
+  EXPECT_EQ(*log, (Names{"R1.waitFor", "R2.waitFor", "R3.waitFor"}));  // no release
   EXPECT_TRUE(r1->isResourceOwned("X") && r2->isResourceOwned("M") && r3->isResourceOwned("X"));
 }
 
@@ -102,7 +166,7 @@ TEST_F(GroupAcquireTest, FailingMemberReleasesEveryMemberAndRethrowsTheVeryError
     EXPECT_EQ(&error, r2->lastError()) << "a copy was thrown on";
     EXPECT_EQ(error.getDescription(), "R2 gave up");
   }
-  EXPECT_EQ(log->entries(),
+  EXPECT_EQ(*log,
             (Names{"R1.waitFor", "R2.waitFor", "R1.release", "R2.release", "R3.release"}));
   EXPECT_TRUE(g->isResourceFree());
 
@@ -118,7 +182,7 @@ TEST_F(GroupAcquireTest, EveryLevelReleasesOnTheWayOut) {
   auto error = errorOf([&] { nested->waitFor(owner, "", 0, {}); });
   ASSERT_TRUE(error);
   EXPECT_EQ(error->getDescription(), "R3 gave up");
-  EXPECT_EQ(log->entries(), (Names{"R1.waitFor", "R2.waitFor", "R3.waitFor",     // the walk
+  EXPECT_EQ(*log, (Names{"R1.waitFor", "R2.waitFor", "R3.waitFor",     // the walk
                                    "R2.release", "R3.release",                   // H's release
                                    "R1.release", "R2.release", "R3.release"}));  // N's
   EXPECT_TRUE(nested->isResourceFree());
@@ -127,14 +191,14 @@ TEST_F(GroupAcquireTest, EveryLevelReleasesOnTheWayOut) {
 TEST_F(GroupAcquireTest, AbortBeforeOrDuringAWalkGivesEveryMemberBack) {
   g->setAbortRequested(true);
   g->switchOwner(owner, "", 0);
-  EXPECT_EQ(log->entries(), (Names{"R1.release", "R2.release", "R3.release"}));
+  EXPECT_EQ(*log, (Names{"R1.release", "R2.release", "R3.release"}));
   g->setAbortRequested(false);
 
   r2->onWaitFor([this] { g->setAbortRequested(true); });
   r3->inner()->waitFor(other, "", 0, {});
   // R3 is busy and listed, yet the result is empty: an aborted walk says nothing.
   EXPECT_TRUE(g->waitFor(owner, "", 0, {"R3"}).empty());
-  EXPECT_EQ(log->entries(), (Names{"R1.release", "R2.release", "R3.release", "R1.waitFor",
+  EXPECT_EQ(*log, (Names{"R1.release", "R2.release", "R3.release", "R1.waitFor",
                                    "R2.waitFor", "R1.release", "R2.release", "R3.release"}));
   EXPECT_TRUE(r1->isResourceFree() && r2->isResourceFree());
   EXPECT_TRUE(r3->isResourceOwned("X"));

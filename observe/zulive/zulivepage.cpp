@@ -9,29 +9,32 @@ const char kStyle[] =
     ".line{white-space:pre}table{border-collapse:collapse;font-size:13px}"
     "td{padding:2px 10px}td.ms{text-align:right;color:#555}.alarm{color:#c0392b}";
 
+const char* markupEntity(unsigned long c) {
+  switch (c) {
+    case '&':
+      return "&amp;";
+    case '<':
+      return "&lt;";
+    case '>':
+      return "&gt;";
+    case '"':
+      return "&quot;";
+    case '\'':
+      return "&#39;";
+    default:
+      return nullptr;
+  }
+}
+
 std::string escapeHtml(const std::string& text) {
   std::string out;
   out.reserve(text.size());
   for (char c : text) {
-    switch (c) {
-      case '&':
-        out += "&amp;";
-        break;
-      case '<':
-        out += "&lt;";
-        break;
-      case '>':
-        out += "&gt;";
-        break;
-      case '"':
-        out += "&quot;";
-        break;
-      case '\'':
-        out += "&#39;";
-        break;
-      default:
-        out += c;
-    }
+    const char* entity = markupEntity(static_cast<unsigned char>(c));
+    if (entity)
+      out += entity;
+    else
+      out += c;
   }
   return out;
 }

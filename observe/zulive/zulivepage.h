@@ -13,6 +13,10 @@ namespace zulivepage {
 /// The pages' style sheet.
 extern const char kStyle[];
 
+/// The entity that stands for & < > " or ' as text in HTML or XML; null
+/// for any other character.
+const char* markupEntity(unsigned long c);
+
 /// `text` made safe to stand as text in HTML or SVG: & < > " and ' become
 /// entities, so that markup in a name shows as text.
 std::string escapeHtml(const std::string& text);

@@ -23,9 +23,12 @@ void require(bool property) {
   if (!property) std::abort();
 }
 
-void checkName(const std::string& name) {
-  const bool acceptable = !name.empty() && name.size() <= contract::kMaxNameBytes;
-  require(contract::nameProblem("name", name).empty() == acceptable);
+template <typename... Names>
+void checkNames(const Names&... names) {
+  for (const std::string& name : {std::string(names)...}) {
+    const bool acceptable = !name.empty() && name.size() <= contract::kMaxNameBytes;
+    require(contract::nameProblem("name", name).empty() == acceptable);
+  }
 }
 
 void checkTimeout(std::int64_t seconds) {
@@ -56,40 +59,33 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   switch (data[0] % 6) {
     case 0:
       decode<pb::SessionRequest>(bytes, [](const pb::SessionRequest& r) {
-        if (r.has_hello()) checkName(r.hello().module());
+        if (r.has_hello()) checkNames(r.hello().module());
       });
       break;
     case 1:
       decode<pb::AcquireRequest>(bytes, [](const pb::AcquireRequest& r) {
-        checkName(r.session());
-        checkName(r.owner());
-        checkName(r.resource());
+        checkNames(r.session(), r.owner(), r.resource());
         checkTimeout(r.timeout_seconds());
-        for (const auto& name : r.no_wait()) checkName(name);
+        for (const auto& name : r.no_wait()) checkNames(name);
       });
       break;
     case 2:
       decode<pb::ReleaseRequest>(bytes, [](const pb::ReleaseRequest& r) {
-        checkName(r.session());
-        checkName(r.owner());
-        checkName(r.resource());
+        checkNames(r.session(), r.owner(), r.resource());
       });
       break;
     case 3:
       decode<pb::SwitchOwnerRequest>(bytes, [](const pb::SwitchOwnerRequest& r) {
-        checkName(r.owner());
-        checkName(r.new_owner());
-        checkName(r.resource());
+        checkNames(r.owner(), r.new_owner(), r.resource());
       });
       break;
     case 4:
-      decode<pb::SetStateRequest>(bytes, [](const pb::SetStateRequest& r) { checkName(r.resource()); });
+      decode<pb::SetStateRequest>(bytes, [](const pb::SetStateRequest& r) { checkNames(r.resource()); });
       break;
     default:
       decode<pb::ExplainRequest>(bytes, [](const pb::ExplainRequest& r) {
-        checkName(r.owner());
-        checkName(r.resource());
-        for (const auto& name : r.no_wait()) checkName(name);
+        checkNames(r.owner(), r.resource());
+        for (const auto& name : r.no_wait()) checkNames(name);
       });
       break;
   }

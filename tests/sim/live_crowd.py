@@ -5,6 +5,7 @@
   a second;
 - Last-Event-ID resumes after a decimal line number; any other value starts
   from the first line;
+- a head that is not a GET request, or too long, is answered 400, 405, 431;
 - SIGTERM with 20 slow clients attached ends the run and the program within
   two seconds.
 Times allow ZU_TEST_LATE_TOLERANCE_MS more (sanitizer builds).
@@ -33,13 +34,14 @@ def connect():
     return socket.create_connection(("127.0.0.1", port), timeout=10)
 
 
-def get(path, headers=""):
-    """An ordinary request: the whole answer, and how long it took."""
+def get(head, until=None):
+    """The answer to a request head, whole or up to the pattern `until`, and
+    how long it took."""
     began = time.monotonic()
     s = connect()
-    s.sendall(f"GET {path} HTTP/1.1\r\nHost: x\r\n{headers}\r\n".encode())
+    s.sendall(head)
     data = b""
-    while True:
+    while not (until and re.search(until, data)):
         chunk = s.recv(65536)
         if not chunk:
             break
@@ -50,17 +52,9 @@ def get(path, headers=""):
 
 def first_id(last_event_id):
     """The id of the first line /events sends after this Last-Event-ID."""
-    s = connect()
     header = "" if last_event_id is None else f"Last-Event-ID: {last_event_id}\r\n"
-    s.sendall(f"GET /events HTTP/1.1\r\nHost: x\r\n{header}\r\n".encode())
-    data = b""
-    while b"\nid: " not in data or not re.search(rb"\nid: \d+\n", data):
-        chunk = s.recv(4096)
-        if not chunk:
-            break
-        data += chunk
-    s.close()
-    found = re.search(rb"\nid: (\d+)\n", data)
+    answer = get(f"GET /events HTTP/1.1\r\nHost: x\r\n{header}\r\n".encode(), rb"\nid: \d+\n")[0]
+    found = re.search(r"\nid: (\d+)\n", answer)
     return int(found.group(1)) if found else None
 
 
@@ -87,6 +81,14 @@ try:
         check(f"Last-Event-ID {header!r}: the stream starts at line {expected}",
               found == expected, f"starts at {found}")
 
+    # Heads that are not a GET, or longer than the server reads (16 KiB, sent
+    # whole so that the answer is not lost to a reset).
+    for head, status in [(b"BLAH\r\n\r\n", 400), (b"POST / HTTP/1.1\r\n\r\n", 405),
+                         (b"\r\n\r\n", 400), (b"G" * (16 * 1024 + 1), 431)]:
+        answer = get(head)[0]
+        check(f"a head of {head[:20]!r} ({len(head)} bytes) is answered {status}",
+              answer.startswith(f"HTTP/1.1 {status} "), answer[:40])
+
     # The crowd.
     crowd, stop_dripping = [], threading.Event()
     for _ in range(300):
@@ -110,7 +112,7 @@ try:
     threading.Thread(target=drip, daemon=True).start()
     time.sleep(1)
     for path in ["/", "/snapshot.json"]:
-        answer, took = get(path)
+        answer, took = get(f"GET {path} HTTP/1.1\r\nHost: x\r\n\r\n".encode())
         check(f"{path} with 360 slow clients attached is served within a second",
               answer.startswith("HTTP/1.1 200") and took <= 1 + late, f"{took:.2f} s")
     stop_dripping.set()

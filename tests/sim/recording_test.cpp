@@ -56,7 +56,12 @@ std::string refusal(const std::string& text) {
   return "";
 }
 
-TEST(Recording, TheGoodRecordingMakesAScenario) { EXPECT_EQ(refusal(with(0, "")), ""); }
+TEST(Recording, TheGoodRecordingMakesAScenario) {
+  EXPECT_EQ(refusal(with(0, "")), "");
+  // Cut off in its first event: nothing to replay.
+  EXPECT_EQ(refusal(kGood[0] + "\n" + kGood[1] + "\n{\"type\":\"ev"),
+            "rec.jsonl: records no event before its cut at line 3");
+}
 
 struct BadLine {
   const char* what;
@@ -65,12 +70,13 @@ struct BadLine {
   const char* refusal;  // what follows "rec.jsonl: "
 };
 
+// One row per kind of fault: the fields share their readers, and the fuzz
+// target finds a field read without one.
 TEST(Recording, BadLinesAreRefusedByLineAndField) {
   const std::string event = R"({"type":"event","seq":3,"thread":"7","ownerModule":"M",)";
   const std::string plain = R"({"name":"A","kind":"plain","holders":[]})";
   const BadLine rows[] = {
       {"not an object", 3, "[1, 2]", "line 3: not a JSON object"},
-      {"a number", 3, "5", "line 3: not a JSON object"},
       {"not JSON, before the last line", 3, "{\"type\":", "line 3: not JSON"},
       {"no type", 3, "{}", "line 3: \"type\": missing"},
       {"unknown type", 3, R"({"type":"evnt"})", "line 3: \"type\": unknown line type \"evnt\""},
@@ -81,8 +87,6 @@ TEST(Recording, BadLinesAreRefusedByLineAndField) {
       {"activated a string", 2,
        snapshot(R"([{"name":"S","kind":"state","holders":[],"activated":"yes"}])"),
        "line 2: \"resources\\[0\\].activated\": must be true or false, not string"},
-      {"members numbers", 2, snapshot(R"([{"name":"G","kind":"group","members":[1,2]}])"),
-       "line 2: \"resources\\[0\\].members\": must be a list of names, not of numbers"},
       {"resources an object", 2, snapshot(R"({"A":1})"),
        "line 2: \"resources\": must be a list, not object"},
       {"a group in itself", 2, snapshot(R"([{"name":"G","kind":"group","members":["G"]}])"),
@@ -125,8 +129,6 @@ TEST(Recording, BadLinesAreRefusedByLineAndField) {
        "line 8: \"ms\": goes back to 1 after 400 ms \\(line 6\\)"},
       {"an unknown kind", 3, event + R"("ms":2,"kind":"grabbed","resource":"A","owner":"a"})",
        "line 3: \"kind\": unknown kind \"grabbed\""},
-      {"a kind a number", 3, event + R"("ms":2,"kind":5,"resource":"A","owner":"a"})",
-       "line 3: \"kind\": must be a string, not number"},
       {"an empty resource name", 3,
        event + R"("ms":2,"kind":"requested","resource":"","owner":"a"})",
        "line 3: \"resource\": empty resource name"},
@@ -140,9 +142,6 @@ TEST(Recording, BadLinesAreRefusedByLineAndField) {
       {"an owner changing module", 8,
        R"({"type":"event","ms":495,"thread":"7","kind":"requested","resource":"B","owner":"a","ownerModule":"N"})",
        "line 8: \"ownerModule\": \"a\" is of module \"M\" \\(line 3\\), not \"N\""},
-      {"noWaitList a string", 3,
-       event + R"("ms":2,"kind":"requested","resource":"A","owner":"a","noWaitList":"B"})",
-       "line 3: \"noWaitList\": must be a list of names, not string"},
       {"an unknown grant", 4,
        event + R"("ms":2,"kind":"granted","resource":"A","owner":"a","grant":"stolen"})",
        "line 4: \"grant\": unknown grant \"stolen\""},

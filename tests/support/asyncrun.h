@@ -90,10 +90,10 @@ struct ConflictRun : AsyncRun<bool> {
         }) {}
 };
 
-/// Whether `error` is the error that ends a wait: ZUError (wait module, wait
-/// method, `description`).
-inline ::testing::AssertionResult isWaitError(const std::optional<ZU::ZUError>& error,
-                                              const std::string& description) {
+/// Whether the call failed with the error that ends a wait: ZUError (wait
+/// module, wait method, `description`).
+inline ::testing::AssertionResult waitFailed(const std::optional<ZU::ZUError>& error,
+                                             const std::string& description) {
   if (!error) return ::testing::AssertionFailure() << "no ZUError";
   if (error->getModule() != ZU::contract::kWaitErrorModule ||
       error->getMethod() != ZU::contract::kWaitErrorMethod ||
@@ -101,12 +101,10 @@ inline ::testing::AssertionResult isWaitError(const std::optional<ZU::ZUError>& 
     return ::testing::AssertionFailure() << "unexpected error: " << error->toString();
   return ::testing::AssertionSuccess();
 }
-
-/// Whether the run failed with the wait error `description`.
 template <typename Result>
 ::testing::AssertionResult waitFailed(const Outcome<Result>& outcome,
                                       const std::string& description) {
-  return isWaitError(outcome.error, description);
+  return waitFailed(outcome.error, description);
 }
 
 /// Whether the run returned `expected` (waitFor: nothing not obtained; conflict:

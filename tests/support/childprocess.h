@@ -8,6 +8,8 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
+#include <system_error>
 #include <string>
 #include <vector>
 
@@ -37,13 +39,17 @@ class ChildProcess {
     std::vector<char*> argv;
     for (auto& a : all) argv.push_back(a.data());
     argv.push_back(nullptr);
-    if (posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv.data(), environ) != 0) pid_ = -1;
+    // A program that cannot be started ends at once with status 127, as in a shell.
+    if (posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv.data(), environ) != 0) {
+      ended_ = true;
+      status_ = 127;
+    }
     posix_spawn_file_actions_destroy(&actions);
     close(out[1]);
     out_ = out[0];
   }
   ~ChildProcess() {
-    if (pid_ > 0 && !ended_) {
+    if (!ended_) {
       kill(pid_, SIGCONT);
       kill(pid_, SIGKILL);
       wait();
@@ -52,9 +58,6 @@ class ChildProcess {
   }
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
-
-  bool started() const { return pid_ > 0; }
-  pid_t pid() const { return pid_; }
 
   /// The next line of its output (without the newline), or "" at its end or
   /// when none came within `timeout`.
@@ -84,39 +87,39 @@ class ChildProcess {
   std::string lineStartingWith(const std::string& prefix,
                                std::chrono::milliseconds timeout = std::chrono::seconds(30)) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
-    for (;;) {
-      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-          deadline - std::chrono::steady_clock::now());
-      if (left.count() <= 0) return {};
-      std::string text = line(left);
+    while (std::chrono::steady_clock::now() < deadline) {
+      std::string text = line(std::chrono::duration_cast<std::chrono::milliseconds>(
+          deadline - std::chrono::steady_clock::now()));
       if (text.rfind(prefix, 0) == 0) return text;
-      if (text.empty() && ended()) return {};
+      if (text.empty() && ended()) break;
     }
+    return {};
   }
 
-  void signal(int sig) { kill(pid_, sig); }
+  /// Never sent once it is known to have ended: its pid may be another's by then.
+  void signal(int sig) {
+    if (!ended_) kill(pid_, sig);
+  }
   /// Waits for its end; its exit status, or 128 + the signal that ended it.
   int wait() {
-    if (ended_) return status_;
-    int status = 0;
-    while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+    while (!reap(0) && errno == EINTR) {
     }
-    ended_ = true;
-    status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     return status_;
   }
   /// Whether it has ended (without waiting).
-  bool ended() {
-    if (ended_) return true;
+  bool ended() { return reap(WNOHANG); }
+
+ private:
+  /// Whether it has ended, asking waitpid() with `options` if not known yet.
+  bool reap(int options) {
     int status = 0;
-    if (waitpid(pid_, &status, WNOHANG) == pid_) {
+    if (!ended_ && waitpid(pid_, &status, options) == pid_) {
       ended_ = true;
       status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
     return ended_;
   }
 
- private:
   pid_t pid_ = -1;
   int out_ = -1;
   std::string buffer_;
@@ -134,9 +137,8 @@ class TempDir {
     path_ = pattern;
   }
   ~TempDir() {
-    const std::string command = "rm -rf '" + path_ + "'";
-    if (std::system(command.c_str()) != 0) {
-    }
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
   }
   TempDir(const TempDir&) = delete;
   TempDir& operator=(const TempDir&) = delete;

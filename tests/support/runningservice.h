@@ -36,7 +36,6 @@ class RunningService {
   /// "unix:/tmp/zutest.../zuresource.sock"
   const std::string& target() const { return target_; }
   ChildProcess& process() { return *process_; }
-  const std::string& dir() const { return dir_.path(); }
 
  private:
   TempDir dir_;

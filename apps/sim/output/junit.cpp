@@ -4,6 +4,8 @@
 #include <iomanip>
 #include <sstream>
 
+#include <zulive/zulivepage.h>
+
 namespace zusim {
 
 namespace {
@@ -60,22 +62,12 @@ std::string escapeXml(const std::string& text) {
       ++i;
       continue;
     }
+    if (const char* entity = ZU::zulivepage::markupEntity(cp)) {
+      out += entity;
+      i += n;
+      continue;
+    }
     switch (cp) {
-      case '&':
-        out += "&amp;";
-        break;
-      case '<':
-        out += "&lt;";
-        break;
-      case '>':
-        out += "&gt;";
-        break;
-      case '"':
-        out += "&quot;";
-        break;
-      case '\'':
-        out += "&apos;";
-        break;
       case '\t':
         out += "&#9;";
         break;
