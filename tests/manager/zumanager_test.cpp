@@ -46,7 +46,7 @@ std::vector<boost::shared_ptr<ZU::ZUResource>> robot() {
 }
 
 /// What a module does when told its resource is wanted.
-enum class OnWanted { Keep, LetGo, LetGoThenThrow };
+enum class OnWanted { Keep, LetGo, LetGoThenThrow, CloseItsModule };
 
 /// A manager whose modules keep what they lose ("M: h lost Arm to r").
 class Stage {
@@ -62,6 +62,7 @@ class Stage {
         lost_.push_back(module + ": " + n.owner + " lost " + n.resource + " to " + n.by);
       }
       if (n.kind != ZUNotice::Kind::Wanted || n.owner.empty() || onWanted == OnWanted::Keep) return;
+      if (onWanted == OnWanted::CloseItsModule) return manager.closeModule(module);
       manager.release(n.owner, n.resource);
       if (onWanted == OnWanted::LetGoThenThrow) throw std::runtime_error("handler fails");
     });
@@ -131,6 +132,8 @@ TEST(Manager, RequestOutcomes) {
       {"holder lets go when told", OnWanted::LetGo, "Body", -1, {}, Kind::Granted, "", "other",
        "a", "a"},
       {"holder's handler throws after letting go", OnWanted::LetGoThenThrow, "Arm", -1, {},
+       Kind::Granted, "", "other", kFree, "a"},
+      {"holder's handler closes its own module", OnWanted::CloseItsModule, "Arm", -1, {},
        Kind::Granted, "", "other", kFree, "a"},
       {"holder ignores, a group's time limit", OnWanted::Keep, "Body", 0, {}, Kind::Failed,
        timedOut, "other", kFree, "other"},
