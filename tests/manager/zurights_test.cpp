@@ -98,6 +98,7 @@ TEST(Rights, FileRefusals) {
        "f: clients[0]: give either"},
       {R"({"clients": [{"user": "a"}]})", "f: clients[0]: "},
       {R"({"clients": [{"user": "a", "resources": []}]})", "f: clients[0]: \"resources\" names"},
+      {R"({"clients": [{"user": "a", "resources": ["H", ""]}]})", "f: clients[0]: \"resources\" has an"},
       {R"({"clients": [{"user": "a", "resources": ["*"], "maxPriority": 2000000}]})",
        "f: clients[0]: "},
       {R"({"clients": [{"token": "t", "resources": ["*"]}, {"token": "t", "resources": ["*"]}]})",
