@@ -2,7 +2,6 @@
 // modules that close, refused calls, and the policies (priority with a grace
 // period, force-release by an operator, a fallback holder).
 
-#include <chrono>
 #include <functional>
 #include <future>
 #include <map>
@@ -10,20 +9,19 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <boost/make_shared.hpp>
 #include <gtest/gtest.h>
 
 #include <zuresource/zucontract.h>
-#include <zuresource/zuresourcelist.h>
 #include <zuresource/zuresourcestate.h>
 #include <zuresource/zuwaitregistry.h>
 
 #include <zumanager/zumanager.h>
 
 #include "support/observed.h"
+#include "support/resourcehelpers.h"
 #include "support/threads.h"
 
 namespace {
@@ -38,10 +36,8 @@ const std::string kStopped = ZU::contract::kStopWhileWaiting;
 
 /// Head and Arm in the group Body; Legs; the state Standing.
 std::vector<boost::shared_ptr<ZU::ZUResource>> robot() {
-  auto body = boost::make_shared<ZU::ZUResourceList>("Body", nullptr);
-  body->addResource(boost::make_shared<ZU::ZUResource>("Head", nullptr));
-  body->addResource(boost::make_shared<ZU::ZUResource>("Arm", nullptr));
-  return {body, boost::make_shared<ZU::ZUResource>("Legs", nullptr),
+  using namespace zutest;
+  return {makeGroup("Body", {makePlain("Head"), makePlain("Arm")}), makePlain("Legs"),
           boost::make_shared<ZU::ZUResourceState>("Standing", nullptr)};
 }
 
@@ -78,10 +74,9 @@ class Stage {
   /// Starts a request in a thread of its own; `waiting` counts down once it
   /// waits behind somebody.
   std::future<ZUAcquireResult> start(const std::string& owner, const std::string& resource,
-                                     zutest::Latch& waiting, ZU::ZUAcquireCancel* cancel = nullptr,
-                                     int timeout = -1) {
+                                     zutest::Latch& waiting, ZU::ZUAcquireCancel* cancel) {
     return std::async(std::launch::async, [=, &waiting] {
-      return take(owner, resource, timeout, {}, {},
+      return take(owner, resource, -1, {}, {},
                   [&waiting](const ZU::ZUWaitReport&) { waiting.countDown(); }, cancel);
     });
   }
@@ -92,12 +87,7 @@ class Stage {
   std::string holder(const std::string& leaf) { return manager.holdersOf(leaf).at(0); }
   /// Waits (generously) until `done` holds.
   static bool eventually(const std::function<bool()>& done) {
-    zutest::Stopwatch watch;
-    while (!done()) {
-      if (watch.elapsedMs() > 3000 + zutest::lateToleranceMs()) return false;
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return true;
+    return zutest::waitUntil(done, 3000 + zutest::lateToleranceMs());
   }
   bool noticed(std::size_t count) {
     return eventually([&] { return lost().size() >= count; });
