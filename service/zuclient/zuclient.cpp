@@ -97,19 +97,19 @@ ZUClient::ZUClient(const std::string& target) : impl_(std::make_shared<Impl>()),
 
 ZUClient::~ZUClient() = default;
 
-std::string ZUClient::status() {
+namespace {
+/// The service's Status reply: its text and its values together.
+pb::StatusReply statusReply(ZUClient::Impl& impl) {
   grpc::ClientContext context;
   pb::StatusReply reply;
-  check(impl_->stub->Status(&context, pb::StatusRequest(), &reply));
-  return reply.text();
+  check(impl.stub->Status(&context, pb::StatusRequest(), &reply));
+  return reply;
 }
+}  // namespace
 
-std::string ZUClient::statusValuesJson() {
-  grpc::ClientContext context;
-  pb::StatusReply reply;
-  check(impl_->stub->Status(&context, pb::StatusRequest(), &reply));
-  return reply.values_json();
-}
+std::string ZUClient::status() { return statusReply(*impl_).text(); }
+
+std::string ZUClient::statusValuesJson() { return statusReply(*impl_).values_json(); }
 
 std::string ZUClient::snapshotJson() {
   grpc::ClientContext context;

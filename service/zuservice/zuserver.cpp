@@ -171,13 +171,14 @@ class ZUServer::Impl final : public pb::ResourceService::CallbackService {
     return it->second;
   }
   /// Checks that `owner` may be used by `session`: unknown yet, or one of
-  /// its own. Takes: the manager's mutex.
-  void checkOwner(const ClientSession& session, const std::string& owner) const {
+  /// its own. Returns whether it is known. Takes: the manager's mutex.
+  bool checkOwner(const ClientSession& session, const std::string& owner) const {
     checkName("owner", owner);
     const std::string module = manager_.moduleOf(owner);
     if (!module.empty() && module != session.module) {
       refuse(StatusCode::PERMISSION_DENIED, "owner " + owner + " belongs to another session");
     }
+    return !module.empty();
   }
   void checkResource(const std::string& resource) const {
     checkName("resource", resource);
@@ -198,11 +199,9 @@ class ZUServer::Impl final : public pb::ResourceService::CallbackService {
                                     pb::ReleaseReply*) override {
     return answer(context, [&] {
       auto s = session(request->session());
-      checkOwner(*s, request->owner());
+      const bool known = checkOwner(*s, request->owner());
       checkResource(request->resource());
-      if (manager_.moduleOf(request->owner()).empty()) {
-        refuse(StatusCode::NOT_FOUND, "no owner " + request->owner());
-      }
+      if (!known) refuse(StatusCode::NOT_FOUND, "no owner " + request->owner());
       manager_.release(request->owner(), request->resource());
     });
   }
@@ -212,12 +211,10 @@ class ZUServer::Impl final : public pb::ResourceService::CallbackService {
                                         pb::SwitchOwnerReply*) override {
     return answer(context, [&] {
       auto s = session(request->session());
-      checkOwner(*s, request->owner());
+      const bool known = checkOwner(*s, request->owner());
       checkOwner(*s, request->new_owner());
       checkResource(request->resource());
-      if (manager_.moduleOf(request->owner()).empty()) {
-        refuse(StatusCode::NOT_FOUND, "no owner " + request->owner());
-      }
+      if (!known) refuse(StatusCode::NOT_FOUND, "no owner " + request->owner());
       const auto holders = heldBy(request->resource(), request->owner());
       if (!holders) {
         refuse(StatusCode::FAILED_PRECONDITION,
