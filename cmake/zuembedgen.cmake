@@ -1,7 +1,8 @@
 # Run by zu_embed() (cmake -P): writes HEADER and SOURCE declaring and
 # defining, in NAMESPACE, one char array per SYMBOL=FILE of PAIRS
-# ("|"-separated) holding the file's text; comments name the files from ROOT. Each text goes in raw string literals of at most
-# 16,000 bytes each (a compiler may refuse longer ones), side by side.
+# ("|"-separated) holding the file's text; comments name the files from ROOT.
+# Each text goes in raw string literals of at most 16,000 bytes each (a
+# compiler may refuse longer ones), side by side, cut between characters.
 string(REPLACE "|" ";" pairs "${PAIRS}")
 set(decls "")
 set(defs "")
@@ -17,8 +18,19 @@ foreach(pair IN LISTS pairs)
   set(at 0)
   while(at LESS size)
     string(SUBSTRING "${text}" ${at} 16000 piece)
+    string(LENGTH "${piece}" length)
+    math(EXPR end "${at} + ${length}")
+    if(end LESS size)
+      # Ends on a one-byte character: a literal that stops inside a UTF-8
+      # sequence is refused by clang.
+      string(REGEX MATCH "^.*[\t\n -~]" piece "${piece}")
+      string(LENGTH "${piece}" length)
+      if(length EQUAL 0)
+        message(FATAL_ERROR "${file}: 16000 bytes without a one-byte character")
+      endif()
+    endif()
     string(APPEND pieces "R\"zu(${piece})zu\"\n")
-    math(EXPR at "${at} + 16000")
+    math(EXPR at "${at} + ${length}")
   endwhile()
   if(pieces STREQUAL "")
     set(pieces "\"\"")

@@ -20,6 +20,8 @@ function(zuresource_library name)
   endif()
   add_library(${name} SHARED ${ARG_SOURCES})
   add_library(zuresource::${name} ALIAS ${name})
+  # Listed for the header self-containment check (tests/headers).
+  set_property(GLOBAL APPEND PROPERTY ZURESOURCE_LIBRARIES ${name})
   target_include_directories(${name} PUBLIC
     $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}>
     $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)

@@ -178,7 +178,7 @@ bool ZUResourceFleet::acquireFleet(const boost::shared_ptr<ZUOwner>& owner,
       if (claim_ == Claim::Lost) throw lostError(lostReason_, __LINE__);
       if (isFree()) throw waitError(contract::kStopWhileWaiting, __LINE__);
       claim_ = Claim::Held;
-      token_ = token;
+      token_ = toldThrough_ = token;
       claimChanged_.notify_all();
     }
     // The grant is the robot's: when the manager released `owner` and another
@@ -200,8 +200,9 @@ bool ZUResourceFleet::acquireFleet(const boost::shared_ptr<ZUOwner>& owner,
   session_->awaitWatch(Clock::now() + std::chrono::milliseconds(kWatchStartMs));
   try {
     const std::string prefix = session_->resourcePrefix(name);
-    if (session_->client().count(prefix, ZUEtcdClient::prefixEnd(prefix), fencingToken() + 1) > 0)
-      tell(copyOwner());
+    const std::vector<ZUEtcdKeyValue> newest =
+        session_->client().range(prefix, ZUEtcdClient::prefixEnd(prefix), 0, 1);
+    if (!newest.empty()) contenderArrived(newest.front());
   } catch (const ZUEtcdError&) {
     // The watch tells of those that come later; these go untold.
   }
@@ -311,7 +312,8 @@ void ZUResourceFleet::tell(const boost::shared_ptr<ZUOwner>& holder) {
 void ZUResourceFleet::contenderArrived(const ZUEtcdKeyValue& kv) {
   {
     ZUMutexLock lock(claimMutex_);
-    if (claim_ != Claim::Held || kv.createRevision <= token_ || kv.lease == lease_) return;
+    if (claim_ != Claim::Held || kv.createRevision <= toldThrough_ || kv.lease == lease_) return;
+    toldThrough_ = kv.createRevision;
   }
   tell(copyOwner());
 }

@@ -140,6 +140,10 @@ class ZUResourceFleet : public ZUResource {
   /// The key's create revision once it is queued: the fencing token while
   /// holding; else 0.
   std::int64_t token_ ZU_GUARDED_BY(claimMutex_) = 0;
+  /// While holding, the newest contender's create revision that the holder
+  /// was told of (the token at first): the queue read after the grant and
+  /// the watch may both bring the same contender, who is told of once.
+  std::int64_t toldThrough_ ZU_GUARDED_BY(claimMutex_) = 0;
   /// Why the last claim was lost.
   std::string lostReason_ ZU_GUARDED_BY(claimMutex_);
 };

@@ -94,9 +94,8 @@ bool ZUModule::waitIdleFor(std::chrono::milliseconds timeout) {
   const auto deadline = std::chrono::steady_clock::now() + timeout;
   ZUMutexLock lock(tasks_->mutex);
   while (!tasks_->stopping && (!tasks_->queue.empty() || tasks_->running))
-    if (!lock.waitUntil(tasks_->changed, deadline))
-      return tasks_->stopping || (tasks_->queue.empty() && !tasks_->running);
-  return true;
+    if (!lock.waitUntil(tasks_->changed, deadline)) break;
+  return tasks_->stopping || (tasks_->queue.empty() && !tasks_->running);
 }
 
 int ZUModule::startedTasks() const {

@@ -30,11 +30,10 @@ bool ZUWaitPoint::park(unsigned ticket, int ms) {
   bool changed;
   {
     ZUMutexLock lock(pair.mutex);
-    for (;;) {
-      changed = generation_.load(std::memory_order_seq_cst) != ticket;
-      if (changed || !lock.waitUntil(pair.changed, deadline)) break;
+    while (generation_.load(std::memory_order_seq_cst) == ticket &&
+           lock.waitUntil(pair.changed, deadline)) {
     }
-    if (!changed) changed = generation_.load(std::memory_order_seq_cst) != ticket;
+    changed = generation_.load(std::memory_order_seq_cst) != ticket;  // also at the deadline
   }
   parked_.fetch_sub(1, std::memory_order_seq_cst);
   return changed;

@@ -149,7 +149,7 @@ class ZUManager::Listener : public ZUObserver {
     if (event.kind != ZUEvent::Kind::Waiting || !current || current->manager != manager_ ||
         event.owner != *current->owner)
       return;
-    manager_->onWaiting(event, current->priority);
+    manager_->onWaiting(event, current->priority, *current->object);
     if (current->onWait)
       (*current->onWait)(ZUWaitReport{event.resource, event.holder, event.holderModule});
   }
@@ -288,6 +288,20 @@ ZUManager::~ZUManager() {
 
 // --- Checks -------------------------------------------------------------------
 
+void ZUManager::requireName(const std::string& name, const char* method, const char* kind,
+                            const char* aKind) {
+  if (name.empty())
+    throw ZUManagerError(ZUManagerError::Code::EmptyName, method,
+                         std::string("empty ") + kind + " name");
+  if (name.size() > kMaxNameLength)
+    throw ZUManagerError(ZUManagerError::Code::BadArgument, method,
+                         std::string(aKind) + " name of " + std::to_string(name.size()) +
+                             " bytes is over the limit of " + std::to_string(kMaxNameLength));
+  if (name == contract::kPlaceholderName)
+    throw ZUManagerError(ZUManagerError::Code::BadArgument, method,
+                         quoteName(name) + " is the name of a free resource's holder");
+}
+
 void ZUManager::requireResource(const std::string& name, const char* method) const {
   if (name.empty())
     throw ZUManagerError(ZUManagerError::Code::EmptyName, method, "empty resource name");
@@ -325,15 +339,7 @@ std::vector<std::string> ZUManager::leavesOf(const std::string& name) const {
 // --- Modules and owners -------------------------------------------------------
 
 void ZUManager::openModule(const std::string& name, ZUNoticeHandler onNotice) {
-  if (name.empty())
-    throw ZUManagerError(ZUManagerError::Code::EmptyName, "openModule", "empty module name");
-  if (name.size() > kMaxNameLength)
-    throw ZUManagerError(ZUManagerError::Code::BadArgument, "openModule",
-                         "a module name of " + std::to_string(name.size()) +
-                             " bytes is over the limit of " + std::to_string(kMaxNameLength));
-  if (name == contract::kPlaceholderName)
-    throw ZUManagerError(ZUManagerError::Code::BadArgument, "openModule",
-                         quoteName(name) + " is the name of a free resource's holder");
+  requireName(name, "openModule", "module", "a module");
   auto outlet = std::make_shared<Outlet>();
   outlet->module = name;
   outlet->handler = std::move(onNotice);
@@ -437,15 +443,7 @@ std::vector<boost::shared_ptr<ZUModule>> ZUManager::purgeClosedLocked() {
 }
 
 void ZUManager::makeOwner(const std::string& module, const std::string& owner, int priority) {
-  if (owner.empty())
-    throw ZUManagerError(ZUManagerError::Code::EmptyName, "makeOwner", "empty owner name");
-  if (owner.size() > kMaxNameLength)
-    throw ZUManagerError(ZUManagerError::Code::BadArgument, "makeOwner",
-                         "an owner name of " + std::to_string(owner.size()) +
-                             " bytes is over the limit of " + std::to_string(kMaxNameLength));
-  if (owner == contract::kPlaceholderName)
-    throw ZUManagerError(ZUManagerError::Code::BadArgument, "makeOwner",
-                         quoteName(owner) + " is the name of a free resource's holder");
+  requireName(owner, "makeOwner", "owner", "an owner");
   if (resources_.count(owner))
     // A state resource waits on an owner named after it.
     throw ZUManagerError(ZUManagerError::Code::BadArgument, "makeOwner",
@@ -589,8 +587,8 @@ bool ZUManager::descendantBusyLocked(const std::string& name) const {
        it != owners_.end() && it->first.compare(0, name.size(), name) == 0; ++it) {
     if (!it->second->requests.empty()) return true;
     for (const std::string& leaf : leafOrder_)
-      for (const std::string& h : holdersOf(leaf))
-        if (h == it->first) return true;
+      for (const auto& h : holderObjects(leaf))
+        if (h->name == it->first) return true;
   }
   return false;
 }
@@ -739,22 +737,21 @@ void ZUManager::switchOwner(const std::string& owner, const std::string& resourc
   if (owners_.count(owner)) pruneLocked(owner);
 }
 
-void ZUManager::setState(const std::string& resource, bool activated) {
-  requireResource(resource, "setState");
+ZUResourceState& ZUManager::requireState(const std::string& resource, const char* method) const {
+  requireResource(resource, method);
   ZUResourceState* s = asState(resources_.at(resource));
   if (!s)
-    throw ZUManagerError(ZUManagerError::Code::NotAState, "setState",
+    throw ZUManagerError(ZUManagerError::Code::NotAState, method,
                          quoteName(resource) + " is not a state resource");
-  s->setState(activated);
+  return *s;
+}
+
+void ZUManager::setState(const std::string& resource, bool activated) {
+  requireState(resource, "setState").setState(activated);
 }
 
 void ZUManager::releaseState(const std::string& resource) {
-  requireResource(resource, "releaseState");
-  ZUResourceState* s = asState(resources_.at(resource));
-  if (!s)
-    throw ZUManagerError(ZUManagerError::Code::NotAState, "releaseState",
-                         quoteName(resource) + " is not a state resource");
-  s->releaseState();
+  requireState(resource, "releaseState").releaseState();
 }
 
 // --- Policies -----------------------------------------------------------------
@@ -769,14 +766,15 @@ void ZUManager::rank(const boost::shared_ptr<ZUOwner>& object, int priority, boo
   ranks_[object.get()] = Ranked{object, priority, fallback};
 }
 
-void ZUManager::onWaiting(const ZUEvent& event, int priority) {
+void ZUManager::onWaiting(const ZUEvent& event, int priority,
+                          const boost::shared_ptr<ZUOwner>& requester) {
   auto found = resources_.find(event.resource);
   if (found == resources_.end() || asState(found->second)) return;  // a state is shared
   const ZUResourcePolicy& policy = policy_.at(event.resource);
   // Declared before the lock: dropped after it (never the last handle: the
   // wait that calls us holds one).
   boost::shared_ptr<ZUOwner> holder = found->second->currentOwner.load();
-  if (holder->name != event.holder || !tCurrent) return;
+  if (holder->name != event.holder) return;
   Take take;
   take.leaf = event.resource;
   take.holder = holder;
@@ -795,7 +793,7 @@ void ZUManager::onWaiting(const ZUEvent& event, int priority) {
   } else {
     return;
   }
-  take.requester = *tCurrent->object;
+  take.requester = requester;
   takes_.push_back(std::move(take));
   policyChanged_.notify_all();
 }
@@ -806,13 +804,11 @@ void ZUManager::policyLoop() {
   while (!stopping_) {
     const auto now = std::chrono::steady_clock::now();
     std::vector<Take> due;
-    auto next = now + kPollPeriod;
     for (auto it = takes_.begin(); it != takes_.end();) {
       if (it->due <= now) {
         due.push_back(std::move(*it));
         it = takes_.erase(it);
       } else {
-        next = std::min(next, it->due);
         ++it;
       }
     }
@@ -820,12 +816,11 @@ void ZUManager::policyLoop() {
     for (const Take& t : due) perform(t);
     fallbackPass(freeSince);
     lock.lock();
-    if (!stopping_ && takes_.size() == 0) lock.waitUntil(policyChanged_, next);
-    else if (!stopping_) {
-      auto soonest = next;
-      for (const Take& t : takes_) soonest = std::min(soonest, t.due);
-      if (soonest > std::chrono::steady_clock::now()) lock.waitUntil(policyChanged_, soonest);
-    }
+    // Wake at the next poll, or sooner for a take due before it (one may
+    // have come while the lock was let go).
+    auto wake = now + kPollPeriod;
+    for (const Take& t : takes_) wake = std::min(wake, t.due);
+    if (!stopping_ && wake > std::chrono::steady_clock::now()) lock.waitUntil(policyChanged_, wake);
   }
 }
 
@@ -923,26 +918,25 @@ std::string ZUManager::snapshotJson() const {
   return zujson::snapshotJson(takeSnapshot(roots_), start_).dump();
 }
 
-ZUValue ZUManager::explain(const std::string& owner, const std::string& resource,
-                           const std::vector<std::string>& noWait) const {
+ZUExplanation ZUManager::explanation(const std::string& owner, const std::string& resource,
+                                     const std::vector<std::string>& noWait) const {
   requireResource(resource, "explain");
   boost::shared_ptr<ZUOwner> object;
   {
     ZUMutexLock lock(mutex_);
     object = newObject(ownerLocked(owner, "explain"));
   }
-  return ZU::explain(resources_.at(resource), object, noWait).toValue();
+  return ZU::explain(resources_.at(resource), object, noWait);
+}
+
+ZUValue ZUManager::explain(const std::string& owner, const std::string& resource,
+                           const std::vector<std::string>& noWait) const {
+  return explanation(owner, resource, noWait).toValue();
 }
 
 std::string ZUManager::explainText(const std::string& owner, const std::string& resource,
                                    const std::vector<std::string>& noWait) const {
-  requireResource(resource, "explain");
-  boost::shared_ptr<ZUOwner> object;
-  {
-    ZUMutexLock lock(mutex_);
-    object = newObject(ownerLocked(owner, "explain"));
-  }
-  return ZU::explain(resources_.at(resource), object, noWait).toString();
+  return explanation(owner, resource, noWait).toString();
 }
 
 }  // namespace ZU

@@ -37,6 +37,8 @@
 
 namespace ZU {
 
+struct ZUExplanation;
+
 /// A request of a front end that the manager refuses. The code tells the
 /// front end how to answer (the service maps it to a status); the
 /// description says why in words. Nothing changed when it is thrown.
@@ -334,6 +336,17 @@ class ZUManager {
       ZU_REQUIRES(mutex_);
   /// Checks `name` names a resource, or throws (EmptyName, UnknownResource).
   void requireResource(const std::string& name, const char* method) const;
+  /// Checks `name` may name a module or owner (`kind`, `aKind` with its
+  /// article), or throws (EmptyName; BadArgument for a name over
+  /// kMaxNameLength or a free resource's holder's).
+  static void requireName(const std::string& name, const char* method, const char* kind,
+                          const char* aKind);
+  /// The state resource `resource`, or throws (EmptyName, UnknownResource,
+  /// NotAState).
+  ZUResourceState& requireState(const std::string& resource, const char* method) const;
+  /// What a request of `owner` for `resource` would do now (explain).
+  ZUExplanation explanation(const std::string& owner, const std::string& resource,
+                            const std::vector<std::string>& noWait) const;
   /// The objects holding `leaf` now: a state's holders, or the current owner
   /// of a plain resource (the free holder when nobody holds it).
   std::vector<boost::shared_ptr<ZUOwner>> holderObjects(const std::string& leaf) const;
@@ -358,10 +371,10 @@ class ZUManager {
   /// Delivers "__onResource__" for `leaf` to module `module`'s handler. Runs
   /// in the module's task thread. Takes: mutex_ briefly.
   void onResource(const std::shared_ptr<Outlet>& outlet, const std::string& leaf);
-  /// A request of this manager began waiting (in its own thread, inside the
-  /// library's wait): schedules a take when a policy says so. Takes:
-  /// policyMutex_.
-  void onWaiting(const ZUEvent& event, int priority);
+  /// A request of this manager (of `priority`, by `requester`) began waiting
+  /// (in its own thread, inside the library's wait): schedules a take when a
+  /// policy says so. Takes: policyMutex_.
+  void onWaiting(const ZUEvent& event, int priority, const boost::shared_ptr<ZUOwner>& requester);
   /// Records the priority of an owner object. Takes: policyMutex_.
   void rank(const boost::shared_ptr<ZUOwner>& object, int priority, bool fallback);
   /// The policy thread: takes resources from holders whose grace ran out, and

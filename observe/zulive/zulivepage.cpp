@@ -1,5 +1,7 @@
 #include "zulive/zulivepage.h"
 
+#include <algorithm>
+
 namespace ZU {
 namespace zulivepage {
 
@@ -45,10 +47,9 @@ std::vector<std::string> statusPageLines(const std::vector<std::string>& roots) 
   for (const std::string& text : roots) {
     std::size_t from = 0;
     while (from < text.size()) {
-      std::size_t end = text.find(kEnd, from);
-      std::size_t next = end == std::string::npos ? text.size() : end + kEnd.size();
-      lines.push_back(text.substr(from, (end == std::string::npos ? text.size() : end) - from));
-      from = next;
+      std::size_t end = std::min(text.find(kEnd, from), text.size());
+      lines.push_back(text.substr(from, end - from));
+      from = end + kEnd.size();
     }
   }
   return lines;

@@ -304,9 +304,12 @@ bool ZULiveServer::readHead(int fd, std::string& head) {
   auto deadline = Clock::now() + limits_.headTimeout;
   char buffer[4096];
   for (;;) {
-    if (head.find("\r\n\r\n") != std::string::npos || head.find("\n\n") != std::string::npos)
-      return true;
-    if (head.size() > limits_.maxHead) return false;
+    // The head ends with its blank line, which must come within maxHead
+    // bytes, however the reads cut it.
+    std::size_t crlf = head.find("\r\n\r\n"), lf = head.find("\n\n");
+    std::size_t end = std::min(crlf == std::string::npos ? crlf : crlf + 4,
+                               lf == std::string::npos ? lf : lf + 2);
+    if (end != std::string::npos || head.size() > limits_.maxHead) return end <= limits_.maxHead;
     pollfd p = {fd, POLLIN, 0};
     int left = msLeft(deadline);
     if (left == 0 || poll(&p, 1, left) <= 0) return false;

@@ -1,8 +1,11 @@
+#include <cerrno>
+#include <cstring>
 #include <ostream>
 #include <utility>
 #include <vector>
 
 #include <zuhost/zuerror.h>
+#include <zuhost/zulog.h>
 
 #include <zuobserve/zujson.h>
 #include <zuobserve/zurecorder.h>
@@ -16,6 +19,7 @@ const char* const kFile = "observe/zuobserve/zurecorder";
 ZURecorder::ZURecorder(const std::string& path, std::size_t queueLimit)
     : file_(path, std::ios::out | std::ios::trunc),
       out_(file_),
+      name_(path),
       limit_(queueLimit),
       start_(std::chrono::steady_clock::now()) {
   if (!file_)
@@ -24,14 +28,20 @@ ZURecorder::ZURecorder(const std::string& path, std::size_t queueLimit)
 }
 
 ZURecorder::ZURecorder(std::ostream& out, std::size_t queueLimit)
-    : out_(out), limit_(queueLimit), start_(std::chrono::steady_clock::now()) {
+    : out_(out), name_("the stream"), limit_(queueLimit), start_(std::chrono::steady_clock::now()) {
   startWriting();
 }
 
 void ZURecorder::startWriting() {
+  errno = 0;
   out_ << zujson::startJson(zujson::wallClockNow()).dump() << '\n';
   out_.flush();
+  if (!out_) throw ZUError("ZURecorder", "open", writeProblem(), kFile, __LINE__);
   writer_ = std::thread(&ZURecorder::run, this);
+}
+
+std::string ZURecorder::writeProblem() const {
+  return "cannot write " + name_ + (errno != 0 ? ": " + std::string(std::strerror(errno)) : "");
 }
 
 ZURecorder::~ZURecorder() {
@@ -75,7 +85,13 @@ std::uint64_t ZURecorder::dropped() const {
   return droppedTotal_;
 }
 
+std::string ZURecorder::failure() const {
+  ZUMutexLock lock(mutex_);
+  return failure_;
+}
+
 void ZURecorder::run() {
+  bool broken = false;  // the writer's: a line failed (the stream stays failed)
   ZUMutexLock lock(mutex_);
   for (;;) {
     while (!stopping_ && queue_.empty() && droppedUnsaid_ == 0) lock.wait(changed_);
@@ -87,20 +103,29 @@ void ZURecorder::run() {
     droppedUnsaid_ = 0;
     lock.unlock();
 
+    errno = 0;
     for (const Item& item : batch) {
+      if (!out_) break;
       const nlohmann::ordered_json line = item.snapshot
                                               ? zujson::snapshotJson(*item.snapshot, start_)
                                               : zujson::eventJson(item.event, start_);
       out_ << line.dump() << '\n';
       out_.flush();
     }
-    if (drops != 0) {
+    if (drops != 0 && out_) {
       const double ms = zujson::msSince(start_, std::chrono::steady_clock::now());
       out_ << zujson::droppedJson(drops, ms).dump() << '\n';
       out_.flush();
     }
 
+    std::string problem;
+    if (!broken && !out_) {
+      broken = true;
+      problem = writeProblem();
+      ko::log::log(1, "zurecorder", problem + "; the recording ends here", kFile, "run", __LINE__);
+    }
     lock.lock();
+    if (!problem.empty()) failure_ = problem;
     written_ += batch.size();
     changed_.notify_all();
   }

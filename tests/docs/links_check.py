@@ -82,7 +82,6 @@ def check(root):
                         problems.append("%s: link to %s, which does not exist" % (where, file))
                     elif section and path.endswith(".md") and section not in anchors(path):
                         problems.append("%s: link to %s, which has no section #%s" % (where, file or page, section))
-                line = INLINE_CODE.sub("", line)
             for word in words:
                 if not os.path.exists(os.path.join(root, word)):
                     problems.append("%s: %s does not exist" % (where, word))

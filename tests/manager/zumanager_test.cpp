@@ -2,7 +2,6 @@
 // modules that close, refused calls, and the policies (priority with a grace
 // period, force-release by an operator, a fallback holder).
 
-#include <chrono>
 #include <functional>
 #include <future>
 #include <map>
@@ -10,20 +9,19 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <boost/make_shared.hpp>
 #include <gtest/gtest.h>
 
 #include <zuresource/zucontract.h>
-#include <zuresource/zuresourcelist.h>
 #include <zuresource/zuresourcestate.h>
 #include <zuresource/zuwaitregistry.h>
 
 #include <zumanager/zumanager.h>
 
 #include "support/observed.h"
+#include "support/resourcehelpers.h"
 #include "support/threads.h"
 
 namespace {
@@ -38,15 +36,13 @@ const std::string kStopped = ZU::contract::kStopWhileWaiting;
 
 /// Head and Arm in the group Body; Legs; the state Standing.
 std::vector<boost::shared_ptr<ZU::ZUResource>> robot() {
-  auto body = boost::make_shared<ZU::ZUResourceList>("Body", nullptr);
-  body->addResource(boost::make_shared<ZU::ZUResource>("Head", nullptr));
-  body->addResource(boost::make_shared<ZU::ZUResource>("Arm", nullptr));
-  return {body, boost::make_shared<ZU::ZUResource>("Legs", nullptr),
+  using namespace zutest;
+  return {makeGroup("Body", {makePlain("Head"), makePlain("Arm")}), makePlain("Legs"),
           boost::make_shared<ZU::ZUResourceState>("Standing", nullptr)};
 }
 
 /// What a module does when told its resource is wanted.
-enum class OnWanted { Keep, LetGo, LetGoThenThrow };
+enum class OnWanted { Keep, LetGo, LetGoThenThrow, CloseItsModule };
 
 /// A manager whose modules keep what they lose ("M: h lost Arm to r").
 class Stage {
@@ -62,6 +58,7 @@ class Stage {
         lost_.push_back(module + ": " + n.owner + " lost " + n.resource + " to " + n.by);
       }
       if (n.kind != ZUNotice::Kind::Wanted || n.owner.empty() || onWanted == OnWanted::Keep) return;
+      if (onWanted == OnWanted::CloseItsModule) return manager.closeModule(module);
       manager.release(n.owner, n.resource);
       if (onWanted == OnWanted::LetGoThenThrow) throw std::runtime_error("handler fails");
     });
@@ -77,10 +74,9 @@ class Stage {
   /// Starts a request in a thread of its own; `waiting` counts down once it
   /// waits behind somebody.
   std::future<ZUAcquireResult> start(const std::string& owner, const std::string& resource,
-                                     zutest::Latch& waiting, ZU::ZUAcquireCancel* cancel = nullptr,
-                                     int timeout = -1) {
+                                     zutest::Latch& waiting, ZU::ZUAcquireCancel* cancel) {
     return std::async(std::launch::async, [=, &waiting] {
-      return take(owner, resource, timeout, {}, {},
+      return take(owner, resource, -1, {}, {},
                   [&waiting](const ZU::ZUWaitReport&) { waiting.countDown(); }, cancel);
     });
   }
@@ -91,12 +87,7 @@ class Stage {
   std::string holder(const std::string& leaf) { return manager.holdersOf(leaf).at(0); }
   /// Waits (generously) until `done` holds.
   static bool eventually(const std::function<bool()>& done) {
-    zutest::Stopwatch watch;
-    while (!done()) {
-      if (watch.elapsedMs() > 3000 + zutest::lateToleranceMs()) return false;
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return true;
+    return zutest::waitUntil(done, 3000 + zutest::lateToleranceMs());
   }
   bool noticed(std::size_t count) {
     return eventually([&] { return lost().size() >= count; });
@@ -110,12 +101,11 @@ class Stage {
   ZUManager manager;  // last: it ends its modules' notices first
 };
 
-// How a request ends, and who holds what afterwards. Arm is held by "other"
-// before the request unless the row says it is free.
+// How a request of "a" ends while "other" holds Arm, and who holds what
+// afterwards.
 TEST(Manager, RequestOutcomes) {
   struct Row {
     const char* name;
-    bool armHeld;
     OnWanted holder;
     const char* resource;
     int timeout;
@@ -127,26 +117,23 @@ TEST(Manager, RequestOutcomes) {
   };
   const std::string timedOut = ZU::contract::waitTimedOut("Arm");
   const std::vector<Row> rows = {
-      {"free", false, OnWanted::Keep, "Arm", -1, {}, Kind::Granted, "", "", kFree, "a"},
-      {"busy, on the no-wait list", true, OnWanted::Keep, "Body", -1, {"Arm"}, Kind::NotObtained,
-       "Arm", "", "a", "other"},
-      {"holder ignores, time limit", true, OnWanted::Keep, "Arm", 0, {}, Kind::Failed, timedOut,
-       "other", kFree, "other"},
-      {"holder lets go when told", true, OnWanted::LetGo, "Body", -1, {}, Kind::Granted, "",
-       "other", "a", "a"},
-      {"holder's handler throws after letting go", true, OnWanted::LetGoThenThrow, "Arm", -1, {},
+      {"busy, on the no-wait list", OnWanted::Keep, "Body", -1, {"Arm"}, Kind::NotObtained, "Arm",
+       "", "a", "other"},
+      {"holder lets go when told", OnWanted::LetGo, "Body", -1, {}, Kind::Granted, "", "other",
+       "a", "a"},
+      {"holder's handler throws after letting go", OnWanted::LetGoThenThrow, "Arm", -1, {},
        Kind::Granted, "", "other", kFree, "a"},
-      {"group member times out", true, OnWanted::Keep, "Body", 0, {}, Kind::Failed, timedOut,
-       "other", kFree, "other"},
+      {"holder's handler closes its own module", OnWanted::CloseItsModule, "Arm", -1, {},
+       Kind::Granted, "", "other", kFree, "a"},
+      {"holder ignores, a group's time limit", OnWanted::Keep, "Body", 0, {}, Kind::Failed,
+       timedOut, "other", kFree, "other"},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
     Stage s;
     s.open("A", "a");
     s.open("O", "other", row.holder);
-    if (row.armHeld) {
-      ASSERT_EQ(s.take("other", "Arm").kind, Kind::Granted);
-    }
+    ASSERT_EQ(s.take("other", "Arm").kind, Kind::Granted);
     std::string behind;
     ZUAcquireResult r = s.take("a", row.resource, row.timeout, row.noWait, {},
                                [&behind](const ZU::ZUWaitReport& w) { behind = w.holder; });
@@ -155,46 +142,6 @@ TEST(Manager, RequestOutcomes) {
     EXPECT_EQ(behind, row.waitedBehind);
     EXPECT_EQ(s.holder("Head"), row.head);
     EXPECT_EQ(s.holder("Arm"), row.arm);
-  }
-}
-
-// A cancel ends the request with the stop error; the owner keeps nothing the
-// request got, no wait stays recorded, and its next request goes through.
-TEST(Manager, CancelledRequests) {
-  struct Row {
-    const char* name;
-    const char* resource;
-    bool beforeStart;
-  };
-  const std::vector<Row> rows = {
-      {"before it starts", "Body", true},
-      {"while it waits, holding part of the group", "Body", false},
-      {"while it waits for an activation", "Standing", false},
-  };
-  Stage s;
-  s.open("O", "other");
-  s.open("A", "a");
-  ASSERT_EQ(s.take("other", "Arm").kind, Kind::Granted);
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
-    ZU::ZUAcquireCancel cancel;
-    zutest::Latch waiting;
-    if (row.beforeStart) cancel.cancel();
-    auto result = s.start("a", row.resource, waiting, &cancel);
-    if (!row.beforeStart) {
-      ASSERT_TRUE(waiting.waitFor(5000));
-      cancel.cancel();
-    }
-    ZUAcquireResult r = result.get();
-    EXPECT_EQ(r.kind, Kind::Failed);
-    EXPECT_EQ(r.error, kStopped);
-    EXPECT_EQ(r.stop, Stop::Cancelled);
-    EXPECT_EQ(s.holder("Head"), kFree);
-    EXPECT_EQ(s.holder("Arm"), "other");
-    EXPECT_TRUE(s.manager.holdersOf("Standing").empty());
-    EXPECT_TRUE(ZU::ZUWaitRegistry::snapshot().empty());
-    EXPECT_EQ(s.take("a", "Head").kind, Kind::Granted);
-    s.manager.release("a", "Head");
   }
 }
 
@@ -219,32 +166,45 @@ TEST(Manager, CancelRacingAGrant) {
   }
 }
 
-// "a" waits for Body behind "other" (holding Arm, at a high priority) when
-// the hold ends: the holder's module closing or an operator's force-release
-// serves the waiter; the waiter's module closing stops its wait and gives back
-// the member it got. A closed module's owner is gone, its name free for a
-// module of any name.
-TEST(Manager, EndingAHoldWhileARequestWaits) {
+// "a" asks (for Body unless the row says otherwise) behind "other", who holds
+// Arm at a high priority, and the wait ends: cancelled (before it starts, or
+// while it waits), the holder's module closing or an operator's force-release
+// serving it, or its own module closing. A stopped request fails with the stop
+// error and gives back the member it got; no wait stays recorded; the owner's
+// next request goes through (a closed module's owner is gone, its name free for
+// a module of any name).
+TEST(Manager, EndingAWait) {
+  using End = std::function<void(Stage&, ZU::ZUAcquireCancel&)>;
+  const End cancel = [](Stage&, ZU::ZUAcquireCancel& c) { c.cancel(); };
+  auto close = [](const char* module) {
+    return End([module](Stage& s, ZU::ZUAcquireCancel&) { s.manager.closeModule(module); });
+  };
   struct Row {
     const char* name;
-    std::function<void(ZUManager&)> end;
+    const char* resource;
+    End end;  // none: cancelled before it starts
     const char* closedOwner;
     Kind kind;
-    std::string error;
     Stop stop;
     std::string head, arm;  // holders afterwards
     std::vector<std::string> lost;
   };
   const std::vector<Row> rows = {
-      {"holder's module closes", [](ZUManager& m) { m.closeModule("O"); }, "other", Kind::Granted,
-       "", Stop::None, "a", "a", {}},
-      {"waiter's module closes", [](ZUManager& m) { m.closeModule("A"); }, "a", Kind::Failed,
-       kStopped, Stop::ModuleClosed, kFree, "other", {}},
-      {"force-release of held members",
-       [](ZUManager& m) {
-         EXPECT_EQ(m.forceRelease("op", "other", "Body"), std::vector<std::string>{"Arm"});
+      {"cancelled before it starts", "Body", {}, "", Kind::Failed, Stop::Cancelled, kFree,
+       "other", {}},
+      {"cancelled holding part of the group", "Body", cancel, "", Kind::Failed, Stop::Cancelled,
+       kFree, "other", {}},
+      {"cancelled waiting for an activation", "Standing", cancel, "", Kind::Failed,
+       Stop::Cancelled, kFree, "other", {}},
+      {"holder's module closes", "Body", close("O"), "other", Kind::Granted, Stop::None, "a", "a",
+       {}},
+      {"waiter's module closes", "Body", close("A"), "a", Kind::Failed, Stop::ModuleClosed, kFree,
+       "other", {}},
+      {"force-release of held members", "Body",
+       [](Stage& s, ZU::ZUAcquireCancel&) {
+         EXPECT_EQ(s.manager.forceRelease("op", "other", "Body"), std::vector<std::string>{"Arm"});
        },
-       "", Kind::Granted, "", Stop::None, "a", "a", {"O: other lost Arm to op"}},
+       "", Kind::Granted, Stop::None, "a", "a", {"O: other lost Arm to op"}},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
@@ -252,24 +212,30 @@ TEST(Manager, EndingAHoldWhileARequestWaits) {
     s.open("O", "other", OnWanted::Keep, 100);
     s.open("A", "a");
     ASSERT_EQ(s.take("other", "Arm").kind, Kind::Granted);
+    ZU::ZUAcquireCancel token;
     zutest::Latch waiting;
-    auto result = s.start("a", "Body", waiting);
-    ASSERT_TRUE(waiting.waitFor(5000));
-    ASSERT_EQ(s.holder("Head"), "a");
-    row.end(s.manager);
+    if (!row.end) token.cancel();
+    auto result = s.start("a", row.resource, waiting, &token);
+    if (row.end) {
+      ASSERT_TRUE(waiting.waitFor(5000));
+      row.end(s, token);
+    }
     ZUAcquireResult r = result.get();
     EXPECT_EQ(r.kind, row.kind);
-    EXPECT_EQ(r.error, row.error);
+    EXPECT_EQ(r.error, row.kind == Kind::Failed ? kStopped : "");
     EXPECT_EQ(r.stop, row.stop);
     EXPECT_EQ(s.holder("Head"), row.head);
     EXPECT_EQ(s.holder("Arm"), row.arm);
+    EXPECT_TRUE(s.manager.holdersOf("Standing").empty());
     EXPECT_TRUE(ZU::ZUWaitRegistry::snapshot().empty());
     EXPECT_TRUE(s.noticed(row.lost.size()));
     EXPECT_EQ(s.lost(), row.lost);
-    if (*row.closedOwner == 0) continue;
-    EXPECT_EQ(s.manager.moduleOf(row.closedOwner), "");
-    s.open("N", row.closedOwner);
-    EXPECT_EQ(s.take(row.closedOwner, "Legs").kind, Kind::Granted);
+    std::string next = *row.closedOwner ? row.closedOwner : "a";
+    if (*row.closedOwner) {
+      EXPECT_EQ(s.manager.moduleOf(next), "");
+      s.open("N", next);
+    }
+    EXPECT_EQ(s.take(next, "Legs").kind, Kind::Granted);
   }
 }
 

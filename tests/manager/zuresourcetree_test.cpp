@@ -72,6 +72,8 @@ TEST(ResourceTree, RefusesFaultsNamingFileEntryAndWhat) {
       {R"({"resources": [{"name": "S", "kind": "state", "fallback": "p"}]})",
        "t.json: resources[0]: a state resource is shared"},
       {R"({"resources": [{"name": "H", "graceMs": -1}]})", "t.json: resources[0]: \"graceMs\""},
+      {R"({"resources": [{"name": "H", "graceMs": 3600001}]})",
+       "t.json: resources[0]: \"graceMs\" must be an integer from 0 to 3600000, not 3600001"},
   };
   for (const Row& row : rows)
     EXPECT_EQ(refusal(row.text).rfind(row.message, 0), 0u) << row.text << "\n" << refusal(row.text);

@@ -7,13 +7,13 @@
 #include <boost/make_shared.hpp>
 #include <gtest/gtest.h>
 
-#include <zuresource/zuresourcelist.h>
 #include <zuresource/zuresourcestate.h>
 
 #include <zumanager/zumanager.h>
 #include <zumanager/zurights.h>
 
 #include "support/logcapture.h"
+#include "support/resourcehelpers.h"
 
 namespace {
 
@@ -22,13 +22,10 @@ using ZU::ZUCaller;
 using Code = ZU::ZUManagerError::Code;
 
 std::vector<boost::shared_ptr<ZU::ZUResource>> robot() {
-  auto body = boost::make_shared<ZU::ZUResourceList>("Body", nullptr);
-  body->addResource(boost::make_shared<ZU::ZUResource>("LeftArm", nullptr));
-  body->addResource(boost::make_shared<ZU::ZUResource>("Head", nullptr));
-  body->addResource(boost::make_shared<ZU::ZUResource>("Waist", nullptr));
-  auto arms = boost::make_shared<ZU::ZUResourceList>("Arms", nullptr);
-  arms->addResource(boost::make_shared<ZU::ZUResource>("RightArm", nullptr));
-  return {body, arms, boost::make_shared<ZU::ZUResourceState>("Standing", nullptr)};
+  using namespace zutest;
+  return {makeGroup("Body", {makePlain("LeftArm"), makePlain("Head"), makePlain("Waist")}),
+          makeGroup("Arms", {makePlain("RightArm")}),
+          boost::make_shared<ZU::ZUResourceState>("Standing", nullptr)};
 }
 
 TEST(Rights, Table) {
@@ -98,6 +95,7 @@ TEST(Rights, FileRefusals) {
        "f: clients[0]: give either"},
       {R"({"clients": [{"user": "a"}]})", "f: clients[0]: "},
       {R"({"clients": [{"user": "a", "resources": []}]})", "f: clients[0]: \"resources\" names"},
+      {R"({"clients": [{"user": "a", "resources": ["H", ""]}]})", "f: clients[0]: \"resources\" has an"},
       {R"({"clients": [{"user": "a", "resources": ["*"], "maxPriority": 2000000}]})",
        "f: clients[0]: "},
       {R"({"clients": [{"token": "t", "resources": ["*"]}, {"token": "t", "resources": ["*"]}]})",

@@ -35,10 +35,28 @@ TEST(Recorder, AFullQueueDropsAndSaysHowManyInTheStream) {
   EXPECT_EQ(nlohmann::json::parse(dropped)["count"], 3) << dropped;
 }
 
-TEST(Recorder, AFileThatCannotBeOpenedIsAClearError) {
-  const auto error = zutest::errorOf([] { ZU::ZURecorder("/nonexistent/dir/x.jsonl"); });
-  ASSERT_TRUE(error);
-  EXPECT_NE(error->getDescription().find("/nonexistent/dir/x.jsonl"), std::string::npos);
+TEST(Recorder, AFileThatCannotBeOpenedOrWrittenIsAClearError) {
+  for (const char* path : {"/nonexistent/dir/x.jsonl", "/dev/full"}) {
+    const auto error = zutest::errorOf([&] { ZU::ZURecorder recorder(path); });
+    ASSERT_TRUE(error) << path;
+    EXPECT_NE(error->getDescription().find(path), std::string::npos);
+  }
+}
+
+// A disk that fills during the recording: the recording ends there, said
+// once, and nothing waits for lines that can never be written.
+TEST(Recorder, AWriteThatFailsEndsTheRecordingAndSaysWhy) {
+  std::ostringstream out;
+  auto recorder = boost::make_shared<ZU::ZURecorder>(out);
+  out.setstate(std::ios::badbit);  // as a write to a full disk leaves it
+  auto r = zutest::makePlain("Arm");
+  auto a = zutest::makeOwner("a", "A");
+  ZU::ZUObservers::add(recorder);
+  r->waitFor(a, "", -1, {});
+  r->release(a);
+  ZU::ZUObservers::remove(recorder);
+  recorder->flush();
+  EXPECT_EQ(recorder->failure(), "cannot write the stream");
 }
 
 }  // namespace

@@ -42,12 +42,16 @@ class FakeWorld : public World {
       boost::make_shared<ZU::ZUResourceState>("Standing", nullptr);
 };
 
-ExpectEntry outcome(const std::string& resource, OutcomeKind kind) {
+ExpectEntry expect(ExpectKind kind, const std::string& resource) {
   ExpectEntry x;
-  x.entry = "expect[0]";
-  x.kind = ExpectKind::Outcome;
+  x.kind = kind;
   x.owner = "a";
   x.resource = resource;
+  return x;
+}
+
+ExpectEntry outcome(const std::string& resource, OutcomeKind kind) {
+  ExpectEntry x = expect(ExpectKind::Outcome, resource);
   x.outcome = kind;
   return x;
 }
@@ -89,11 +93,8 @@ TEST_F(Expectations, HoldersAreInGrantOrder) {
   world.standing->setState(true);
   for (const char* name : {"b", "a"})
     world.standing->waitFor(ZU::ZUResource::createOwner(0, name, name, nullptr), "", 0, {});
-  ExpectEntry x;
-  x.entry = "expect[3]";
+  ExpectEntry x = expect(ExpectKind::Holders, "Standing");
   x.atMs = 500;
-  x.kind = ExpectKind::Holders;
-  x.resource = "Standing";
   x.names = {"b", "a"};
   EXPECT_TRUE(check(x, world).held);
   x.names = {"a", "b"};
@@ -103,12 +104,9 @@ TEST_F(Expectations, HoldersAreInGrantOrder) {
 // Owners match as a set, a resource on any edge, and only what was reported by its time.
 TEST_F(Expectations, DeadlockMatchesOwnersResourceAndTime) {
   world.deadlockList = {{400, {"hug", "wave"}, {"LeftArm", "RightArm"}, "deadlock: hug -> wave"}};
-  ExpectEntry x;
-  x.entry = "expect[1]";
-  x.kind = ExpectKind::Deadlock;
+  ExpectEntry x = expect(ExpectKind::Deadlock, "RightArm");
   x.reported = true;
   x.names = {"wave", "hug", "wave"};
-  x.resource = "RightArm";
   EXPECT_TRUE(check(x, world).held);
   x.atMs = 300;
   EXPECT_EQ(check(x, world).text,
@@ -130,10 +128,7 @@ TEST_F(Expectations, HistoryOfWaitsAndGrants) {
                     {"Head", "a", 300, 600, "c"},
                     {"RightArm", "c", 700, -1, "a"}};
   world.holdingList = {{"Head", "b", 0, 300, ""}, {"RightArm", "a", 350, -1, ""}};
-  ExpectEntry x;
-  x.entry = "expect[4]";
-  x.kind = ExpectKind::MaxWait;
-  x.resource = "Head";
+  ExpectEntry x = expect(ExpectKind::MaxWait, "Head");
   x.leaves = {"Head"};
   x.count = 499;
   EXPECT_EQ(check(x, world).text,
@@ -142,7 +137,6 @@ TEST_F(Expectations, HistoryOfWaitsAndGrants) {
   x.count = 299;
   EXPECT_FALSE(check(x, world).held);
   x.kind = ExpectKind::WaitedBehind;
-  x.owner = "a";
   x.holder = "c";
   x.leaves.clear();
   EXPECT_TRUE(check(x, world).held);

@@ -1,5 +1,6 @@
 #include "scenario/lint.h"
 
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -26,25 +27,33 @@ const std::string kCast = R"(
              {"name": "b", "module": "Deaf"}, {"name": "c", "module": "Slow"},
              {"name": "d", "module": "Deaf"}])";
 
-/// The warnings about a release flag left set, as "entry: text".
+/// The warnings about a release flag left set, as "entry: text", for
+/// actions in a short form: "a@0 Head 5" (a waits for Head, 5 s at most; no
+/// limit when left out) or "on@0" and "off@100" (Standing set), by ", ".
 std::vector<std::string> flagWarnings(const std::string& actions) {
+  std::string json;
+  std::istringstream all(actions);
+  for (std::string part; std::getline(all, part, ',');) {
+    std::istringstream in(part);
+    std::string who, resource;
+    long at = 0;
+    int timeout = -1;
+    std::getline(in >> std::ws, who, '@');
+    in >> at >> resource;
+    if (!(in >> timeout)) timeout = -1;
+    const std::string action = who == "on" || who == "off"
+                                   ? R"("do": "setState", "resource": "Standing", "activated": )" +
+                                         std::string(who == "on" ? "true" : "false")
+                                   : R"("do": "waitFor", "owner": ")" + who +
+                                         R"(", "resource": ")" + resource + R"(", "timeout": )" +
+                                         std::to_string(timeout);
+    json += (json.empty() ? "{\"at\": " : ", {\"at\": ") + std::to_string(at) + ", " + action + "}";
+  }
   std::vector<std::string> out;
-  for (const Warning& w : lint(parseScenario("{" + kCast + ", \"actions\": [" + actions + "]}",
-                                             "s.json")))
+  for (const Warning& w :
+       lint(parseScenario("{" + kCast + ", \"actions\": [" + json + "]}", "s.json")))
     if (w.text.find("release flag") != std::string::npos) out.push_back(w.entry + ": " + w.text);
   return out;
-}
-
-std::string waitFor(long at, const std::string& owner, const std::string& resource,
-                    int timeout = -1) {
-  return "{\"at\": " + std::to_string(at) + ", \"owner\": \"" + owner +
-         "\", \"do\": \"waitFor\", \"resource\": \"" + resource +
-         "\", \"timeout\": " + std::to_string(timeout) + "}";
-}
-
-std::string setState(long at, bool on) {
-  return "{\"at\": " + std::to_string(at) + ", \"do\": \"setState\", \"resource\": \"Standing\", " +
-         "\"activated\": " + (on ? "true" : "false") + "}";
 }
 
 }  // namespace
@@ -55,48 +64,32 @@ std::string setState(long at, bool on) {
 TEST(Lint, WarnsOfARequestAfterItsOwnersReleaseFlagIsSet) {
   struct Row {
     const char* what;
-    std::string actions;
+    const char* actions;
     std::string warning;  // the start of the one expected, or empty for none
   } rows[] = {
-      {"the module let go when another owner asked",
-       waitFor(0, "a", "Head") + "," + waitFor(100, "b", "Head", 5) + "," + waitFor(500, "a", "Arm"),
+      {"the module let go when another owner asked", "a@0 Head, b@100 Head 5, a@500 Arm",
        "actions[2]: a requests Arm after its module Quick let go of Head when told "
        "\"__onResource__\" for b's request (actions[1])"},
-      {"the module let go at a deactivation",
-       setState(0, true) + "," + waitFor(10, "a", "Standing") + "," + setState(100, false) + "," +
-           waitFor(500, "a", "Arm"),
+      {"the module let go at a deactivation", "on@0, a@10 Standing, off@100, a@500 Arm",
        "actions[3]: a requests Arm after its module Quick let go of Standing when told "
        "\"__onResource__\" for the deactivation of Standing (actions[2])"},
-      {"a module that ignores the request lets nothing go",
-       waitFor(0, "b", "Head") + "," + waitFor(100, "d", "Head", 1) + "," + waitFor(500, "b", "Arm"),
+      {"a module that ignores the request lets nothing go", "b@0 Head, d@100 Head 1, b@500 Arm",
        ""},
-      {"asked again before anyone wanted what it holds",
-       waitFor(0, "a", "Head") + "," + waitFor(50, "a", "Arm") + "," + waitFor(100, "b", "Head", 1),
-       ""},
-      {"a descendant is handed it down, nobody is told",
-       waitFor(0, "a", "Head") + "," + waitFor(100, "a/x", "Head") + "," + waitFor(500, "a", "Arm"),
-       ""},
-      {"a group wait granted at once gives nothing back",
-       waitFor(0, "b", "Arms", 1) + "," + waitFor(1500, "b", "Head"), ""},
+      {"asked again before anyone wanted what it holds", "a@0 Head, a@50 Arm, b@100 Head 1", ""},
+      {"a descendant is handed it down, nobody is told", "a@0 Head, a/x@100 Head, a@500 Arm", ""},
+      {"a group wait granted at once gives nothing back", "b@0 Arms 1, b@1500 Head", ""},
       {"a group wait behind a holder that lets go in time",
-       waitFor(0, "a", "LeftArm") + "," + waitFor(100, "b", "Arms", 2) + "," +
-           waitFor(2500, "b", "Head"),
-       ""},
+       "a@0 LeftArm, b@100 Arms 2, b@2500 Head", ""},
       {"a group wait behind a holder whose module ignores the request",
-       waitFor(0, "d", "LeftArm") + "," + waitFor(100, "b", "Arms", 1) + "," +
-           waitFor(1500, "b", "Head"),
+       "d@0 LeftArm, b@100 Arms 1, b@1500 Head",
        "actions[2]: b requests Head after its wait for the group Arms (actions[1]), which gives "
        "back what it took if it times out"},
       {"a group wait behind a holder that lets go after the limit",
-       waitFor(0, "c", "LeftArm") + "," + waitFor(100, "b", "Arms", 1) + "," +
-           waitFor(1500, "b", "Head"),
+       "c@0 LeftArm, b@100 Arms 1, b@1500 Head",
        "actions[2]: b requests Head after its wait for the group Arms (actions[1])"},
-      {"a group wait for a state never activated",
-       waitFor(0, "b", "Posture", 1) + "," + waitFor(1500, "b", "Arm"),
+      {"a group wait for a state never activated", "b@0 Posture 1, b@1500 Arm",
        "actions[1]: b requests Arm after its wait for the group Posture (actions[0])"},
-      {"a group wait for a state activated before",
-       setState(0, true) + "," + waitFor(10, "b", "Posture", 1) + "," + waitFor(1500, "b", "Arm"),
-       ""},
+      {"a group wait for a state activated before", "on@0, b@10 Posture 1, b@1500 Arm", ""},
   };
   for (const Row& row : rows) {
     std::vector<std::string> found = flagWarnings(row.actions);

@@ -44,6 +44,19 @@ std::string snapshot(const std::string& resources) {
   return R"({"type":"snapshot","ms":0,"resources":)" + resources + "}";
 }
 
+// A, B, S as in the good recording, and G at the top of `levels` groups.
+std::string nested(int levels) {
+  std::string resources =
+      R"([{"name":"A","kind":"plain"},{"name":"B","kind":"plain"},{"name":"S","kind":"state"})";
+  std::string inner = "A";
+  for (int i = 1; i <= levels; ++i) {
+    std::string name = i == levels ? "G" : "G" + std::to_string(i);
+    resources += R"(,{"name":")" + name + R"(","kind":"group","members":[")" + inner + R"("]})";
+    inner = name;
+  }
+  return snapshot(resources + "]");
+}
+
 std::string refusal(const std::string& text) {
   std::istringstream in(text);
   try {
@@ -58,6 +71,8 @@ std::string refusal(const std::string& text) {
 
 TEST(Recording, TheGoodRecordingMakesAScenario) {
   EXPECT_EQ(refusal(with(0, "")), "");
+  EXPECT_EQ(refusal(with(2, nested(zusim::kMaxNesting))), "");  // groups nest as in a scenario
+  EXPECT_EQ(refusal(""), "rec.jsonl: records no event");
   // Cut off in its first event: nothing to replay.
   EXPECT_EQ(refusal(kGood[0] + "\n" + kGood[1] + "\n{\"type\":\"ev"),
             "rec.jsonl: records no event before its cut at line 3");
@@ -96,6 +111,8 @@ TEST(Recording, BadLinesAreRefusedByLineAndField) {
            R"([{"name":"G","kind":"group","members":["H"]},{"name":"H","kind":"group","members":["A","G"]},)" +
            plain + "]"),
        "line 2: \"resources\": group \"[GH]\" contains itself"},
+      {"groups nested too deep", 2, nested(zusim::kMaxNesting + 1),
+       "line 2: \"resources\": groups nest deeper than 32 levels"},
       {"an unknown member", 2, snapshot(R"([{"name":"G","kind":"group","members":["X"]}])"),
        "line 2: \"resources\": group \"G\" has the unknown member \"X\""},
       {"a resource listed twice", 2, snapshot("[" + plain + "," + plain + "]"),
@@ -155,25 +172,6 @@ TEST(Recording, BadLinesAreRefusedByLineAndField) {
     EXPECT_THAT(refusal(with(row.line, row.text)),
                 testing::MatchesRegex(std::string("rec\\.jsonl: ") + row.refusal + ".*"))
         << row.what;
-}
-
-// Groups may nest as deep as in a scenario, and no deeper.
-TEST(Recording, GroupsNestAsDeepAsInAScenario) {
-  // A, B, S as in the good recording, and G at the top of `levels` groups.
-  auto nested = [](int levels) {
-    std::string resources =
-        R"([{"name":"A","kind":"plain"},{"name":"B","kind":"plain"},{"name":"S","kind":"state"})";
-    std::string inner = "A";
-    for (int i = 1; i <= levels; ++i) {
-      std::string name = i == levels ? "G" : "G" + std::to_string(i);
-      resources += R"(,{"name":")" + name + R"(","kind":"group","members":[")" + inner + R"("]})";
-      inner = name;
-    }
-    return with(2, snapshot(resources + "]"));
-  };
-  EXPECT_EQ(refusal(nested(zusim::kMaxNesting)), "");
-  EXPECT_THAT(refusal(nested(zusim::kMaxNesting + 1)),
-              testing::MatchesRegex(".*line 2: \"resources\": groups nest deeper than 32 levels"));
 }
 
 }  // namespace

@@ -14,27 +14,22 @@ namespace {
 
 /// The text of `html` as a browser shows it: tags left out (a script's and
 /// a style's content too), the entities the report writes decoded.
-std::string shownText(const std::string& html) {
+std::string shownText(std::string html) {
+  for (const std::string hidden : {"script", "style"})
+    for (std::size_t at; (at = html.find("<" + hidden)) != std::string::npos;)
+      html.erase(at, html.find("</" + hidden, at) - at);
   std::string text;
-  for (std::size_t at = 0; at < html.size();) {
-    if (html[at] == '<') {
-      for (const char* hidden : {"<script", "<style"})
-        if (html.compare(at, std::char_traits<char>::length(hidden), hidden) == 0)
-          at = html.find(std::string("</") + (hidden + 1), at);
-      at = html.find('>', at) + 1;
-      continue;
-    }
-    static const std::pair<const char*, char> kEntities[] = {
-        {"&lt;", '<'}, {"&gt;", '>'}, {"&amp;", '&'}, {"&quot;", '"'}, {"&#39;", '\''}};
-    bool entity = false;
-    for (const auto& e : kEntities)
-      if (html.compare(at, std::char_traits<char>::length(e.first), e.first) == 0) {
-        text += e.second;
-        at += std::char_traits<char>::length(e.first);
-        entity = true;
-      }
-    if (!entity) text += html[at++];
-  }
+  for (std::size_t at = 0; at < html.size(); ++at)
+    if (html[at] == '<')
+      at = html.find('>', at);
+    else
+      text += html[at];
+  // &amp; last, so that "&amp;lt;" stays "&lt;".
+  const std::pair<std::string, char> entities[] = {
+      {"&lt;", '<'}, {"&gt;", '>'}, {"&quot;", '"'}, {"&#39;", '\''}, {"&amp;", '&'}};
+  for (const auto& [entity, c] : entities)
+    for (std::size_t at = 0; (at = text.find(entity, at)) != std::string::npos; ++at)
+      text.replace(at, entity.size(), 1, c);
   return text;
 }
 

@@ -1,8 +1,8 @@
 #pragma once
 
 // Threads and time in tests: a thread joined with a time limit, a latch, a
-// scope guard, a small-stack runner and a stopwatch with the late tolerance
-// of timed checks. Each is owned by one test thread unless it says otherwise.
+// small-stack runner and a stopwatch with the late tolerance of timed checks.
+// Each is owned by one test thread unless it says otherwise.
 
 #include <pthread.h>
 
@@ -79,19 +79,6 @@ class GuardedThread {
  private:
   std::shared_ptr<Latch> done_;  // shared with the thread, which may outlive us
   std::thread thread_;
-};
-
-/// Runs an action when it goes out of scope, also when an assertion leaves the
-/// test early (lets a blocked module go before teardown).
-class OnExit {
- public:
-  explicit OnExit(std::function<void()> action) : action_(std::move(action)) {}
-  ~OnExit() { action_(); }
-  OnExit(const OnExit&) = delete;
-  OnExit& operator=(const OnExit&) = delete;
-
- private:
-  std::function<void()> action_;
 };
 
 /// Runs `body` in a thread of its own with a stack of `bytes`, and waits for

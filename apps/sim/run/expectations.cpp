@@ -2,14 +2,14 @@
 
 #include <algorithm>
 
+#include "run/sentences.h"
+
 namespace zusim {
 
 namespace {
 
 std::string list(const std::vector<std::string>& names) {
-  std::string out = "[";
-  for (std::size_t i = 0; i < names.size(); ++i) out += (i ? ", " : "") + names[i];
-  return out + "]";
+  return "[" + sentence::join(names) + "]";
 }
 
 std::string when(const ExpectEntry& x) {
