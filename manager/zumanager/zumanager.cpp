@@ -149,7 +149,7 @@ class ZUManager::Listener : public ZUObserver {
     if (event.kind != ZUEvent::Kind::Waiting || !current || current->manager != manager_ ||
         event.owner != *current->owner)
       return;
-    manager_->onWaiting(event, current->priority);
+    manager_->onWaiting(event, current->priority, *current->object);
     if (current->onWait)
       (*current->onWait)(ZUWaitReport{event.resource, event.holder, event.holderModule});
   }
@@ -766,14 +766,15 @@ void ZUManager::rank(const boost::shared_ptr<ZUOwner>& object, int priority, boo
   ranks_[object.get()] = Ranked{object, priority, fallback};
 }
 
-void ZUManager::onWaiting(const ZUEvent& event, int priority) {
+void ZUManager::onWaiting(const ZUEvent& event, int priority,
+                          const boost::shared_ptr<ZUOwner>& requester) {
   auto found = resources_.find(event.resource);
   if (found == resources_.end() || asState(found->second)) return;  // a state is shared
   const ZUResourcePolicy& policy = policy_.at(event.resource);
   // Declared before the lock: dropped after it (never the last handle: the
   // wait that calls us holds one).
   boost::shared_ptr<ZUOwner> holder = found->second->currentOwner.load();
-  if (holder->name != event.holder || !tCurrent) return;
+  if (holder->name != event.holder) return;
   Take take;
   take.leaf = event.resource;
   take.holder = holder;
@@ -792,7 +793,7 @@ void ZUManager::onWaiting(const ZUEvent& event, int priority) {
   } else {
     return;
   }
-  take.requester = *tCurrent->object;
+  take.requester = requester;
   takes_.push_back(std::move(take));
   policyChanged_.notify_all();
 }

@@ -371,10 +371,10 @@ class ZUManager {
   /// Delivers "__onResource__" for `leaf` to module `module`'s handler. Runs
   /// in the module's task thread. Takes: mutex_ briefly.
   void onResource(const std::shared_ptr<Outlet>& outlet, const std::string& leaf);
-  /// A request of this manager began waiting (in its own thread, inside the
-  /// library's wait): schedules a take when a policy says so. Takes:
-  /// policyMutex_.
-  void onWaiting(const ZUEvent& event, int priority);
+  /// A request of this manager (of `priority`, by `requester`) began waiting
+  /// (in its own thread, inside the library's wait): schedules a take when a
+  /// policy says so. Takes: policyMutex_.
+  void onWaiting(const ZUEvent& event, int priority, const boost::shared_ptr<ZUOwner>& requester);
   /// Records the priority of an owner object. Takes: policyMutex_.
   void rank(const boost::shared_ptr<ZUOwner>& object, int priority, bool fallback);
   /// The policy thread: takes resources from holders whose grace ran out, and
