@@ -90,6 +90,9 @@ TEST(Lint, WarnsOfARequestAfterItsOwnersReleaseFlagIsSet) {
       {"a group wait for a state never activated", "b@0 Posture 1, b@1500 Arm",
        "actions[1]: b requests Arm after its wait for the group Posture (actions[0])"},
       {"a group wait for a state activated before", "on@0, b@10 Posture 1, b@1500 Arm", ""},
+      {"a group wait for a state activated in time", "b@0 Posture 1, on@799, b@1500 Arm", ""},
+      {"a group wait for a state activated too late", "b@0 Posture 1, on@800, b@1500 Arm",
+       "actions[2]: b requests Arm after its wait for the group Posture (actions[0])"},
   };
   for (const Row& row : rows) {
     std::vector<std::string> found = flagWarnings(row.actions);
