@@ -24,7 +24,8 @@ scenario = {
 }
 
 with tempfile.TemporaryDirectory() as tmp:
-    good, bad = b"sc\xff\x01n.json", b"bad\xfe.json"
+    # Bytes that are no UTF-8: stray, overlong (C0 80), a surrogate (ED A0 80).
+    good, bad = b"sc\xff\x01\xc0\x80\xed\xa0\x80n.json", b"bad\xfe.json"
     with open(os.path.join(tmp.encode(), good), "w") as f:
         json.dump(scenario, f)
     with open(os.path.join(tmp.encode(), bad), "w") as f:
@@ -36,10 +37,11 @@ with tempfile.TemporaryDirectory() as tmp:
     root = ET.parse(os.path.join(tmp, "out.xml")).getroot()  # raises unless well-formed
 
 suites = {s.get("name"): s for s in root.iter("testsuite")}
-ran, refused = suites.get("sc\\xFF\\x01n.json"), suites.get("bad\\xFE.json")
+GOOD = "sc\\xFF\\x01\\xC0\\x80\\xED\\xA0\\x80n.json"
+ran, refused = suites.get(GOOD), suites.get("bad\\xFE.json")
 failed = []
 rows = [
-    ("suite names", sorted(suites), sorted(["sc\\xFF\\x01n.json", "bad\\xFE.json"])),
+    ("suite names", sorted(suites), sorted([GOOD, "bad\\xFE.json"])),
     ("title", ran.find("properties/property").get("value"), "title \\uFFFF\\x07"),
     ("case name", [c.get("name") for c in ran.iter("testcase")],
      [f"expect[0]: {SEEN} held by speaker\\x02 at 100 ms"]),
