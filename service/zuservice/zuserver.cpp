@@ -21,6 +21,7 @@
 #include <zuhost/zuerror.h>
 #include <zuobserve/zujson.h>
 #include <zuresource/zucontract.h>
+#include <zuresource/zuexplain.h>
 #include <zuresource/zuobserver.h>
 #include <zuresource/zusnapshot.h>
 #include <zumanager/zumanager.h>
@@ -263,8 +264,9 @@ class ZUServer::Impl final : public pb::ResourceService::CallbackService {
       checkResource(request->resource());
       const std::vector<std::string> noWait(request->no_wait().begin(), request->no_wait().end());
       for (const auto& name : noWait) checkName("no-wait name", name);
-      reply->set_json(valueJson(manager_.explain(request->owner(), request->resource(), noWait)).dump());
-      reply->set_text(manager_.explainText(request->owner(), request->resource(), noWait));
+      const ZUExplanation answer = manager_.explain(request->owner(), request->resource(), noWait);
+      reply->set_json(valueJson(answer.toValue()).dump());
+      reply->set_text(answer.toString());
     });
   }
 
