@@ -33,12 +33,13 @@
 namespace {
 
 constexpr char kUsage[] =
-    "usage: zuresourced [--listen ADDRESS] [--tree FILE] [--keepalive-ms N] [--record FILE.jsonl]\n"
-    "                  [--http [ADDR:]PORT]\n"
+    "usage: zuresourced [--listen ADDRESS] [--tree FILE] [--keepalive-ms N] [--max-waits N]\n"
+    "                  [--record FILE.jsonl] [--http [ADDR:]PORT]\n"
     "  --listen ADDRESS   unix:/path/to.sock or HOST:PORT (default: unix:$XDG_RUNTIME_DIR/zuresource.sock,\n"
     "                     or unix:/run/zuresource/zuresource.sock as root)\n"
     "  --tree FILE        the robot's resource tree, {\"resources\": [...]} (default: the bundled robot)\n"
     "  --keepalive-ms N   give up a client that leaves pings unanswered this long (default 2000)\n"
+    "  --max-waits N      acquire calls run at once; one more is refused until one ends (default 1000)\n"
     "  --record FILE      write every event, as JSON lines, for zuresource-sim --replay\n"
     "  --http [ADDR:]PORT serve the live page, read-only (default address 127.0.0.1;\n"
     "                     port 0: any free port, the one taken is printed)\n";
@@ -46,6 +47,19 @@ constexpr char kUsage[] =
 [[noreturn]] void usage(const std::string& problem) {
   std::cerr << "zuresourced: " << problem << "\n" << kUsage;
   std::exit(2);
+}
+
+/// `text` as a number from `low` to `high`, or the usage naming `option`.
+long number(const std::string& option, const std::string& text, const char* what, long low,
+            long high) {
+  char* end = nullptr;
+  errno = 0;
+  const long n = std::strtol(text.c_str(), &end, 10);
+  if (text.empty() || *end != '\0' || errno != 0 || n < low || n > high) {
+    usage(option + ": " + what + ", " + std::to_string(low) + " to " + std::to_string(high) +
+          ", not \"" + text + "\"");
+  }
+  return n;
 }
 
 /// Whether something answers on the Unix socket at `path`.
@@ -67,6 +81,7 @@ int main(int argc, char** argv) {
   std::string treeFile;
   std::string recordFile;
   long keepaliveMs = ZU::service::contract::kDefaultKeepaliveMs;
+  long maxWaits = ZU::service::contract::kDefaultMaxWaits;
   std::string httpHost;
   int httpPort = -1;  // -1: no live page; 0: any free port
   for (int i = 1; i < argc; ++i) {
@@ -86,13 +101,9 @@ int main(int argc, char** argv) {
       if (!zuresourced::parseHttpAddress(text, httpHost, httpPort))
         usage("--http: PORT or ADDRESS:PORT, a port 0 to 65535, not \"" + text + "\"");
     } else if (arg == "--keepalive-ms") {
-      const std::string text = value();
-      char* end = nullptr;
-      errno = 0;
-      keepaliveMs = std::strtol(text.c_str(), &end, 10);
-      if (text.empty() || *end != '\0' || errno != 0 || keepaliveMs < 100 || keepaliveMs > 3600000) {
-        usage("--keepalive-ms: a whole number of milliseconds, 100 to 3600000, not \"" + text + "\"");
-      }
+      keepaliveMs = number(arg, value(), "a whole number of milliseconds", 100, 3600000);
+    } else if (arg == "--max-waits") {
+      maxWaits = number(arg, value(), "a whole number", 1, 100000);
     } else if (arg == "--help" || arg == "-h") {
       std::cout << kUsage;
       return 0;
@@ -149,6 +160,7 @@ int main(int argc, char** argv) {
     ZU::service::ZUServerOptions options;
     options.listen = listen;
     options.keepalive = std::chrono::milliseconds(keepaliveMs);
+    options.maxWaits = static_cast<std::size_t>(maxWaits);
     ZU::service::ZUServer server(manager, options);
     server.start();
     std::cout << "zuresourced: listening on " << server.address() << std::endl;

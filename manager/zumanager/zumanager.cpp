@@ -918,8 +918,8 @@ std::string ZUManager::snapshotJson() const {
   return zujson::snapshotJson(takeSnapshot(roots_), start_).dump();
 }
 
-ZUExplanation ZUManager::explanation(const std::string& owner, const std::string& resource,
-                                     const std::vector<std::string>& noWait) const {
+ZUExplanation ZUManager::explain(const std::string& owner, const std::string& resource,
+                                 const std::vector<std::string>& noWait) const {
   requireResource(resource, "explain");
   boost::shared_ptr<ZUOwner> object;
   {
@@ -927,16 +927,6 @@ ZUExplanation ZUManager::explanation(const std::string& owner, const std::string
     object = newObject(ownerLocked(owner, "explain"));
   }
   return ZU::explain(resources_.at(resource), object, noWait);
-}
-
-ZUValue ZUManager::explain(const std::string& owner, const std::string& resource,
-                           const std::vector<std::string>& noWait) const {
-  return explanation(owner, resource, noWait).toValue();
-}
-
-std::string ZUManager::explainText(const std::string& owner, const std::string& resource,
-                                   const std::vector<std::string>& noWait) const {
-  return explanation(owner, resource, noWait).toString();
 }
 
 }  // namespace ZU

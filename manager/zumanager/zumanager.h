@@ -306,14 +306,12 @@ class ZUManager {
   std::string snapshotJson() const;
   /// When the manager was made: the origin of the times of its JSON forms.
   std::chrono::steady_clock::time_point start() const { return start_; }
-  /// What a request of `owner` for `resource` would do now (ZUExplanation::
-  /// toValue()); no side effect. Throws ZUManagerError (EmptyName,
-  /// UnknownOwner, UnknownResource). Takes: mutex_ briefly.
-  ZUValue explain(const std::string& owner, const std::string& resource,
-                  const std::vector<std::string>& noWait = std::vector<std::string>()) const;
-  /// One line of explain, in words (ZUExplanation::toString()).
-  std::string explainText(const std::string& owner, const std::string& resource,
-                          const std::vector<std::string>& noWait = std::vector<std::string>()) const;
+  /// What a request of `owner` for `resource` would do now, as a value
+  /// (toValue()) and in words (toString()); no side effect. Throws
+  /// ZUManagerError (EmptyName, UnknownOwner, UnknownResource). Takes: mutex_
+  /// briefly.
+  ZUExplanation explain(const std::string& owner, const std::string& resource,
+                        const std::vector<std::string>& noWait = std::vector<std::string>()) const;
   /// The broker of the manager's modules.
   const boost::shared_ptr<ZUBroker>& broker() const { return broker_; }
 
@@ -344,9 +342,6 @@ class ZUManager {
   /// The state resource `resource`, or throws (EmptyName, UnknownResource,
   /// NotAState).
   ZUResourceState& requireState(const std::string& resource, const char* method) const;
-  /// What a request of `owner` for `resource` would do now (explain).
-  ZUExplanation explanation(const std::string& owner, const std::string& resource,
-                            const std::vector<std::string>& noWait) const;
   /// The objects holding `leaf` now: a state's holders, or the current owner
   /// of a plain resource (the free holder when nobody holds it).
   std::vector<boost::shared_ptr<ZUOwner>> holderObjects(const std::string& leaf) const;

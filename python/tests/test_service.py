@@ -18,7 +18,7 @@ def service():
     """A zuresourced on a socket of its own; yields its address."""
     with tempfile.TemporaryDirectory() as folder:
         target = f"unix:{folder}/zuresource.sock"
-        process = subprocess.Popen([ZURESOURCED, "--listen", target, "--keepalive-ms", "1000"],
+        process = subprocess.Popen([ZURESOURCED, "--listen", target],
                                    stdout=subprocess.PIPE, text=True)
         assert process.stdout.readline().startswith("zuresourced: listening")
         yield target, process

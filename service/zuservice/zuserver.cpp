@@ -8,6 +8,7 @@
 #include <mutex>
 #include <random>
 #include <set>
+#include <system_error>
 #include <thread>
 
 #include <boost/make_shared.hpp>
@@ -20,6 +21,7 @@
 #include <zuhost/zuerror.h>
 #include <zuobserve/zujson.h>
 #include <zuresource/zucontract.h>
+#include <zuresource/zuexplain.h>
 #include <zuresource/zuobserver.h>
 #include <zuresource/zusnapshot.h>
 #include <zumanager/zumanager.h>
@@ -262,8 +264,9 @@ class ZUServer::Impl final : public pb::ResourceService::CallbackService {
       checkResource(request->resource());
       const std::vector<std::string> noWait(request->no_wait().begin(), request->no_wait().end());
       for (const auto& name : noWait) checkName("no-wait name", name);
-      reply->set_json(valueJson(manager_.explain(request->owner(), request->resource(), noWait)).dump());
-      reply->set_text(manager_.explainText(request->owner(), request->resource(), noWait));
+      const ZUExplanation answer = manager_.explain(request->owner(), request->resource(), noWait);
+      reply->set_json(valueJson(answer.toValue()).dump());
+      reply->set_text(answer.toString());
     });
   }
 
@@ -588,6 +591,8 @@ class AcquireReactor final
       module = session->module;
       std::lock_guard<std::mutex> lock(impl_.mutex_);
       if (impl_.stopping_) refuse(StatusCode::UNAVAILABLE, contract::kStopping);
+      if (impl_.waits_ >= impl_.options_.maxWaits)
+        refuse(StatusCode::RESOURCE_EXHAUSTED, contract::kTooManyWaits);
       ++impl_.waits_;
       impl_.acquires_[this] = shared_from_this();
     });
@@ -596,9 +601,14 @@ class AcquireReactor final
       return;
     }
     // Every wait in a thread of its own: no pool that waits could fill.
-    std::thread([self = shared_from_this(), call = std::move(call), module = std::move(module)] {
-      self->run(call, module);
-    }).detach();
+    try {
+      std::thread([self = shared_from_this(), call = std::move(call), module = std::move(module)] {
+        self->run(call, module);
+      }).detach();
+    } catch (const std::system_error&) {
+      finish(grpc::Status(StatusCode::RESOURCE_EXHAUSTED, contract::kTooManyWaits));
+      ended();
+    }
   }
 
   void OnCancel() override { cancel_.cancel(); }
@@ -644,6 +654,11 @@ class AcquireReactor final
       send(std::move(reply));
     });
     finish(status);
+    ended();
+  }
+
+  /// The call counts no more among the running ones.
+  void ended() {
     std::lock_guard<std::mutex> lock(impl_.mutex_);
     --impl_.waits_;
     impl_.acquires_.erase(this);

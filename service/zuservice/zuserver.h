@@ -1,10 +1,13 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
+
+#include <zuservice/zuservicecontract.h>
 
 namespace grpc {
 class ServerBuilder;
@@ -23,7 +26,10 @@ struct ZUServerOptions {
   /// A client that leaves the service's pings unanswered this long is given
   /// up and its session ends; also how long a new session stream may take to
   /// say hello.
-  std::chrono::milliseconds keepalive{2000};
+  std::chrono::milliseconds keepalive{contract::kDefaultKeepaliveMs};
+  /// Acquire calls run at once; one more is refused (RESOURCE_EXHAUSTED)
+  /// until one ends, so that a crowd of clients cannot take every thread.
+  std::size_t maxWaits = contract::kDefaultMaxWaits;
   /// Called with the server's builder before it starts: more services on
   /// the same socket (the benchmark's echo service), more channel arguments.
   std::function<void(grpc::ServerBuilder&)> extend;

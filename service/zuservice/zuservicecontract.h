@@ -20,12 +20,18 @@ inline constexpr std::int32_t kMaxTimeoutSeconds = 86400;
 /// The keepalive time by default: a client that leaves the service's pings
 /// unanswered this long is given up.
 inline constexpr std::uint32_t kDefaultKeepaliveMs = 2000;
+/// How many acquire calls the service runs at once by default; each has a
+/// thread of its own while it runs.
+inline constexpr std::uint32_t kDefaultMaxWaits = 1000;
 
 /// The status message of every session and call ended because the service
 /// stops.
 inline constexpr char kStopping[] = "the service is stopping";
 /// The status message of a session stream that said no hello in time.
 inline constexpr char kNoHello[] = "no hello: a session stream must open with a hello";
+/// The status message of an acquire call refused because the service runs
+/// as many as it may (or the system gives it no thread for one more).
+inline constexpr char kTooManyWaits[] = "too many acquire calls at once: try again when one has ended";
 
 /// "<what> is empty" or "<what> is longer than 1024 bytes (<n>)", or empty when
 /// `name` is acceptable.
