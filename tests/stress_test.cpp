@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <deque>
 #include <map>
 #include <mutex>
 #include <random>
@@ -26,6 +27,7 @@
 #include <zuresource/zuwaitregistry.h>
 
 #include "support/resourcehelpers.h"
+#include "support/threads.h"
 
 namespace {
 
@@ -46,6 +48,8 @@ bool contains(const Names& names, const std::string& name) {
 
 // A resource that an owner may ask for, with the leaves it stands for.
 struct Target {
+  explicit Target(const ResourcePtr& resource) : resource(resource) { collect(resource); }
+
   ResourcePtr resource;
   std::vector<ResourcePtr> plainLeaves;
   std::vector<StatePtr> stateLeaves;
@@ -96,13 +100,9 @@ struct World {
               zutest::makeGroup("G5", {R[6], R[5]}),
               zutest::makeGroup("G6", {R[8], R[9], R[10]}),
               zutest::makeGroup("G7", {R[11], R[9]})};
-    std::vector<ResourcePtr> all(plains.begin(), plains.end());
-    all.insert(all.end(), states.begin(), states.end());
-    all.insert(all.end(), groups.begin(), groups.end());
-    for (const ResourcePtr& resource : all) {
-      targets.push_back(Target{resource, {}, {}, {}});
-      targets.back().collect(resource);
-    }
+    for (const auto& resource : plains) targets.emplace_back(resource);
+    for (const auto& resource : states) targets.emplace_back(resource);
+    for (const auto& resource : groups) targets.emplace_back(resource);
     module->bindMethod<std::string>("__onResource__", [](const std::string&) {});
     broker->addModule(module);
   }
@@ -116,21 +116,13 @@ struct World {
     std::lock_guard<std::mutex> lock(mutex);
     holds[plain->name].push_back(Hold{owner, got, Clock::now()});
   }
-  void progress() {
-    lastProgressMs =
-        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
-  }
-
   const unsigned seed;
-  const Clock::time_point start = Clock::now();
   boost::shared_ptr<ZU::ZUBroker> broker = boost::make_shared<ZU::ZUBroker>();
   boost::shared_ptr<ZU::ZUModule> module = boost::make_shared<ZU::ZUModule>("M");
   std::vector<ResourcePtr> plains;
   std::vector<StatePtr> states;
   std::vector<boost::shared_ptr<ZU::ZUResourceList>> groups;
   std::vector<Target> targets;  // plains, then states, then groups
-  std::atomic<long> lastProgressMs{0};
-  std::atomic<bool> stopping{false};
   std::atomic<int> granted{0};
   std::mutex mutex;
   std::map<std::string, std::vector<Hold>> holds;  // by resource; guarded by mutex
@@ -159,9 +151,8 @@ class Family {
         push();
       else
         pop();
-      world_.progress();
     }
-    for (; !stack_.empty(); world_.progress()) pop();  // descendants before their ancestors
+    while (!stack_.empty()) pop();  // descendants before their ancestors
   }
 
  private:
@@ -312,44 +303,30 @@ class Family {
   std::vector<Frame> stack_;
 };
 
-// Aborts when no operation completed for 10 s: a deadlock must fail the suite,
-// not stall it.
-void watch(World& world) {
-  while (!world.stopping) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    const long idle =
-        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - world.start).count() -
-        world.lastProgressMs;
-    if (idle > 10000) {
-      std::fprintf(stderr, "stress: no operation completed for 10 s (seed %u): deadlock?\n",
-                   world.seed);
-      std::abort();
-    }
-  }
-}
-
 TEST(Stress, ContendedTreeKeepsItsInvariants) {
   const int seconds = envInt("ZU_STRESS_SECONDS", 20);
   const int threads = std::min(32, std::max(8, envInt("ZU_STRESS_THREADS", 16)));
-  const auto now = std::chrono::system_clock::now().time_since_epoch().count();
-  const unsigned seed =
-      static_cast<unsigned>(envInt("ZU_STRESS_SEED", static_cast<int>(now % 1000000007)));
+  const unsigned seed = static_cast<unsigned>(
+      envInt("ZU_STRESS_SEED", static_cast<int>(std::random_device()() % 1000000007)));
   std::printf("stress: replay with ZU_STRESS_SEED=%u ZU_STRESS_SECONDS=%d ZU_STRESS_THREADS=%d\n",
               seed, seconds, threads);
   std::fflush(stdout);
 
   World world(seed);
-  std::vector<Family> families;
-  families.reserve(threads);
-  for (int i = 0; i < threads; ++i) families.emplace_back(world, i);
   const Clock::time_point deadline = Clock::now() + std::chrono::seconds(seconds);
-  std::thread watchdog(watch, std::ref(world));
-  std::vector<std::thread> running;
-  for (Family& family : families)
-    running.emplace_back([&family, deadline] { family.run(deadline); });
-  for (std::thread& thread : running) thread.join();
-  world.stopping = true;
-  watchdog.join();
+  std::deque<zutest::GuardedThread> running;
+  for (int i = 0; i < threads; ++i)
+    running.emplace_back([&world, i, deadline] { Family(world, i).run(deadline); });
+  // Every family ends soon after the deadline: a deadlock must fail the suite,
+  // not stall it.
+  for (zutest::GuardedThread& thread : running) {
+    const auto left = deadline + std::chrono::seconds(30) - Clock::now();
+    if (!thread.joinFor(std::chrono::duration_cast<std::chrono::milliseconds>(left).count())) {
+      std::fprintf(stderr, "stress: a family still runs 30 s after the end (seed %u): deadlock?\n",
+                   seed);
+      std::abort();
+    }
+  }
 
   for (const std::string& failure : world.failures) ADD_FAILURE() << failure;
   // Holds that overlap are only allowed between an owner and its descendant.
