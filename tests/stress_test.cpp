@@ -51,8 +51,7 @@ struct Target {
   explicit Target(const ResourcePtr& resource) : resource(resource) { collect(resource); }
 
   ResourcePtr resource;
-  std::vector<ResourcePtr> plainLeaves;
-  std::vector<StatePtr> stateLeaves;
+  std::vector<ResourcePtr> leaves;
   std::set<std::string> leafNames;
 
   void collect(const ResourcePtr& node) {
@@ -60,13 +59,17 @@ struct Target {
       for (const ResourcePtr& member : group->getResourceList()) collect(member);
       return;
     }
+    leaves.push_back(node);
     leafNames.insert(node->name);
-    if (auto state = boost::dynamic_pointer_cast<ZU::ZUResourceState>(node))
-      stateLeaves.push_back(state);
-    else
-      plainLeaves.push_back(node);
   }
 };
+
+// Whether `owner` holds `leaf`: is its current owner, or for a state, one of its holders.
+bool holds(const ResourcePtr& leaf, const std::string& owner) {
+  if (auto state = boost::dynamic_pointer_cast<ZU::ZUResourceState>(leaf))
+    return contains(holderNames(*state), owner);
+  return leaf->currentOwner.load()->name == owner;
+}
 
 // When an owner held a plain resource: from `got` (after its wait returned) to
 // `released` (before its release was called).
@@ -220,16 +223,11 @@ class Family {
     for (const std::string& name : result)
       if (!target.leafNames.count(name) || !contains(noWait, name))
         fail(owner, what + "result names " + name + ", which it may not give up");
-    for (const ResourcePtr& plain : target.plainLeaves) {
-      if (contains(result, plain->name)) continue;
-      const std::string holder = plain->currentOwner.load()->name;
-      if (holder != owner->name)
-        fail(owner, what + "granted, but " + holder + " holds " + plain->name);
-      frame.heldPlain.push_back(plain);
+    for (const ResourcePtr& leaf : target.leaves) {
+      if (contains(result, leaf->name)) continue;
+      if (!holds(leaf, owner->name)) fail(owner, what + "granted, but " + leaf->httpGet(0));
+      if (!boost::dynamic_pointer_cast<ZU::ZUResourceState>(leaf)) frame.heldPlain.push_back(leaf);
     }
-    for (const StatePtr& state : target.stateLeaves)
-      if (!contains(result, state->name) && !contains(holderNames(*state), owner->name))
-        fail(owner, what + "granted, but not a holder of " + state->name);
   }
 
   // The two documented errors: a timeout on one of the target's leaves, or a box stop.
@@ -243,12 +241,8 @@ class Family {
   }
 
   void expectHoldsNothing(const OwnerPtr& owner, const Target& target, const char* when) {
-    for (const ResourcePtr& plain : target.plainLeaves)
-      if (plain->currentOwner.load()->name == owner->name)
-        fail(owner, "still holds " + plain->name + " " + when);
-    for (const StatePtr& state : target.stateLeaves)
-      if (contains(holderNames(*state), owner->name))
-        fail(owner, "is still a holder of " + state->name + " " + when);
+    for (const ResourcePtr& leaf : target.leaves)
+      if (holds(leaf, owner->name)) fail(owner, "still holds " + leaf->name + " " + when);
   }
 
   void pop() {
