@@ -10,13 +10,12 @@
 #include <boost/shared_ptr.hpp>
 #include <gtest/gtest.h>
 
+#include <zuhost/zuerror.h>
+#include <zuhost/zumutex.h>
+
 #include <zuresource/zucontract.h>
 #include <zuresource/zuowner.h>
 #include <zuresource/zuresource.h>
-#include <zuresource/zuresourcelist.h>
-
-#include <zuhost/zuerror.h>
-#include <zuhost/zumutex.h>
 
 #include "support/asyncrun.h"
 #include "support/resourcehelpers.h"
@@ -79,14 +78,12 @@ class ResourceTest : public ::testing::Test {
   /// Whether another thread could take waitMutex now (a thread may not
   /// try-lock a mutex that it holds itself).
   bool waitMutexUnlocked() const {
-    ZUResource* r = head.get();
-    return std::async(std::launch::async,
-                      [r] {
-                        if (!r->waitMutex->tryLock()) return false;
-                        r->waitMutex->unlock();
-                        return true;
-                      })
-        .get();
+    auto tryLock = [r = head.get()] {
+      const bool free = r->waitMutex->tryLock();
+      if (free) r->waitMutex->unlock();
+      return free;
+    };
+    return std::async(std::launch::async, tryLock).get();
   }
   Names acquire(const OwnerPtr& owner, const Names& noWaitList = Names()) {
     return head->waitFor(owner, "label", 1, noWaitList);
@@ -94,17 +91,6 @@ class ResourceTest : public ::testing::Test {
 
   boost::shared_ptr<ZUResource> head = boost::make_shared<ZUResource>("Head", nullptr);
 };
-
-TEST_F(ResourceTest, NodeAnswersOnlyItsNameAndRecordsButDoesNotJoinItsParent) {
-  EXPECT_TRUE(head->isResourceFree());
-  EXPECT_TRUE(head->isResourceOwned(ZU::contract::kPlaceholderName));
-  EXPECT_TRUE(head->isInGroup("Head"));
-  for (const char* other : {"", "Hea", "HeadX", "head"}) EXPECT_FALSE(head->isInGroup(other));
-  auto body = boost::make_shared<ZU::ZUResourceList>("Body", nullptr);
-  ZUResource arm("Arm", body);
-  EXPECT_EQ(arm.parent.lock(), body);
-  EXPECT_FALSE(body->isInGroup("Arm"));
-}
 
 TEST_F(ResourceTest, WaitForAsksOnlyOtherHoldersAndTheirErrorLeavesTheHolder) {
   // A holder named "emptyOwner" reads free, yet it is asked.
@@ -150,17 +136,15 @@ TEST_F(ResourceTest, NoWaitListGivesUpOnlyWhenBusyAndListed) {
 }
 
 TEST_F(ResourceTest, WaitForAsksADecliningHolderUnderWaitMutexUntilItLetsGo) {
-  ZUResource* r = head.get();
   std::atomic<int> calls(0);
   std::atomic<bool> askedUnlocked(false);
-  auto stubborn = ScriptedOwner::create("stubborn", "Walker",
-                                        [&](const std::string& resource, const OwnerPtr&) {
-                                          if (waitMutexUnlocked()) askedUnlocked = true;
-                                          EXPECT_EQ(resource, "Head");
-                                          if (++calls == 3)
-                                            r->release(r->currentOwner.load());  // lets go at last
-                                          return false;
-                                        });
+  auto stubborn = ScriptedOwner::create(
+      "stubborn", "Walker", [&](const std::string& resource, const OwnerPtr&) {
+        if (waitMutexUnlocked()) askedUnlocked = true;
+        EXPECT_EQ(resource, "Head");
+        if (++calls == 3) head->release(head->currentOwner.load());  // lets go at last
+        return false;
+      });
   head->switchOwner(stubborn, "", 0);
 
   OwnerPtr box = strong("box");
@@ -173,8 +157,7 @@ TEST_F(ResourceTest, WaitForAsksADecliningHolderUnderWaitMutexUntilItLetsGo) {
 }
 
 TEST_F(ResourceTest, HandDownIsHandedBackWithoutFreeResourceAndTheRecordOutlivesIt) {
-  OwnerPtr parent = strong("box");
-  OwnerPtr child = strong("box/arm");
+  OwnerPtr parent = strong("box"), child = strong("box/arm");
   ASSERT_TRUE(acquire(parent).empty());
   ASSERT_TRUE(acquire(child).empty());
 
@@ -197,8 +180,7 @@ TEST_F(ResourceTest, HandDownIsHandedBackWithoutFreeResourceAndTheRecordOutlives
 }
 
 TEST_F(ResourceTest, SwitchOwnerReplacesAHolderInConflictAndTellsNobody) {
-  OwnerPtr first = strong("first");
-  OwnerPtr waiter = strong("waiter");
+  OwnerPtr first = strong("first"), waiter = strong("waiter");
   ASSERT_TRUE(acquire(first).empty());
   zutest::WaitForRun run(head, waiter, 5);
   ASSERT_TRUE(zutest::waitUntil([&] { return first->copyWaiters().size() == 1; }));
