@@ -38,7 +38,6 @@ TEST_F(StateResourceTest, GrantsOnlyWhileActivatedAndReleaseRemovesEveryHolderOf
   auto a = makeOwner("a", "A"), b = makeOwner("b", "B");
   auto otherA = makeOwner("a", "A2");  // another object with the same name
   s->setState(true);
-  EXPECT_EQ(s->httpGet(0), "---S (Activated)  Waiter: null<br />");
   EXPECT_TRUE(s->waitFor(a, "", 0, {"S"}).empty());  // listed, but not busy
   for (const auto& owner : {b, otherA}) EXPECT_TRUE(s->waitFor(owner, "", 0, {}).empty());
   EXPECT_EQ(holders(), (Names{"a", "b", "a"}));
