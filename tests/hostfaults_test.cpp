@@ -2,7 +2,7 @@
 // with work queued, and a broker that goes away while waits run. The waits go
 // on and end as they would without the fault; nothing crashes, hangs or leaks
 // (the address-sanitizer build checks leaks at exit). A module without the
-// method or taking another type: zunotify_test and host_broker_test.
+// method or taking another type: zuownerstrong_test and host_broker_test.
 
 #include <atomic>
 #include <climits>

@@ -1,12 +1,17 @@
-// Conflict arbitration of the strong owner: hand-down, and the polled wait:
-// every way it ends, with its waiters list, its record and its timer.
+// Conflict arbitration of the strong owner: hand-down, the polled wait (every
+// way it ends, with its waiters list, its record and its timer) and the
+// notification of the holder's module through a real in-process broker. A
+// missing holder module or a gone broker are host-fault tests.
+#include <algorithm>
 #include <functional>
 #include <string>
 #include <utility>
 
 #include <boost/make_shared.hpp>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <zuhost/zubroker.h>
 #include <zuhost/zuos.h>
 
 #include <zuresource/zucontract.h>
@@ -14,6 +19,7 @@
 #include <zuresource/zuwaitregistry.h>
 
 #include "support/asyncrun.h"
+#include "support/recordingmodule.h"
 #include "support/resourcehelpers.h"
 #include "support/threads.h"
 
@@ -88,7 +94,8 @@ TEST(StrongOwner, EveryWayAWaitEnds) {
       {"time limit", 1, When::Never, nullptr, kTimedOut.c_str(), 1000, 1000 + kPoll},
       {"requester stopped", -1, When::AtTimer200, stop, kStop, 0, kPoll},
       {"requester stopped before, limit passed too", 0, When::Before, stop, kStop, kPoll, kPoll},
-      {"holder destroyed (the destroyed-holder race)", -1, When::AtTimer200, destroy, nullptr, 0, 0},
+      {"holder destroyed (the destroyed-holder race)", -1, When::AtTimer200, destroy, nullptr, 0,
+       0},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
@@ -123,6 +130,37 @@ TEST(StrongOwner, EveryWayAWaitEnds) {
     EXPECT_LE(holder->timeout, base + row.timerMax);
     EXPECT_EQ(holder->getTimeout(), std::to_string(holder->timeout / 1000));  // whole seconds
   }
+}
+
+TEST(StrongOwner, EachWaitSendsOneOnResourceWithTheResourceNameAndAHandDownNone) {
+  auto broker = boost::make_shared<ZU::ZUBroker>();
+  auto holder = owner("box/h");
+  holder->setParentBroker(broker);
+  zutest::RecordingModule module(broker, "box/h-module");
+  EXPECT_TRUE(holder->conflict("Legs", owner("box/h/child"), 0));
+  module.onResource([&](const std::string&) { holder->freeResource(); });
+  for (const char* resource : {"Head", "LArm"})  // the module lets go: each wait ends
+    EXPECT_TRUE(zutest::waitReturned(ConflictRun(*holder, resource, owner("box/q"), -1).wait()));
+  module.waitIdle();
+  EXPECT_EQ(module.calls(), (std::vector<std::string>{"Head", "LArm"}));
+}
+
+TEST(StrongOwner, ARefusedNotificationPrintsOneLineAndTheWaitGoesOnToItsLimit) {
+  auto broker = boost::make_shared<ZU::ZUBroker>();
+  auto intModule = boost::make_shared<ZU::ZUModule>("i-module");
+  intModule->bindMethod<int>("__onResource__", [](const int&) {});
+  broker->addModule(intModule);
+  auto holder = owner("i");
+  holder->setParentBroker(broker);
+
+  testing::internal::CaptureStdout();
+  EXPECT_TRUE(waitFailed(ConflictRun(*holder, "R", owner("q"), 0).wait(), kTimedOut));
+  const std::string out = testing::internal::GetCapturedStdout();
+  EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 1) << out;
+  EXPECT_THAT(out, ::testing::HasSubstr("When trying to call module 'i-module' function "
+                                        "'__onResource__' parameter #1 is of type string "
+                                        "instead of type int"));
+  EXPECT_EQ(intModule->startedTasks(), 0);
 }
 
 }  // namespace
