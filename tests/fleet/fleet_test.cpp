@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include <boost/make_shared.hpp>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
@@ -26,6 +27,8 @@
 
 namespace {
 
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
 using zutest::errorOf;
 using zutest::GuardedThread;
 using zutest::waitUntil;
@@ -199,13 +202,9 @@ TEST(Fleet, FailedWaitsEndLikePlainWaitsAndLeaveNothingBehind) {
     ASSERT_TRUE(stopper.joinFor(5000));
     EXPECT_GE(watch.elapsedMs(), row.minMs);
     EXPECT_LE(watch.elapsedMs(), row.maxMs);
-    if (row.error.empty()) {
-      EXPECT_FALSE(error);
-      EXPECT_EQ(result, row.noWait);
-    } else {
-      ASSERT_TRUE(error);
-      EXPECT_NE(error->getDescription().find(row.error), std::string::npos) << error->toString();
-    }
+    EXPECT_EQ(error.has_value(), !row.error.empty());
+    EXPECT_THAT(error ? error->getDescription() : "", HasSubstr(row.error));
+    EXPECT_EQ(result, row.noWait);
     EXPECT_TRUE(row.robot.lift->isResourceFree());
     EXPECT_EQ(row.robot.lift->httpGet(0), "---Lift<br />");
   }
@@ -293,10 +292,8 @@ TEST(Fleet, AHolderEtcdHearsFromNoMoreHandsOverWithinItsTtlHavingGivenUpFirst) {
     ASSERT_FALSE(lost.empty()) << "the holder never gave Lift up";
     if (row.cut == Cut::Frozen) continue;  // it learns of the loss one way or another
     EXPECT_LT(numbers(lost)[0], waitB.endedMs) << "b was granted while the holder held";
-    EXPECT_NE(lost.find(" lease not renewed within its TTL of " +
-                        std::to_string(row.ttlGrantedMs / 1000) + " s"),
-              std::string::npos)
-        << lost;
+    EXPECT_THAT(lost, HasSubstr(" lease not renewed within its TTL of " +
+                                std::to_string(row.ttlGrantedMs / 1000) + " s"));
   }
 }
 
@@ -346,8 +343,7 @@ TEST(Fleet, ARevokedLeaseFailsTheWaitOrReleasesTheHolder) {
   a.release();
   ASSERT_TRUE(waitB.thread.joinFor(10000));
   ASSERT_TRUE(waitB.error) << "b was granted with no key in the queue";
-  EXPECT_EQ(waitB.error->getDescription().rfind(ZU::ZUResourceFleet::kLeaseLost, 0), 0u)
-      << waitB.error->toString();
+  EXPECT_THAT(waitB.error->getDescription(), StartsWith(ZU::ZUResourceFleet::kLeaseLost));
   ASSERT_TRUE(b.take(5).empty()) << "a new request takes a new lease";
 
   a.session->client().revoke(b.session->lease());
@@ -395,8 +391,7 @@ TEST(Fleet, AnOutageShorterThanTheLeaseAllowsIsRiddenOutALongerOneFailsTheWaits)
     ASSERT_TRUE(waitB.thread.joinFor(20000));
     if (row.lost) {
       ASSERT_TRUE(waitB.error);
-      EXPECT_EQ(waitB.error->getDescription().rfind(ZU::ZUResourceFleet::kLeaseLost, 0), 0u)
-          << waitB.error->toString();
+      EXPECT_THAT(waitB.error->getDescription(), StartsWith(ZU::ZUResourceFleet::kLeaseLost));
       EXPECT_TRUE(b.take(10).empty());
     } else {
       EXPECT_FALSE(waitB.error) << waitB.error->toString();
