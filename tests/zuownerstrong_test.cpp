@@ -30,7 +30,7 @@ using zutest::waitUntil;
 
 namespace {
 
-const char* const kStop = ZU::contract::kStopWhileWaiting;
+const std::string kStop = ZU::contract::kStopWhileWaiting;
 const std::string kTimedOut = ZU::contract::waitTimedOut("R");
 const int kPoll = ZUOwnerStrong::kPollPeriodMs;
 
@@ -72,7 +72,7 @@ TEST(StrongOwner, EveryWayAWaitEnds) {
     int limit;  // seconds
     When when;
     std::function<void(Holder& holder, ZU::ZUOwner& requester)> trigger;
-    const char* error;       // nullptr: conflict() returns false
+    std::string error;       // empty: conflict() returns false
     int timerMin, timerMax;  // the holder's timer at the end, ms, past its value at a timed trigger
   };
   auto letGo = [](Holder& holder, ZU::ZUOwner&) { holder->freeResource(); };
@@ -87,15 +87,13 @@ TEST(StrongOwner, EveryWayAWaitEnds) {
     EXPECT_TRUE(destroyer.joinFor(5000)) << "the destructor did not complete";
   };
   const Row rows[] = {
-      {"holder lets go", -1, When::AtTimer1000, letGo, nullptr, 0, kPoll},
-      {"holder let go before the wait", 0, When::Before, letGo, kTimedOut.c_str(), kPoll, kPoll},
-      {"holder lets go in the only sleep", 0, When::InTheOnlySleep, letGo, kTimedOut.c_str(), kPoll,
-       kPoll},
-      {"time limit", 1, When::Never, nullptr, kTimedOut.c_str(), 1000, 1000 + kPoll},
+      {"holder lets go", -1, When::AtTimer1000, letGo, "", 0, kPoll},
+      {"holder let go before the wait", 0, When::Before, letGo, kTimedOut, kPoll, kPoll},
+      {"holder lets go in the only sleep", 0, When::InTheOnlySleep, letGo, kTimedOut, kPoll, kPoll},
+      {"time limit", 1, When::Never, nullptr, kTimedOut, 1000, 1000 + kPoll},
       {"requester stopped", -1, When::AtTimer200, stop, kStop, 0, kPoll},
       {"requester stopped before, limit passed too", 0, When::Before, stop, kStop, kPoll, kPoll},
-      {"holder destroyed (the destroyed-holder race)", -1, When::AtTimer200, destroy, nullptr, 0,
-       0},
+      {"holder destroyed (the destroyed-holder race)", -1, When::AtTimer200, destroy, "", 0, 0},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
@@ -120,7 +118,7 @@ TEST(StrongOwner, EveryWayAWaitEnds) {
     if (row.when != When::Before && row.trigger) row.trigger(holder, *requester);
 
     const zutest::ConflictOutcome outcome = run.wait();
-    EXPECT_TRUE(row.error ? waitFailed(outcome, row.error) : zutest::waitReturned(outcome));
+    EXPECT_TRUE(row.error.empty() ? zutest::waitReturned(outcome) : waitFailed(outcome, row.error));
     if (row.limit > 0) EXPECT_ELAPSED_NEAR(outcome.elapsedMs, row.limit * 1000);
     EXPECT_TRUE(recorded(0));
     EXPECT_EQ(!holder, watched.expired());

@@ -213,11 +213,7 @@ TEST(GroupMixedTest, StateMemberIsAcquiredByItsOwnRules) {
   EXPECT_TRUE(zutest::waitFailed(errorOf([&] { g->waitFor(owner, "", 0, {}); }),
                                  ZU::contract::waitTimedOut("S")));
   EXPECT_TRUE(a->isResourceFree()) << "the failed walk gave A back";
-
-  s->setState(true);
-  EXPECT_TRUE(g->waitFor(owner, "", 0, {}).empty());
-  g->release(owner);
-  EXPECT_TRUE(g->isResourceFree() && zutest::holderNames(*s).empty());
+  // With S activated the walk succeeds: the explain tests.
 }
 
 // Race: 1: waitFor reads G, blocks on R; 2: addResource waits to write G;
