@@ -1,12 +1,17 @@
-// Conflict arbitration of the strong owner: hand-down, and the polled wait:
-// every way it ends, with its waiters list, its record and its timer.
+// Conflict arbitration of the strong owner: hand-down, the polled wait (every
+// way it ends, with its waiters list, its record and its timer) and the
+// notification of the holder's module through a real in-process broker. A
+// missing holder module or a gone broker are host-fault tests.
+#include <algorithm>
 #include <functional>
 #include <string>
 #include <utility>
 
 #include <boost/make_shared.hpp>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <zuhost/zubroker.h>
 #include <zuhost/zuos.h>
 
 #include <zuresource/zucontract.h>
@@ -14,6 +19,7 @@
 #include <zuresource/zuwaitregistry.h>
 
 #include "support/asyncrun.h"
+#include "support/recordingmodule.h"
 #include "support/resourcehelpers.h"
 #include "support/threads.h"
 
@@ -24,7 +30,7 @@ using zutest::waitUntil;
 
 namespace {
 
-const char* const kStop = ZU::contract::kStopWhileWaiting;
+const std::string kStop = ZU::contract::kStopWhileWaiting;
 const std::string kTimedOut = ZU::contract::waitTimedOut("R");
 const int kPoll = ZUOwnerStrong::kPollPeriodMs;
 
@@ -66,7 +72,7 @@ TEST(StrongOwner, EveryWayAWaitEnds) {
     int limit;  // seconds
     When when;
     std::function<void(Holder& holder, ZU::ZUOwner& requester)> trigger;
-    const char* error;       // nullptr: conflict() returns false
+    std::string error;       // empty: conflict() returns false
     int timerMin, timerMax;  // the holder's timer at the end, ms, past its value at a timed trigger
   };
   auto letGo = [](Holder& holder, ZU::ZUOwner&) { holder->freeResource(); };
@@ -81,14 +87,13 @@ TEST(StrongOwner, EveryWayAWaitEnds) {
     EXPECT_TRUE(destroyer.joinFor(5000)) << "the destructor did not complete";
   };
   const Row rows[] = {
-      {"holder lets go", -1, When::AtTimer1000, letGo, nullptr, 0, kPoll},
-      {"holder let go before the wait", 0, When::Before, letGo, kTimedOut.c_str(), kPoll, kPoll},
-      {"holder lets go in the only sleep", 0, When::InTheOnlySleep, letGo, kTimedOut.c_str(), kPoll,
-       kPoll},
-      {"time limit", 1, When::Never, nullptr, kTimedOut.c_str(), 1000, 1000 + kPoll},
+      {"holder lets go", -1, When::AtTimer1000, letGo, "", 0, kPoll},
+      {"holder let go before the wait", 0, When::Before, letGo, kTimedOut, kPoll, kPoll},
+      {"holder lets go in the only sleep", 0, When::InTheOnlySleep, letGo, kTimedOut, kPoll, kPoll},
+      {"time limit", 1, When::Never, nullptr, kTimedOut, 1000, 1000 + kPoll},
       {"requester stopped", -1, When::AtTimer200, stop, kStop, 0, kPoll},
       {"requester stopped before, limit passed too", 0, When::Before, stop, kStop, kPoll, kPoll},
-      {"holder destroyed (the destroyed-holder race)", -1, When::AtTimer200, destroy, nullptr, 0, 0},
+      {"holder destroyed (the destroyed-holder race)", -1, When::AtTimer200, destroy, "", 0, 0},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
@@ -113,7 +118,7 @@ TEST(StrongOwner, EveryWayAWaitEnds) {
     if (row.when != When::Before && row.trigger) row.trigger(holder, *requester);
 
     const zutest::ConflictOutcome outcome = run.wait();
-    EXPECT_TRUE(row.error ? waitFailed(outcome, row.error) : zutest::waitReturned(outcome));
+    EXPECT_TRUE(row.error.empty() ? zutest::waitReturned(outcome) : waitFailed(outcome, row.error));
     if (row.limit > 0) EXPECT_ELAPSED_NEAR(outcome.elapsedMs, row.limit * 1000);
     EXPECT_TRUE(recorded(0));
     EXPECT_EQ(!holder, watched.expired());
@@ -123,6 +128,37 @@ TEST(StrongOwner, EveryWayAWaitEnds) {
     EXPECT_LE(holder->timeout, base + row.timerMax);
     EXPECT_EQ(holder->getTimeout(), std::to_string(holder->timeout / 1000));  // whole seconds
   }
+}
+
+TEST(StrongOwner, EachWaitSendsOneOnResourceWithTheResourceNameAndAHandDownNone) {
+  auto broker = boost::make_shared<ZU::ZUBroker>();
+  auto holder = owner("box/h");
+  holder->setParentBroker(broker);
+  zutest::RecordingModule module(broker, "box/h-module");
+  EXPECT_TRUE(holder->conflict("Legs", owner("box/h/child"), 0));
+  module.onResource([&](const std::string&) { holder->freeResource(); });
+  for (const char* resource : {"Head", "LArm"})  // the module lets go: each wait ends
+    EXPECT_TRUE(zutest::waitReturned(ConflictRun(*holder, resource, owner("box/q"), -1).wait()));
+  module.waitIdle();
+  EXPECT_EQ(module.calls(), (std::vector<std::string>{"Head", "LArm"}));
+}
+
+TEST(StrongOwner, ARefusedNotificationPrintsOneLineAndTheWaitGoesOnToItsLimit) {
+  auto broker = boost::make_shared<ZU::ZUBroker>();
+  auto intModule = boost::make_shared<ZU::ZUModule>("i-module");
+  intModule->bindMethod<int>("__onResource__", [](const int&) {});
+  broker->addModule(intModule);
+  auto holder = owner("i");
+  holder->setParentBroker(broker);
+
+  testing::internal::CaptureStdout();
+  EXPECT_TRUE(waitFailed(ConflictRun(*holder, "R", owner("q"), 0).wait(), kTimedOut));
+  const std::string out = testing::internal::GetCapturedStdout();
+  EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 1) << out;
+  EXPECT_THAT(out, ::testing::HasSubstr("When trying to call module 'i-module' function "
+                                        "'__onResource__' parameter #1 is of type string "
+                                        "instead of type int"));
+  EXPECT_EQ(intModule->startedTasks(), 0);
 }
 
 }  // namespace

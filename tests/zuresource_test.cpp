@@ -10,13 +10,12 @@
 #include <boost/shared_ptr.hpp>
 #include <gtest/gtest.h>
 
+#include <zuhost/zuerror.h>
+#include <zuhost/zumutex.h>
+
 #include <zuresource/zucontract.h>
 #include <zuresource/zuowner.h>
 #include <zuresource/zuresource.h>
-#include <zuresource/zuresourcelist.h>
-
-#include <zuhost/zuerror.h>
-#include <zuhost/zumutex.h>
 
 #include "support/asyncrun.h"
 #include "support/resourcehelpers.h"
@@ -31,13 +30,9 @@ class ScriptedOwner final : public ZU::ZUOwner {
   using Script = std::function<bool(const std::string&, const boost::shared_ptr<ZU::ZUOwner>&)>;
 
   /// ownerType "eScripted", mutexes of its own, `waiters` left invalid.
-  static boost::shared_ptr<ScriptedOwner> create(
+  ScriptedOwner(
       const std::string& name, const std::string& moduleName,
-      Script script = [](auto&, auto&) { return false; }) {
-    return boost::make_shared<ScriptedOwner>(name, moduleName, std::move(script));
-  }
-
-  ScriptedOwner(const std::string& name, const std::string& moduleName, Script script)
+      Script script = [](auto&, auto&) { return false; })
       : script_(std::move(script)) {
     this->name = name;
     this->moduleName = moduleName;
@@ -79,14 +74,12 @@ class ResourceTest : public ::testing::Test {
   /// Whether another thread could take waitMutex now (a thread may not
   /// try-lock a mutex that it holds itself).
   bool waitMutexUnlocked() const {
-    ZUResource* r = head.get();
-    return std::async(std::launch::async,
-                      [r] {
-                        if (!r->waitMutex->tryLock()) return false;
-                        r->waitMutex->unlock();
-                        return true;
-                      })
-        .get();
+    auto tryLock = [r = head.get()] {
+      const bool free = r->waitMutex->tryLock();
+      if (free) r->waitMutex->unlock();
+      return free;
+    };
+    return std::async(std::launch::async, tryLock).get();
   }
   Names acquire(const OwnerPtr& owner, const Names& noWaitList = Names()) {
     return head->waitFor(owner, "label", 1, noWaitList);
@@ -95,20 +88,9 @@ class ResourceTest : public ::testing::Test {
   boost::shared_ptr<ZUResource> head = boost::make_shared<ZUResource>("Head", nullptr);
 };
 
-TEST_F(ResourceTest, NodeAnswersOnlyItsNameAndRecordsButDoesNotJoinItsParent) {
-  EXPECT_TRUE(head->isResourceFree());
-  EXPECT_TRUE(head->isResourceOwned(ZU::contract::kPlaceholderName));
-  EXPECT_TRUE(head->isInGroup("Head"));
-  for (const char* other : {"", "Hea", "HeadX", "head"}) EXPECT_FALSE(head->isInGroup(other));
-  auto body = boost::make_shared<ZU::ZUResourceList>("Body", nullptr);
-  ZUResource arm("Arm", body);
-  EXPECT_EQ(arm.parent.lock(), body);
-  EXPECT_FALSE(body->isInGroup("Arm"));
-}
-
 TEST_F(ResourceTest, WaitForAsksOnlyOtherHoldersAndTheirErrorLeavesTheHolder) {
   // A holder named "emptyOwner" reads free, yet it is asked.
-  auto impostor = ScriptedOwner::create(ZU::contract::kPlaceholderName, "Ghost");
+  auto impostor = boost::make_shared<ScriptedOwner>(ZU::contract::kPlaceholderName, "Ghost");
   head->switchOwner(impostor, "", 0);
   EXPECT_TRUE(head->isResourceFree());
   OwnerPtr box = strong("box");
@@ -116,12 +98,12 @@ TEST_F(ResourceTest, WaitForAsksOnlyOtherHoldersAndTheirErrorLeavesTheHolder) {
   EXPECT_EQ(impostor->conflicts(), 1);
   EXPECT_EQ(head->currentOwner.load(), box);
 
-  auto holder = ScriptedOwner::create("box", "Walker", [](auto&, auto&) -> bool {
+  auto holder = boost::make_shared<ScriptedOwner>("box", "Walker", [](auto&, auto&) -> bool {
     throw ZU::ZUError("ScriptedOwner", "conflict", "scripted failure", "tests", 0);
   });
   head->switchOwner(holder, "", 0);
   EXPECT_TRUE(acquire(holder).empty());
-  EXPECT_TRUE(acquire(ScriptedOwner::create("box", "Other")).empty());  // a namesake
+  EXPECT_TRUE(acquire(boost::make_shared<ScriptedOwner>("box", "Other")).empty());  // a namesake
   EXPECT_EQ(holder->conflicts(), 0);
   auto e = errorOf([&] { acquire(strong("req")); });  // the holder's error passes through
   ASSERT_TRUE(e);
@@ -130,12 +112,10 @@ TEST_F(ResourceTest, WaitForAsksOnlyOtherHoldersAndTheirErrorLeavesTheHolder) {
   EXPECT_TRUE(waitMutexUnlocked());
 }
 
+// Free and listed, it is taken: the explain tests.
 TEST_F(ResourceTest, NoWaitListGivesUpOnlyWhenBusyAndListed) {
-  OwnerPtr box = strong("box");
-  EXPECT_TRUE(acquire(box, Names{"Head"}).empty()) << "free and listed: taken";
-  EXPECT_EQ(head->currentOwner.load(), box);
-
-  auto yielder = ScriptedOwner::create("yielder", "Walker", [](auto&, auto&) { return true; });
+  auto yielder =
+      boost::make_shared<ScriptedOwner>("yielder", "Walker", [](auto&, auto&) { return true; });
   head->switchOwner(yielder, "", 0);
   EXPECT_EQ(acquire(strong("req"), Names{"Arm", "Head"}), Names{"Head"});
   EXPECT_EQ(yielder->conflicts(), 0);
@@ -150,17 +130,15 @@ TEST_F(ResourceTest, NoWaitListGivesUpOnlyWhenBusyAndListed) {
 }
 
 TEST_F(ResourceTest, WaitForAsksADecliningHolderUnderWaitMutexUntilItLetsGo) {
-  ZUResource* r = head.get();
   std::atomic<int> calls(0);
   std::atomic<bool> askedUnlocked(false);
-  auto stubborn = ScriptedOwner::create("stubborn", "Walker",
-                                        [&](const std::string& resource, const OwnerPtr&) {
-                                          if (waitMutexUnlocked()) askedUnlocked = true;
-                                          EXPECT_EQ(resource, "Head");
-                                          if (++calls == 3)
-                                            r->release(r->currentOwner.load());  // lets go at last
-                                          return false;
-                                        });
+  auto stubborn = boost::make_shared<ScriptedOwner>(
+      "stubborn", "Walker", [&](const std::string& resource, const OwnerPtr&) {
+        if (waitMutexUnlocked()) askedUnlocked = true;
+        EXPECT_EQ(resource, "Head");
+        if (++calls == 3) head->release(head->currentOwner.load());  // lets go at last
+        return false;
+      });
   head->switchOwner(stubborn, "", 0);
 
   OwnerPtr box = strong("box");
@@ -173,8 +151,7 @@ TEST_F(ResourceTest, WaitForAsksADecliningHolderUnderWaitMutexUntilItLetsGo) {
 }
 
 TEST_F(ResourceTest, HandDownIsHandedBackWithoutFreeResourceAndTheRecordOutlivesIt) {
-  OwnerPtr parent = strong("box");
-  OwnerPtr child = strong("box/arm");
+  OwnerPtr parent = strong("box"), child = strong("box/arm");
   ASSERT_TRUE(acquire(parent).empty());
   ASSERT_TRUE(acquire(child).empty());
 
@@ -197,8 +174,7 @@ TEST_F(ResourceTest, HandDownIsHandedBackWithoutFreeResourceAndTheRecordOutlives
 }
 
 TEST_F(ResourceTest, SwitchOwnerReplacesAHolderInConflictAndTellsNobody) {
-  OwnerPtr first = strong("first");
-  OwnerPtr waiter = strong("waiter");
+  OwnerPtr first = strong("first"), waiter = strong("waiter");
   ASSERT_TRUE(acquire(first).empty());
   zutest::WaitForRun run(head, waiter, 5);
   ASSERT_TRUE(zutest::waitUntil([&] { return first->copyWaiters().size() == 1; }));

@@ -6,32 +6,6 @@
 
 namespace ZU {
 
-namespace {
-
-void add(std::map<std::string, ZURight>& into, const char* what, const std::string& key,
-         const ZURight& right) {
-  if (key.empty())
-    throw ZUManagerError(ZUManagerError::Code::EmptyName, "ZURights",
-                         std::string("empty ") + what);
-  for (const std::string& p : right.resources)
-    if (p.empty())
-      throw ZUManagerError(ZUManagerError::Code::BadArgument, "ZURights",
-                           std::string("an empty resource pattern for a ") + what);
-  if (!into.emplace(key, right).second)
-    throw ZUManagerError(ZUManagerError::Code::BadArgument, "ZURights",
-                         std::string("the ") + what + " is given twice");
-}
-
-}  // namespace
-
-void ZURights::addUser(const std::string& user, const ZURight& right) {
-  add(users_, "user", user, right);
-}
-
-void ZURights::addToken(const std::string& token, const ZURight& right) {
-  add(tokens_, "token", token, right);
-}
-
 bool ZURights::matches(const std::string& pattern, const std::string& name) {
   // Greedy with one point to come back to: linear in practice, never
   // exponential, no recursion.

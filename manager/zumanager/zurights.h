@@ -43,15 +43,11 @@ enum class ZUAction {
 /// The rights of the known clients. Without any client, everyone may do
 /// everything (the service then listens on its Unix socket only).
 ///
-/// Thread safety: immutable once built; concurrent checks are safe, adding
-/// needs external synchronisation.
+/// Built by parseRights() from a rights file.
+///
+/// Thread safety: immutable once built; concurrent checks are safe.
 class ZURights {
  public:
-  /// Adds a Unix user or a bearer token. Throws ZUManagerError (EmptyName for
-  /// an empty name or token, BadArgument when it is known already or a
-  /// pattern is empty).
-  void addUser(const std::string& user, const ZURight& right);
-  void addToken(const std::string& token, const ZURight& right);
   /// Whether any client is known: then unknown callers are refused.
   bool restricted() const { return !users_.empty() || !tokens_.empty(); }
 

@@ -1,4 +1,5 @@
 """Waits, notifications and lifetimes across Python threads and the broker's task threads."""
+import concurrent.futures
 import gc
 import subprocess
 import sys
@@ -17,17 +18,12 @@ def until(condition, seconds=5):
         time.sleep(0.01)
 
 
+# fn(*args) in a thread of its own, which ends with the call: a future of its result.
 def in_thread(fn, *args):
-    out = {}
-
-    def run():
-        try:
-            out["result"] = fn(*args)
-        except zr.Error as e:
-            out["error"] = e.description
-    thread = threading.Thread(target=run)
-    thread.start()
-    return thread, out
+    pool = concurrent.futures.ThreadPoolExecutor(1)
+    future = pool.submit(fn, *args)
+    pool.shutdown(wait=False)
+    return future
 
 
 def test_a_wait_lets_python_run_and_ends_at_its_limit():
@@ -35,11 +31,11 @@ def test_a_wait_lets_python_run_and_ends_at_its_limit():
     broker.add_module("A", lambda name: None)
     head.wait_for(zr.Owner("a", "A", broker))
     started = time.monotonic()
-    thread, out = in_thread(head.wait_for, zr.Owner("b", "B", broker), 1)
+    wait = in_thread(head.wait_for, zr.Owner("b", "B", broker), 1)
     # The registry lists a wait only while it runs: seeing it, this thread ran meanwhile.
     until(lambda: [(x["waiter"], x["holder"], x["resource"]) for x in zr.waits()] == [("b", "a", "Head")])
-    thread.join()
-    assert out == {"error": zr.WAIT_TIMED_OUT_PREFIX + "Head"} and 1.0 <= time.monotonic() - started < 3
+    assert wait.exception(timeout=10).description == zr.WAIT_TIMED_OUT_PREFIX + "Head"
+    assert 1.0 <= time.monotonic() - started < 3
 
 
 def test_a_handler_that_raises_is_reported_and_the_module_goes_on(monkeypatch):
@@ -91,11 +87,10 @@ def test_dropping_the_last_python_reference_while_others_wait(drop):
         time.sleep(0.3)
     w.module = w.broker.add_module("A", slow)
     w.head.wait_for(w.a)
-    thread, out = in_thread(w.head.wait_for, zr.Owner("b", "B", w.broker), 5)
+    wait = in_thread(w.head.wait_for, zr.Owner("b", "B", w.broker), 5)
     until(zr.waits)
     drop(w)
-    thread.join()
-    assert out == {"result": []} and w.head.holder == "b"
+    assert wait.result(timeout=10) == [] and w.head.holder == "b"
 
 
 def test_exit_while_a_handler_runs(child_env):

@@ -1,9 +1,11 @@
 #include "scenario/lint.h"
 
 #include <algorithm>
+#include <iterator>
 #include <limits>
 #include <unordered_map>
 #include <unordered_set>
+#include <utility>
 
 #include <zuresource/zucontract.h>
 #include <zuresource/zuownerstrong.h>
@@ -49,6 +51,13 @@ class Linter {
       bool deactivation = (a.kind == ActionKind::SetState && !a.activated) ||
                           a.kind == ActionKind::ReleaseState;
       if (deactivation) requestsOf_[a.resource].push_back(i);
+      if (a.kind == ActionKind::Release || a.kind == ActionKind::Stop)
+        for (const std::string& leaf : leaves_[i]) letGoes_[a.owner + '\n' + leaf].push_back(a.atMs);
+      if (a.kind == ActionKind::SetState || a.kind == ActionKind::ReleaseState) {
+        const bool on = a.kind == ActionKind::SetState && a.activated;
+        switches_[a.resource].push_back({a.atMs, on});
+        if (on) activations_[a.resource].push_back(a.atMs);
+      }
     }
   }
 
@@ -106,32 +115,27 @@ class Linter {
   /// When `owner` next lets go of `leaf` at or after `from` (release or the
   /// manager's stop), or kForever.
   long letGo(const std::string& owner, const std::string& leaf, long from) const {
-    for (std::size_t i : actionsOf(owner)) {
-      const ActionEntry& a = s_.actions[i];
-      if (a.atMs >= from && (a.kind == ActionKind::Release || a.kind == ActionKind::Stop) &&
-          contains(leaves_[i], leaf))
-        return a.atMs;
-    }
-    return kForever;
+    auto it = letGoes_.find(owner + '\n' + leaf);
+    if (it == letGoes_.end()) return kForever;
+    auto at = std::lower_bound(it->second.begin(), it->second.end(), from);
+    return at == it->second.end() ? kForever : *at;
   }
   /// Whether state resource `name` is activated at `ms`: its start, then
   /// every switch at or before `ms`.
   bool activeAt(const std::string& name, long ms) const {
-    bool on = s_.findResource(name)->activated;
-    for (const ActionEntry& a : s_.actions) {
-      if (a.atMs > ms) break;
-      if (a.resource == name && (a.kind == ActionKind::SetState || a.kind == ActionKind::ReleaseState))
-        on = a.kind == ActionKind::SetState && a.activated;
-    }
-    return on;
+    auto it = switches_.find(name);
+    if (it == switches_.end()) return s_.findResource(name)->activated;
+    auto after = std::upper_bound(it->second.begin(), it->second.end(), ms,
+                                  [](long t, const std::pair<long, bool>& s) { return t < s.first; });
+    return after == it->second.begin() ? s_.findResource(name)->activated : std::prev(after)->second;
   }
   /// Whether state resource `name` is activated within [from, until].
   bool activatedWithin(const std::string& name, long from, long until) const {
     if (activeAt(name, from)) return true;
-    return std::any_of(s_.actions.begin(), s_.actions.end(), [&](const ActionEntry& a) {
-      return a.kind == ActionKind::SetState && a.activated && a.resource == name &&
-             a.atMs >= from && a.atMs <= until;
-    });
+    auto it = activations_.find(name);
+    if (it == activations_.end()) return false;
+    auto at = std::lower_bound(it->second.begin(), it->second.end(), from);
+    return at != it->second.end() && *at <= until;
   }
 
   /// Whether the group wait `ai` (with a time limit) may end at that limit
@@ -330,6 +334,11 @@ class Linter {
   std::vector<std::vector<std::string>> plain_;   // and its plain ones, less its no-wait list
   std::unordered_map<std::string, std::vector<std::size_t>> byOwner_;     // in time order
   std::unordered_map<std::string, std::vector<std::size_t>> requestsOf_;  // by leaf, in time order
+  // The times of each owner's ("owner\nleaf") releases and stops of a leaf,
+  // of each state's switches (on or off) and of its activations.
+  std::unordered_map<std::string, std::vector<long>> letGoes_;
+  std::unordered_map<std::string, std::vector<std::pair<long, bool>>> switches_;
+  std::unordered_map<std::string, std::vector<long>> activations_;
   std::vector<Warning> out_;
 };
 
