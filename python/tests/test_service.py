@@ -27,10 +27,7 @@ def service():
 
 
 def holders(session, leaf):
-    for resource in session.snapshot()["resources"]:
-        if resource["name"] == leaf:
-            return resource["holders"]
-    raise KeyError(leaf)
+    return next(r["holders"] for r in session.snapshot()["resources"] if r["name"] == leaf)
 
 
 def test_acquired_holds_in_the_block_and_gives_back_after(service):

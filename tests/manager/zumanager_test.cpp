@@ -85,12 +85,15 @@ class Stage {
     return lost_;
   }
   std::string holder(const std::string& leaf) { return manager.holdersOf(leaf).at(0); }
+  std::vector<std::string> headAndArm() { return {holder("Head"), holder("Arm")}; }
   /// Waits (generously) until `done` holds.
   static bool eventually(const std::function<bool()>& done) {
     return zutest::waitUntil(done, 3000 + zutest::lateToleranceMs());
   }
-  bool noticed(std::size_t count) {
-    return eventually([&] { return lost().size() >= count; });
+  /// What was lost, once `count` notices came (or after a generous wait).
+  std::vector<std::string> lostAfter(std::size_t count) {
+    eventually([&] { return lost().size() >= count; });
+    return lost();
   }
 
  private:
@@ -140,8 +143,7 @@ TEST(Manager, RequestOutcomes) {
     EXPECT_EQ(r.kind, row.kind);
     EXPECT_EQ(r.kind == Kind::NotObtained ? r.notObtained.at(0) : r.error, row.detail);
     EXPECT_EQ(behind, row.waitedBehind);
-    EXPECT_EQ(s.holder("Head"), row.head);
-    EXPECT_EQ(s.holder("Arm"), row.arm);
+    EXPECT_EQ(s.headAndArm(), (std::vector<std::string>{row.head, row.arm}));
   }
 }
 
@@ -224,12 +226,10 @@ TEST(Manager, EndingAWait) {
     EXPECT_EQ(r.kind, row.kind);
     EXPECT_EQ(r.error, row.kind == Kind::Failed ? kStopped : "");
     EXPECT_EQ(r.stop, row.stop);
-    EXPECT_EQ(s.holder("Head"), row.head);
-    EXPECT_EQ(s.holder("Arm"), row.arm);
+    EXPECT_EQ(s.headAndArm(), (std::vector<std::string>{row.head, row.arm}));
     EXPECT_TRUE(s.manager.holdersOf("Standing").empty());
     EXPECT_TRUE(ZU::ZUWaitRegistry::snapshot().empty());
-    EXPECT_TRUE(s.noticed(row.lost.size()));
-    EXPECT_EQ(s.lost(), row.lost);
+    EXPECT_EQ(s.lostAfter(row.lost.size()), row.lost);
     std::string next = *row.closedOwner ? row.closedOwner : "a";
     if (*row.closedOwner) {
       EXPECT_EQ(s.manager.moduleOf(next), "");
@@ -255,10 +255,7 @@ TEST(Manager, HandDownsGoBack) {
       ASSERT_EQ(s.take("box", "Head").kind, Kind::Granted);
       s.manager.release("box", "Head");
     }
-    if (closeModule)
-      s.manager.closeModule("Arm");
-    else
-      s.manager.release("box/arm", "Arm");
+    closeModule ? s.manager.closeModule("Arm") : s.manager.release("box/arm", "Arm");
     EXPECT_EQ(s.holder("Arm"), "box");
     s.manager.release("box", "Arm");
     EXPECT_EQ(s.holder("Arm"), kFree);
@@ -356,10 +353,8 @@ TEST(Policies, Preemption) {
     // Twice the grace period and more: a preemption comes well before it.
     ZUAcquireResult r = s.take("r", row.requested, 2, {}, row.requestPriority);
     EXPECT_EQ(r.kind, row.kind) << r.error;
-    EXPECT_TRUE(s.noticed(row.lost.size()));
-    EXPECT_EQ(s.lost(), row.lost);
-    EXPECT_EQ(s.holder("Head"), row.head);
-    EXPECT_EQ(s.holder("Arm"), row.arm);
+    EXPECT_EQ(s.lostAfter(row.lost.size()), row.lost);
+    EXPECT_EQ(s.headAndArm(), (std::vector<std::string>{row.head, row.arm}));
     std::vector<ZU::ZUEvent> lost = events->events(ZU::ZUEvent::Kind::Lost);
     ASSERT_EQ(lost.size(), row.lost.size());
     if (row.lost.empty()) continue;
@@ -390,7 +385,7 @@ TEST(Policies, FallbackHoldsWhenFreeAndYieldsAtOnce) {
   EXPECT_EQ(s.holder("Legs"), "walker");
   s.manager.release("walker", "Legs");
   EXPECT_TRUE(legsGoTo("posture"));
-  ASSERT_TRUE(s.noticed(1));
+  ASSERT_EQ(s.lostAfter(1).size(), 1u);
   s.manager.closeModule("Posture");
   EXPECT_EQ(s.holder("Legs"), kFree);
   EXPECT_EQ(s.lost(), std::vector<std::string>{"Posture: posture lost Legs to walker"});
