@@ -54,15 +54,16 @@ const std::vector<std::string> kAll;  // the no-wait list that waits for everyth
 // What a scenario acts on, made fresh for each: Arm, Standing, the owners a
 // and b, and the waits it runs in threads of their own (which end first).
 struct Stage {
-  /// `owner`'s wait for `resource` under way, seen by `holder`: each scenario
-  /// waits until a wait is seen before it goes on, so that the order of the
-  /// decisions is fixed.
-  void waitOn(boost::shared_ptr<ZU::ZUResource> resource, boost::shared_ptr<ZU::ZUOwner> owner,
-              const ZU::ZUOwner& holder) {
+  explicit Stage(const zutest::EventKeeper& seen) : seen(seen) {}
+  /// `owner`'s wait for `resource` under way and reported: each scenario waits
+  /// for that before it goes on, so that the order of the decisions is fixed.
+  void waitOn(boost::shared_ptr<ZU::ZUResource> resource, boost::shared_ptr<ZU::ZUOwner> owner) {
+    const std::size_t before = seen.events(Kind::Waiting).size();
     waits.emplace_back(resource, owner, -1);
-    EXPECT_TRUE(waitUntil([&] { return holder.copyWaiters().size() > 0; }));
+    EXPECT_TRUE(waitUntil([&] { return seen.events(Kind::Waiting).size() > before; }));
   }
 
+  const zutest::EventKeeper& seen;
   boost::shared_ptr<ZU::ZUResource> arm = makePlain("Arm");
   boost::shared_ptr<ZU::ZUResourceState> standing =
       boost::make_shared<ZU::ZUResourceState>("Standing", nullptr);
@@ -102,7 +103,7 @@ const Scenario kScenarios[] = {
     {"waits until the holder lets go",
      [](Stage& s) {
        s.arm->waitFor(s.a, "", -1, kAll);
-       s.waitOn(s.arm, s.b, *s.a);
+       s.waitOn(s.arm, s.b);
        const ZU::ZUSnapshot snapshot = ZU::takeSnapshot({s.arm});
        ASSERT_EQ(snapshot.waits.size(), 1u);
        EXPECT_EQ(snapshot.waits[0].waiter + ">" + snapshot.waits[0].holder, "b>a");
@@ -114,7 +115,7 @@ const Scenario kScenarios[] = {
     {"stopped by the manager, or already stopped",
      [](Stage& s) {
        s.arm->waitFor(s.a, "", -1, kAll);
-       s.waitOn(s.arm, s.b, *s.a);
+       s.waitOn(s.arm, s.b);
        s.arm->release(s.b);  // b does not hold it: its wait ends
        s.waits.back().wait();
        EXPECT_THROW(s.arm->waitFor(s.b, "", -1, kAll), ZU::ZUError);  // its flag is still set
@@ -123,10 +124,7 @@ const Scenario kScenarios[] = {
       "stopped b Arm ownRelease"}},
     {"state: waits for activation, deactivated",
      [](Stage& s) {
-       s.waitOn(s.standing, s.a, *s.standing->stateOwner);
-       // The waiter lists itself a moment before it reports its wait; a slow
-       // machine (qemu) could otherwise see the activation reported first.
-       std::this_thread::sleep_for(std::chrono::milliseconds(200));
+       s.waitOn(s.standing, s.a);
        s.standing->setState(true);
        s.waits.back().wait();
        s.standing->setState(false);
@@ -146,7 +144,7 @@ const Scenario kScenarios[] = {
       "released a Arm", "givenBack a Body"}},
     {"a wait whose holder no longer holds is reported stale",
      [](Stage& s) {
-       s.waitOn(s.standing, s.a, *s.standing->stateOwner);
+       s.waitOn(s.standing, s.a);
        s.standing->state = true;  // activated without freeing its owner: nothing ends the wait
        ASSERT_TRUE(waitUntil([&] { return !ZU::takeSnapshot({s.standing}).staleWaits.empty(); }));
        s.standing->stateOwner->freeResource();
@@ -158,7 +156,7 @@ const Scenario kScenarios[] = {
        auto r2 = makePlain("R2");
        s.arm->waitFor(s.a, "", -1, kAll);
        r2->waitFor(s.b, "", -1, kAll);
-       s.waitOn(r2, s.a, *s.b);
+       s.waitOn(r2, s.a);
        EXPECT_THROW(s.arm->waitFor(s.b, "", 1, kAll), ZU::ZUError);  // polls a few times
        r2->release(s.a);                                             // a's wait ends too
        s.waits.back().wait();
@@ -172,7 +170,7 @@ TEST(Decisions, AreReportedInOrder) {
   for (const Scenario& scenario : kScenarios) {
     SCOPED_TRACE(scenario.name);
     Recording recording;
-    Stage stage;
+    Stage stage(*recording.observer);
     scenario.run(stage);
     EXPECT_EQ(decisions(recording->events()), scenario.decisions);
     for (const ZUEvent& e : recording->events())
