@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <deque>
 #include <map>
 #include <mutex>
 #include <random>
@@ -26,6 +27,7 @@
 #include <zuresource/zuwaitregistry.h>
 
 #include "support/resourcehelpers.h"
+#include "support/threads.h"
 
 namespace {
 
@@ -46,9 +48,10 @@ bool contains(const Names& names, const std::string& name) {
 
 // A resource that an owner may ask for, with the leaves it stands for.
 struct Target {
+  explicit Target(const ResourcePtr& resource) : resource(resource) { collect(resource); }
+
   ResourcePtr resource;
-  std::vector<ResourcePtr> plainLeaves;
-  std::vector<StatePtr> stateLeaves;
+  std::vector<ResourcePtr> leaves;
   std::set<std::string> leafNames;
 
   void collect(const ResourcePtr& node) {
@@ -56,13 +59,17 @@ struct Target {
       for (const ResourcePtr& member : group->getResourceList()) collect(member);
       return;
     }
+    leaves.push_back(node);
     leafNames.insert(node->name);
-    if (auto state = boost::dynamic_pointer_cast<ZU::ZUResourceState>(node))
-      stateLeaves.push_back(state);
-    else
-      plainLeaves.push_back(node);
   }
 };
+
+// Whether `owner` holds `leaf`: is its current owner, or for a state, one of its holders.
+bool holds(const ResourcePtr& leaf, const std::string& owner) {
+  if (auto state = boost::dynamic_pointer_cast<ZU::ZUResourceState>(leaf))
+    return contains(holderNames(*state), owner);
+  return leaf->currentOwner.load()->name == owner;
+}
 
 // When an owner held a plain resource: from `got` (after its wait returned) to
 // `released` (before its release was called).
@@ -96,13 +103,9 @@ struct World {
               zutest::makeGroup("G5", {R[6], R[5]}),
               zutest::makeGroup("G6", {R[8], R[9], R[10]}),
               zutest::makeGroup("G7", {R[11], R[9]})};
-    std::vector<ResourcePtr> all(plains.begin(), plains.end());
-    all.insert(all.end(), states.begin(), states.end());
-    all.insert(all.end(), groups.begin(), groups.end());
-    for (const ResourcePtr& resource : all) {
-      targets.push_back(Target{resource, {}, {}, {}});
-      targets.back().collect(resource);
-    }
+    for (const auto& resource : plains) targets.emplace_back(resource);
+    for (const auto& resource : states) targets.emplace_back(resource);
+    for (const auto& resource : groups) targets.emplace_back(resource);
     module->bindMethod<std::string>("__onResource__", [](const std::string&) {});
     broker->addModule(module);
   }
@@ -116,21 +119,13 @@ struct World {
     std::lock_guard<std::mutex> lock(mutex);
     holds[plain->name].push_back(Hold{owner, got, Clock::now()});
   }
-  void progress() {
-    lastProgressMs =
-        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
-  }
-
   const unsigned seed;
-  const Clock::time_point start = Clock::now();
   boost::shared_ptr<ZU::ZUBroker> broker = boost::make_shared<ZU::ZUBroker>();
   boost::shared_ptr<ZU::ZUModule> module = boost::make_shared<ZU::ZUModule>("M");
   std::vector<ResourcePtr> plains;
   std::vector<StatePtr> states;
   std::vector<boost::shared_ptr<ZU::ZUResourceList>> groups;
   std::vector<Target> targets;  // plains, then states, then groups
-  std::atomic<long> lastProgressMs{0};
-  std::atomic<bool> stopping{false};
   std::atomic<int> granted{0};
   std::mutex mutex;
   std::map<std::string, std::vector<Hold>> holds;  // by resource; guarded by mutex
@@ -159,9 +154,8 @@ class Family {
         push();
       else
         pop();
-      world_.progress();
     }
-    for (; !stack_.empty(); world_.progress()) pop();  // descendants before their ancestors
+    while (!stack_.empty()) pop();  // descendants before their ancestors
   }
 
  private:
@@ -229,16 +223,11 @@ class Family {
     for (const std::string& name : result)
       if (!target.leafNames.count(name) || !contains(noWait, name))
         fail(owner, what + "result names " + name + ", which it may not give up");
-    for (const ResourcePtr& plain : target.plainLeaves) {
-      if (contains(result, plain->name)) continue;
-      const std::string holder = plain->currentOwner.load()->name;
-      if (holder != owner->name)
-        fail(owner, what + "granted, but " + holder + " holds " + plain->name);
-      frame.heldPlain.push_back(plain);
+    for (const ResourcePtr& leaf : target.leaves) {
+      if (contains(result, leaf->name)) continue;
+      if (!holds(leaf, owner->name)) fail(owner, what + "granted, but " + leaf->httpGet(0));
+      if (!boost::dynamic_pointer_cast<ZU::ZUResourceState>(leaf)) frame.heldPlain.push_back(leaf);
     }
-    for (const StatePtr& state : target.stateLeaves)
-      if (!contains(result, state->name) && !contains(holderNames(*state), owner->name))
-        fail(owner, what + "granted, but not a holder of " + state->name);
   }
 
   // The two documented errors: a timeout on one of the target's leaves, or a box stop.
@@ -252,12 +241,8 @@ class Family {
   }
 
   void expectHoldsNothing(const OwnerPtr& owner, const Target& target, const char* when) {
-    for (const ResourcePtr& plain : target.plainLeaves)
-      if (plain->currentOwner.load()->name == owner->name)
-        fail(owner, "still holds " + plain->name + " " + when);
-    for (const StatePtr& state : target.stateLeaves)
-      if (contains(holderNames(*state), owner->name))
-        fail(owner, "is still a holder of " + state->name + " " + when);
+    for (const ResourcePtr& leaf : target.leaves)
+      if (holds(leaf, owner->name)) fail(owner, "still holds " + leaf->name + " " + when);
   }
 
   void pop() {
@@ -312,44 +297,30 @@ class Family {
   std::vector<Frame> stack_;
 };
 
-// Aborts when no operation completed for 10 s: a deadlock must fail the suite,
-// not stall it.
-void watch(World& world) {
-  while (!world.stopping) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    const long idle =
-        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - world.start).count() -
-        world.lastProgressMs;
-    if (idle > 10000) {
-      std::fprintf(stderr, "stress: no operation completed for 10 s (seed %u): deadlock?\n",
-                   world.seed);
-      std::abort();
-    }
-  }
-}
-
 TEST(Stress, ContendedTreeKeepsItsInvariants) {
   const int seconds = envInt("ZU_STRESS_SECONDS", 20);
   const int threads = std::min(32, std::max(8, envInt("ZU_STRESS_THREADS", 16)));
-  const auto now = std::chrono::system_clock::now().time_since_epoch().count();
-  const unsigned seed =
-      static_cast<unsigned>(envInt("ZU_STRESS_SEED", static_cast<int>(now % 1000000007)));
+  const unsigned seed = static_cast<unsigned>(
+      envInt("ZU_STRESS_SEED", static_cast<int>(std::random_device()() % 1000000007)));
   std::printf("stress: replay with ZU_STRESS_SEED=%u ZU_STRESS_SECONDS=%d ZU_STRESS_THREADS=%d\n",
               seed, seconds, threads);
   std::fflush(stdout);
 
   World world(seed);
-  std::vector<Family> families;
-  families.reserve(threads);
-  for (int i = 0; i < threads; ++i) families.emplace_back(world, i);
   const Clock::time_point deadline = Clock::now() + std::chrono::seconds(seconds);
-  std::thread watchdog(watch, std::ref(world));
-  std::vector<std::thread> running;
-  for (Family& family : families)
-    running.emplace_back([&family, deadline] { family.run(deadline); });
-  for (std::thread& thread : running) thread.join();
-  world.stopping = true;
-  watchdog.join();
+  std::deque<zutest::GuardedThread> running;
+  for (int i = 0; i < threads; ++i)
+    running.emplace_back([&world, i, deadline] { Family(world, i).run(deadline); });
+  // Every family ends soon after the deadline: a deadlock must fail the suite,
+  // not stall it.
+  for (zutest::GuardedThread& thread : running) {
+    const auto left = deadline + std::chrono::seconds(30) - Clock::now();
+    if (!thread.joinFor(std::chrono::duration_cast<std::chrono::milliseconds>(left).count())) {
+      std::fprintf(stderr, "stress: a family still runs 30 s after the end (seed %u): deadlock?\n",
+                   seed);
+      std::abort();
+    }
+  }
 
   for (const std::string& failure : world.failures) ADD_FAILURE() << failure;
   // Holds that overlap are only allowed between an owner and its descendant.

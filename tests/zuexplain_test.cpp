@@ -32,11 +32,10 @@ using Names = std::vector<std::string>;
                                            const Names& noWait = {}, int timeout = 0) {
   const ZUExplanation e = explain(resource, owner, noWait);
   std::string did;
-  try {
+  const auto error = zutest::errorOf([&] {
     for (const std::string& name : resource->waitFor(owner, "", timeout, noWait)) did += name;
-  } catch (const ZUError& error) {
-    did = error.getDescription();
-  }
+  });
+  if (error) did = error->getDescription();
   if (e.answer == answer && did == outcome) return ::testing::AssertionSuccess();
   return ::testing::AssertionFailure()
          << "explained " << answerName(e.answer) << ", did '" << did << "'";
