@@ -19,58 +19,65 @@ using Code = grpc::StatusCode;
 
 const std::string kUnknownSession = "0123456789abcdef";
 
-/// The calls of the rows, on one stub. The session `mine` said hello and
-/// holds Head through owner "mine"; another session's owner "theirs" holds
-/// LeftArm.
+/// What the calls of the rows need: one stub, and the session `mine`, which
+/// said hello and holds Head through owner "mine"; another session's owner
+/// "theirs" holds LeftArm.
 struct Calls {
   pb::ResourceService::Stub& stub;
   std::string mine;
+};
+using Call = std::function<grpc::Status(Calls&)>;
 
-  grpc::Status acquire(const std::string& owner, const std::string& resource, int timeout = 1,
-                       const std::vector<std::string>& noWait = {},
-                       const std::string* session = nullptr) {
+/// An acquire call in the session `mine`, or in `session` when given.
+Call acquire(const std::string& owner, const std::string& resource, int timeout = 1,
+             const std::vector<std::string>& noWait = {}, const std::string* session = nullptr) {
+  return [=](Calls& c) {
     grpc::ClientContext context;
     pb::AcquireRequest request;
-    request.set_session(session ? *session : mine);
+    request.set_session(session ? *session : c.mine);
     request.set_owner(owner);
     request.set_resource(resource);
     request.set_timeout_seconds(timeout);
     for (const auto& n : noWait) request.add_no_wait(n);
-    auto reader = stub.Acquire(&context, request);
+    auto reader = c.stub.Acquire(&context, request);
     pb::AcquireReply reply;
     while (reader->Read(&reply)) {
     }
     return reader->Finish();
-  }
+  };
+}
 
-  grpc::Status release(const std::string& owner, const std::string& resource,
-                       const std::string* session = nullptr) {
+Call release(const std::string& owner, const std::string& resource,
+             const std::string* session = nullptr) {
+  return [=](Calls& c) {
     grpc::ClientContext context;
     pb::ReleaseRequest request;
-    request.set_session(session ? *session : mine);
+    request.set_session(session ? *session : c.mine);
     request.set_owner(owner);
     request.set_resource(resource);
     pb::ReleaseReply reply;
-    return stub.Release(&context, request, &reply);
-  }
+    return c.stub.Release(&context, request, &reply);
+  };
+}
 
-  /// A session stream that says `messages` and then nothing more: its status.
-  grpc::Status session(const std::vector<pb::SessionRequest>& messages) {
+pb::SessionRequest hello(const std::string& module) {
+  pb::SessionRequest request;
+  request.mutable_hello()->set_module(module);
+  return request;
+}
+
+/// A session stream that says `messages` and then nothing more.
+Call session(const std::vector<pb::SessionRequest>& messages) {
+  return [=](Calls& c) {
     grpc::ClientContext context;
-    auto stream = stub.Session(&context);
+    auto stream = c.stub.Session(&context);
     for (const auto& message : messages) stream->Write(message);
     stream->WritesDone();
     pb::SessionEvent event;
     while (stream->Read(&event)) {
     }
     return stream->Finish();
-  }
-};
-
-pb::SessionRequest hello(const std::string& module) {
-  pb::SessionRequest request;
-  request.mutable_hello()->set_module(module);
-  return request;
+  };
 }
 
 const std::string kHuge(1 << 20, 'x');
@@ -79,38 +86,28 @@ const std::string kNoSession;
 struct Row {
   const char* name;
   Code code;
-  std::function<grpc::Status(Calls&)> call;
+  Call call;
 };
 
 const Row kRows[] = {
-    {"unknown resource", Code::NOT_FOUND, [](Calls& c) { return c.acquire("mine", "Tail"); }},
-    {"empty resource", Code::INVALID_ARGUMENT, [](Calls& c) { return c.acquire("mine", ""); }},
-    {"1 MB resource name", Code::INVALID_ARGUMENT,
-     [](Calls& c) { return c.acquire("mine", kHuge); }},
-    {"empty owner", Code::INVALID_ARGUMENT, [](Calls& c) { return c.acquire("", "Head"); }},
-    {"1 MB owner name", Code::INVALID_ARGUMENT, [](Calls& c) { return c.acquire(kHuge, "Head"); }},
-    {"negative timeout", Code::INVALID_ARGUMENT,
-     [](Calls& c) { return c.acquire("mine", "RightArm", -1); }},
-    {"huge timeout", Code::INVALID_ARGUMENT,
-     [](Calls& c) { return c.acquire("mine", "RightArm", 2000000000); }},
-    {"empty no-wait name", Code::INVALID_ARGUMENT,
-     [](Calls& c) { return c.acquire("mine", "Arms", 1, {""}); }},
+    {"unknown resource", Code::NOT_FOUND, acquire("mine", "Tail")},
+    {"empty resource", Code::INVALID_ARGUMENT, acquire("mine", "")},
+    {"1 MB resource name", Code::INVALID_ARGUMENT, acquire("mine", kHuge)},
+    {"empty owner", Code::INVALID_ARGUMENT, acquire("", "Head")},
+    {"1 MB owner name", Code::INVALID_ARGUMENT, acquire(kHuge, "Head")},
+    {"negative timeout", Code::INVALID_ARGUMENT, acquire("mine", "RightArm", -1)},
+    {"huge timeout", Code::INVALID_ARGUMENT, acquire("mine", "RightArm", 2000000000)},
+    {"empty no-wait name", Code::INVALID_ARGUMENT, acquire("mine", "Arms", 1, {""})},
     {"unknown session", Code::FAILED_PRECONDITION,
-     [](Calls& c) { return c.acquire("mine", "RightArm", 1, {}, &kUnknownSession); }},
-    {"no session at all", Code::INVALID_ARGUMENT,
-     [](Calls& c) { return c.acquire("mine", "RightArm", 1, {}, &kNoSession); }},
-    {"owner of another session", Code::PERMISSION_DENIED,
-     [](Calls& c) { return c.acquire("theirs", "RightArm"); }},
-    {"a 5 MB request", Code::RESOURCE_EXHAUSTED,
-     [](Calls& c) { return c.acquire(std::string(5 << 20, 'x'), "Head"); }},
-    {"release by another session", Code::PERMISSION_DENIED,
-     [](Calls& c) { return c.release("theirs", "LeftArm"); }},
-    {"release of an unknown resource", Code::NOT_FOUND,
-     [](Calls& c) { return c.release("mine", "Tail"); }},
-    {"release by an unknown owner", Code::NOT_FOUND,
-     [](Calls& c) { return c.release("nobody", "Head"); }},
+     acquire("mine", "RightArm", 1, {}, &kUnknownSession)},
+    {"no session at all", Code::INVALID_ARGUMENT, acquire("mine", "RightArm", 1, {}, &kNoSession)},
+    {"owner of another session", Code::PERMISSION_DENIED, acquire("theirs", "RightArm")},
+    {"a 5 MB request", Code::RESOURCE_EXHAUSTED, acquire(std::string(5 << 20, 'x'), "Head")},
+    {"release by another session", Code::PERMISSION_DENIED, release("theirs", "LeftArm")},
+    {"release of an unknown resource", Code::NOT_FOUND, release("mine", "Tail")},
+    {"release by an unknown owner", Code::NOT_FOUND, release("nobody", "Head")},
     {"release with an unknown session", Code::FAILED_PRECONDITION,
-     [](Calls& c) { return c.release("mine", "Head", &kUnknownSession); }},
+     release("mine", "Head", &kUnknownSession)},
     {"setState of a plain resource", Code::FAILED_PRECONDITION,
      [](Calls& c) {
        grpc::ClientContext context;
@@ -130,16 +127,11 @@ const Row kRows[] = {
        pb::JsonReply reply;
        return c.stub.Explain(&context, request, &reply);
      }},
-    {"hello with an empty module", Code::INVALID_ARGUMENT,
-     [](Calls& c) { return c.session({hello("")}); }},
-    {"hello with a 1 MB module", Code::INVALID_ARGUMENT,
-     [](Calls& c) { return c.session({hello(kHuge)}); }},
-    {"hello with a module in use", Code::ALREADY_EXISTS,
-     [](Calls& c) { return c.session({hello("Mine")}); }},
-    {"a first message that is no hello", Code::INVALID_ARGUMENT,
-     [](Calls& c) { return c.session({pb::SessionRequest()}); }},
-    {"hello twice", Code::INVALID_ARGUMENT,
-     [](Calls& c) { return c.session({hello("Twice"), hello("Twice")}); }},
+    {"hello with an empty module", Code::INVALID_ARGUMENT, session({hello("")})},
+    {"hello with a 1 MB module", Code::INVALID_ARGUMENT, session({hello(kHuge)})},
+    {"hello with a module in use", Code::ALREADY_EXISTS, session({hello("Mine")})},
+    {"a first message that is no hello", Code::INVALID_ARGUMENT, session({pb::SessionRequest()})},
+    {"hello twice", Code::INVALID_ARGUMENT, session({hello("Twice"), hello("Twice")})},
 };
 
 TEST(BadRequest, RefusedWithTheRightStatusAndNothingChanged) {

@@ -1,6 +1,8 @@
 // zuresourced --http: the live page and its snapshot over real HTTP, showing
 // what a client process holds.
 
+#include <unistd.h>
+
 #include <memory>
 #include <string>
 #include <vector>
@@ -8,12 +10,11 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
-#include <nlohmann/json.hpp>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include "support/childprocess.h"
 #include "support/runningservice.h"
+#include "support/snapshot.h"
 
 namespace {
 
@@ -71,11 +72,8 @@ TEST(LivePageTest, PageAndSnapshotShowWhatAClientHolds) {
   // The grant came as an event, in the page's latest events.
   EXPECT_NE(page.find("id=\"events\""), std::string::npos);
 
-  const auto snapshot = nlohmann::json::parse(body(get(port, "/snapshot.json")));
-  std::vector<std::string> headHolders;
-  for (const auto& r : snapshot.at("resources"))
-    if (r.at("name") == "Head") headHolders = r.at("holders").get<std::vector<std::string>>();
-  EXPECT_EQ(headHolders, std::vector<std::string>{"<i>nod</i>"});
+  EXPECT_EQ(zutest::heldIn(body(get(port, "/snapshot.json"))),
+            (zutest::Held{{"Head", {"<i>nod</i>"}}}));
 
   // Read-only: nothing but GET of its pages is answered with 200.
   EXPECT_EQ(get(port, "/release?owner=nod").rfind("HTTP/1.1 404", 0), 0u);

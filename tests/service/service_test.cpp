@@ -9,6 +9,7 @@
 #include <fstream>
 #include <functional>
 #include <future>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -18,12 +19,13 @@
 #include <nlohmann/json.hpp>
 
 #include <zuclient/zuclient.h>
-#include <zuservice/zuservicecontract.h>
 #include <zuprotocol/zuresource.grpc.pb.h>
+#include <zuservice/zuservicecontract.h>
 
 #include "support/childprocess.h"
 #include "support/resourcehelpers.h"
 #include "support/runningservice.h"
+#include "support/snapshot.h"
 #include "support/threads.h"
 
 namespace {
@@ -35,6 +37,7 @@ using ZU::client::ZUServiceError;
 using ZU::client::ZUSession;
 using ZU::client::ZUWaitError;
 using zutest::ChildProcess;
+using zutest::Held;
 using zutest::RunningService;
 
 /// Far longer than anything here should take, even in a sanitizer build.
@@ -47,17 +50,8 @@ std::size_t waitCount(ZU::client::ZUClient& client) {
   return nlohmann::json::parse(client.snapshotJson()).at("waits").size();
 }
 
-/// The holders of `leaf` in the snapshot, joined by spaces; "" when free.
-std::string holderOf(ZU::client::ZUClient& client, const std::string& leaf) {
-  const auto snapshot = nlohmann::json::parse(client.snapshotJson());
-  for (const auto& r : snapshot.at("resources")) {
-    if (r.at("name") != leaf) continue;
-    std::string holders;
-    for (const auto& h : r.at("holders")) holders += (holders.empty() ? "" : " ") + h.get<std::string>();
-    return holders;
-  }
-  return "?";
-}
+/// Who holds what now.
+Held holdings(ZU::client::ZUClient& client) { return zutest::heldIn(client.snapshotJson()); }
 
 /// A client process holding or waiting for `resource`.
 std::unique_ptr<ChildProcess> client(const RunningService& service, const std::string& module,
@@ -67,13 +61,12 @@ std::unique_ptr<ChildProcess> client(const RunningService& service, const std::s
       SERVICE_CLIENT, std::vector<std::string>{service.target(), module, verb, owner, resource});
 }
 
-/// The service's keepalive: short, so that a frozen client is given up soon,
-/// and longer in slow builds, where a busy client may answer pings late.
-std::string keepaliveMs() { return std::to_string(1000 + 5 * zutest::lateToleranceMs()); }
-
 class ServiceTest : public ::testing::Test {
  protected:
-  RunningService service{ZURESOURCED, {"--keepalive-ms", keepaliveMs()}};
+  // A short keepalive, so that a frozen client is given up soon; longer in
+  // slow builds, where a busy client may answer pings late.
+  RunningService service{ZURESOURCED,
+                         {"--keepalive-ms", std::to_string(1000 + 5 * zutest::lateToleranceMs())}};
   void SetUp() override { ASSERT_TRUE(service.listening()); }
 };
 
@@ -104,8 +97,7 @@ TEST_F(ServiceTest, HolderToldItIsWantedLetsGoAndTheWaiterIsGranted) {
   EXPECT_EQ(told.get_future().get(), "wave LeftArm");
   ASSERT_FALSE(behind.empty());
   EXPECT_EQ(behind.front(), "LeftArm wave");
-  EXPECT_EQ(holderOf(waiter, "LeftArm"), "hug");
-  EXPECT_EQ(holderOf(waiter, "RightArm"), "hug");
+  EXPECT_EQ(holdings(waiter), (Held{{"LeftArm", {"hug"}}, {"RightArm", {"hug"}}}));
 }
 
 // Client processes killed or frozen, one holding and one waiting: a frozen
@@ -128,10 +120,9 @@ TEST_F(ServiceTest, LostClientLeavesNothing) {
     holder->signal(signal);
     waiter->signal(signal);
     const ZUAcquisition legs = gotLegs.get();
-    EXPECT_EQ(holderOf(here, "LeftLeg"), "here");
     EXPECT_TRUE(eventually([&] { return waitCount(here) == 0; }));
     head.reset();
-    EXPECT_EQ(holderOf(here, "Head"), "");
+    EXPECT_EQ(holdings(here), (Held{{"LeftLeg", {"here"}}, {"RightLeg", {"here"}}}));
     if (signal != SIGSTOP) continue;
     EXPECT_GE(std::chrono::steady_clock::now() - start, 500ms) << "given up, but not at once";
     for (ChildProcess* lost : {holder.get(), waiter.get()}) {
@@ -163,7 +154,7 @@ TEST_F(ServiceTest, WaitStoppedByTheClientLeavesNothing) {
   EXPECT_EQ(got.get(), "CANCELLED");
   EXPECT_TRUE(eventually([&] { return waitCount(holder) == 0; }));
   head.release();
-  EXPECT_EQ(holderOf(holder, "Head"), "");
+  EXPECT_EQ(holdings(holder), Held{});
 }
 
 // With a hundred waits pending, each blocking a thread of the service, a
@@ -205,18 +196,14 @@ TEST(ServiceCrowd, HundredWaitsDoNotStarveTheServiceAndOneTooManyIsRefused) {
     EXPECT_EQ(error.reason(), ZU::service::contract::kTooManyWaits);
   }
   head.release();
-  EXPECT_TRUE(eventually([&] { return holderOf(holder, "Head").rfind("waiter", 0) == 0; }));
+  EXPECT_TRUE(eventually([&] { return holdings(holder).count("Head") == 1; }));
   auto arm = late.acquire("late", "LeftArm", 5);  // the granted wait's call ended
-  waiters.close();  // every other wait stops
+  waiters.close();                                // every other wait stops
   closing.set_value();
-  int granted = 0, stopped = 0;
-  for (auto& wait : waits) {
-    const std::string outcome = wait.get();
-    if (outcome == "granted") ++granted;
-    if (outcome == "box stop while waiting") ++stopped;
-  }
-  EXPECT_EQ(granted, 1);
-  EXPECT_EQ(stopped, kWaits - 1);
+  std::map<std::string, int> outcomes;
+  for (auto& wait : waits) ++outcomes[wait.get()];
+  EXPECT_EQ(outcomes,
+            (std::map<std::string, int>{{"box stop while waiting", kWaits - 1}, {"granted", 1}}));
   EXPECT_TRUE(eventually([&] { return waitCount(holder) == 0; }));
 }
 
@@ -243,22 +230,22 @@ TEST(ServiceStart, RefusedStartsLeaveNoSocket) {
   RunningService running(ZURESOURCED);
   ASSERT_TRUE(running.listening());
   const std::vector<RefusedStart> rows = {
-      {{"--http", "65536"}, 2}, {{"--http", "-1"}, 2}, {{"--http", "80x"}, 2},
-      {{"--http", ""}, 2}, {{"--http", "127.0.0.1:"}, 2}, {{"--http", ":8080"}, 2},
+      {{"--http", "65536"}, 2},         {{"--http", "-1"}, 2},
+      {{"--http", "80x"}, 2},           {{"--http", ""}, 2},
+      {{"--http", "127.0.0.1:"}, 2},    {{"--http", ":8080"}, 2},
       {{"--http", "192.0.2.1:0"}, 1},  // not an address of this machine
-      {{"--keepalive-ms", "99"}, 2},
-      {{"--max-waits", "0"}, 2},
-      {{"--tree", "DIR/cut.json"}, 2}, {{"--tree", "DIR/twice.json"}, 2},
-      {{"--tree", "DIR/none.json"}, 2},
-      {{"--record", "DIR/none/day.jsonl"}, 1},
-      {{"--listen", "RUNNING"}, 1}, {{"--listen", "unix:DIR/cut.json"}, 1},
+      {{"--keepalive-ms", "99"}, 2},    {{"--max-waits", "0"}, 2},
+      {{"--tree", "DIR/cut.json"}, 2},  {{"--tree", "DIR/twice.json"}, 2},
+      {{"--tree", "DIR/none.json"}, 2}, {{"--record", "DIR/none/day.jsonl"}, 1},
+      {{"--listen", "RUNNING"}, 1},     {{"--listen", "unix:DIR/cut.json"}, 1},
   };
   for (RefusedStart row : rows) {
     zutest::TempDir dir;
     std::ofstream(dir.path() + "/cut.json") << R"({"resources": [{"name": "Head")";
     std::ofstream(dir.path() + "/twice.json") << R"({"resources": [{"name": "A"}, {"name": "A"}]})";
     std::string& value = row.args.back();
-    if (const auto at = value.find("DIR"); at != std::string::npos) value.replace(at, 3, dir.path());
+    if (const auto at = value.find("DIR"); at != std::string::npos)
+      value.replace(at, 3, dir.path());
     if (value == "RUNNING") value = running.target();
     SCOPED_TRACE(row.args.front() + " " + value);
     const std::string socket = dir.path() + "/zuresource.sock";
