@@ -48,9 +48,7 @@ class HostFaultTest : public ::testing::Test {
     }
   }
   std::size_t waitersLeft() const {
-    std::size_t count = 0;
-    for (const auto& holder : h) count += holder->copyWaiters().size();
-    return count;
+    return h[0]->copyWaiters().size() + h[1]->copyWaiters().size() + h[2]->copyWaiters().size();
   }
   std::unique_ptr<WaitForRun> waitOn(int i, int timeout) {
     return std::make_unique<WaitForRun>(r[i], makeOwner("w" + std::to_string(i), "W"), timeout);

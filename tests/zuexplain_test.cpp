@@ -56,15 +56,14 @@ class ZUExplainTest : public ::testing::Test {
   boost::shared_ptr<ZUResource> arm = boost::make_shared<ZUResource>("Arm", nullptr);
   boost::shared_ptr<ZUResourceState> standing =
       boost::make_shared<ZUResourceState>("Standing", nullptr);
-  boost::shared_ptr<ZUOwner> a = makeOwner("a", "A");
-  boost::shared_ptr<ZUOwner> b = makeOwner("b", "B");
-  boost::shared_ptr<ZUOwner> c = makeOwner("c", "C");
+  boost::shared_ptr<ZUOwner> a = makeOwner("a", "A"), b = makeOwner("b", "B"),
+                             c = makeOwner("c", "C");
   std::unique_ptr<zutest::WaitForRun> waiting_;
 };
 
 TEST_F(ZUExplainTest, PlainAnswersMatchWhatWaitForDoes) {
-  EXPECT_TRUE(answersThenDoes(Answer::Takes, "", arm, makeOwner("box", "Box"),
-                              {"Arm"}));  // listed, but free
+  // Listed, but free.
+  EXPECT_TRUE(answersThenDoes(Answer::Takes, "", arm, makeOwner("box", "Box"), {"Arm"}));
   EXPECT_TRUE(answersThenDoes(Answer::AlreadyHeld, "", arm, makeOwner("box", "OtherModule")));
   EXPECT_TRUE(answersThenDoes(Answer::GivesUp, "Arm", arm, a, {"Leg", "Arm"}, -1));
   a->freeResource();  // as when it released something earlier: its flag is set

@@ -51,128 +51,118 @@ std::vector<std::string> decisions(const std::vector<ZUEvent>& events) {
 
 const std::vector<std::string> kAll;  // the no-wait list that waits for everything
 
-// The waits a scenario runs in threads of their own.
-using Waits = std::deque<zutest::WaitForRun>;
+// What a scenario acts on, made fresh for each: Arm, Standing, the owners a
+// and b, and the waits it runs in threads of their own (which end first).
+struct Stage {
+  explicit Stage(const zutest::EventKeeper& seen) : seen(seen) {}
+  /// `owner`'s wait for `resource` under way and reported: each scenario waits
+  /// for that before it goes on, so that the order of the decisions is fixed.
+  void waitOn(boost::shared_ptr<ZU::ZUResource> resource, boost::shared_ptr<ZU::ZUOwner> owner) {
+    const std::size_t before = seen.events(Kind::Waiting).size();
+    waits.emplace_back(resource, owner, -1);
+    EXPECT_TRUE(waitUntil([&] { return seen.events(Kind::Waiting).size() > before; }));
+  }
+
+  const zutest::EventKeeper& seen;
+  boost::shared_ptr<ZU::ZUResource> arm = makePlain("Arm");
+  boost::shared_ptr<ZU::ZUResourceState> standing =
+      boost::make_shared<ZU::ZUResourceState>("Standing", nullptr);
+  boost::shared_ptr<ZU::ZUOwner> a = makeOwner("a", "A"), b = makeOwner("b", "B");
+  std::deque<zutest::WaitForRun> waits;
+};
 
 struct Scenario {
   const char* name;
-  std::function<void(Waits&)> run;
+  std::function<void(Stage&)> run;
   std::vector<std::string> decisions;
 };
 
-// Each scenario waits until a wait is seen before it goes on, so that the
-// order of the decisions is fixed.
-bool waiting(const ZU::ZUOwner& holder) { return holder.copyWaiters().size() > 0; }
-
-/// Arm held by a, and b's wait for it under way in `waits`.
-auto heldAndWaitedOn(Waits& waits) {
-  auto r = makePlain("Arm");
-  auto a = makeOwner("a", "A"), b = makeOwner("b", "B");
-  r->waitFor(a, "", -1, kAll);
-  waits.emplace_back(r, b, -1);
-  EXPECT_TRUE(waitUntil([&] { return waiting(*a); }));
-  return std::make_tuple(r, a, b);
-}
-
 const Scenario kScenarios[] = {
     {"free, held again, busy for another, released, switched",
-     [](auto&) {
-       auto r = makePlain("Arm");
-       auto a = makeOwner("a", "A"), b = makeOwner("b", "B");
-       r->waitFor(a, "", -1, kAll);
-       r->waitFor(a, "", -1, kAll);
-       r->waitFor(b, "", -1, {"Arm"});
-       r->release(a);
-       r->switchOwner(b, "", 0);
+     [](Stage& s) {
+       s.arm->waitFor(s.a, "", -1, kAll);
+       s.arm->waitFor(s.a, "", -1, kAll);
+       s.arm->waitFor(s.b, "", -1, {"Arm"});
+       s.arm->release(s.a);
+       s.arm->switchOwner(s.b, "", 0);
      },
      {"granted a Arm wasFree", "granted a Arm alreadyHeld", "notObtained b Arm a", "released a Arm",
       "switched b Arm"}},
     {"handed down and back",
-     [](auto&) {
-       auto r = makePlain("Arm");
-       auto a = makeOwner("a", "A"), child = makeOwner("a/x", "X");
-       r->waitFor(a, "", -1, kAll);
-       r->waitFor(child, "", -1, kAll);
-       const ZU::ZUSnapshot snapshot = ZU::takeSnapshot({r});
+     [](Stage& s) {
+       auto child = makeOwner("a/x", "X");
+       s.arm->waitFor(s.a, "", -1, kAll);
+       s.arm->waitFor(child, "", -1, kAll);
+       const ZU::ZUSnapshot snapshot = ZU::takeSnapshot({s.arm});
        EXPECT_EQ(snapshot.resources[0].holders, std::vector<std::string>{"a/x"});
        EXPECT_EQ(snapshot.owners[0].parentOwners,
                  (std::vector<std::pair<std::string, std::string>>{{"Arm", "a"}}));
-       r->release(child);
+       s.arm->release(child);
      },
      {"granted a Arm wasFree", "granted a/x Arm handedDown a", "handedBack a/x Arm a"}},
     {"waits until the holder lets go",
-     [](auto& waits) {
-       auto [r, a, b] = heldAndWaitedOn(waits);
-       const ZU::ZUSnapshot snapshot = ZU::takeSnapshot({r});
+     [](Stage& s) {
+       s.arm->waitFor(s.a, "", -1, kAll);
+       s.waitOn(s.arm, s.b);
+       const ZU::ZUSnapshot snapshot = ZU::takeSnapshot({s.arm});
        ASSERT_EQ(snapshot.waits.size(), 1u);
        EXPECT_EQ(snapshot.waits[0].waiter + ">" + snapshot.waits[0].holder, "b>a");
        EXPECT_EQ(snapshot.owners.size(), 2u);  // the holder, then the waiter
-       r->release(a);
-       waits.back().wait();
+       s.arm->release(s.a);
+       s.waits.back().wait();
      },
      {"granted a Arm wasFree", "waiting b Arm a", "released a Arm", "granted b Arm wasFree"}},
     {"stopped by the manager, or already stopped",
-     [](auto& waits) {
-       auto [r, a, b] = heldAndWaitedOn(waits);
-       r->release(b);  // b does not hold it: its wait ends
-       waits.back().wait();
-       EXPECT_THROW(r->waitFor(b, "", -1, kAll), ZU::ZUError);  // its flag is still set
+     [](Stage& s) {
+       s.arm->waitFor(s.a, "", -1, kAll);
+       s.waitOn(s.arm, s.b);
+       s.arm->release(s.b);  // b does not hold it: its wait ends
+       s.waits.back().wait();
+       EXPECT_THROW(s.arm->waitFor(s.b, "", -1, kAll), ZU::ZUError);  // its flag is still set
      },
      {"granted a Arm wasFree", "waiting b Arm a", "stopped b Arm managerStop", "waiting b Arm a",
       "stopped b Arm ownRelease"}},
     {"state: waits for activation, deactivated",
-     [](auto& waits) {
-       auto s = boost::make_shared<ZU::ZUResourceState>("Standing", nullptr);
-       auto a = makeOwner("a", "A");
-       waits.emplace_back(s, a, -1);
-       ASSERT_TRUE(waitUntil([&] { return waiting(*s->stateOwner); }));
-       // The waiter lists itself a moment before it reports its wait; a slow
-       // machine (qemu) could otherwise see the activation reported first.
-       std::this_thread::sleep_for(std::chrono::milliseconds(200));
-       s->setState(true);
-       waits.back().wait();
-       s->setState(false);
-       s->release(a);
+     [](Stage& s) {
+       s.waitOn(s.standing, s.a);
+       s.standing->setState(true);
+       s.waits.back().wait();
+       s.standing->setState(false);
+       s.standing->release(s.a);
      },
      {"waiting a Standing Standing", "stateActivated  Standing",
       "granted a Standing stateActivated", "stateDeactivated  Standing",
       "waiting Standing Standing a", "timedOut Standing Standing", "released a Standing"}},
     {"group: a member times out, the owner is given back",
-     [](auto&) {
-       auto arm = makePlain("Arm"), leg = makePlain("Leg");
-       auto body = zutest::makeGroup("Body", {arm, leg});
-       auto a = makeOwner("a", "A"), b = makeOwner("b", "B");
-       leg->waitFor(b, "", -1, kAll);
-       EXPECT_THROW(body->waitFor(a, "", 0, kAll), ZU::ZUError);
+     [](Stage& s) {
+       auto leg = makePlain("Leg");
+       auto body = zutest::makeGroup("Body", {s.arm, leg});
+       leg->waitFor(s.b, "", -1, kAll);
+       EXPECT_THROW(body->waitFor(s.a, "", 0, kAll), ZU::ZUError);
      },
      {"granted b Leg wasFree", "granted a Arm wasFree", "waiting a Leg b", "timedOut a Leg",
       "released a Arm", "givenBack a Body"}},
     {"a wait whose holder no longer holds is reported stale",
-     [](auto& waits) {
-       auto s = boost::make_shared<ZU::ZUResourceState>("Standing", nullptr);
-       auto a = makeOwner("a", "A");
-       waits.emplace_back(s, a, -1);
-       ASSERT_TRUE(waitUntil([&] { return waiting(*s->stateOwner); }));
-       s->state = true;  // activated without freeing its owner: nothing ends the wait
-       ASSERT_TRUE(waitUntil([&] { return !ZU::takeSnapshot({s}).staleWaits.empty(); }));
-       s->stateOwner->freeResource();
-       waits.back().wait();
+     [](Stage& s) {
+       s.waitOn(s.standing, s.a);
+       s.standing->state = true;  // activated without freeing its owner: nothing ends the wait
+       ASSERT_TRUE(waitUntil([&] { return !ZU::takeSnapshot({s.standing}).staleWaits.empty(); }));
+       s.standing->stateOwner->freeResource();
+       s.waits.back().wait();
      },
      {"waiting a Standing Standing", "staleWait a Standing", "granted a Standing stateActivated"}},
     {"two owners wait on each other: the cycle is reported once, then broken",
-     [](auto& waits) {
-       auto r1 = makePlain("R1"), r2 = makePlain("R2");
-       auto a = makeOwner("a", "A"), b = makeOwner("b", "B");
-       r1->waitFor(a, "", -1, kAll);
-       r2->waitFor(b, "", -1, kAll);
-       waits.emplace_back(r2, a, -1);
-       ASSERT_TRUE(waitUntil([&] { return waiting(*b); }));
-       EXPECT_THROW(r1->waitFor(b, "", 1, kAll), ZU::ZUError);  // polls a few times
-       r2->release(a);                                          // a's wait ends too
-       waits.back().wait();
+     [](Stage& s) {
+       auto r2 = makePlain("R2");
+       s.arm->waitFor(s.a, "", -1, kAll);
+       r2->waitFor(s.b, "", -1, kAll);
+       s.waitOn(r2, s.a);
+       EXPECT_THROW(s.arm->waitFor(s.b, "", 1, kAll), ZU::ZUError);  // polls a few times
+       r2->release(s.a);                                             // a's wait ends too
+       s.waits.back().wait();
      },
-     {"granted a R1 wasFree", "granted b R2 wasFree", "waiting a R2 b", "waiting b R1 a",
-      "deadlockFormed a R2 2", "timedOut b R1", "deadlockBroken a R2 2",
+     {"granted a Arm wasFree", "granted b R2 wasFree", "waiting a R2 b", "waiting b Arm a",
+      "deadlockFormed a R2 2", "timedOut b Arm", "deadlockBroken a R2 2",
       "stopped a R2 managerStop"}},
 };
 
@@ -180,13 +170,11 @@ TEST(Decisions, AreReportedInOrder) {
   for (const Scenario& scenario : kScenarios) {
     SCOPED_TRACE(scenario.name);
     Recording recording;
-    Waits waits;
-    scenario.run(waits);
+    Stage stage(*recording.observer);
+    scenario.run(stage);
     EXPECT_EQ(decisions(recording->events()), scenario.decisions);
-    for (const ZUEvent& e : recording->events()) {
-      EXPECT_NE(e.sequence, 0u);
-      EXPECT_NE(e.thread, std::thread::id());
-    }
+    for (const ZUEvent& e : recording->events())
+      EXPECT_TRUE(e.sequence != 0 && e.thread != std::thread::id()) << "an event not stamped";
   }
 }
 

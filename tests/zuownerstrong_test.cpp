@@ -57,8 +57,6 @@ TEST(StrongOwner, HandsDownAtOnceOnlyToAProperByteDescendant) {
   EXPECT_EQ(holder->copyWaiters().serializeToText(), "[]");
 }
 
-bool recorded(std::size_t waits) { return ZU::ZUWaitRegistry::snapshot().size() == waits; }
-
 // Every way a wait on a strong holder ends, one row each. Each row runs on a
 // fresh holder whose waiters list already holds an earlier entry and whose
 // timer holds a leftover: the end must remove the oldest entry (leaving the
@@ -104,7 +102,7 @@ TEST(StrongOwner, EveryWayAWaitEnds) {
     const boost::weak_ptr<ZU::ZUOwner> watched = holder;
     if (row.when == When::Before) row.trigger(holder, *requester);
     ConflictRun run(*holder, "R", requester, row.limit);
-    ASSERT_TRUE(waitUntil([] { return recorded(1); }));
+    ASSERT_TRUE(waitUntil([] { return ZU::ZUWaitRegistry::snapshot().size() == 1; }));
     EXPECT_EQ(ZU::ZUWaitRegistry::snapshot().front().waiterOwner.lock(), requester);
     // The record keeps the requester's limit, not the holder's leftover timer.
     EXPECT_EQ(ZU::ZUWaitRegistry::snapshot().front().timeout, row.limit);
@@ -120,7 +118,7 @@ TEST(StrongOwner, EveryWayAWaitEnds) {
     const zutest::ConflictOutcome outcome = run.wait();
     EXPECT_TRUE(row.error.empty() ? zutest::waitReturned(outcome) : waitFailed(outcome, row.error));
     if (row.limit > 0) EXPECT_ELAPSED_NEAR(outcome.elapsedMs, row.limit * 1000);
-    EXPECT_TRUE(recorded(0));
+    EXPECT_TRUE(ZU::ZUWaitRegistry::snapshot().empty());
     EXPECT_EQ(!holder, watched.expired());
     if (!holder) continue;
     EXPECT_EQ(holder->copyWaiters().serializeToText(), R"(["q-module"])");

@@ -174,12 +174,11 @@ TEST_F(ResourceTest, HandDownIsHandedBackWithoutFreeResourceAndTheRecordOutlives
 }
 
 TEST_F(ResourceTest, SwitchOwnerReplacesAHolderInConflictAndTellsNobody) {
-  OwnerPtr first = strong("first"), waiter = strong("waiter");
+  OwnerPtr first = strong("first"), waiter = strong("waiter"), second = strong("second");
   ASSERT_TRUE(acquire(first).empty());
   zutest::WaitForRun run(head, waiter, 5);
   ASSERT_TRUE(zutest::waitUntil([&] { return first->copyWaiters().size() == 1; }));
 
-  OwnerPtr second = strong("second");
   head->switchOwner(second, "", 0);
   EXPECT_EQ(head->currentOwner.load(), second);
   EXPECT_FALSE(zutest::waitUntil([&] { return !run.running(); }, 300)) << "the waiter was told";

@@ -94,8 +94,7 @@ using zutest::memberNames;
 TEST(GroupMembershipTest, QueriesAndReportsNestAndDeleteTakesTheFirstMatch) {
   // G holds A and H; H holds B.
   auto a = makePlain("A"), b = makePlain("B");
-  auto h = makeGroup("H", {b});
-  auto g = makeGroup("G", {a, h});
+  auto h = makeGroup("H", {b}), g = makeGroup("G", {a, h});
   for (const char* name : {"G", "A", "H", "B"}) EXPECT_TRUE(g->isInGroup(name)) << name;
   EXPECT_FALSE(h->isInGroup("A"));
   for (const char* name : {"", "G ", "g", "Bx"}) EXPECT_FALSE(g->isInGroup(name)) << name;
