@@ -24,9 +24,21 @@ const std::string kUnknownSession = "0123456789abcdef";
 /// "theirs" holds LeftArm.
 struct Calls {
   pb::ResourceService::Stub& stub;
-  std::string mine;
+  ZU::client::ZUSession& mine;
 };
 using Call = std::function<grpc::Status(Calls&)>;
+
+/// What `call` on the session `mine` of the client library is answered.
+Call client(const std::function<void(ZU::client::ZUSession&)>& call) {
+  return [=](Calls& c) {
+    try {
+      call(c.mine);
+      return grpc::Status::OK;
+    } catch (const ZU::client::ZUServiceError& e) {
+      return grpc::Status(e.code(), e.reason());
+    }
+  };
+}
 
 /// An acquire call in the session `mine`, or in `session` when given.
 Call acquire(const std::string& owner, const std::string& resource, int timeout = 1,
@@ -34,7 +46,7 @@ Call acquire(const std::string& owner, const std::string& resource, int timeout 
   return [=](Calls& c) {
     grpc::ClientContext context;
     pb::AcquireRequest request;
-    request.set_session(session ? *session : c.mine);
+    request.set_session(session ? *session : c.mine.id());
     request.set_owner(owner);
     request.set_resource(resource);
     request.set_timeout_seconds(timeout);
@@ -52,7 +64,7 @@ Call release(const std::string& owner, const std::string& resource,
   return [=](Calls& c) {
     grpc::ClientContext context;
     pb::ReleaseRequest request;
-    request.set_session(session ? *session : c.mine);
+    request.set_session(session ? *session : c.mine.id());
     request.set_owner(owner);
     request.set_resource(resource);
     pb::ReleaseReply reply;
@@ -109,24 +121,9 @@ const Row kRows[] = {
     {"release with an unknown session", Code::FAILED_PRECONDITION,
      release("mine", "Head", &kUnknownSession)},
     {"setState of a plain resource", Code::FAILED_PRECONDITION,
-     [](Calls& c) {
-       grpc::ClientContext context;
-       pb::SetStateRequest request;
-       request.set_session(c.mine);
-       request.set_resource("Head");
-       request.set_active(true);
-       pb::SetStateReply reply;
-       return c.stub.SetState(&context, request, &reply);
-     }},
+     client([](ZU::client::ZUSession& s) { s.setState("Head", true); })},
     {"explain of an unknown resource", Code::NOT_FOUND,
-     [](Calls& c) {
-       grpc::ClientContext context;
-       pb::ExplainRequest request;
-       request.set_owner("mine");
-       request.set_resource("Tail");
-       pb::JsonReply reply;
-       return c.stub.Explain(&context, request, &reply);
-     }},
+     client([](ZU::client::ZUSession& s) { s.explain("mine", "Tail"); })},
     {"hello with an empty module", Code::INVALID_ARGUMENT, session({hello("")})},
     {"hello with a 1 MB module", Code::INVALID_ARGUMENT, session({hello(kHuge)})},
     {"hello with a module in use", Code::ALREADY_EXISTS, session({hello("Mine")})},
@@ -145,7 +142,7 @@ TEST(BadRequest, RefusedWithTheRightStatusAndNothingChanged) {
   const std::string before = mine.statusValuesJson();
   auto stub = pb::ResourceService::NewStub(
       grpc::CreateChannel(service.target(), grpc::InsecureChannelCredentials()));
-  Calls calls{*stub, mine.id()};
+  Calls calls{*stub, mine};
   for (const Row& row : kRows) {
     SCOPED_TRACE(row.name);
     const grpc::Status status = row.call(calls);
