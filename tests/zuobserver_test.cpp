@@ -221,12 +221,11 @@ TEST(ObserverContract, ExceptionsAreCountedAndChangeNothing) {
   const std::uint64_t before = ZU::ZUObservers::failures();
   zutest::Observed<Throws> first;
   Recording second;  // registered after the one that throws
-  auto r = makePlain("Arm");
-  auto a = makeOwner("a", "A"), b = makeOwner("b", "B");
-  EXPECT_TRUE(r->waitFor(a, "", -1, kAll).empty());
-  EXPECT_EQ(r->waitFor(b, "", -1, {"Arm"}), std::vector<std::string>{"Arm"});
-  r->release(a);
-  EXPECT_TRUE(r->isResourceFree());
+  Stage s(*second.observer);
+  EXPECT_TRUE(s.arm->waitFor(s.a, "", -1, kAll).empty());
+  EXPECT_EQ(s.arm->waitFor(s.b, "", -1, {"Arm"}), std::vector<std::string>{"Arm"});
+  s.arm->release(s.a);
+  EXPECT_TRUE(s.arm->isResourceFree());
   const std::size_t delivered = second->events().size();
   EXPECT_EQ(delivered, 5u);  // the later observer still gets every event
   EXPECT_EQ(ZU::ZUObservers::failures() - before, delivered);
