@@ -176,9 +176,8 @@ class Family {
 
   void push() {
     Frame frame;
-    frame.owner = ZU::ZUResource::createOwner(
-        0, stack_.empty() ? rootName_ : stack_.back().owner->name + "." + char('a' + pick(2)), "M",
-        nullptr);
+    frame.owner = zutest::makeOwner(
+        stack_.empty() ? rootName_ : stack_.back().owner->name + "." + char('a' + pick(2)), "M");
     frame.owner->setParentBroker(world_.broker);
     // Now and then a release of something the new owner does not hold: its
     // next contested wait then fails with "box stop while waiting".
