@@ -176,9 +176,8 @@ class Family {
 
   void push() {
     Frame frame;
-    frame.owner = ZU::ZUResource::createOwner(
-        0, stack_.empty() ? rootName_ : stack_.back().owner->name + "." + char('a' + pick(2)), "M",
-        nullptr);
+    frame.owner = zutest::makeOwner(
+        stack_.empty() ? rootName_ : stack_.back().owner->name + "." + char('a' + pick(2)), "M");
     frame.owner->setParentBroker(world_.broker);
     // Now and then a release of something the new owner does not hold: its
     // next contested wait then fails with "box stop while waiting".
@@ -316,8 +315,7 @@ TEST(Stress, ContendedTreeKeepsItsInvariants) {
   for (zutest::GuardedThread& thread : running) {
     const auto left = deadline + std::chrono::seconds(30) - Clock::now();
     if (!thread.joinFor(std::chrono::duration_cast<std::chrono::milliseconds>(left).count())) {
-      std::fprintf(stderr, "stress: a family still runs 30 s after the end (seed %u): deadlock?\n",
-                   seed);
+      std::fprintf(stderr, "stress: a family still runs 30 s after the end: deadlock?\n");
       std::abort();
     }
   }

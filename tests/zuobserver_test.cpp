@@ -51,19 +51,19 @@ std::vector<std::string> decisions(const std::vector<ZUEvent>& events) {
 
 const std::vector<std::string> kAll;  // the no-wait list that waits for everything
 
-// What a scenario acts on, made fresh for each: Arm, Standing, the owners a
-// and b, and the waits it runs in threads of their own (which end first).
+// What a test acts on, made fresh for each: a recording of the events, Arm,
+// Standing, the owners a and b, and the waits it runs in threads of their own
+// (which end first).
 struct Stage {
-  explicit Stage(const zutest::EventKeeper& seen) : seen(seen) {}
   /// `owner`'s wait for `resource` under way and reported: each scenario waits
   /// for that before it goes on, so that the order of the decisions is fixed.
   void waitOn(boost::shared_ptr<ZU::ZUResource> resource, boost::shared_ptr<ZU::ZUOwner> owner) {
-    const std::size_t before = seen.events(Kind::Waiting).size();
+    const std::size_t before = recording->events(Kind::Waiting).size();
     waits.emplace_back(resource, owner, -1);
-    EXPECT_TRUE(waitUntil([&] { return seen.events(Kind::Waiting).size() > before; }));
+    EXPECT_TRUE(waitUntil([&] { return recording->events(Kind::Waiting).size() > before; }));
   }
 
-  const zutest::EventKeeper& seen;
+  Recording recording;  // registered before anything is made
   boost::shared_ptr<ZU::ZUResource> arm = makePlain("Arm");
   boost::shared_ptr<ZU::ZUResourceState> standing =
       boost::make_shared<ZU::ZUResourceState>("Standing", nullptr);
@@ -169,11 +169,10 @@ const Scenario kScenarios[] = {
 TEST(Decisions, AreReportedInOrder) {
   for (const Scenario& scenario : kScenarios) {
     SCOPED_TRACE(scenario.name);
-    Recording recording;
-    Stage stage(*recording.observer);
+    Stage stage;
     scenario.run(stage);
-    EXPECT_EQ(decisions(recording->events()), scenario.decisions);
-    for (const ZUEvent& e : recording->events())
+    EXPECT_EQ(decisions(stage.recording->events()), scenario.decisions);
+    for (const ZUEvent& e : stage.recording->events())
       EXPECT_TRUE(e.sequence != 0 && e.thread != std::thread::id()) << "an event not stamped";
   }
 }
@@ -195,19 +194,18 @@ struct CallsBack : ZU::ZUObserver {
 };
 
 TEST(ObserverContract, CallsBackIntoTheLibraryWithoutDeadlock) {
-  auto arm = makePlain("Arm");
-  auto standing = boost::make_shared<ZU::ZUResourceState>("Standing", nullptr);
-  auto body = zutest::makeGroup("Body", {arm, standing});
+  Stage s;
+  auto body = zutest::makeGroup("Body", {s.arm, s.standing});
   zutest::Observed<CallsBack> observer;
-  observer->roots = {body, arm, standing};
+  observer->roots = {body, s.arm, s.standing};
   GuardedThread run([&] {
-    auto a = makeOwner("a", "A"), child = makeOwner("a/x", "X");
-    standing->setState(true);
-    body->waitFor(a, "", -1, kAll);
+    auto child = makeOwner("a/x", "X");
+    s.standing->setState(true);
+    body->waitFor(s.a, "", -1, kAll);
     body->waitFor(child, "", -1, kAll);
     body->release(child);
-    standing->setState(false);  // tells the holders under the holders' lock
-    body->release(a);
+    s.standing->setState(false);  // tells the holders under the holders' lock
+    body->release(s.a);
   });
   ASSERT_TRUE(run.joinFor(20000)) << "an observer calling back deadlocked";
   EXPECT_GT(observer->calls.load(), 5);
@@ -220,14 +218,12 @@ struct Throws : ZU::ZUObserver {
 TEST(ObserverContract, ExceptionsAreCountedAndChangeNothing) {
   const std::uint64_t before = ZU::ZUObservers::failures();
   zutest::Observed<Throws> first;
-  Recording second;  // registered after the one that throws
-  auto r = makePlain("Arm");
-  auto a = makeOwner("a", "A"), b = makeOwner("b", "B");
-  EXPECT_TRUE(r->waitFor(a, "", -1, kAll).empty());
-  EXPECT_EQ(r->waitFor(b, "", -1, {"Arm"}), std::vector<std::string>{"Arm"});
-  r->release(a);
-  EXPECT_TRUE(r->isResourceFree());
-  const std::size_t delivered = second->events().size();
+  Stage s;  // its recording is registered after the observer that throws
+  EXPECT_TRUE(s.arm->waitFor(s.a, "", -1, kAll).empty());
+  EXPECT_EQ(s.arm->waitFor(s.b, "", -1, {"Arm"}), std::vector<std::string>{"Arm"});
+  s.arm->release(s.a);
+  EXPECT_TRUE(s.arm->isResourceFree());
+  const std::size_t delivered = s.recording->events().size();
   EXPECT_EQ(delivered, 5u);  // the later observer still gets every event
   EXPECT_EQ(ZU::ZUObservers::failures() - before, delivered);
 }
