@@ -373,10 +373,8 @@ TEST(Policies, FallbackHoldsWhenFreeAndYieldsAtOnce) {
   Stage s({{"Legs", {10 * 1000, "posture"}}});
   s.open("Posture", "posture");
   s.open("Walk", "walker", OnWanted::Keep, -5);
-  auto legsGoTo = [&s](const std::string& owner) {
-    return Stage::eventually([&] { return s.holder("Legs") == owner; });
-  };
-  ASSERT_TRUE(legsGoTo("posture"));
+  const auto postureHoldsLegs = [&s] { return s.holder("Legs") == "posture"; };
+  ASSERT_TRUE(Stage::eventually(postureHoldsLegs));
   EXPECT_NE(s.manager.statusText().find("Legs -> Posture"), std::string::npos)
       << s.manager.statusText();
   // Far sooner than the grace period of ten seconds.
@@ -384,7 +382,7 @@ TEST(Policies, FallbackHoldsWhenFreeAndYieldsAtOnce) {
   EXPECT_EQ(r.kind, Kind::Granted) << r.error;
   EXPECT_EQ(s.holder("Legs"), "walker");
   s.manager.release("walker", "Legs");
-  EXPECT_TRUE(legsGoTo("posture"));
+  EXPECT_TRUE(Stage::eventually(postureHoldsLegs));
   ASSERT_EQ(s.lostAfter(1).size(), 1u);
   s.manager.closeModule("Posture");
   EXPECT_EQ(s.holder("Legs"), kFree);
