@@ -67,14 +67,6 @@ std::future<std::string> asking(ZUSession& session, const std::string& owner,
   });
 }
 
-/// A client process holding or waiting for `resource`.
-std::unique_ptr<ChildProcess> client(const RunningService& service, const std::string& module,
-                                     const std::string& verb, const std::string& owner,
-                                     const std::string& resource) {
-  return std::make_unique<ChildProcess>(
-      SERVICE_CLIENT, std::vector<std::string>{service.target(), module, verb, owner, resource});
-}
-
 class ServiceTest : public ::testing::Test {
  protected:
   // A short keepalive, so that a frozen client is given up soon; longer in
@@ -124,22 +116,24 @@ TEST_F(ServiceTest, LostClientLeavesNothing) {
     SCOPED_TRACE(strsignal(signal));
     const std::string n = std::to_string(signal);
     auto head = std::make_unique<ZUAcquisition>(here.acquire("here", "Head", 5));
-    auto holder = client(service, "Holder" + n, "hold", "holder" + n, "Legs");
-    auto waiter = client(service, "Waiter" + n, "wait", "waiter" + n, "Head");
-    ASSERT_EQ(holder->lineStartingWith("granted"), "granted");
-    ASSERT_EQ(waiter->lineStartingWith("waiting"), "waiting Head behind here");
+    ChildProcess holder(SERVICE_CLIENT,
+                        {service.target(), "Holder" + n, "hold", "holder" + n, "Legs"});
+    ChildProcess waiter(SERVICE_CLIENT,
+                        {service.target(), "Waiter" + n, "wait", "waiter" + n, "Head"});
+    ASSERT_EQ(holder.lineStartingWith("granted"), "granted");
+    ASSERT_EQ(waiter.lineStartingWith("waiting"), "waiting Head behind here");
     auto gotLegs = std::async(std::launch::async, [&] { return here.acquire("here", "Legs", 60); });
     ASSERT_TRUE(eventually([&] { return waitCount(here) == 2; }));
     const auto start = std::chrono::steady_clock::now();
-    holder->signal(signal);
-    waiter->signal(signal);
+    holder.signal(signal);
+    waiter.signal(signal);
     const ZUAcquisition legs = gotLegs.get();
     EXPECT_TRUE(eventually([&] { return waitCount(here) == 0; }));
     head.reset();
     EXPECT_EQ(holdings(here), (Held{{"LeftLeg", {"here"}}, {"RightLeg", {"here"}}}));
     if (signal != SIGSTOP) continue;
     EXPECT_GE(std::chrono::steady_clock::now() - start, 500ms) << "given up, but not at once";
-    for (ChildProcess* lost : {holder.get(), waiter.get()}) {
+    for (ChildProcess* lost : {&holder, &waiter}) {
       lost->signal(SIGCONT);
       EXPECT_EQ(lost->lineStartingWith("ended").rfind("ended UNAVAILABLE", 0), 0u)
           << "a client given up learns that its session ended";
