@@ -40,6 +40,18 @@ class ResourceTree {
   int count_ = 0;
 };
 
+/// Milliseconds from `from` to `to`.
+inline double msBetween(std::chrono::steady_clock::time_point from,
+                        std::chrono::steady_clock::time_point to) {
+  return std::chrono::duration<double, std::milli>(to - from).count();
+}
+
+/// The middle value of `values` (the upper one of an even count).
+inline double median(std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  return values[values.size() / 2];
+}
+
 /// The fastest of five rounds of `count` calls of `cycle`, in ns per call:
 /// for rows timed by hand, beside the Google Benchmark cases.
 template <typename Cycle>

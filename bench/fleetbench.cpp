@@ -1,4 +1,5 @@
 #include "fleetbench.h"
+#include "benchsupport.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -50,10 +51,6 @@ struct Robot {
   bool waiting() { return door->httpGet(0).find(" fleet waiting") != std::string::npos; }
 };
 
-double msSince(Clock::time_point start) {
-  return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-}
-
 /// Release on one robot -> the other robot's waitFor returns, `count` times,
 /// the two robots taking turns. Milliseconds, sorted.
 std::vector<double> handovers(Robot& a, Robot& b, int count) {
@@ -71,7 +68,7 @@ std::vector<double> handovers(Robot& a, Robot& b, int count) {
     const Clock::time_point released = Clock::now();
     holder.release();
     wait.join();
-    latencies.push_back(std::chrono::duration<double, std::milli>(granted - released).count());
+    latencies.push_back(msBetween(released, granted));
   }
   (count % 2 ? b : a).release();
   std::sort(latencies.begin(), latencies.end());
@@ -139,7 +136,7 @@ std::vector<double> etcdctlHandovers(const std::string& endpoint, int count) {
     const Clock::time_point released = Clock::now();
     holder->release();
     if (!waiter->awaitHeld(10000)) return {};
-    latencies.push_back(msSince(released));
+    latencies.push_back(msBetween(released, Clock::now()));
     holder = std::move(waiter);
   }
   std::sort(latencies.begin(), latencies.end());
@@ -172,16 +169,16 @@ void addFleetRows(ResultTable& table) {
     Robot a("a", endpoints), b("b", endpoints);
     const std::vector<double> latencies = handovers(a, b, 40);
     const std::vector<double> etcdctl = etcdctlHandovers(endpoints[0], 20);
-    const double median = latencies[latencies.size() / 2];
-    table.addText("fleet handover latency, median of 40", formatNumber(median, 1) + " ms", "",
+    const double middle = median(latencies);
+    table.addText("fleet handover latency, median of 40", formatNumber(middle, 1) + " ms", "",
                   "", "report", "-");
     table.addText("fleet handover latency, maximum of 40",
                   formatNumber(latencies.back(), 1) + " ms", "", "", "report", "-");
     if (!etcdctl.empty()) {
-      const double base = etcdctl[etcdctl.size() / 2];
-      table.addText("fleet handover latency, median", formatNumber(median, 1) + " ms",
+      const double base = median(etcdctl);
+      table.addText("fleet handover latency, median", formatNumber(middle, 1) + " ms",
                     "etcdctl lock (with its command's start), median of 20 " + formatNumber(base, 1) + " ms",
-                    formatNumber(median / base, 2), "report", "-");
+                    formatNumber(middle / base, 2), "report", "-");
     }
   }
 
@@ -232,7 +229,7 @@ void addFleetRows(ResultTable& table) {
     std::this_thread::sleep_for(std::chrono::seconds(kSeconds));
     stop = true;
     for (std::thread& thread : threads) thread.join();
-    const double seconds = msSince(start) / 1e3;
+    const double seconds = msBetween(start, Clock::now()) / 1e3;
     const ZU::ZUEtcdTraffic after = traffic(robots);
     const double grants = static_cast<double>(cycles.load());
     table.addText(std::to_string(kRobots) + " robots, one resource: lock cycles",

@@ -21,10 +21,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-double msBetween(Clock::time_point from, Clock::time_point to) {
-  return std::chrono::duration<double, std::milli>(to - from).count();
-}
-
 std::vector<boost::shared_ptr<ZU::ZUResource>> plains(int count) {
   std::vector<boost::shared_ptr<ZU::ZUResource>> out;
   for (int i = 0; i < count; ++i)
@@ -75,11 +71,6 @@ double closeServesWaiters() {
   Clock::time_point last = closed;
   for (auto& g : grants) last = std::max(last, g.get());
   return msBetween(closed, last);
-}
-
-double median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  return values[values.size() / 2];
 }
 
 }  // namespace

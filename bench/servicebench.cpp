@@ -39,10 +39,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-double msBetween(Clock::time_point from, Clock::time_point to) {
-  return std::chrono::duration<double, std::milli>(to - from).count();
-}
-
 /// A fresh folder for the sockets, removed at the end.
 struct Folder {
   std::string path;
@@ -168,11 +164,6 @@ std::pair<long, double> usage(pid_t pid) {
     if (i == 14 || i == 15) ticks += std::stod(field);
   }
   return {rssKb, ticks * 1000.0 / static_cast<double>(sysconf(_SC_CLK_TCK))};
-}
-
-double median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  return values[values.size() / 2];
 }
 
 /// Acquire + release of one free resource over the socket, against two

@@ -54,7 +54,7 @@ std::vector<double> measureHandovers(int handovers) {
     const Clock::time_point released = Clock::now();
     resource->release(holder);
     requester.join();
-    latencies.push_back(std::chrono::duration<double, std::milli>(returned - released).count());
+    latencies.push_back(msBetween(released, returned));
     resource->release(waiter);
   }
   return latencies;
