@@ -133,10 +133,15 @@ TEST_F(ServiceTest, LostClientLeavesNothing) {
     EXPECT_EQ(holdings(here), (Held{{"LeftLeg", {"here"}}, {"RightLeg", {"here"}}}));
     if (signal != SIGSTOP) continue;
     EXPECT_GE(std::chrono::steady_clock::now() - start, 500ms) << "given up, but not at once";
+    // A client given up learns that its session ended. How its gRPC says so
+    // depends on what it reads first once thawed: the closed connection
+    // (UNAVAILABLE) or the stream's reset (CANCELLED); 4 runs in 20 saw the
+    // second.
     for (ChildProcess* lost : {&holder, &waiter}) {
       lost->signal(SIGCONT);
-      EXPECT_EQ(lost->lineStartingWith("ended").rfind("ended UNAVAILABLE", 0), 0u)
-          << "a client given up learns that its session ended";
+      const std::string ended = lost->lineStartingWith("ended ");
+      EXPECT_TRUE(ended.rfind("ended UNAVAILABLE", 0) == 0 || ended.rfind("ended CANCELLED", 0) == 0)
+          << ended;
     }
   }
 }
