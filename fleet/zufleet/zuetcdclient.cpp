@@ -141,17 +141,6 @@ std::vector<ZUEtcdKeyValue> ZUEtcdClient::range(const std::string& key, const st
   return etcdanswer::range(call("/v3/kv/range", request.dump(), false));
 }
 
-std::int64_t ZUEtcdClient::count(const std::string& key, const std::string& rangeEnd,
-                                 std::int64_t minCreateRevision) {
-  // The count of a filtered range is taken before the filter; the keys are not.
-  json request{{"key", encode64(key)},
-               {"range_end", encode64(rangeEnd)},
-               {"keys_only", true},
-               {"min_create_revision", std::to_string(minCreateRevision)}};
-  return static_cast<std::int64_t>(
-      etcdanswer::range(call("/v3/kv/range", request.dump(), false)).size());
-}
-
 void ZUEtcdClient::erase(const std::string& key) {
   call("/v3/kv/deleterange", json{{"key", encode64(key)}}.dump(), true);
 }

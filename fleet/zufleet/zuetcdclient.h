@@ -87,10 +87,6 @@ class ZUEtcdClient {
   /// (0: any), the most recently created first, at most `limit` (0: all).
   std::vector<ZUEtcdKeyValue> range(const std::string& key, const std::string& rangeEnd,
                                     std::int64_t maxCreateRevision, std::int64_t limit);
-  /// The number of keys in [`key`, `rangeEnd`) created at or after
-  /// `minCreateRevision`.
-  std::int64_t count(const std::string& key, const std::string& rangeEnd,
-                     std::int64_t minCreateRevision);
   /// Deletes `key`.
   void erase(const std::string& key);
   /// Streams the changes of [`key`, `rangeEnd`) from `startRevision` on to
